@@ -1,0 +1,372 @@
+#include "FakeHost.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <sstream>
+
+#include "LibraryHeap.h"
+
+namespace {
+
+constexpr size_t smallest_packet_memory = 8; // the host's promise to the packet entry
+constexpr const char* located_format = "%s: %s(%d) > %s";
+constexpr const char* color_reset = "\033[m\n";
+
+FakeHost* current = nullptr;
+std::map<std::string, int> addresses; // as printed, numbered in the order in which the log showed them
+std::vector<bool> reply_is_freed;
+
+void reset_library() {
+    sm_BT_total_length = -1;
+    sm_BT_combine_length = 0;
+    shotmentor_p_ReceiveData = nullptr;
+    shotmentor_p_FullData = nullptr;
+    std::fill(std::begin(shotmentor_p_Full_Q), std::end(shotmentor_p_Full_Q), nullptr);
+    shotmentor_p_Full_Q_NUM = 0;
+    gADE_PRO_model = 0;
+    pro_sys_mode = 0;
+    pro_film_mode = 0;
+    pro_custom04_state = 0;
+}
+
+void note_freed_reply(const void* block) {
+    for (size_t index = current->replies.size(); index-- > 0;) {
+        if (current->replies[index].message.data == block && !reply_is_freed[index]) {
+            reply_is_freed[index] = true;
+            current->freed.push_back(static_cast<int>(index));
+            return;
+        }
+    }
+}
+
+std::string text_of(const char* format, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    std::string text(static_cast<size_t>(length) + 1, '\0');
+    std::vsnprintf(text.data(), text.size(), format, arguments);
+    text.pop_back();
+    return text;
+}
+
+bool starts_with(const std::string& text, const std::string& start) {
+    return text.rfind(start, 0) == 0;
+}
+
+std::string level_of(const LogLine& line) {
+    if (starts_with(line.text, "\033[m")) {
+        return "PLAIN";
+    }
+    if (starts_with(line.text, "\033[32m")) {
+        return "GREEN";
+    }
+    if (starts_with(line.text, "\033[33m")) {
+        return "YELLOW";
+    }
+    if (starts_with(line.text, "\033[36m")) {
+        return "CYAN";
+    }
+    if (starts_with(line.text, "\033[31m")) {
+        return line.priority == 6 ? "ERROR" : "WARN";
+    }
+    return "UNCOLORED";
+}
+
+// The message without the colour in front of it and the colour reset behind it.
+std::string message_of(const std::string& text) {
+    const size_t first = text.find('m');
+    const size_t end = text.rfind(color_reset);
+    if (text.empty() || text[0] != '\033' || first == std::string::npos || end == std::string::npos ||
+        end <= first) {
+        return text;
+    }
+    return text.substr(first + 1, end - first - 1);
+}
+
+std::string name_of_address(const std::string& printed) {
+    if (printed == "(nil)") {
+        return "null";
+    }
+    const int next = static_cast<int>(addresses.size()) + 1;
+    return "#" + std::to_string(addresses.emplace(printed, next).first->second);
+}
+
+std::string with_named_addresses(std::string message) {
+    const size_t label = message.find("add=");
+    if (label == std::string::npos) {
+        return message;
+    }
+    const size_t first = label + 4;
+    const size_t end = std::min(message.find_first_of(", ", first), message.size());
+    return message.replace(first, end - first, name_of_address(message.substr(first, end - first)));
+}
+
+template<class... Arguments>
+void note_call(const char* name, const Arguments&... arguments) {
+    std::ostringstream line;
+    line << name << '(';
+    [[maybe_unused]] const char* separator = "";
+    ((line << separator << arguments, separator = ", "), ...);
+    line << ')';
+    current->transcript.push_back(line.str());
+}
+
+bool is_call(const std::string& event) {
+    const size_t blank = event.find(' ');
+    const size_t bracket = event.find('(');
+    return bracket != std::string::npos && (blank == std::string::npos || bracket < blank);
+}
+
+tag_custom_info* stored_preset(int custom_id) {
+    for (tag_custom_info& stored : current->presets) {
+        if (stored.custom_id == custom_id) {
+            return &stored;
+        }
+    }
+    return nullptr;
+}
+
+// The number that a preset has after a deletion, or -1 when it is gone.
+int number_after(const int* flags, int number) {
+    if (number < 0 || number >= SM_DELETE_FLAGS) {
+        return number;
+    }
+    return flags[number] == 1 ? -1 : number - static_cast<int>(std::count(flags, flags + number, 1));
+}
+
+void delete_presets(const int* flags) {
+    std::vector<tag_custom_info> kept;
+    for (size_t number = 0; number < current->presets.size(); ++number) {
+        if (flags[number] != 1) {
+            kept.push_back(current->presets[number]);
+            kept.back().preset_num = static_cast<int32_t>(kept.size()) - 1;
+        }
+    }
+    current->presets = kept;
+    for (int& number : current->linked) {
+        number = number_after(flags, number);
+    }
+}
+
+} // namespace
+
+// ---- The services that the library imports ----------------------------------------------------------------
+
+int __dlog_print(int buffer, int priority, const char* tag, const char* format, ...) {
+    LogLine line = {buffer, priority, tag, format, "", "", 0, ""};
+    va_list arguments;
+    va_start(arguments, format);
+    if (line.format == located_format) {
+        line.file = va_arg(arguments, const char*);
+        line.function = va_arg(arguments, const char*);
+        line.line = va_arg(arguments, int);
+        line.text = va_arg(arguments, const char*);
+    } else {
+        line.text = text_of(format, arguments);
+    }
+    va_end(arguments);
+    current->transcript.push_back(level_of(line) + " " + line.tag + " " +
+                                  with_named_addresses(message_of(line.text)));
+    current->lines.push_back(std::move(line));
+    return 0;
+}
+
+int __ui_set_shotmentor_state(int state) {
+    note_call(__func__, state);
+    return 0;
+}
+
+bool __ui_get_bt_state_for_phone() {
+    note_call(__func__);
+    return current->link_up;
+}
+
+int __ui_get_custom_mode_list_info(tag_custom_info* presets, int* count) {
+    note_call(__func__);
+    std::copy(current->presets.begin(), current->presets.end(), presets);
+    *count = current->reported_count.value_or(static_cast<int>(current->presets.size()));
+    return 0;
+}
+
+int __ui_get_linked_preseet_num_for_phone(int custom_mode) {
+    note_call(__func__, custom_mode);
+    if (current->linked_answers.empty()) {
+        return current->linked[custom_mode];
+    }
+    const int answer = current->linked_answers.front();
+    current->linked_answers.pop_front();
+    return answer;
+}
+
+bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
+    note_call(__func__, custom_id, preset->applocal_id);
+    const tag_custom_info* const stored = stored_preset(custom_id);
+    const bool known = current->preset_info_answer.value_or(stored != nullptr);
+    if (known && stored != nullptr) {
+        *preset = *stored;
+    }
+    if (known && current->fill_preset_info) {
+        current->fill_preset_info(*preset);
+    }
+    return known;
+}
+
+int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int length) {
+    note_call(__func__, length);
+    const auto* const first = static_cast<const unsigned char*>(image);
+    current->saved.push_back({*preset, length > 0 ? Bytes(first, first + length) : Bytes(), length});
+    return current->save ? current->save(*preset) : SM_RETURN_TRUE;
+}
+
+int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) {
+    note_call(__func__, custom_id, server_id, '"' + std::string(title) + '"');
+    const auto* const first = reinterpret_cast<const unsigned char*>(title);
+    current->updated_titles.emplace_back(first, first + SM_TITLE_SIZE + 1);
+    return current->update_answer;
+}
+
+int __ui_preset_delete_form_phone(int* flags) {
+    std::string marked;
+    for (int number = 0; number < SM_DELETE_FLAGS; ++number) {
+        if (flags[number] != 0) {
+            marked += (marked.empty() ? "" : " ") + std::to_string(number);
+        }
+    }
+    note_call(__func__, marked);
+    if (current->deletes) {
+        delete_presets(flags);
+    }
+    return 0;
+}
+
+int bt_send_msgs(bt_msg_info* message) {
+    note_call(__func__, message->length);
+    const auto* const first = static_cast<const unsigned char*>(message->data);
+    current->replies.push_back({*message, Bytes(first, first + message->length),
+                                Bytes(first, first + library_heap::size_of(message->data))});
+    reply_is_freed.push_back(false);
+    return 0;
+}
+
+int User_Spec_Get_Value(int key) {
+    note_call(__func__, key);
+    return current->iso_step_value;
+}
+
+// ---- The host ---------------------------------------------------------------------------------------------
+
+FakeHost::FakeHost() {
+    EXPECT_EQ(current, nullptr) << "only one host exists at a time";
+    current = this;
+    addresses.clear();
+    reply_is_freed.clear();
+    reset_library();
+    library_heap::reset();
+    library_heap::on_free(note_freed_reply);
+}
+
+FakeHost::~FakeHost() {
+    settle();
+    EXPECT_EQ(library_heap::blocks(), 0U) << "the library lost track of memory that it owns";
+    library_heap::on_free(nullptr);
+    library_heap::reset();
+    reset_library();
+    current = nullptr;
+}
+
+void FakeHost::refuse_allocation(int n, bool for_good) {
+    library_heap::refuse(n, for_good);
+}
+
+int FakeHost::allocations_asked() const {
+    return library_heap::asked();
+}
+
+int FakeHost::receive(const Bytes& packet) {
+    return receive_with_length(packet, static_cast<int>(packet.size()));
+}
+
+int FakeHost::receive_with_length(const Bytes& packet, int length) {
+    // Memory of exactly the packet's size, so that a sanitizer sees every read beyond it.
+    const size_t size = std::max(packet.size(), smallest_packet_memory);
+    const std::unique_ptr<unsigned char[]> memory(new unsigned char[size]());
+    std::copy(packet.begin(), packet.end(), memory.get());
+    return ADE_ShotMentor_Receive_Manager(memory.get(), length);
+}
+
+int FakeHost::receive_in_packets(const Bytes& request, const std::vector<size_t>& sizes) {
+    int result = SM_RETURN_FAIL;
+    size_t first = 0;
+    for (const size_t size : sizes) {
+        result = receive(slice(request, first, size));
+        first += size;
+    }
+    return first < request.size() ? receive(slice(request, first, request.size() - first)) : result;
+}
+
+int FakeHost::confirm() {
+    return ADE_ShotMentor_Result_Manager(nullptr, 0);
+}
+
+int FakeHost::call(const std::function<int()>& function) {
+    return function();
+}
+
+void FakeHost::settle() {
+    std::free(shotmentor_p_ReceiveData);
+    shotmentor_p_ReceiveData = nullptr;
+    sm_BT_total_length = -1;
+    sm_BT_combine_length = 0;
+    for (int index = 0; index < shotmentor_p_Full_Q_NUM; ++index) {
+        std::free(shotmentor_p_Full_Q[index]);
+    }
+    shotmentor_p_Full_Q_NUM = 0;
+    std::free(shotmentor_p_FullData);
+    shotmentor_p_FullData = nullptr;
+}
+
+void FakeHost::forget() {
+    transcript.clear();
+    lines.clear();
+    replies.clear();
+    saved.clear();
+    updated_titles.clear();
+    freed.clear();
+    reply_is_freed.clear();
+}
+
+Transcript FakeHost::calls() const {
+    Transcript calls;
+    std::copy_if(transcript.begin(), transcript.end(), std::back_inserter(calls), is_call);
+    return calls;
+}
+
+Transcript FakeHost::log() const {
+    Transcript log;
+    std::copy_if(transcript.begin(), transcript.end(), std::back_inserter(log), std::not_fn(is_call));
+    return log;
+}
+
+size_t FakeHost::blocks_owned() const {
+    return library_heap::blocks();
+}
+
+size_t FakeHost::bytes_owned() const {
+    return library_heap::bytes();
+}
+
+tag_custom_info preset(int id, int number) {
+    tag_custom_info record = {};
+    std::snprintf(record.title, sizeof record.title, "Preset %d", id);
+    record.custom_id = id;
+    record.preset_num = number;
+    record.made_id = 0x144;
+    return record;
+}

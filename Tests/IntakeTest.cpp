@@ -1,0 +1,805 @@
+// Documents the intake of packets: how a request is put together from packets, which packets and requests are
+// refused and how that is told, what happens to requests that never end, and what a host can do about them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
+#include "CommandLines.h"
+#include "FakeHost.h"
+
+namespace {
+
+// ---- Helpers
+// ----------------------------------------------------------------------------------------------------
+
+const std::string kAppendError = "ERROR ALG_SMM ERR ADE_ShotMentor_Combine_BTData ";
+const std::string kFreeRequest = "PLAIN ALG_SMM free Receive add=#1";
+
+std::string function_line(int function) {
+    return "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=" + std::to_string(function);
+}
+
+std::string total_line(int total) {
+    return "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=" + std::to_string(total);
+}
+
+std::string buffer_line(const std::string& address = "#1") {
+    return "PLAIN ALG_SMM shotmentor_p_ReceiveData add=" + address;
+}
+
+std::string append_line(int length, int sum) {
+    return "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=" + std::to_string(length) +
+           ", sm_BT_combine_length=" + std::to_string(sum);
+}
+
+std::string refused_length_line(int length) {
+    return "ERROR ALG_SMM ERR : RESULT ADE_ShotMentor_Receive_Manager length=" + std::to_string(length);
+}
+
+std::string refused_function_line(int function) {
+    return "ERROR ALG_SMM ERR : RESULT ADE_ShotMentor_Receive_Manager funcN=" + std::to_string(function);
+}
+
+std::string refused_total_line(int total) {
+    return "ERROR ALG_SMM ERR : RESULT ADE_ShotMentor_Receive_Manager sm_total_length=" +
+           std::to_string(total);
+}
+
+// The lines of a first packet whose buffer was allocated, before anything is appended.
+Transcript first_packet(int function, int total) {
+    return {function_line(function), total_line(total), buffer_line()};
+}
+
+void expect_idle() {
+    EXPECT_EQ(sm_BT_total_length, -1);
+    EXPECT_EQ(sm_BT_combine_length, 0);
+    EXPECT_EQ(shotmentor_p_ReceiveData, nullptr);
+}
+
+void expect_in_reassembly(int total, int sum) {
+    EXPECT_EQ(sm_BT_total_length, total);
+    EXPECT_EQ(sm_BT_combine_length, sum);
+    EXPECT_NE(shotmentor_p_ReceiveData, nullptr);
+}
+
+// The next packet is read as a first packet, and its request runs.
+void expect_next_request_runs(FakeHost& host) {
+    host.forget();
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), 1);
+    EXPECT_EQ(host.calls(),
+              (Transcript{"__ui_set_shotmentor_state(1)", "__ui_get_bt_state_for_phone()",
+                          "__ui_get_custom_mode_list_info()", "__ui_get_linked_preseet_num_for_phone(0)",
+                          "__ui_get_linked_preseet_num_for_phone(1)", "bt_send_msgs(28)"}));
+    expect_idle();
+}
+
+// The bytes of the request in reassembly that have been stored so far.
+Bytes stored(size_t first, size_t count) {
+    return {shotmentor_p_ReceiveData + first, shotmentor_p_ReceiveData + first + count};
+}
+
+// While it lives, fresh heap memory is not zero: what reads as zero has been cleared by somebody.
+class DirtyHeap {
+  public:
+    DirtyHeap() {
+#ifdef __GLIBC__
+        mallopt(M_PERTURB, 0x5A);
+#endif
+        dirty_the_block_that_comes_next();
+    }
+    ~DirtyHeap() {
+#ifdef __GLIBC__
+        mallopt(M_PERTURB, 0);
+#endif
+    }
+    DirtyHeap(const DirtyHeap&) = delete;
+    DirtyHeap& operator=(const DirtyHeap&) = delete;
+
+  private:
+    // Without the allocator's help: large blocks come back with their old bytes from the second round on.
+    static void dirty_the_block_that_comes_next() {
+        for (int round = 0; round < 3; ++round) {
+            unsigned char* volatile block = static_cast<unsigned char*>(std::malloc(SM_REQUEST_LIMIT));
+            std::memset(block, 0x5A, SM_REQUEST_LIMIT);
+            std::free(block);
+        }
+    }
+};
+
+// ---- Requests that complete
+// -------------------------------------------------------------------------------------
+
+// The state as the library is loaded, taken before the first host of the tests touches it.
+const int32_t total_at_load = sm_BT_total_length;
+const int32_t sum_at_load = sm_BT_combine_length;
+const unsigned char* const buffer_at_load = shotmentor_p_ReceiveData;
+
+TEST(Intake, IsIdleWhenTheLibraryIsLoaded) {
+    EXPECT_EQ(total_at_load, -1);
+    EXPECT_EQ(sum_at_load, 0);
+    EXPECT_EQ(buffer_at_load, nullptr);
+}
+
+TEST(Intake, RunsARequestThatFitsInOnePacketBeforeTheCallReturns) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(words({1, 8})), 1);
+    EXPECT_EQ(
+        host.transcript,
+        joined(
+            {first_packet(1, 8),
+             {
+                 append_line(8, 8),
+                 "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=1, length=8",
+                 "__ui_set_shotmentor_state(1)",
+                 "CYAN ALG_SMM ADE_SM_Send_List()",
+                 "__ui_get_bt_state_for_phone()",
+                 "__ui_get_custom_mode_list_info()",
+                 "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 0",
+                 "__ui_get_linked_preseet_num_for_phone(0)",
+                 "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
+                 "__ui_get_linked_preseet_num_for_phone(1)",
+                 "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
+                 "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
+                 "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=28, SM_MODEL=KT7, SM_STRUCT_VER=1, "
+                 "num_Preset=0",
+                 "bt_send_msgs(28)",
+                 kFreeRequest,
+             }}));
+    expect_idle();
+}
+
+TEST(Intake, FreesTheBufferOfACompletedRequest) {
+    FakeHost host;
+    host.receive(request(255));
+    EXPECT_EQ(host.allocations_asked(), 1);
+    EXPECT_EQ(host.blocks_owned(), 0u);
+    expect_idle();
+}
+
+TEST(Intake, AllocatesOneBufferOf600000BytesWhateverTheTotal) {
+    for (const int total : {9, 1000, 599999, 600000, 600001, INT_MAX}) {
+        SCOPED_TRACE(total);
+        FakeHost host;
+        EXPECT_EQ(host.receive(words({255, total})), -1);
+        EXPECT_EQ(host.allocations_asked(), 1);
+        EXPECT_EQ(host.blocks_owned(), 1u);
+        EXPECT_EQ(host.bytes_owned(), 600000u);
+    }
+}
+
+TEST(Intake, PutsARequestOf1000BytesTogetherFromThreePackets) {
+    sm_tag_custom_info record{};
+    std::strcpy(record.title, "Sea");
+    record.metering = 3;
+    const Bytes picture = pattern(1000 - 8 - 744);
+    const Bytes all = request(3, image(record) + picture);
+    ASSERT_EQ(all.size(), 1000u);
+
+    FakeHost host;
+    host.save = [](tag_custom_info&) { return 42; };
+    EXPECT_EQ(host.receive(slice(all, 0, 400)), -1);
+    expect_in_reassembly(1000, 400);
+    EXPECT_EQ(host.receive(slice(all, 400, 400)), -1);
+    expect_in_reassembly(1000, 800);
+    EXPECT_EQ(stored(0, 800), slice(all, 0, 800));
+    EXPECT_EQ(host.transcript,
+              joined({first_packet(3, 1000), {append_line(400, 400), append_line(400, 800)}}));
+
+    host.forget();
+    EXPECT_EQ(host.receive(slice(all, 800, 200)), 42);
+    ASSERT_GE(host.transcript.size(), 3u);
+    EXPECT_EQ(host.transcript[0], append_line(200, 1000));
+    EXPECT_EQ(host.transcript[1], "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=3, length=1000");
+    EXPECT_EQ(host.transcript[2],
+              "CYAN ALG_SMM ADE_SM_Receive_Preset() length=992, sizeof(sm_tag_custom_info)=744");
+    ASSERT_EQ(host.saved.size(), 1u);
+    EXPECT_STREQ(host.saved[0].record.title, "Sea");
+    EXPECT_EQ(host.saved[0].record.metering, 3);
+    EXPECT_EQ(host.saved[0].image, picture);
+    expect_idle();
+}
+
+TEST(Intake, RunsTheLongestRequestThatFits) {
+    const Bytes picture = pattern(600000 - 8 - 744);
+    const Bytes all = request(3, Bytes(744) + picture);
+    ASSERT_EQ(all.size(), 600000u);
+    FakeHost host;
+    EXPECT_EQ(host.receive(slice(all, 0, 300000)), -1);
+    EXPECT_EQ(host.receive(slice(all, 300000, 299999)), -1);
+    expect_in_reassembly(600000, 599999);
+    EXPECT_EQ(host.receive(slice(all, 599999, 1)), 1);
+    ASSERT_EQ(host.saved.size(), 1u);
+    EXPECT_EQ(host.saved[0].length, 599248);
+    EXPECT_TRUE(host.saved[0].image == picture);
+    expect_idle();
+}
+
+TEST(Intake, RunsTheLongestRequestInOnePacket) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request(255, Bytes(599992))), -1);
+    EXPECT_EQ(host.transcript,
+              joined({first_packet(255, 600000),
+                      {
+                          append_line(600000, 600000),
+                          "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=FF, length=600000",
+                          "__ui_set_shotmentor_state(1)",
+                          kFreeRequest,
+                      }}));
+    expect_idle();
+}
+
+TEST(Intake, PassesTheCommandsResultBackWhateverItIs) {
+    for (const int answer : {0, -1, -77, INT_MAX, INT_MIN}) {
+        SCOPED_TRACE(answer);
+        FakeHost host;
+        host.update_answer = answer;
+        EXPECT_EQ(host.receive(request(4, Bytes(744))), answer);
+        expect_idle();
+    }
+}
+
+TEST(Intake, RunsRequestsOneAfterAnother) {
+    FakeHost host;
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        host.forget();
+        EXPECT_EQ(host.receive(words({0, 12})), -1);
+        EXPECT_EQ(host.receive(words({1})), 1);
+        EXPECT_EQ(host.calls(), (Transcript{"__ui_set_shotmentor_state(0)"}));
+        expect_idle();
+    }
+}
+
+TEST(Intake, BelievesATotalBelowTheHeadersOwnLength) {
+    struct Case {
+        int total;
+        const char* off_line;
+    };
+    const Case cases[] = {
+        {4, "CYAN ALG_SMM ADE_SM_Off() length=-4, return_BT=0"},
+        {7, "CYAN ALG_SMM ADE_SM_Off() length=-1, return_BT=0"},
+    };
+    for (const Case& each : cases) {
+        SCOPED_TRACE(each.total);
+        FakeHost host;
+        const std::string total = std::to_string(each.total);
+        EXPECT_EQ(host.receive_with_length(words({0, each.total}), each.total), -1);
+        EXPECT_EQ(host.transcript,
+                  joined({first_packet(0, each.total),
+                          {
+                              append_line(each.total, each.total),
+                              "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=0, length=" + total,
+                              "__ui_set_shotmentor_state(0)",
+                              each.off_line,
+                              kFreeRequest,
+                          }}));
+        expect_idle();
+    }
+}
+
+// ---- First packets that are shorter than the header
+// -------------------------------------------------------------
+
+TEST(Intake, ReadsBothHeaderWordsFromAFirstPacketOfAnyLength) {
+    for (int length = 1; length < 8; ++length) {
+        SCOPED_TRACE(length);
+        const Bytes header = words({255, 8});
+        FakeHost host;
+        EXPECT_EQ(host.receive_with_length(header, length), -1);
+        EXPECT_EQ(host.transcript, joined({first_packet(255, 8), {append_line(length, length)}}));
+        expect_in_reassembly(8, length);
+        EXPECT_EQ(stored(0, static_cast<size_t>(length)), slice(header, 0, static_cast<size_t>(length)));
+
+        host.forget();
+        const auto rest = static_cast<size_t>(8 - length);
+        EXPECT_EQ(host.receive(slice(header, static_cast<size_t>(length), rest)), -1);
+        EXPECT_EQ(host.transcript, (Transcript{
+                                       append_line(8 - length, 8),
+                                       "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=FF, length=8",
+                                       "__ui_set_shotmentor_state(1)",
+                                       kFreeRequest,
+                                   }));
+        expect_idle();
+    }
+}
+
+TEST(Intake, RunsWhatArrivedNotWhatLayBehindTheFirstPacket) {
+    FakeHost host;
+    EXPECT_EQ(host.receive_with_length(words({255, 8}), 1), -1);
+    EXPECT_EQ(host.receive({1, 0, 0, 8, 0, 0, 0}), -1); // together FF 01 00 00: function 511
+    EXPECT_EQ(host.transcript.at(4), append_line(7, 8));
+    EXPECT_EQ(host.transcript.at(5), "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=1FF, length=8");
+    EXPECT_EQ(host.transcript.at(6), "ERROR ALG_SMM ERROR ADE_ShotMentor_Receive_Function funcN=511");
+    EXPECT_EQ(host.transcript.at(7), kFreeRequest);
+    expect_idle();
+}
+
+// ---- Packets that are refused
+// -----------------------------------------------------------------------------------
+
+TEST(Intake, RefusesAPacketWithoutALengthWhileIdle) {
+    for (const int length : {0, -1, -8, INT_MIN}) {
+        SCOPED_TRACE(length);
+        FakeHost host;
+        EXPECT_EQ(host.receive_with_length(words({1, 8}), length), -1);
+        EXPECT_EQ(host.transcript, (Transcript{refused_length_line(length)}));
+        EXPECT_EQ(host.allocations_asked(), 0);
+        expect_idle();
+    }
+}
+
+TEST(Intake, DoesNotLookAtThePacketOfARefusedLength) {
+    FakeHost host;
+    EXPECT_EQ(host.call([] { return ADE_ShotMentor_Receive_Manager(nullptr, 0); }), -1);
+    EXPECT_EQ(host.transcript, (Transcript{refused_length_line(0)}));
+}
+
+TEST(Intake, IsNotDisturbedByAPacketWithoutALengthInTheMiddleOfARequest) {
+    for (const int length : {0, -1, INT_MIN}) {
+        SCOPED_TRACE(length);
+        FakeHost host;
+        EXPECT_EQ(host.receive(slice(request(0, words({1})), 0, 10)), -1);
+        const Bytes before = stored(0, 10);
+        host.forget();
+        EXPECT_EQ(host.receive_with_length(words({1, 8}), length), -1);
+        EXPECT_EQ(host.transcript, (Transcript{refused_length_line(length)}));
+        expect_in_reassembly(12, 10);
+        EXPECT_EQ(stored(0, 10), before);
+        EXPECT_EQ(host.receive({0, 0}), 1);
+        expect_idle();
+    }
+}
+
+TEST(Intake, RefusesAFirstPacketWithAFunctionNumberOutside0To256) {
+    for (const int function : {257, -1, 1000, 0x1001, INT_MAX, INT_MIN}) {
+        SCOPED_TRACE(function);
+        FakeHost host;
+        EXPECT_EQ(host.receive(request(function)), -1);
+        EXPECT_EQ(host.transcript, (Transcript{refused_function_line(function)}));
+        EXPECT_EQ(host.allocations_asked(), 0);
+        expect_idle();
+        expect_next_request_runs(host);
+    }
+}
+
+TEST(Intake, AcceptsAFirstPacketWithAFunctionNumberThatNobodyServesUpTo256) {
+    struct Case {
+        int function;
+        const char* hexadecimal;
+    };
+    for (const Case& each : {Case{256, "100"}, Case{200, "C8"}, Case{6, "6"}}) {
+        SCOPED_TRACE(each.function);
+        FakeHost host;
+        const Bytes all = request(each.function, words({0}));
+        EXPECT_EQ(host.receive(slice(all, 0, 8)), -1);
+        expect_in_reassembly(12, 8);
+        EXPECT_EQ(host.receive(slice(all, 8, 4)), -1);
+        EXPECT_EQ(host.transcript,
+                  joined({first_packet(each.function, 12),
+                          {
+                              append_line(8, 8),
+                              append_line(4, 12),
+                              std::string("GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=") +
+                                  each.hexadecimal + ", length=12",
+                              "ERROR ALG_SMM ERROR ADE_ShotMentor_Receive_Function funcN=" +
+                                  std::to_string(each.function),
+                              kFreeRequest,
+                          }}));
+        expect_idle();
+    }
+}
+
+// ---- Requests that never complete
+// -------------------------------------------------------------------------------
+
+TEST(Intake, NeverCompletesARequestWhoseFirstPacketOvershootsItsTotal) {
+    for (const int total : {0, 1, 4, 7}) {
+        SCOPED_TRACE(total);
+        FakeHost host;
+        EXPECT_EQ(host.receive(words({1, total})), -1);
+        EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON)), -1);
+        EXPECT_EQ(host.receive({9, 9, 9}), -1);
+        EXPECT_EQ(host.transcript, joined({first_packet(1, total),
+                                           {append_line(8, 8), append_line(8, 16), append_line(3, 19)}}));
+        expect_in_reassembly(total, 19);
+        EXPECT_EQ(stored(0, 19), words({1, total, 255, 8}) + Bytes({9, 9, 9}));
+    }
+}
+
+TEST(Intake, NeverCompletesARequestWhoseLaterPacketOvershootsItsTotal) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(words({1, 12})), -1);
+    EXPECT_EQ(host.receive({1, 2, 3, 4, 5}), -1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), -1);
+    EXPECT_EQ(host.transcript,
+              joined({first_packet(1, 12), {append_line(8, 8), append_line(5, 13), append_line(8, 21)}}));
+    expect_in_reassembly(12, 21);
+}
+
+TEST(Intake, NeverReadsAFunctionNumberInTheMiddleOfARequest) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(words({0, 16})), -1);
+    EXPECT_EQ(host.receive(words({-10, 257})), 1); // 257 is payload here, not a function number
+    expect_idle();
+}
+
+// ---- Announced totals that are refused
+// --------------------------------------------------------------------------
+
+TEST(Intake, RefusesANegativeTotalAtOnceWithoutAllocating) {
+    for (const int total : {-1, -2, -8, -600000, INT_MIN}) {
+        SCOPED_TRACE(total);
+        FakeHost host;
+        EXPECT_EQ(host.receive(words({1, total})), -1);
+        EXPECT_EQ(host.transcript,
+                  (Transcript{function_line(1), total_line(total), refused_total_line(total)}));
+        EXPECT_EQ(host.allocations_asked(), 0);
+        expect_idle();
+        expect_next_request_runs(host);
+    }
+}
+
+TEST(Intake, CountsTheBytesOfATooLongRequestAndRefusesItAtItsEnd) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request_announcing(600001, 1, Bytes(599992))), -1);
+    expect_in_reassembly(600001, 600000);
+    EXPECT_EQ(host.receive({7}), -1);
+    EXPECT_EQ(host.transcript, joined({first_packet(1, 600001),
+                                       {
+                                           append_line(600000, 600000),
+                                           kAppendError,
+                                           refused_total_line(600001),
+                                           kFreeRequest,
+                                       }}));
+    expect_idle();
+    EXPECT_EQ(host.blocks_owned(), 0u);
+    expect_next_request_runs(host);
+}
+
+TEST(Intake, RefusesATooLongRequestThatArrivesInOnePacket) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request(255, Bytes(599993))), -1);
+    EXPECT_EQ(host.transcript, joined({first_packet(255, 600001),
+                                       {
+                                           kAppendError,
+                                           refused_total_line(600001),
+                                           kFreeRequest,
+                                       }}));
+    expect_idle();
+    expect_next_request_runs(host);
+}
+
+TEST(Intake, StaysInStepWithATooLongRequestUntilItsLastByte) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request_announcing(600020, 1, Bytes(599992))), -1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON)), -1); // bytes of the long request, not a request
+    expect_in_reassembly(600020, 600008);
+    EXPECT_EQ(host.receive(pattern(11)), -1);
+    expect_in_reassembly(600020, 600019);
+    EXPECT_EQ(host.receive({0}), -1);
+    EXPECT_EQ(host.transcript, joined({first_packet(1, 600020),
+                                       {
+                                           append_line(600000, 600000),
+                                           kAppendError,
+                                           kAppendError,
+                                           kAppendError,
+                                           refused_total_line(600020),
+                                           kFreeRequest,
+                                       }}));
+    expect_idle();
+    expect_next_request_runs(host);
+}
+
+TEST(Intake, NeverCompletesATooLongRequestThatOvershoots) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request_announcing(600001, 1, Bytes(599992))), -1);
+    EXPECT_EQ(host.receive({1, 2}), -1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), -1);
+    EXPECT_EQ(host.transcript,
+              joined({first_packet(1, 600001), {append_line(600000, 600000), kAppendError, kAppendError}}));
+    expect_in_reassembly(600001, 600010);
+}
+
+TEST(Intake, RefusesATotalOfTheLargestIntAtItsEnd) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(words({1, INT_MAX})), -1);
+    expect_in_reassembly(INT_MAX, 8);
+    sm_BT_combine_length = INT_MAX - 10;
+    EXPECT_EQ(host.receive(pattern(9)), -1);
+    expect_in_reassembly(INT_MAX, INT_MAX - 1);
+    EXPECT_EQ(host.receive({0}), -1);
+    EXPECT_EQ(host.transcript, joined({first_packet(1, INT_MAX),
+                                       {
+                                           append_line(8, 8),
+                                           kAppendError,
+                                           kAppendError,
+                                           refused_total_line(INT_MAX),
+                                           kFreeRequest,
+                                       }}));
+    expect_idle();
+    expect_next_request_runs(host);
+}
+
+// ---- Packets that do not fit
+// ------------------------------------------------------------------------------------
+
+TEST(Intake, StoresWhatFitsOfAPacketAndCountsAllOfIt) {
+    for (const int total : {600000, 600001, 700000, INT_MAX}) {
+        SCOPED_TRACE(total);
+        FakeHost host;
+        EXPECT_EQ(host.receive(request_announcing(total, 1, Bytes(599996 - 8, 0xEE))), -1);
+        host.forget();
+        EXPECT_EQ(host.receive({1, 2, 3, 4, 5, 6, 7, 8}), -1);
+        EXPECT_EQ(host.transcript, (Transcript{kAppendError}));
+        expect_in_reassembly(total, 600004);
+        EXPECT_EQ(stored(599994, 6), (Bytes{0xEE, 0xEE, 1, 2, 3, 4}));
+    }
+}
+
+TEST(Intake, StoresNothingOnceTheBufferIsFull) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request_announcing(700000, 1, Bytes(599992, 0xEE))), -1);
+    EXPECT_EQ(host.receive({1, 2, 3}), -1);
+    expect_in_reassembly(700000, 600003);
+    sm_BT_combine_length = 650000;
+    EXPECT_EQ(host.receive({4, 5, 6}), -1);
+    expect_in_reassembly(700000, 650003);
+    EXPECT_EQ(stored(599990, 10), Bytes(10, 0xEE));
+}
+
+TEST(Intake, FillsTheBufferToItsLastByteWithoutAnError) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request_announcing(700000, 1, Bytes(599991, 0xEE))), -1);
+    host.forget();
+    EXPECT_EQ(host.receive({0xAB}), -1);
+    EXPECT_EQ(host.transcript, (Transcript{append_line(1, 600000)}));
+    EXPECT_EQ(stored(599998, 2), (Bytes{0xEE, 0xAB}));
+}
+
+TEST(Intake, StaysInReassemblyForGoodWhenALongestRequestOvershootsTheBuffer) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request_announcing(600000, 1, Bytes(599990 - 8))), -1);
+    EXPECT_EQ(host.receive(pattern(20)), -1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), -1);
+    EXPECT_EQ(host.transcript,
+              joined({first_packet(1, 600000), {append_line(599990, 599990), kAppendError, kAppendError}}));
+    expect_in_reassembly(600000, 600018);
+}
+
+TEST(Intake, DropsAPacketThatWouldCarryTheSumPastTheLargestInt) {
+    for (const int total : {4, 600000, 600001, INT_MAX}) {
+        SCOPED_TRACE(total);
+        FakeHost host;
+        EXPECT_EQ(host.receive(words({1, total})), -1);
+        sm_BT_combine_length = INT_MAX - 3;
+        host.forget();
+        EXPECT_EQ(host.receive({1, 2, 3, 4}), -1);
+        EXPECT_EQ(host.receive(pattern(100)), -1);
+        EXPECT_EQ(host.transcript, (Transcript{kAppendError, kAppendError}));
+        expect_in_reassembly(total, INT_MAX - 3);
+        EXPECT_EQ(stored(0, 8), words({1, total}));
+    }
+}
+
+TEST(Intake, CountsAPacketThatCarriesTheSumToTheLargestInt) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(words({1, 4})), -1);
+    sm_BT_combine_length = INT_MAX - 3;
+    EXPECT_EQ(host.receive({1, 2, 3}), -1);
+    expect_in_reassembly(4, INT_MAX);
+    EXPECT_EQ(host.receive({1}), -1);
+    expect_in_reassembly(4, INT_MAX);
+}
+
+// ---- A buffer that the allocator refuses
+// ------------------------------------------------------------------------
+
+TEST(Intake, AppendsNothingToABufferThatWasRefused) {
+    for (const int total : {1, 8, 12, 600000, 600001, INT_MAX}) {
+        SCOPED_TRACE(total);
+        FakeHost host;
+        host.refuse_allocation(1);
+        EXPECT_EQ(host.receive(words({1, total})), -1);
+        EXPECT_EQ(host.receive(words({1, 8})), -1);
+        EXPECT_EQ(host.transcript, (Transcript{
+                                       function_line(1),
+                                       total_line(total),
+                                       buffer_line("null"),
+                                       kAppendError,
+                                       kAppendError,
+                                   }));
+        EXPECT_EQ(host.allocations_asked(), 1);
+        EXPECT_EQ(sm_BT_total_length, total);
+        EXPECT_EQ(sm_BT_combine_length, 0);
+        EXPECT_EQ(shotmentor_p_ReceiveData, nullptr);
+    }
+}
+
+TEST(Intake, DoesNotRunARequestOfTotal0WhoseBufferWasRefused) {
+    FakeHost host;
+    host.refuse_allocation(1);
+    EXPECT_EQ(host.receive(words({1, 0})), -1);
+    EXPECT_EQ(host.transcript, (Transcript{
+                                   function_line(1),
+                                   total_line(0),
+                                   buffer_line("null"),
+                                   kAppendError,
+                                   refused_total_line(0),
+                               }));
+    expect_idle();
+    expect_next_request_runs(host);
+}
+
+// ---- Bytes that no packet wrote
+// ---------------------------------------------------------------------------------
+
+TEST(Intake, ClearsTheBuffersFirst760Bytes) {
+    const DirtyHeap dirty;
+    FakeHost host;
+    EXPECT_EQ(host.receive_with_length(words({4, 9}), 8), -1);
+    EXPECT_EQ(stored(0, 8), words({4, 9}));
+    EXPECT_EQ(stored(8, 752), Bytes(752));
+}
+
+TEST(Intake, ClearsTheBufferOfEveryRequestAnew) {
+    const DirtyHeap dirty;
+    FakeHost host;
+    EXPECT_EQ(host.receive(request(255, Bytes(2000, 0xEE))), -1);
+    EXPECT_EQ(host.receive(words({4, 9})), -1);
+    EXPECT_EQ(stored(8, 752), Bytes(752));
+}
+
+TEST(Intake, ReadsTheMissingIdentifiersOfAPictureRequestAsZero) {
+    const DirtyHeap dirty;
+    FakeHost host;
+    EXPECT_EQ(host.receive(request(2)), 1);
+    EXPECT_EQ(host.transcript, joined({first_packet(2, 8),
+                                       {
+                                           append_line(8, 8),
+                                           "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=2, length=8",
+                                           "CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=0, applocal_ID=0",
+                                           "ERROR ALG_SMM SM_RETURN_PRESETN_ERR",
+                                           "bt_send_msgs(0)",
+                                           kFreeRequest,
+                                       }}));
+}
+
+TEST(Intake, ReadsTheMissingRecordOfAnUpdateRequestAsZeros) {
+    const DirtyHeap dirty;
+    FakeHost host;
+    EXPECT_EQ(host.receive(request(4)), -3);
+    EXPECT_EQ(host.transcript.at(5), "CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=0, server_id=0, title=");
+    EXPECT_EQ(host.transcript.at(6), "ERROR ALG_SMM SM_RETURN_STRUCT_ERR");
+}
+
+TEST(Intake, ReadsTheMissingCodeOfALeavingPhoneAsZero) {
+    const DirtyHeap dirty;
+    FakeHost host;
+    EXPECT_EQ(host.receive(request(0)), -1);
+    EXPECT_EQ(host.transcript.at(6), "CYAN ALG_SMM ADE_SM_Off() length=0, return_BT=0");
+}
+
+// ---- The append step, called directly
+// ---------------------------------------------------------------------------
+
+int combine(FakeHost& host, const Bytes& packet, int length) {
+    return host.call([&] { return ADE_ShotMentor_Combine_BTData(packet.data(), length); });
+}
+
+TEST(Combine, ReturnsMinus1WithoutABufferWhateverTheLength) {
+    for (const int length : {8, 1, 0, -1, INT_MIN}) {
+        SCOPED_TRACE(length);
+        FakeHost host;
+        EXPECT_EQ(combine(host, words({1, 8}), length), -1);
+        EXPECT_EQ(host.transcript, (Transcript{kAppendError}));
+        expect_idle();
+    }
+}
+
+TEST(Combine, AppendsAPacketAndReturns1) {
+    FakeHost host;
+    host.receive(words({1, 100}));
+    host.forget();
+    EXPECT_EQ(combine(host, {5, 6, 7}, 3), 1);
+    EXPECT_EQ(host.transcript, (Transcript{append_line(3, 11)}));
+    expect_in_reassembly(100, 11);
+    EXPECT_EQ(stored(0, 11), words({1, 100}) + Bytes({5, 6, 7}));
+}
+
+TEST(Combine, DoesNotRunTheRequestThatItCompletes) {
+    FakeHost host;
+    host.receive(words({1, 12}));
+    host.forget();
+    EXPECT_EQ(combine(host, words({0}), 4), 1);
+    EXPECT_EQ(host.transcript, (Transcript{append_line(4, 12)}));
+    expect_in_reassembly(12, 12);
+}
+
+TEST(Combine, AppendsNothingForLength0) {
+    FakeHost host;
+    host.receive(words({1, 100}));
+    host.forget();
+    EXPECT_EQ(combine(host, words({7}), 0), 1);
+    EXPECT_EQ(host.transcript, (Transcript{append_line(0, 8)}));
+    expect_in_reassembly(100, 8);
+}
+
+TEST(Combine, RefusesANegativeLength) {
+    for (const int length : {-1, -8, -100, INT_MIN}) {
+        SCOPED_TRACE(length);
+        FakeHost host;
+        host.receive(words({1, 100}));
+        host.forget();
+        EXPECT_EQ(combine(host, words({7}), length), -1);
+        EXPECT_EQ(host.transcript, (Transcript{kAppendError}));
+        expect_in_reassembly(100, 8);
+        EXPECT_EQ(stored(0, 8), words({1, 100}));
+    }
+}
+
+TEST(Combine, ReturnsMinus1ForAPacketThatDoesNotFit) {
+    FakeHost host;
+    host.receive(words({1, 700000}));
+    sm_BT_combine_length = 599998;
+    host.forget();
+    EXPECT_EQ(combine(host, {1, 2, 3}, 3), -1);
+    EXPECT_EQ(host.transcript, (Transcript{kAppendError}));
+    expect_in_reassembly(700000, 600001);
+    EXPECT_EQ(stored(599998, 2), (Bytes{1, 2}));
+}
+
+TEST(Combine, ReturnsMinus1ForAPacketThatWouldCarryTheSumPastTheLargestInt) {
+    FakeHost host;
+    host.receive(words({1, 700000}));
+    sm_BT_combine_length = INT_MAX;
+    host.forget();
+    EXPECT_EQ(combine(host, {1}, 1), -1);
+    EXPECT_EQ(host.transcript, (Transcript{kAppendError}));
+    expect_in_reassembly(700000, INT_MAX);
+}
+
+// ---- Recovery by the host
+// ---------------------------------------------------------------------------------------
+
+void return_to_idle() {
+    std::free(shotmentor_p_ReceiveData);
+    shotmentor_p_ReceiveData = nullptr;
+    sm_BT_total_length = -1;
+    sm_BT_combine_length = 0;
+}
+
+TEST(HostRecovery, EndsARequestThatBrokeOff) {
+    FakeHost host;
+    host.receive(slice(request(3, pattern(2000)), 0, 500));
+    expect_in_reassembly(2008, 500);
+    return_to_idle();
+    EXPECT_EQ(host.blocks_owned(), 0u);
+    expect_next_request_runs(host);
+}
+
+TEST(HostRecovery, EndsARequestThatOvershot) {
+    FakeHost host;
+    host.receive(words({1, 4}));
+    expect_in_reassembly(4, 8);
+    return_to_idle();
+    expect_next_request_runs(host);
+}
+
+TEST(HostRecovery, EndsARequestWhoseBufferWasRefused) {
+    FakeHost host;
+    host.refuse_allocation(1);
+    host.receive(words({1, 8}));
+    EXPECT_EQ(sm_BT_total_length, 8);
+    return_to_idle();
+    expect_next_request_runs(host);
+}
+
+} // namespace

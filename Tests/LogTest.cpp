@@ -1,0 +1,437 @@
+// Documents the log facility: what one line looks like in the system log and on standard error, at each of
+// the six levels and under any tag, and that the library's own lines are made with it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <string>
+
+#define ALG_LOG_TAG "ALG_SMM"
+#include "ADE_ShotMentor_Log.h"
+#include "FakeHost.h"
+
+namespace {
+
+const std::string kColorReset = "\033[m\n";
+
+struct Level {
+    alg_log_level level;
+    const char* name;
+    std::string color;
+    int priority;
+    size_t longest_message;
+};
+
+const Level kLevels[] = {
+    {ALG_LOG_LEVEL_PLAIN, "PLAIN", "\033[m", 4, 247},     {ALG_LOG_LEVEL_GREEN, "GREEN", "\033[32m", 4, 245},
+    {ALG_LOG_LEVEL_YELLOW, "YELLOW", "\033[33m", 4, 245}, {ALG_LOG_LEVEL_CYAN, "CYAN", "\033[36m", 4, 245},
+    {ALG_LOG_LEVEL_WARN, "WARN", "\033[31m", 4, 245},     {ALG_LOG_LEVEL_ERROR, "ERROR", "\033[31m", 6, 245},
+};
+
+// What the action writes to standard error.
+std::string written_to_standard_error(const std::function<void()>& action) {
+    testing::internal::CaptureStderr();
+    action();
+    std::fflush(stderr);
+    return testing::internal::GetCapturedStderr();
+}
+
+// Logs one finished message and returns how it arrived. The copies of errors stay out of the test's own
+// output.
+LogLine logged(alg_log_level level, const char* tag, const std::string& message) {
+    FakeHost host;
+    written_to_standard_error([&] { ALG_LOG(level, tag, "%s", message.c_str()); });
+    EXPECT_EQ(host.lines.size(), 1u);
+    return host.lines.empty() ? LogLine{} : host.lines.front();
+}
+
+void expect_no_call_site(const LogLine& line) {
+    EXPECT_EQ(line.file, "");
+    EXPECT_EQ(line.function, "");
+    EXPECT_EQ(line.line, 0);
+}
+
+// ---- One line
+// ---------------------------------------------------------------------------------------------------
+
+TEST(Log, GivesEachLevelItsColorAndPriorityInLogBuffer3) {
+    for (const Level& level : kLevels) {
+        SCOPED_TRACE(level.name);
+        const LogLine line = logged(level.level, "ALG_SMM", "seven sheep\n");
+        EXPECT_EQ(line.buffer, 3);
+        EXPECT_EQ(line.priority, level.priority);
+        EXPECT_EQ(line.tag, "ALG_SMM");
+        EXPECT_EQ(line.format, "%s: %s(%d) > %s");
+        EXPECT_EQ(line.text, level.color + "seven sheep" + kColorReset);
+    }
+}
+
+TEST(Log, FormatsItsArgumentsLikePrintf) {
+    FakeHost host;
+    ALG_LOG(ALG_LOG_LEVEL_GREEN, "ALG_SM", "%s 0x%x %05d %c%%\n", "hex", 0x1F, 42, 'z');
+    ASSERT_EQ(host.lines.size(), 1u);
+    EXPECT_EQ(host.lines[0].text, "\033[32mhex 0x1f 00042 z%\033[m\n");
+}
+
+TEST(Log, OffersEachLevelByNameUnderTheTagOfItsUnit) {
+    FakeHost host;
+    const std::string copy = written_to_standard_error([] {
+        ALG_LOG_PLAIN("%d\n", 1);
+        ALG_LOG_GREEN("%d\n", 2);
+        ALG_LOG_YELLOW("%d\n", 3);
+        ALG_LOG_CYAN("%d\n", 4);
+        ALG_LOG_WARN("%d\n", 5);
+        ALG_LOG_ERROR("%d\n", 6);
+    });
+    EXPECT_EQ(host.transcript, (Transcript{"PLAIN ALG_SMM 1", "GREEN ALG_SMM 2", "YELLOW ALG_SMM 3",
+                                           "CYAN ALG_SMM 4", "WARN ALG_SMM 5", "ERROR ALG_SMM 6"}));
+    EXPECT_EQ(copy, "[ALG_SMM   ] \033[31m6\033[m\n");
+}
+
+int log_from_a_function_of_its_own() {
+    ALG_LOG_CYAN("here\n");
+    return __LINE__ - 1;
+}
+
+TEST(Log, NamesTheCallersFileFunctionAndLine) {
+    FakeHost host;
+    const int line = log_from_a_function_of_its_own();
+    ASSERT_EQ(host.lines.size(), 1u);
+    EXPECT_EQ(host.lines[0].file, "LogTest.cpp");
+    EXPECT_EQ(host.lines[0].function, "log_from_a_function_of_its_own");
+    EXPECT_EQ(host.lines[0].line, line);
+}
+
+TEST(Log, EvaluatesItsArgumentsOnce) {
+    FakeHost host;
+    int asked = 0;
+    ALG_LOG(ALG_LOG_LEVEL_PLAIN, "ALG_SM", "%d\n", ++asked);
+    ALG_LOG(ALG_LOG_LEVEL_PLAIN, "BTLOG", "%d\n", ++asked);
+    EXPECT_EQ(asked, 2);
+    EXPECT_EQ(host.lines.size(), 2u);
+}
+
+TEST(Log, IsOneStatementInAnIfWithoutBraces) {
+    FakeHost host;
+    for (const bool first : {true, false}) {
+        if (first)
+            ALG_LOG_PLAIN("first\n");
+        else
+            ALG_LOG_PLAIN("second\n");
+    }
+    EXPECT_EQ(host.transcript, (Transcript{"PLAIN ALG_SMM first", "PLAIN ALG_SMM second"}));
+}
+
+// ---- Newlines and length
+// ----------------------------------------------------------------------------------------
+
+TEST(Log, TakesExactlyOneNewlineOffTheEndOfAMessage) {
+    struct Case {
+        const char* name;
+        std::string message;
+        std::string kept;
+    };
+    const Case cases[] = {
+        {"no newline", "text", "text"},
+        {"one newline", "text\n", "text"},
+        {"two newlines", "text\n\n", "text\n"},
+        {"three newlines", "text\n\n\n", "text\n\n"},
+        {"a newline inside", "text\nmore", "text\nmore"},
+        {"a newline in front", "\ntext", "\ntext"},
+        {"a blank at the end", "text \n", "text "},
+        {"a carriage return at the end", "text\r\n", "text\r"},
+        {"nothing but a newline", "\n", ""},
+        {"nothing but two newlines", "\n\n", "\n"},
+    };
+    for (const Level& level : kLevels) {
+        for (const Case& each : cases) {
+            SCOPED_TRACE(std::string(level.name) + ", " + each.name);
+            EXPECT_EQ(logged(level.level, "ALG_SM", each.message).text,
+                      level.color + each.kept + kColorReset);
+        }
+    }
+}
+
+TEST(Log, KeepsTheWholeColorInFrontOfAnEmptyMessage) {
+    for (const Level& level : kLevels) {
+        SCOPED_TRACE(level.name);
+        EXPECT_EQ(logged(level.level, "ALG_SM", "").text, level.color + kColorReset);
+    }
+}
+
+TEST(Log, CutsAMessageAt245CharactersAndAPlainOneAt247) {
+    for (const Level& level : kLevels) {
+        for (const size_t length : {243u, 244u, 245u, 246u, 247u, 248u, 250u, 255u, 256u, 257u, 1000u}) {
+            SCOPED_TRACE(std::string(level.name) + ", " + std::to_string(length) + " characters");
+            const std::string text = logged(level.level, "ALG_SM", std::string(length, 'x')).text;
+            const size_t kept = std::min(length, level.longest_message);
+            EXPECT_EQ(text, level.color + std::string(kept, 'x') + kColorReset);
+            EXPECT_LE(text.size(), 255u);
+        }
+    }
+}
+
+TEST(Log, LooksForTheNewlineAfterTheCut) {
+    struct Case {
+        const char* name;
+        int beyond_longest; // letters in front of the newline, counted from the longest message
+        const char* tail;
+        int kept_beyond_longest;
+        const char* kept_tail;
+    };
+    const Case cases[] = {
+        {"the newline is the last character with room", -1, "\n", -1, ""},
+        {"the newline is cut off", 0, "\n", 0, ""},
+        {"the newline is the last character kept of a longer message", -1, "\nmore", -1, ""},
+        {"of two newlines the second is cut off and the first is at the end", -1, "\n\n", -1, ""},
+        {"of two newlines both have room", -2, "\n\n", -2, "\n"},
+    };
+    for (const Level& level : kLevels) {
+        for (const Case& each : cases) {
+            SCOPED_TRACE(std::string(level.name) + ", " + each.name);
+            const auto letters = [&level](int beyond) {
+                return std::string(level.longest_message - static_cast<size_t>(-beyond), 'x');
+            };
+            const std::string message = letters(each.beyond_longest) + each.tail;
+            const std::string kept = letters(each.kept_beyond_longest) + each.kept_tail;
+            EXPECT_EQ(logged(level.level, "ALG_SM", message).text, level.color + kept + kColorReset);
+        }
+    }
+}
+
+// ---- Standard error
+// ---------------------------------------------------------------------------------------------
+
+TEST(Log, CopiesErrorsAndNothingElseToStandardError) {
+    for (const Level& level : kLevels) {
+        SCOPED_TRACE(level.name);
+        FakeHost host;
+        const std::string copy =
+            written_to_standard_error([&] { ALG_LOG(level.level, "ALG_SM", "no %s\n", "film"); });
+        EXPECT_EQ(copy, level.level == ALG_LOG_LEVEL_ERROR ? "[ALG_SM    ] \033[31mno film\033[m\n" : "");
+    }
+}
+
+TEST(Log, CopiesTheVeryTextOfTheSystemLogBehindTheTagInTenColumns) {
+    struct Case {
+        const char* tag;
+        const char* column;
+    };
+    const Case cases[] = {
+        {"", "[          ] "},
+        {"A", "[A         ] "},
+        {"ALG_SMM", "[ALG_SMM   ] "},
+        {"TENLETTERS", "[TENLETTERS] "},
+        {"ELEVENCHARS", "[ELEVENCHARS] "},
+    };
+    for (const Case& each : cases) {
+        SCOPED_TRACE(each.tag);
+        FakeHost host;
+        const std::string copy = written_to_standard_error(
+            [&] { ALG_LOG(ALG_LOG_LEVEL_ERROR, each.tag, "%s\n\n", std::string(239, 'x').c_str()); });
+        ASSERT_EQ(host.lines.size(), 1u);
+        EXPECT_EQ(host.lines[0].text, "\033[31m" + std::string(239, 'x') + "\n\033[m\n");
+        EXPECT_EQ(copy, each.column + host.lines[0].text);
+    }
+}
+
+// ---- Tags
+// -------------------------------------------------------------------------------------------------------
+
+TEST(Log, LeavesTheCallSiteOutUnderATagWithPERF) {
+    for (const char* tag : {"PERF", "MYPERF", "PERF_ALG", "X_PERF_Y"}) {
+        for (const Level& level : kLevels) {
+            SCOPED_TRACE(std::string(tag) + ", " + level.name);
+            const LogLine line = logged(level.level, tag, "12 ms\n");
+            EXPECT_EQ(line.buffer, 3);
+            EXPECT_EQ(line.priority, level.priority);
+            EXPECT_EQ(line.tag, tag);
+            EXPECT_EQ(line.format, "%s");
+            EXPECT_EQ(line.text, level.color + "12 ms" + kColorReset);
+            expect_no_call_site(line);
+        }
+    }
+}
+
+TEST(Log, HandsTheCallersFormatAndArgumentsOverUnderATagWithBTLOG) {
+    for (const char* tag : {"BTLOG", "X_BTLOG_Y", "MYBTLOG", "BTLOGPERF", "PERF_BTLOG"}) {
+        for (const Level& level : kLevels) {
+            if (level.level == ALG_LOG_LEVEL_ERROR) {
+                continue;
+            }
+            SCOPED_TRACE(std::string(tag) + ", " + level.name);
+            FakeHost host;
+            const std::string copy = written_to_standard_error(
+                [&] { ALG_LOG(level.level, tag, "%s has %d bytes\n\n", "packet", 20); });
+            ASSERT_EQ(host.lines.size(), 1u);
+            EXPECT_EQ(host.lines[0].buffer, 3);
+            EXPECT_EQ(host.lines[0].priority, 4);
+            EXPECT_EQ(host.lines[0].tag, tag);
+            EXPECT_EQ(host.lines[0].format, "%s has %d bytes\n\n");
+            EXPECT_EQ(host.lines[0].text, "packet has 20 bytes\n\n");
+            expect_no_call_site(host.lines[0]);
+            EXPECT_EQ(copy, "");
+        }
+    }
+}
+
+TEST(Log, DoesNotCutWhatItHandsOverAsItIs) {
+    FakeHost host;
+    const std::string message(1000, 'x');
+    ALG_LOG(ALG_LOG_LEVEL_GREEN, "BTLOG", "<%s>", message.c_str());
+    ASSERT_EQ(host.lines.size(), 1u);
+    EXPECT_EQ(host.lines[0].text, "<" + message + ">");
+}
+
+TEST(Log, FormatsErrorsUnderATagWithBTLOGToo) {
+    for (const char* tag : {"BTLOG", "X_BTLOG_Y", "BTLOGPERF"}) {
+        SCOPED_TRACE(tag);
+        FakeHost host;
+        const std::string copy =
+            written_to_standard_error([&] { ALG_LOG(ALG_LOG_LEVEL_ERROR, tag, "lost %d\n", 3); });
+        ASSERT_EQ(host.lines.size(), 1u);
+        EXPECT_EQ(host.lines[0].buffer, 3);
+        EXPECT_EQ(host.lines[0].priority, 6);
+        EXPECT_EQ(host.lines[0].tag, tag);
+        EXPECT_EQ(host.lines[0].format, "%s");
+        EXPECT_EQ(host.lines[0].text, "\033[31mlost 3\033[m\n");
+        expect_no_call_site(host.lines[0]);
+        char column[32];
+        std::snprintf(column, sizeof column, "[%-10s] ", tag);
+        EXPECT_EQ(copy, std::string(column) + "\033[31mlost 3\033[m\n");
+    }
+}
+
+TEST(Log, KnowsTheTwoWordsInATagThatIsMadeAtRunTime) {
+    const std::string word = std::to_string(7) + "BT";
+    const std::string bare = word + "LOG";
+    EXPECT_EQ(logged(ALG_LOG_LEVEL_PLAIN, bare.c_str(), "as it is\n").text, "as it is\n");
+    const std::string without_site = std::to_string(7) + "PERF";
+    const LogLine line = logged(ALG_LOG_LEVEL_PLAIN, without_site.c_str(), "colored\n");
+    EXPECT_EQ(line.text, "\033[mcolored\033[m\n");
+    expect_no_call_site(line);
+}
+
+TEST(Log, TreatsEveryOtherTagLikeTheLibrarysOwn) {
+    for (const char* tag : {"", "ALG_SM", "btlog", "perf", "BTLO", "BT_LOG", "PER", "P", "REPF", "LOGBT"}) {
+        SCOPED_TRACE(tag);
+        const LogLine line = logged(ALG_LOG_LEVEL_YELLOW, tag, "text\n");
+        EXPECT_EQ(line.tag, tag);
+        EXPECT_EQ(line.format, "%s: %s(%d) > %s");
+        EXPECT_EQ(line.file, "LogTest.cpp");
+        EXPECT_NE(line.function, "");
+        EXPECT_GT(line.line, 0);
+        EXPECT_EQ(line.text, "\033[33mtext\033[m\n");
+    }
+}
+
+TEST(Log, LooksForTheWordsInAConstantTagAsInOneMadeAtRunTime) {
+    FakeHost host;
+    ALG_LOG(ALG_LOG_LEVEL_WARN, "X_BTLOG_Y", "bare %d\n", 1);
+    ALG_LOG(ALG_LOG_LEVEL_WARN, "MYPERF", "no site %d\n", 2);
+    ALG_LOG(ALG_LOG_LEVEL_WARN, "BTLOGPERF", "bare %d\n", 3);
+    ALG_LOG(ALG_LOG_LEVEL_WARN, "ALG_SM", "site %d\n", 4);
+    ASSERT_EQ(host.lines.size(), 4u);
+    EXPECT_EQ(host.lines[0].text, "bare 1\n");
+    EXPECT_EQ(host.lines[1].text, "\033[31mno site 2\033[m\n");
+    EXPECT_EQ(host.lines[1].format, "%s");
+    EXPECT_EQ(host.lines[2].text, "bare 3\n");
+    EXPECT_EQ(host.lines[3].text, "\033[31msite 4\033[m\n");
+    EXPECT_EQ(host.lines[3].file, "LogTest.cpp");
+}
+
+// ---- The library's own lines
+// ------------------------------------------------------------------------------------
+
+// The level whose color a line starts with. Two levels share red; their priority tells them apart.
+const Level* level_of(const LogLine& line) {
+    const Level* found = nullptr;
+    for (const Level& level : kLevels) {
+        const bool matches = line.text.compare(0, level.color.size(), level.color) == 0;
+        if (matches && line.priority == level.priority) {
+            found = &level;
+        }
+    }
+    return found;
+}
+
+TEST(LibraryLog, WritesEveryLineWithItsCallSiteInTheColorsOfItsLevel) {
+    FakeHost host;
+    host.presets = {preset(1), preset(2, 1)};
+    written_to_standard_error([&] {
+        host.receive(request(SM_FUNCTION_SEND_LIST));
+        host.receive(request(SM_FUNCTION_RECEIVE_PRESET, pattern(744 + 100)));
+        host.receive(request(SM_FUNCTION_DELETE_PRESET, words({0, 1})));
+        host.receive(request(200));
+        host.link_up = false;
+        host.receive(request(SM_FUNCTION_SEND_LIST));
+    });
+    ASSERT_GT(host.lines.size(), 300u); // four records are converted, 71 lines and more each
+    for (const LogLine& line : host.lines) {
+        SCOPED_TRACE(line.text);
+        EXPECT_EQ(line.buffer, 3);
+        EXPECT_NE(level_of(line), nullptr);
+        EXPECT_TRUE(line.tag == "ALG_SMM" || line.tag == "ALG_SM") << line.tag;
+        EXPECT_EQ(line.format, "%s: %s(%d) > %s");
+        EXPECT_NE(line.file, "");
+        EXPECT_EQ(line.file.find('/'), std::string::npos) << line.file;
+        EXPECT_NE(line.function, "");
+        EXPECT_GT(line.line, 0);
+        EXPECT_EQ(line.text.substr(line.text.size() - kColorReset.size()), kColorReset);
+        EXPECT_LE(line.text.size(), 255u);
+    }
+}
+
+TEST(LibraryLog, PutsTheCallSiteOfTheLibrarysSourceIntoALine) {
+    FakeHost host;
+    host.receive(request(SM_FUNCTION_STATE_ON));
+    ASSERT_FALSE(host.lines.empty());
+    EXPECT_EQ(host.lines[0].text, "\033[mADE_ShotMentor_Receive_Manager funcN=255\033[m\n");
+    EXPECT_EQ(host.lines[0].file.rfind("ADE_ShotMentor_", 0), 0u) << host.lines[0].file;
+}
+
+TEST(LibraryLog, CopiesARefusalToStandardErrorWordForWord) {
+    FakeHost host;
+    const std::string copy = written_to_standard_error([&] { host.receive(request(257)); });
+    EXPECT_EQ(copy, "[ALG_SMM   ] \033[31mERR : RESULT ADE_ShotMentor_Receive_Manager funcN=257\033[m\n");
+    ASSERT_EQ(host.lines.size(), 1u);
+    EXPECT_EQ(host.lines[0].priority, 6);
+    EXPECT_EQ(host.lines[0].text, "\033[31mERR : RESULT ADE_ShotMentor_Receive_Manager funcN=257\033[m\n");
+}
+
+TEST(LibraryLog, KeepsAWarningInTheSystemLogAlone) {
+    FakeHost host;
+    host.link_up = false;
+    const std::string copy = written_to_standard_error([&] { host.call(ADE_SM_Send_List); });
+    EXPECT_EQ(copy, "");
+    ASSERT_EQ(host.lines.size(), 2u);
+    EXPECT_EQ(host.lines[1].priority, 4);
+    EXPECT_EQ(host.lines[1].text, "\033[31mBT state : off\033[m\n");
+}
+
+TEST(LibraryLog, NeedsNoMemoryOfItsOwnAndSoReportsAnExhaustedAllocator) {
+    FakeHost host;
+    host.refuse_allocation(1, true);
+    written_to_standard_error([&] { EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON)), -1); });
+    EXPECT_EQ(host.allocations_asked(), 1); // the request's buffer; none of the four lines asks for more
+    EXPECT_EQ(host.transcript, (Transcript{
+                                   "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=255",
+                                   "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=8",
+                                   "PLAIN ALG_SMM shotmentor_p_ReceiveData add=null",
+                                   "ERROR ALG_SMM ERR ADE_ShotMentor_Combine_BTData ",
+                               }));
+}
+
+TEST(LibraryLog, KeepsOrdinaryRequestsOffStandardError) {
+    FakeHost host;
+    host.presets = {preset(1)};
+    const std::string copy = written_to_standard_error([&] {
+        EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), 1);
+        EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_OFF, words({SM_RETURN_TRUE}))), 1);
+    });
+    EXPECT_EQ(copy, "");
+    EXPECT_EQ(host.replies.size(), 1u);
+}
+
+} // namespace

@@ -33,7 +33,7 @@ for preset in "${presets[@]}"; do
     cmake --build --preset "$preset"
     ctest --preset "$preset"
     if [ "$preset" = coverage ]; then
-        gcovr --root . --filter Src/ --branches --print-summary --txt build/coverage/coverage.txt build/coverage
+        gcovr --root . --filter Src/ --branches --exclude-throw-branches --print-summary --txt build/coverage/coverage.txt build/coverage
         cat build/coverage/coverage.txt
     fi
 done

@@ -229,7 +229,8 @@ int distance_down(EnableTable table, int position) {
     return position > 0 ? table.count : 0;
 }
 
-// The same upwards, with the search's log lines.
+// The same upwards, with the search's log lines. No table of ours ends in an unsupported step with nothing
+// supported below it, so the search does not get here from the last position.
 int distance_up(EnableTable table, int position) {
     const int last = table.count - 1;
     for (int distance = 1; position + distance <= last; ++distance) {

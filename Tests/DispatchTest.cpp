@@ -1,10 +1,10 @@
-// Documents the dispatcher: which command serves which function number, how the link state follows, what the
-// numbers that nobody serves lead to, and the values of the two vocabularies that phone and camera share.
-#include <gtest/gtest.h>
-
+// The dispatcher: which command serves which function number, how the link state follows, what the numbers
+// that nobody serves lead to, and the values of the two vocabularies that phone and camera share.
 #include <climits>
 #include <cstdio>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "CommandLines.h"
 #include "FakeHost.h"
@@ -41,8 +41,7 @@ int dispatch(FakeHost& host, Bytes request_bytes, int length) {
     return host.call([&] { return ADE_ShotMentor_Receive_Function(request_bytes.data(), length); });
 }
 
-// ---- The numbers that are served
-// --------------------------------------------------------------------------------
+// ---- The numbers that are served ----------------------------------------------------------------
 
 TEST(Dispatch, SetsTheLinkStateOffAndHandsThePayloadOfFunction0ToTheCommand) {
     FakeHost host;
@@ -182,8 +181,7 @@ TEST(Dispatch, TouchesTheLinkStateForNoOtherNumber) {
     }
 }
 
-// ---- The numbers that nobody serves
-// -----------------------------------------------------------------------------
+// ---- The numbers that nobody serves -------------------------------------------------------------
 
 TEST(Dispatch, RefusesANumberThatNoCommandServes) {
     for (const int function : {6, 7, 128, 200, 254, 256}) {
@@ -228,8 +226,7 @@ TEST(Dispatch, RefusesNegativeAndLargeNumbersWhenCalledDirectly) {
     }
 }
 
-// ---- Called directly
-// --------------------------------------------------------------------------------------------
+// ---- Called directly ----------------------------------------------------------------------------
 
 TEST(Dispatch, ShowsTheLengthThatItWasHandedNotTheOneInTheHeader) {
     FakeHost host;
@@ -280,8 +277,7 @@ TEST(Dispatch, LeavesTheRequestsBufferToItsCaller) {
     }
 }
 
-// ---- The two vocabularies
-// ---------------------------------------------------------------------------------------
+// ---- The two vocabularies -----------------------------------------------------------------------
 
 TEST(Vocabulary, NumbersTheFunctionsAsThePhoneDoes) {
     EXPECT_EQ(SM_FUNCTION_STATE_OFF, 0);

@@ -1,12 +1,12 @@
-// Documents the intake of packets: how a request is put together from packets, which packets and requests are
-// refused and how that is told, what happens to requests that never end, and what a host can do about them.
-#include <gtest/gtest.h>
-
+// The intake of packets: how a request is put together from packets, which packets and requests are refused
+// and how that is told, what happens to requests that never end, and what a host can do about them.
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -17,11 +17,10 @@
 
 namespace {
 
-// ---- Helpers
-// ----------------------------------------------------------------------------------------------------
+// ---- Helpers ------------------------------------------------------------------------------------
 
-const std::string kAppendError = "ERROR ALG_SMM ERR ADE_ShotMentor_Combine_BTData ";
-const std::string kFreeRequest = "PLAIN ALG_SMM free Receive add=#1";
+const std::string append_error = "ERROR ALG_SMM ERR ADE_ShotMentor_Combine_BTData ";
+const std::string request_freed = "PLAIN ALG_SMM free Receive add=#1";
 
 std::string function_line(int function) {
     return "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=" + std::to_string(function);
@@ -114,8 +113,7 @@ class DirtyHeap {
     }
 };
 
-// ---- Requests that complete
-// -------------------------------------------------------------------------------------
+// ---- Requests that complete ---------------------------------------------------------------------
 
 // The state as the library is loaded, taken before the first host of the tests touches it.
 const int32_t total_at_load = sm_BT_total_length;
@@ -151,7 +149,7 @@ TEST(Intake, RunsARequestThatFitsInOnePacketBeforeTheCallReturns) {
                  "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=28, SM_MODEL=KT7, SM_STRUCT_VER=1, "
                  "num_Preset=0",
                  "bt_send_msgs(28)",
-                 kFreeRequest,
+                 request_freed,
              }}));
     expect_idle();
 }
@@ -231,7 +229,7 @@ TEST(Intake, RunsTheLongestRequestInOnePacket) {
                           append_line(600000, 600000),
                           "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=FF, length=600000",
                           "__ui_set_shotmentor_state(1)",
-                          kFreeRequest,
+                          request_freed,
                       }}));
     expect_idle();
 }
@@ -279,14 +277,13 @@ TEST(Intake, BelievesATotalBelowTheHeadersOwnLength) {
                               "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=0, length=" + total,
                               "__ui_set_shotmentor_state(0)",
                               each.off_line,
-                              kFreeRequest,
+                              request_freed,
                           }}));
         expect_idle();
     }
 }
 
-// ---- First packets that are shorter than the header
-// -------------------------------------------------------------
+// ---- First packets that are shorter than the header ---------------------------------------------
 
 TEST(Intake, ReadsBothHeaderWordsFromAFirstPacketOfAnyLength) {
     for (int length = 1; length < 8; ++length) {
@@ -305,7 +302,7 @@ TEST(Intake, ReadsBothHeaderWordsFromAFirstPacketOfAnyLength) {
                                        append_line(8 - length, 8),
                                        "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=FF, length=8",
                                        "__ui_set_shotmentor_state(1)",
-                                       kFreeRequest,
+                                       request_freed,
                                    }));
         expect_idle();
     }
@@ -318,12 +315,11 @@ TEST(Intake, RunsWhatArrivedNotWhatLayBehindTheFirstPacket) {
     EXPECT_EQ(host.transcript.at(4), append_line(7, 8));
     EXPECT_EQ(host.transcript.at(5), "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=1FF, length=8");
     EXPECT_EQ(host.transcript.at(6), "ERROR ALG_SMM ERROR ADE_ShotMentor_Receive_Function funcN=511");
-    EXPECT_EQ(host.transcript.at(7), kFreeRequest);
+    EXPECT_EQ(host.transcript.at(7), request_freed);
     expect_idle();
 }
 
-// ---- Packets that are refused
-// -----------------------------------------------------------------------------------
+// ---- Packets that are refused -------------------------------------------------------------------
 
 TEST(Intake, RefusesAPacketWithoutALengthWhileIdle) {
     for (const int length : {0, -1, -8, INT_MIN}) {
@@ -391,14 +387,13 @@ TEST(Intake, AcceptsAFirstPacketWithAFunctionNumberThatNobodyServesUpTo256) {
                                   each.hexadecimal + ", length=12",
                               "ERROR ALG_SMM ERROR ADE_ShotMentor_Receive_Function funcN=" +
                                   std::to_string(each.function),
-                              kFreeRequest,
+                              request_freed,
                           }}));
         expect_idle();
     }
 }
 
-// ---- Requests that never complete
-// -------------------------------------------------------------------------------
+// ---- Requests that never complete ---------------------------------------------------------------
 
 TEST(Intake, NeverCompletesARequestWhoseFirstPacketOvershootsItsTotal) {
     for (const int total : {0, 1, 4, 7}) {
@@ -431,8 +426,7 @@ TEST(Intake, NeverReadsAFunctionNumberInTheMiddleOfARequest) {
     expect_idle();
 }
 
-// ---- Announced totals that are refused
-// --------------------------------------------------------------------------
+// ---- Announced totals that are refused ----------------------------------------------------------
 
 TEST(Intake, RefusesANegativeTotalAtOnceWithoutAllocating) {
     for (const int total : {-1, -2, -8, -600000, INT_MIN}) {
@@ -455,9 +449,9 @@ TEST(Intake, CountsTheBytesOfATooLongRequestAndRefusesItAtItsEnd) {
     EXPECT_EQ(host.transcript, joined({first_packet(1, 600001),
                                        {
                                            append_line(600000, 600000),
-                                           kAppendError,
+                                           append_error,
                                            refused_total_line(600001),
-                                           kFreeRequest,
+                                           request_freed,
                                        }}));
     expect_idle();
     EXPECT_EQ(host.blocks_owned(), 0u);
@@ -469,9 +463,9 @@ TEST(Intake, RefusesATooLongRequestThatArrivesInOnePacket) {
     EXPECT_EQ(host.receive(request(255, Bytes(599993))), -1);
     EXPECT_EQ(host.transcript, joined({first_packet(255, 600001),
                                        {
-                                           kAppendError,
+                                           append_error,
                                            refused_total_line(600001),
-                                           kFreeRequest,
+                                           request_freed,
                                        }}));
     expect_idle();
     expect_next_request_runs(host);
@@ -488,11 +482,11 @@ TEST(Intake, StaysInStepWithATooLongRequestUntilItsLastByte) {
     EXPECT_EQ(host.transcript, joined({first_packet(1, 600020),
                                        {
                                            append_line(600000, 600000),
-                                           kAppendError,
-                                           kAppendError,
-                                           kAppendError,
+                                           append_error,
+                                           append_error,
+                                           append_error,
                                            refused_total_line(600020),
-                                           kFreeRequest,
+                                           request_freed,
                                        }}));
     expect_idle();
     expect_next_request_runs(host);
@@ -504,7 +498,7 @@ TEST(Intake, NeverCompletesATooLongRequestThatOvershoots) {
     EXPECT_EQ(host.receive({1, 2}), -1);
     EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), -1);
     EXPECT_EQ(host.transcript,
-              joined({first_packet(1, 600001), {append_line(600000, 600000), kAppendError, kAppendError}}));
+              joined({first_packet(1, 600001), {append_line(600000, 600000), append_error, append_error}}));
     expect_in_reassembly(600001, 600010);
 }
 
@@ -519,17 +513,16 @@ TEST(Intake, RefusesATotalOfTheLargestIntAtItsEnd) {
     EXPECT_EQ(host.transcript, joined({first_packet(1, INT_MAX),
                                        {
                                            append_line(8, 8),
-                                           kAppendError,
-                                           kAppendError,
+                                           append_error,
+                                           append_error,
                                            refused_total_line(INT_MAX),
-                                           kFreeRequest,
+                                           request_freed,
                                        }}));
     expect_idle();
     expect_next_request_runs(host);
 }
 
-// ---- Packets that do not fit
-// ------------------------------------------------------------------------------------
+// ---- Packets that do not fit --------------------------------------------------------------------
 
 TEST(Intake, StoresWhatFitsOfAPacketAndCountsAllOfIt) {
     for (const int total : {600000, 600001, 700000, INT_MAX}) {
@@ -538,7 +531,7 @@ TEST(Intake, StoresWhatFitsOfAPacketAndCountsAllOfIt) {
         EXPECT_EQ(host.receive(request_announcing(total, 1, Bytes(599996 - 8, 0xEE))), -1);
         host.forget();
         EXPECT_EQ(host.receive({1, 2, 3, 4, 5, 6, 7, 8}), -1);
-        EXPECT_EQ(host.transcript, (Transcript{kAppendError}));
+        EXPECT_EQ(host.transcript, (Transcript{append_error}));
         expect_in_reassembly(total, 600004);
         EXPECT_EQ(stored(599994, 6), (Bytes{0xEE, 0xEE, 1, 2, 3, 4}));
     }
@@ -570,7 +563,7 @@ TEST(Intake, StaysInReassemblyForGoodWhenALongestRequestOvershootsTheBuffer) {
     EXPECT_EQ(host.receive(pattern(20)), -1);
     EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), -1);
     EXPECT_EQ(host.transcript,
-              joined({first_packet(1, 600000), {append_line(599990, 599990), kAppendError, kAppendError}}));
+              joined({first_packet(1, 600000), {append_line(599990, 599990), append_error, append_error}}));
     expect_in_reassembly(600000, 600018);
 }
 
@@ -583,7 +576,7 @@ TEST(Intake, DropsAPacketThatWouldCarryTheSumPastTheLargestInt) {
         host.forget();
         EXPECT_EQ(host.receive({1, 2, 3, 4}), -1);
         EXPECT_EQ(host.receive(pattern(100)), -1);
-        EXPECT_EQ(host.transcript, (Transcript{kAppendError, kAppendError}));
+        EXPECT_EQ(host.transcript, (Transcript{append_error, append_error}));
         expect_in_reassembly(total, INT_MAX - 3);
         EXPECT_EQ(stored(0, 8), words({1, total}));
     }
@@ -599,8 +592,7 @@ TEST(Intake, CountsAPacketThatCarriesTheSumToTheLargestInt) {
     expect_in_reassembly(4, INT_MAX);
 }
 
-// ---- A buffer that the allocator refuses
-// ------------------------------------------------------------------------
+// ---- A buffer that the allocator refuses --------------------------------------------------------
 
 TEST(Intake, AppendsNothingToABufferThatWasRefused) {
     for (const int total : {1, 8, 12, 600000, 600001, INT_MAX}) {
@@ -613,8 +605,8 @@ TEST(Intake, AppendsNothingToABufferThatWasRefused) {
                                        function_line(1),
                                        total_line(total),
                                        buffer_line("null"),
-                                       kAppendError,
-                                       kAppendError,
+                                       append_error,
+                                       append_error,
                                    }));
         EXPECT_EQ(host.allocations_asked(), 1);
         EXPECT_EQ(sm_BT_total_length, total);
@@ -631,15 +623,14 @@ TEST(Intake, DoesNotRunARequestOfTotal0WhoseBufferWasRefused) {
                                    function_line(1),
                                    total_line(0),
                                    buffer_line("null"),
-                                   kAppendError,
+                                   append_error,
                                    refused_total_line(0),
                                }));
     expect_idle();
     expect_next_request_runs(host);
 }
 
-// ---- Bytes that no packet wrote
-// ---------------------------------------------------------------------------------
+// ---- Bytes that no packet wrote -----------------------------------------------------------------
 
 TEST(Intake, ClearsTheBuffersFirst760Bytes) {
     const DirtyHeap dirty;
@@ -668,7 +659,7 @@ TEST(Intake, ReadsTheMissingIdentifiersOfAPictureRequestAsZero) {
                                            "CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=0, applocal_ID=0",
                                            "ERROR ALG_SMM SM_RETURN_PRESETN_ERR",
                                            "bt_send_msgs(0)",
-                                           kFreeRequest,
+                                           request_freed,
                                        }}));
 }
 
@@ -687,8 +678,7 @@ TEST(Intake, ReadsTheMissingCodeOfALeavingPhoneAsZero) {
     EXPECT_EQ(host.transcript.at(6), "CYAN ALG_SMM ADE_SM_Off() length=0, return_BT=0");
 }
 
-// ---- The append step, called directly
-// ---------------------------------------------------------------------------
+// ---- The append step, called directly -----------------------------------------------------------
 
 int combine(FakeHost& host, const Bytes& packet, int length) {
     return host.call([&] { return ADE_ShotMentor_Combine_BTData(packet.data(), length); });
@@ -699,7 +689,7 @@ TEST(Combine, ReturnsMinus1WithoutABufferWhateverTheLength) {
         SCOPED_TRACE(length);
         FakeHost host;
         EXPECT_EQ(combine(host, words({1, 8}), length), -1);
-        EXPECT_EQ(host.transcript, (Transcript{kAppendError}));
+        EXPECT_EQ(host.transcript, (Transcript{append_error}));
         expect_idle();
     }
 }
@@ -739,7 +729,7 @@ TEST(Combine, RefusesANegativeLength) {
         host.receive(words({1, 100}));
         host.forget();
         EXPECT_EQ(combine(host, words({7}), length), -1);
-        EXPECT_EQ(host.transcript, (Transcript{kAppendError}));
+        EXPECT_EQ(host.transcript, (Transcript{append_error}));
         expect_in_reassembly(100, 8);
         EXPECT_EQ(stored(0, 8), words({1, 100}));
     }
@@ -751,7 +741,7 @@ TEST(Combine, ReturnsMinus1ForAPacketThatDoesNotFit) {
     sm_BT_combine_length = 599998;
     host.forget();
     EXPECT_EQ(combine(host, {1, 2, 3}, 3), -1);
-    EXPECT_EQ(host.transcript, (Transcript{kAppendError}));
+    EXPECT_EQ(host.transcript, (Transcript{append_error}));
     expect_in_reassembly(700000, 600001);
     EXPECT_EQ(stored(599998, 2), (Bytes{1, 2}));
 }
@@ -762,12 +752,11 @@ TEST(Combine, ReturnsMinus1ForAPacketThatWouldCarryTheSumPastTheLargestInt) {
     sm_BT_combine_length = INT_MAX;
     host.forget();
     EXPECT_EQ(combine(host, {1}, 1), -1);
-    EXPECT_EQ(host.transcript, (Transcript{kAppendError}));
+    EXPECT_EQ(host.transcript, (Transcript{append_error}));
     expect_in_reassembly(700000, INT_MAX);
 }
 
-// ---- Recovery by the host
-// ---------------------------------------------------------------------------------------
+// ---- Recovery by the host -----------------------------------------------------------------------
 
 void return_to_idle() {
     std::free(shotmentor_p_ReceiveData);

@@ -1,11 +1,11 @@
-// Documents the log facility: what one line looks like in the system log and on standard error, at each of
-// the six levels and under any tag, and that the library's own lines are made with it.
-#include <gtest/gtest.h>
-
+// The log facility: what one line looks like in the system log and on standard error, at each of the six
+// levels and under any tag, and that the library's own lines are made with it.
 #include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #define ALG_LOG_TAG "ALG_SMM"
 #include "ADE_ShotMentor_Log.h"
@@ -13,7 +13,7 @@
 
 namespace {
 
-const std::string kColorReset = "\033[m\n";
+const std::string color_reset = "\033[m\n";
 
 struct Level {
     alg_log_level level;
@@ -23,7 +23,7 @@ struct Level {
     size_t longest_message;
 };
 
-const Level kLevels[] = {
+const Level levels[] = {
     {ALG_LOG_LEVEL_PLAIN, "PLAIN", "\033[m", 4, 247},     {ALG_LOG_LEVEL_GREEN, "GREEN", "\033[32m", 4, 245},
     {ALG_LOG_LEVEL_YELLOW, "YELLOW", "\033[33m", 4, 245}, {ALG_LOG_LEVEL_CYAN, "CYAN", "\033[36m", 4, 245},
     {ALG_LOG_LEVEL_WARN, "WARN", "\033[31m", 4, 245},     {ALG_LOG_LEVEL_ERROR, "ERROR", "\033[31m", 6, 245},
@@ -52,18 +52,17 @@ void expect_no_call_site(const LogLine& line) {
     EXPECT_EQ(line.line, 0);
 }
 
-// ---- One line
-// ---------------------------------------------------------------------------------------------------
+// ---- One line -----------------------------------------------------------------------------------
 
 TEST(Log, GivesEachLevelItsColorAndPriorityInLogBuffer3) {
-    for (const Level& level : kLevels) {
+    for (const Level& level : levels) {
         SCOPED_TRACE(level.name);
         const LogLine line = logged(level.level, "ALG_SMM", "seven sheep\n");
         EXPECT_EQ(line.buffer, 3);
         EXPECT_EQ(line.priority, level.priority);
         EXPECT_EQ(line.tag, "ALG_SMM");
         EXPECT_EQ(line.format, "%s: %s(%d) > %s");
-        EXPECT_EQ(line.text, level.color + "seven sheep" + kColorReset);
+        EXPECT_EQ(line.text, level.color + "seven sheep" + color_reset);
     }
 }
 
@@ -123,8 +122,7 @@ TEST(Log, IsOneStatementInAnIfWithoutBraces) {
     EXPECT_EQ(host.transcript, (Transcript{"PLAIN ALG_SMM first", "PLAIN ALG_SMM second"}));
 }
 
-// ---- Newlines and length
-// ----------------------------------------------------------------------------------------
+// ---- Newlines and length ------------------------------------------------------------------------
 
 TEST(Log, TakesExactlyOneNewlineOffTheEndOfAMessage) {
     struct Case {
@@ -144,29 +142,29 @@ TEST(Log, TakesExactlyOneNewlineOffTheEndOfAMessage) {
         {"nothing but a newline", "\n", ""},
         {"nothing but two newlines", "\n\n", "\n"},
     };
-    for (const Level& level : kLevels) {
+    for (const Level& level : levels) {
         for (const Case& each : cases) {
             SCOPED_TRACE(std::string(level.name) + ", " + each.name);
             EXPECT_EQ(logged(level.level, "ALG_SM", each.message).text,
-                      level.color + each.kept + kColorReset);
+                      level.color + each.kept + color_reset);
         }
     }
 }
 
 TEST(Log, KeepsTheWholeColorInFrontOfAnEmptyMessage) {
-    for (const Level& level : kLevels) {
+    for (const Level& level : levels) {
         SCOPED_TRACE(level.name);
-        EXPECT_EQ(logged(level.level, "ALG_SM", "").text, level.color + kColorReset);
+        EXPECT_EQ(logged(level.level, "ALG_SM", "").text, level.color + color_reset);
     }
 }
 
 TEST(Log, CutsAMessageAt245CharactersAndAPlainOneAt247) {
-    for (const Level& level : kLevels) {
+    for (const Level& level : levels) {
         for (const size_t length : {243u, 244u, 245u, 246u, 247u, 248u, 250u, 255u, 256u, 257u, 1000u}) {
             SCOPED_TRACE(std::string(level.name) + ", " + std::to_string(length) + " characters");
             const std::string text = logged(level.level, "ALG_SM", std::string(length, 'x')).text;
             const size_t kept = std::min(length, level.longest_message);
-            EXPECT_EQ(text, level.color + std::string(kept, 'x') + kColorReset);
+            EXPECT_EQ(text, level.color + std::string(kept, 'x') + color_reset);
             EXPECT_LE(text.size(), 255u);
         }
     }
@@ -187,7 +185,7 @@ TEST(Log, LooksForTheNewlineAfterTheCut) {
         {"of two newlines the second is cut off and the first is at the end", -1, "\n\n", -1, ""},
         {"of two newlines both have room", -2, "\n\n", -2, "\n"},
     };
-    for (const Level& level : kLevels) {
+    for (const Level& level : levels) {
         for (const Case& each : cases) {
             SCOPED_TRACE(std::string(level.name) + ", " + each.name);
             const auto letters = [&level](int beyond) {
@@ -195,16 +193,15 @@ TEST(Log, LooksForTheNewlineAfterTheCut) {
             };
             const std::string message = letters(each.beyond_longest) + each.tail;
             const std::string kept = letters(each.kept_beyond_longest) + each.kept_tail;
-            EXPECT_EQ(logged(level.level, "ALG_SM", message).text, level.color + kept + kColorReset);
+            EXPECT_EQ(logged(level.level, "ALG_SM", message).text, level.color + kept + color_reset);
         }
     }
 }
 
-// ---- Standard error
-// ---------------------------------------------------------------------------------------------
+// ---- Standard error -----------------------------------------------------------------------------
 
 TEST(Log, CopiesErrorsAndNothingElseToStandardError) {
-    for (const Level& level : kLevels) {
+    for (const Level& level : levels) {
         SCOPED_TRACE(level.name);
         FakeHost host;
         const std::string copy =
@@ -236,19 +233,18 @@ TEST(Log, CopiesTheVeryTextOfTheSystemLogBehindTheTagInTenColumns) {
     }
 }
 
-// ---- Tags
-// -------------------------------------------------------------------------------------------------------
+// ---- Tags ---------------------------------------------------------------------------------------
 
 TEST(Log, LeavesTheCallSiteOutUnderATagWithPERF) {
     for (const char* tag : {"PERF", "MYPERF", "PERF_ALG", "X_PERF_Y"}) {
-        for (const Level& level : kLevels) {
+        for (const Level& level : levels) {
             SCOPED_TRACE(std::string(tag) + ", " + level.name);
             const LogLine line = logged(level.level, tag, "12 ms\n");
             EXPECT_EQ(line.buffer, 3);
             EXPECT_EQ(line.priority, level.priority);
             EXPECT_EQ(line.tag, tag);
             EXPECT_EQ(line.format, "%s");
-            EXPECT_EQ(line.text, level.color + "12 ms" + kColorReset);
+            EXPECT_EQ(line.text, level.color + "12 ms" + color_reset);
             expect_no_call_site(line);
         }
     }
@@ -256,7 +252,7 @@ TEST(Log, LeavesTheCallSiteOutUnderATagWithPERF) {
 
 TEST(Log, HandsTheCallersFormatAndArgumentsOverUnderATagWithBTLOG) {
     for (const char* tag : {"BTLOG", "X_BTLOG_Y", "MYBTLOG", "BTLOGPERF", "PERF_BTLOG"}) {
-        for (const Level& level : kLevels) {
+        for (const Level& level : levels) {
             if (level.level == ALG_LOG_LEVEL_ERROR) {
                 continue;
             }
@@ -341,13 +337,12 @@ TEST(Log, LooksForTheWordsInAConstantTagAsInOneMadeAtRunTime) {
     EXPECT_EQ(host.lines[3].file, "LogTest.cpp");
 }
 
-// ---- The library's own lines
-// ------------------------------------------------------------------------------------
+// ---- The library's own lines --------------------------------------------------------------------
 
 // The level whose color a line starts with. Two levels share red; their priority tells them apart.
 const Level* level_of(const LogLine& line) {
     const Level* found = nullptr;
-    for (const Level& level : kLevels) {
+    for (const Level& level : levels) {
         const bool matches = line.text.compare(0, level.color.size(), level.color) == 0;
         if (matches && line.priority == level.priority) {
             found = &level;
@@ -378,7 +373,7 @@ TEST(LibraryLog, WritesEveryLineWithItsCallSiteInTheColorsOfItsLevel) {
         EXPECT_EQ(line.file.find('/'), std::string::npos) << line.file;
         EXPECT_NE(line.function, "");
         EXPECT_GT(line.line, 0);
-        EXPECT_EQ(line.text.substr(line.text.size() - kColorReset.size()), kColorReset);
+        EXPECT_EQ(line.text.substr(line.text.size() - color_reset.size()), color_reset);
         EXPECT_LE(line.text.size(), 255u);
     }
 }

@@ -1,12 +1,12 @@
-// Documents that it does not matter how a request is cut into packets: every cut gives the same result, the
-// same calls of the camera's services and the same replies, byte for byte. The log differs in the lines that
-// report the appended packets, and in nothing else.
-#include <gtest/gtest.h>
-
+// It does not matter how a request is cut into packets: every cut gives the same result, the same calls of
+// the camera's services and the same replies, byte for byte. The log differs in the lines that report the
+// appended packets, and in nothing else.
 #include <cctype>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "FakeHost.h"
 
@@ -78,7 +78,6 @@ int hand_over(FakeHost& host, const Bytes& all, size_t first, size_t size) {
 }
 
 Outcome converse(const Bytes& all, const Sizes& sizes) {
-    pro_sys_mode = 0; // conversions leave it behind, and storing a preset reads it
     FakeHost host;
     host.presets = {stored_preset(1, 0), stored_preset(2, 1), stored_preset(3, 2)};
     Outcome outcome;
@@ -100,10 +99,10 @@ Outcome converse(const Bytes& all, const Sizes& sizes) {
     return outcome;
 }
 
-const std::string kAppended = "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=";
+const std::string append_line_start = "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=";
 
 bool is_append_line(const std::string& line) {
-    return line.rfind(kAppended, 0) == 0;
+    return line.rfind(append_line_start, 0) == 0;
 }
 
 Transcript append_lines_of(const Transcript& transcript) {
@@ -127,7 +126,7 @@ Transcript append_lines_for(const Sizes& sizes) {
     size_t sum = 0;
     for (const size_t size : sizes) {
         sum += size;
-        expected.push_back(kAppended + std::to_string(size) +
+        expected.push_back(append_line_start + std::to_string(size) +
                            ", sm_BT_combine_length=" + std::to_string(sum));
     }
     return expected;

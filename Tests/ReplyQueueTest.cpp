@@ -1,7 +1,5 @@
-// Documents how replies are sent and how long they live: the frame and the send record, the queue of replies
-// whose confirmation is late, and what a confirmation frees.
-#include <gtest/gtest.h>
-
+// How replies are sent and how long they live: the frame and the send record, the queue of replies whose
+// confirmation is late, and what a confirmation frees.
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -9,16 +7,17 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "CommandLines.h"
 #include "FakeHost.h"
 
 namespace {
 
-// ---- Helpers
-// ----------------------------------------------------------------------------------------------------
+// ---- Helpers ------------------------------------------------------------------------------------
 
-const std::string kConfirmed = "GREEN ALG_SMM ADE_ShotMentor_Result_Manager result";
-const std::string kNothingToConfirm = "ERROR ALG_SMM ERR ADE_ShotMentor_Result_Manager NULL pointer ";
+const std::string confirmation_line = "GREEN ALG_SMM ADE_ShotMentor_Result_Manager result";
+const std::string nothing_to_confirm = "ERROR ALG_SMM ERR ADE_ShotMentor_Result_Manager NULL pointer ";
 
 std::string parked(const std::string& address, int count) {
     return "ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=" + address +
@@ -96,8 +95,7 @@ void free_lost(const FakeHost& host, size_t index) {
     std::free(host.replies.at(index).message.data);
 }
 
-// ---- At the start
-// -----------------------------------------------------------------------------------------------
+// ---- At the start -------------------------------------------------------------------------------
 
 // The state as the library is loaded, taken before the first host of the tests touches it.
 const unsigned char* const current_at_load = shotmentor_p_FullData;
@@ -114,13 +112,12 @@ TEST(ReplyQueue, IsEmptyWhenTheLibraryIsLoaded) {
 TEST(ReplyQueue, HasNothingToConfirmAtTheStart) {
     FakeHost host;
     EXPECT_EQ(host.confirm(), -1);
-    EXPECT_EQ(host.transcript, (Transcript{kConfirmed, kNothingToConfirm}));
+    EXPECT_EQ(host.transcript, (Transcript{confirmation_line, nothing_to_confirm}));
     EXPECT_EQ(shotmentor_p_FullData, nullptr);
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
 }
 
-// ---- One reply
-// --------------------------------------------------------------------------------------------------
+// ---- One reply ----------------------------------------------------------------------------------
 
 TEST(ReplyQueue, KeepsAReplyUntilItIsConfirmed) {
     FakeHost host;
@@ -132,7 +129,7 @@ TEST(ReplyQueue, KeepsAReplyUntilItIsConfirmed) {
     EXPECT_EQ(host.confirm(), 1);
     EXPECT_EQ(host.blocks_owned(), 0u);
     EXPECT_EQ(shotmentor_p_FullData, nullptr);
-    EXPECT_EQ(host.transcript, joined({sending(1, "#1"), {kConfirmed, freed_current("#1")}}));
+    EXPECT_EQ(host.transcript, joined({sending(1, "#1"), {confirmation_line, freed_current("#1")}}));
 
     EXPECT_EQ(host.confirm(), -1);
     EXPECT_EQ(host.freed, (std::vector<int>{0}));
@@ -183,8 +180,7 @@ TEST(ReplyQueue, StartsEveryReplyWithTheRequestsNumberPlus0x1000AndItsLength) {
     }
 }
 
-// ---- The send record
-// --------------------------------------------------------------------------------------------
+// ---- The send record ----------------------------------------------------------------------------
 
 TEST(SendRecord, Has100BytesWherePointersHave4) {
     EXPECT_EQ(sizeof(bt_msg_info), 96 + sizeof(void*));
@@ -227,8 +223,7 @@ TEST(SendRecord, IsRewrittenByTheNextSendWhileTheFirstReplyStaysUntouched) {
     EXPECT_EQ(Bytes(first, first + 30000), host.replies[0].buffer);
 }
 
-// ---- Late confirmations
-// -----------------------------------------------------------------------------------------
+// ---- Late confirmations -------------------------------------------------------------------------
 
 TEST(ReplyQueue, FreesTwoRepliesInTheOrderInWhichTheyWereSent) {
     FakeHost host;
@@ -248,8 +243,8 @@ TEST(ReplyQueue, FreesTwoRepliesInTheOrderInWhichTheyWereSent) {
     EXPECT_EQ(host.transcript, joined({
                                    sending(1, "#1"),
                                    sending(2, "#2", {parked("#1", 1)}),
-                                   {kConfirmed, freed_late("#1", 0)},
-                                   {kConfirmed, freed_current("#2")},
+                                   {confirmation_line, freed_late("#1", 0)},
+                                   {confirmation_line, freed_current("#2")},
                                }));
 }
 
@@ -296,8 +291,8 @@ TEST(ReplyQueue, CountsTheParkedRepliesInTheLog) {
                               without_calls(sending(1, "#1")),
                               without_calls(sending(2, "#2", {parked("#1", 1)})),
                               without_calls(sending(3, "#3", {parked("#2", 2)})),
-                              {kConfirmed, freed_late("#1", 1)},
-                              {kConfirmed, freed_late("#2", 0)},
+                              {confirmation_line, freed_late("#1", 1)},
+                              {confirmation_line, freed_late("#2", 0)},
                           }));
 }
 
@@ -313,8 +308,7 @@ TEST(ReplyQueue, HoldsTenRepliesBesideTheCurrentOne) {
     EXPECT_EQ(host.freed, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
 }
 
-// ---- The queue overflows
-// ----------------------------------------------------------------------------------------
+// ---- The queue overflows ------------------------------------------------------------------------
 
 TEST(ReplyQueue, LosesTheTenthOfTwelveUnconfirmedReplies) {
     FakeHost host;
@@ -385,8 +379,7 @@ TEST(ReplyQueue, TellsByItsCountAloneWhatItHolds) {
     EXPECT_EQ(host.blocks_owned(), 0u);
 }
 
-// ---- No current reply, but a queue
-// ------------------------------------------------------------------------------
+// ---- No current reply, but a queue --------------------------------------------------------------
 
 // Two replies in the queue and none current: what a third reply leaves for which there was no memory.
 void queue_two_without_a_current_reply(FakeHost& host) {
@@ -419,7 +412,7 @@ TEST(ReplyQueue, RefusesAConfirmationWithoutACurrentReplyAndLeavesTheQueueAlone)
     queue_two_without_a_current_reply(host);
     host.transcript.clear();
     EXPECT_EQ(host.confirm(), -1);
-    EXPECT_EQ(host.transcript, (Transcript{kConfirmed, kNothingToConfirm}));
+    EXPECT_EQ(host.transcript, (Transcript{confirmation_line, nothing_to_confirm}));
     EXPECT_EQ(queued(), (std::vector<int>{1, 2}));
     EXPECT_EQ(host.freed, std::vector<int>{});
 }

@@ -1,9 +1,9 @@
-// Documents request 0, with which the phone leaves the feature: it carries the phone's own result code, which
-// is logged and never answered.
-#include <gtest/gtest.h>
-
+// Request 0, with which the phone leaves the feature: it carries the phone's own result code, which is
+// logged and never answered.
 #include <climits>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "FakeHost.h"
 
@@ -100,8 +100,7 @@ TEST(StateOff, RecordsTheLinkStateAsOffEvenForACodeThatItRefuses) {
     EXPECT_EQ(host.calls(), (Transcript{"__ui_set_shotmentor_state(0)"}));
 }
 
-// ---- Called directly
-// ----------------------------------------------------------------------------------------------
+// ---- Called directly ----------------------------------------------------------------------------
 
 TEST(StateOff, ComparesTheLengthAsASignedNumberWhenCalledDirectly) {
     struct Case {

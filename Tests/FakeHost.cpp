@@ -191,7 +191,9 @@ bool __ui_get_bt_state_for_phone() {
 int __ui_get_custom_mode_list_info(tag_custom_info* presets, int* count) {
     note_call(__func__);
     std::copy(current->presets.begin(), current->presets.end(), presets);
-    *count = current->reported_count.value_or(static_cast<int>(current->presets.size()));
+    if (current->reports_count) {
+        *count = current->reported_count.value_or(static_cast<int>(current->presets.size()));
+    }
     return 0;
 }
 

@@ -61,6 +61,7 @@ class FakeHost {
     std::vector<tag_custom_info> presets;   // at most 40
     std::optional<int> reported_count;      // the count that the list reports, if not presets.size()
     int linked[2] = {-1, -1};               // the preset numbers that CUSTOM1 and CUSTOM2 use
+    bool reports_count = true;              // whether the list writes a count at all
     std::deque<int> linked_answers;         // answers given before `linked` is asked, one for each call
     std::optional<bool> preset_info_answer; // if not whether `presets` holds the custom_id
     std::function<void(tag_custom_info&)> fill_preset_info; // changes the record that a look-up answers

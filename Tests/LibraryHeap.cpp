@@ -20,6 +20,8 @@ void __interceptor_free(void* block) __attribute__((weak));
 namespace library_heap {
 namespace {
 
+constexpr int unwritten_byte = 0xA5;
+
 struct Block {
     const void* address;
     size_t size;
@@ -107,7 +109,7 @@ void plain_free(void* block) {
 }
 
 template<class Allocate>
-void* allocate(size_t size, const void* caller, Allocate plain) {
+void* allocate(size_t size, const void* caller, bool cleared, Allocate plain) {
     if (!is_library_code(caller)) {
         return plain();
     }
@@ -115,7 +117,11 @@ void* allocate(size_t size, const void* caller, Allocate plain) {
         errno = ENOMEM;
         return nullptr;
     }
-    return own(plain(), size);
+    void* const block = plain();
+    if (block != nullptr && !cleared) {
+        std::memset(block, unwritten_byte, size); // what the library does not write shows
+    }
+    return own(block, size);
 }
 
 } // namespace
@@ -164,12 +170,12 @@ void on_free(void (*watcher)(const void*)) {
 extern "C" {
 
 void* malloc(size_t size) {
-    return library_heap::allocate(size, __builtin_return_address(0),
+    return library_heap::allocate(size, __builtin_return_address(0), false,
                                   [=] { return library_heap::plain_malloc(size); });
 }
 
 void* calloc(size_t count, size_t size) {
-    return library_heap::allocate(count * size, __builtin_return_address(0),
+    return library_heap::allocate(count * size, __builtin_return_address(0), true,
                                   [=] { return library_heap::plain_calloc(count, size); });
 }
 

@@ -1,0 +1,779 @@
+// Function 5: the phone deletes presets. How the entries are checked, which presets a custom mode keeps, what
+// the UI service is handed, and what the reply says about the presets that are left.
+#include <climits>
+
+#include <gtest/gtest.h>
+
+#include "CommandLines.h"
+
+namespace {
+
+constexpr int nothing = -1; // a link of no custom mode, a kept preset that is none
+
+// The four words about the kept presets, as the log shows them and as they lie in the reply's buffer.
+struct Kept {
+    int first_number = nothing;
+    int first_id = nothing;
+    int second_number = nothing;
+    int second_id = nothing;
+};
+
+Bytes kept_words(const Kept& kept) {
+    return words({kept.first_number, kept.first_id, kept.second_number, kept.second_id});
+}
+
+// Where they lie, for a reply of `presets` records: far behind what is sent.
+size_t kept_position(size_t presets) {
+    return 80 + 2976 * presets;
+}
+
+Bytes head(int32_t length, int32_t result, int32_t presets) {
+    return words({0x1005, length, result, 1, presets});
+}
+
+// The whole reply buffer: what is sent, the words about the kept presets where they fit, and otherwise zeros.
+Bytes whole_buffer(const Bytes& sent, size_t presets, const Kept& kept) {
+    Bytes buffer = sent + zeros(30000 - sent.size());
+    const Bytes numbers = kept_words(kept);
+    if (kept_position(presets) + numbers.size() <= buffer.size()) {
+        std::copy(numbers.begin(), numbers.end(), buffer.begin() + static_cast<long>(kept_position(presets)));
+    }
+    return buffer;
+}
+
+// The lines from the reply buffer to the send, for a reply that goes out while none is unconfirmed.
+Transcript sent(int length, int result, int presets, const Kept& kept = {}) {
+    return {"PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1",
+            "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1005, return=" + std::to_string(result) +
+                ", SM_STRUCT_VER=1, num_Preset=" + std::to_string(presets),
+            "PLAIN ALG_SMM sendlength=" + std::to_string(length) + ", open_preset_num1=" +
+                std::to_string(kept.first_number) + ", open_custom_id1=" + std::to_string(kept.first_id) +
+                ", open_preset_num2=" + std::to_string(kept.second_number) +
+                ", open_custom_id2=" + std::to_string(kept.second_id),
+            "bt_send_msgs(" + std::to_string(length) + ")"};
+}
+
+const std::string faulty = "ERROR ALG_SMM SM_RETURN_STRUCT_ERR";
+
+std::string begins(unsigned entries) {
+    return "CYAN ALG_SMM ADE_SM_Delete_Preset() del_num=" + std::to_string(entries);
+}
+
+std::string entry(int word, int number, int id) {
+    return "PLAIN ALG_SMM " + std::to_string(word) + ": del_preset = " + std::to_string(number) +
+           ", del_id = " + std::to_string(id);
+}
+
+std::string looked_up(int id) {
+    return "__ui_get_preset_info(" + std::to_string(id) + ", -1)";
+}
+
+// How the command settles one custom mode: its question and what it makes of the answer.
+Transcript settled(int custom_mode, const std::string& verdict, int link) {
+    return {"__ui_get_linked_preseet_num_for_phone(" + std::to_string(custom_mode - 1) + ")",
+            verdict + ": " + std::to_string(link)};
+}
+
+std::string not_opened(int custom_mode) {
+    return "PLAIN ALG_SMM CUSTOM" + std::to_string(custom_mode) + " DEL SUCCESS - NOT OPENED";
+}
+
+std::string not_included(int custom_mode) {
+    const std::string mode = std::to_string(custom_mode);
+    return "PLAIN ALG_SMM CUSTOM" + mode + " DEL SUCCESS - not including custom" + mode;
+}
+
+std::string kept_index(int custom_mode) {
+    return "ERROR ALG_SMM CUSTOM" + std::to_string(custom_mode) + " DEL FAIL - BT del index";
+}
+
+std::string impossible(int custom_mode) {
+    return "ERROR ALG_SMM CUSTOM" + std::to_string(custom_mode) + " DEL FAIL - SYSTEM DATA_ERR";
+}
+
+// The lines from the question for the list to the marking of the custom modes' presets.
+Transcript listed(const std::vector<int>& ids, int link1 = nothing, int link2 = nothing) {
+    Transcript lines = {"__ui_get_custom_mode_list_info()",
+                        "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " +
+                            std::to_string(ids.size())};
+    for (const int id : ids) {
+        lines = joined({lines, converted_to_phone("Preset " + std::to_string(id), id)});
+    }
+    return joined({lines,
+                   {"__ui_get_linked_preseet_num_for_phone(0)",
+                    "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: " + std::to_string(link1),
+                    "__ui_get_linked_preseet_num_for_phone(1)",
+                    "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: " + std::to_string(link2)}});
+}
+
+// ---- Which entries are acted on
+// --------------------------------------------------------------------------------
+
+TEST(Delete, IsOneConversationFromThePacketToTheSend) {
+    FakeHost host;
+    host.presets = presets_from_100(3);
+    EXPECT_EQ(host.receive(request(5, words({1, 101}))), 1);
+    EXPECT_EQ(
+        without_conversions(host.transcript),
+        (Transcript{
+            "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=5",
+            "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=16",
+            "PLAIN ALG_SMM shotmentor_p_ReceiveData add=#1",
+            "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=16, sm_BT_combine_length=16",
+            "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=5, length=16",
+            "CYAN ALG_SMM ADE_SM_Delete_Preset() del_num=1",
+            "PLAIN ALG_SMM 0: del_preset = 1, del_id = 101",
+            "__ui_get_preset_info(101, -1)",
+            "__ui_get_linked_preseet_num_for_phone(0)",
+            "PLAIN ALG_SMM CUSTOM1 DEL SUCCESS - NOT OPENED: -1",
+            "__ui_get_linked_preseet_num_for_phone(1)",
+            "PLAIN ALG_SMM CUSTOM2 DEL SUCCESS - NOT OPENED: -1",
+            "__ui_preset_delete_form_phone(1)",
+            "__ui_get_custom_mode_list_info()",
+            "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 2",
+            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 100 custom_id : 100 "
+            "server_id : 0",
+            "User_Spec_Get_Value(272)",
+            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 102 custom_id : 102 "
+            "server_id : 0",
+            "User_Spec_Get_Value(272)",
+            "__ui_get_linked_preseet_num_for_phone(0)",
+            "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
+            "__ui_get_linked_preseet_num_for_phone(1)",
+            "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
+            "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
+            "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1005, return=1, SM_STRUCT_VER=1, num_Preset=2",
+            "PLAIN ALG_SMM sendlength=1508, open_preset_num1=-1, open_custom_id1=-1, open_preset_num2=-1, "
+            "open_custom_id2=-1",
+            "bt_send_msgs(1508)",
+            "PLAIN ALG_SMM free Receive add=#1",
+        }));
+    const Bytes reply = head(1508, 1, 2) + phone_record(preset(100, 0)) + phone_record(preset(102, 1));
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, reply);
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, Kept{}));
+}
+
+TEST(Delete, OfSevenBytesHasNoEntryAndIsRefusedAsFaultyData) {
+    FakeHost host;
+    host.presets = presets_from_100(3);
+    EXPECT_EQ(host.receive(request(5, slice(words({1, 101}), 0, 7))), -2);
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(0), "ERROR ALG_SMM SM_RETURN_DATA_ERR"}, sent(20, -2, 0)}));
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, head(20, -2, 0));
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(head(20, -2, 0), 0, Kept{}));
+}
+
+TEST(Delete, WithoutAPayloadIsRefusedAsFaultyData) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request(5)), -2);
+    EXPECT_EQ(host.calls(), (Transcript{"bt_send_msgs(20)"}));
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, head(20, -2, 0));
+}
+
+TEST(Delete, OfFifteenBytesHasOneEntry) {
+    FakeHost host;
+    host.presets = presets_from_100(3);
+    EXPECT_EQ(host.receive(request(5, slice(words({1, 101, 2, 102}), 0, 15))), 1);
+    const Transcript lines = command_lines(host.transcript);
+    EXPECT_EQ(Transcript(lines.begin(), lines.begin() + 3),
+              (Transcript{begins(1), entry(0, 1, 101), looked_up(101)}));
+    ASSERT_EQ(host.presets.size(), 2u);
+    EXPECT_EQ(host.presets[1].custom_id, 102);
+}
+
+TEST(Delete, CountsItsEntriesInWordsInTheLog) {
+    FakeHost host;
+    host.presets = presets_from_100(4);
+    EXPECT_EQ(host.receive(request(5, words({3, 103, 0, 100, 2, 102}))), 1);
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(3), entry(0, 3, 103), entry(2, 0, 100), entry(4, 2, 102), looked_up(103),
+                       looked_up(100), looked_up(102)},
+                      settled(1, not_opened(1), -1),
+                      settled(2, not_opened(2), -1),
+                      {"__ui_preset_delete_form_phone(0 2 3)"},
+                      listed({101}),
+                      sent(764, 1, 1)}));
+}
+
+TEST(Delete, OfIdentity0FailsAndDeletesNothingEvenAmongGoodEntries) {
+    FakeHost host;
+    host.presets = presets_from_100(3);
+    EXPECT_EQ(host.receive(request(5, words({1, 101, 2, 0, 0, 100}))), -3);
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(3), entry(0, 1, 101), entry(2, 2, 0), entry(4, 0, 100), looked_up(101), faulty,
+                       looked_up(0), faulty, looked_up(100)},
+                      sent(20, -3, 0)}));
+    EXPECT_EQ(host.presets.size(), 3u);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, head(20, -3, 0));
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(head(20, -3, 0), 0, Kept{}));
+}
+
+TEST(Delete, OfIdentity0FailsEvenWhereTheServiceKnowsIt) {
+    FakeHost host;
+    host.presets = {preset(0)};
+    EXPECT_EQ(host.receive(request(5, words({0, 0}))), -3);
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(1), entry(0, 0, 0), faulty, looked_up(0)}, sent(20, -3, 0)}));
+    EXPECT_EQ(host.presets.size(), 1u);
+}
+
+TEST(Delete, OfAPresetThatTheCameraDoesNotHaveFails) {
+    FakeHost host;
+    host.presets = presets_from_100(3);
+    EXPECT_EQ(host.receive(request(5, words({1, 999}))), -3);
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(1), entry(0, 1, 999), looked_up(999), faulty}, sent(20, -3, 0)}));
+    EXPECT_EQ(host.presets.size(), 3u);
+}
+
+TEST(Delete, OfANumberOutside0To39FailsAndDeletesNothing) {
+    for (const int number : {-1, -2, INT_MIN, 40, 41, 42, 43, 1000000, INT_MAX}) {
+        SCOPED_TRACE(number);
+        FakeHost host;
+        host.presets = presets_from_100(3);
+        EXPECT_EQ(host.receive(request(5, words({number, 100, 1, 101}))), -3);
+        EXPECT_EQ(command_lines(host.transcript), joined({{begins(2), entry(0, number, 100), entry(2, 1, 101),
+                                                           faulty, looked_up(100), looked_up(101)},
+                                                          sent(20, -3, 0)}));
+        EXPECT_EQ(host.presets.size(), 3u);
+        ASSERT_EQ(host.replies.size(), 1u);
+        EXPECT_EQ(host.replies[0].bytes, head(20, -3, 0));
+    }
+}
+
+TEST(Delete, ReportsEveryFaultOfAnEntry) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request(5, words({40, 0}))), -3);
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(1), entry(0, 40, 0), faulty, faulty, looked_up(0), faulty}, sent(20, -3, 0)}));
+}
+
+TEST(Delete, RunsAfterAFaultyRequestAsIfThatHadNeverBeen) {
+    FakeHost host;
+    host.presets = presets_from_100(3);
+    host.receive(request(5, words({2, 102, 0, 0})));
+    host.forget();
+    EXPECT_EQ(host.receive(request(5, words({1, 101}))), 1);
+    EXPECT_EQ(host.calls()[3], "__ui_preset_delete_form_phone(1)");
+}
+
+TEST(Delete, AsksForTheExistenceOfEachPresetWithAFreshLocalIdentity) {
+    FakeHost host;
+    host.presets = presets_from_100(2);
+    host.fill_preset_info = [](tag_custom_info& record) { record.applocal_id = 77; };
+    EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101}))), 1);
+    const Transcript calls = host.calls();
+    EXPECT_EQ((Transcript{calls[0], calls[1]}), (Transcript{looked_up(100), looked_up(101)}));
+}
+
+TEST(Delete, TakesTheSamePresetTwice) {
+    FakeHost host;
+    host.presets = presets_from_100(2);
+    EXPECT_EQ(host.receive(request(5, words({1, 101, 1, 101}))), 1);
+    EXPECT_EQ(host.calls()[4], "__ui_preset_delete_form_phone(1)");
+    EXPECT_EQ(host.presets.size(), 1u);
+}
+
+TEST(Delete, OfAllPresetsLeavesAnEmptyList) {
+    FakeHost host;
+    host.presets = presets_from_100(1);
+    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, head(20, 1, 0));
+}
+
+TEST(Delete, OfFortyPresetsMarksThemAll) {
+    FakeHost host;
+    host.presets = presets_from_100(40);
+    Bytes all;
+    std::string numbers;
+    for (int number = 0; number < 40; ++number) {
+        all = all + words({number, 100 + number});
+        numbers += (number == 0 ? "" : " ") + std::to_string(number);
+    }
+    EXPECT_EQ(host.receive(request(5, all)), 1);
+    EXPECT_EQ(host.calls()[42], "__ui_preset_delete_form_phone(" + numbers + ")");
+    EXPECT_TRUE(host.presets.empty());
+}
+
+// ---- Lengths that no request has
+// -------------------------------------------------------------------------------
+
+TEST(Delete, CalledWithANegativeLengthIsRefusedUnread) {
+    const struct {
+        int length;
+        unsigned entries;
+    } cases[] = {{-1, 536870911}, {-8, 536870911}, {-9, 536870910}, {INT_MIN, 268435456}};
+    for (const auto& [length, entries] : cases) {
+        SCOPED_TRACE(length);
+        FakeHost host;
+        host.presets = presets_from_100(3);
+        const Bytes payload = words({1, 101});
+        EXPECT_EQ(
+            host.call([&payload, length = length] { return ADE_SM_Delete_Preset(payload.data(), length); }),
+            -3);
+        EXPECT_EQ(host.transcript, joined({{begins(entries), faulty}, sent(20, -3, 0)}));
+        ASSERT_EQ(host.replies.size(), 1u);
+        EXPECT_EQ(host.replies[0].bytes, head(20, -3, 0));
+        EXPECT_EQ(host.replies[0].buffer, whole_buffer(head(20, -3, 0), 0, Kept{}));
+    }
+}
+
+TEST(Delete, ThatAnnouncesLessThanItsHeaderIsRefusedUnread) {
+    FakeHost host;
+    EXPECT_EQ(host.receive_with_length(words({5, 4}), 4), -3);
+    EXPECT_EQ(command_lines(host.transcript), joined({{begins(536870911), faulty}, sent(20, -3, 0)}));
+}
+
+TEST(Delete, CalledWith75000EntriesIsRefusedUnread) {
+    FakeHost host;
+    const Bytes payload = zeros(600000);
+    EXPECT_EQ(host.call([&] { return ADE_SM_Delete_Preset(payload.data(), 600000); }), -3);
+    EXPECT_EQ(host.transcript, joined({{begins(75000), faulty}, sent(20, -3, 0)}));
+}
+
+TEST(Delete, OfTheLongestRequestReadsAll74999Entries) {
+    FakeHost host;
+    host.presets = presets_from_100(2);
+    Bytes all(599992);
+    const Bytes first = words({1, 101});
+    for (size_t at = 0; at < all.size(); at += first.size()) {
+        std::copy(first.begin(), first.end(), all.begin() + static_cast<long>(at));
+    }
+    EXPECT_EQ(host.receive(request(5, all)), 1);
+    const Transcript lines = command_lines(host.transcript);
+    ASSERT_GT(lines.size(), 2u * 74999u);
+    EXPECT_EQ(lines[0], begins(74999));
+    EXPECT_EQ(lines[74999], entry(149996, 1, 101));
+    EXPECT_EQ(lines[2 * 74999], looked_up(101));
+    EXPECT_EQ(host.presets.size(), 1u);
+}
+
+// ---- Presets that a custom mode keeps
+// --------------------------------------------------------------------------
+
+TEST(Delete, KeepsThePresetOfCustom1AndDeletesTheOthers) {
+    FakeHost host;
+    host.presets = presets_from_100(4);
+    host.linked[0] = 3;
+    EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101, 3, 103}))), -7);
+    const Kept kept = {1, 103, nothing, nothing}; // number 3 has become number 1
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(3), entry(0, 0, 100), entry(2, 1, 101), entry(4, 3, 103), looked_up(100),
+                       looked_up(101), looked_up(103)},
+                      settled(1, kept_index(1), 3),
+                      settled(2, not_opened(2), -1),
+                      {"__ui_preset_delete_form_phone(0 1)"},
+                      listed({102, 103}, 1),
+                      sent(1516, -7, 2, kept)}));
+    const Bytes reply =
+        head(1516, -7, 2) + phone_record(preset(102, 0)) + phone_record(preset(103, 1), 1) + zeros(8);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, reply);
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, kept));
+}
+
+TEST(Delete, KeepsThePresetOfCustom2AndDeletesTheOthers) {
+    FakeHost host;
+    host.presets = presets_from_100(4);
+    host.linked[0] = 2;
+    host.linked[1] = 3;
+    EXPECT_EQ(host.receive(request(5, words({0, 100, 3, 103}))), -7);
+    const Kept kept = {2, 103, 2, 103}; // with none kept for CUSTOM1 both pairs tell of CUSTOM2
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(2), entry(0, 0, 100), entry(2, 3, 103), looked_up(100), looked_up(103)},
+                      settled(1, not_included(1), 2),
+                      settled(2, kept_index(2), 3),
+                      {"__ui_preset_delete_form_phone(0)"},
+                      listed({101, 102, 103}, 1, 2),
+                      sent(2260, -7, 3, kept)}));
+    const Bytes reply = head(2260, -7, 3) + phone_record(preset(101, 0)) + phone_record(preset(102, 1), 1) +
+                        phone_record(preset(103, 2), 2) + zeros(8);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, reply);
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 3, kept));
+}
+
+TEST(Delete, KeepsThePresetsOfBothCustomModes) {
+    FakeHost host;
+    host.presets = presets_from_100(4);
+    host.linked[0] = 3;
+    host.linked[1] = 1;
+    EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101, 3, 103}))), -8);
+    const Kept kept = {2, 103, 0, 101};
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(3), entry(0, 0, 100), entry(2, 1, 101), entry(4, 3, 103), looked_up(100),
+                       looked_up(101), looked_up(103)},
+                      settled(1, kept_index(1), 3),
+                      settled(2, kept_index(2), 1),
+                      {"__ui_preset_delete_form_phone(0)"},
+                      listed({101, 102, 103}, 2, 0),
+                      sent(2268, -8, 3, kept)}));
+    const Bytes reply = head(2268, -8, 3) + phone_record(preset(101, 0), 2) + phone_record(preset(102, 1)) +
+                        phone_record(preset(103, 2), 1) + zeros(16);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, reply);
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 3, kept));
+}
+
+TEST(Delete, KeepsThePresetThatBothCustomModesUseOnBehalfOfCustom1) {
+    FakeHost host;
+    host.presets = presets_from_100(3);
+    host.linked[0] = host.linked[1] = 1;
+    EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101}))), -7);
+    const Kept kept = {0, 101, nothing, nothing};
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(2), entry(0, 0, 100), entry(2, 1, 101), looked_up(100), looked_up(101)},
+                      settled(1, kept_index(1), 1),
+                      settled(2, not_included(2), 1),
+                      {"__ui_preset_delete_form_phone(0)"},
+                      listed({101, 102}, 0, 0),
+                      sent(1516, -7, 2, kept)}));
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes,
+              head(1516, -7, 2) + phone_record(preset(101, 0), 2) + phone_record(preset(102, 1)) + zeros(8));
+}
+
+TEST(Delete, HandsAnEmptyTableOverWhenEveryPresetIsKept) {
+    FakeHost host;
+    host.presets = presets_from_100(1);
+    host.linked[0] = 0;
+    EXPECT_EQ(host.receive(request(5, words({0, 100}))), -7);
+    EXPECT_EQ(host.calls()[3], "__ui_preset_delete_form_phone()");
+    const Bytes reply = head(772, -7, 1) + phone_record(preset(100, 0), 1) + zeros(8);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, reply);
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 1, Kept{0, 100, nothing, nothing}));
+}
+
+TEST(Delete, LooksAKeptPresetUpByTheIdentityThatThePhoneGave) {
+    FakeHost host;
+    host.presets = presets_from_100(4);
+    host.linked[0] = 3;
+    EXPECT_EQ(host.receive(request(5, words({0, 100, 3, 102}))), -7);
+    // Number 3 is kept, but the phone called it 102, and preset 102 is number 1 now.
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(2), entry(0, 0, 100), entry(2, 3, 102), looked_up(100), looked_up(102)},
+                      settled(1, kept_index(1), 3),
+                      settled(2, not_opened(2), -1),
+                      {"__ui_preset_delete_form_phone(0)"},
+                      listed({101, 102, 103}, 2),
+                      sent(2260, -7, 3, Kept{1, 102, nothing, nothing})}));
+}
+
+TEST(Delete, TakesTheIdentityOfTheLastEntryThatNamesAKeptPreset) {
+    FakeHost host;
+    host.presets = presets_from_100(4);
+    host.linked[1] = 2;
+    EXPECT_EQ(host.receive(request(5, words({2, 100, 2, 103, 2, 101}))), -7);
+    const Transcript lines = command_lines(host.transcript);
+    const Transcript end = sent(3004, -7, 4, Kept{1, 101, 1, 101});
+    EXPECT_EQ(Transcript(lines.end() - 4, lines.end()), end);
+}
+
+TEST(Delete, KeepsTheOldNumberOfAPresetThatTheListNoLongerNames) {
+    FakeHost host;
+    host.presets = presets_from_100(4);
+    host.linked[0] = 3;
+    // The phone calls number 3 by the identity of number 0, which is deleted.
+    EXPECT_EQ(host.receive(request(5, words({0, 100, 3, 100}))), -7);
+    const Transcript lines = command_lines(host.transcript);
+    const Transcript end = sent(2260, -7, 3, Kept{3, 100, nothing, nothing});
+    EXPECT_EQ(Transcript(lines.end() - 4, lines.end()), end);
+}
+
+TEST(Delete, ReportsAStoredPresetWithIdentityMinus1AsKeptForBothCustomModes) {
+    FakeHost host;
+    host.presets = {preset(100, 0), preset(101, 1), preset(-1, 2)};
+    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    const Kept kept = {1, -1, 1, -1};
+    EXPECT_EQ(command_lines(host.transcript), joined({{begins(1), entry(0, 0, 100), looked_up(100)},
+                                                      settled(1, not_opened(1), -1),
+                                                      settled(2, not_opened(2), -1),
+                                                      {"__ui_preset_delete_form_phone(0)"},
+                                                      listed({101, -1}),
+                                                      sent(1524, 1, 2, kept)}));
+    const Bytes reply =
+        head(1524, 1, 2) + phone_record(preset(101, 0)) + phone_record(preset(-1, 1)) + zeros(16);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, reply);
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, kept));
+}
+
+// ---- What the UI service may answer
+// ----------------------------------------------------------------------------
+
+TEST(Delete, ReportsAnImpossibleLinkAndStillDeletes) {
+    for (const int link : {41, INT_MAX, -2, INT_MIN}) {
+        SCOPED_TRACE(link);
+        FakeHost host;
+        host.presets = presets_from_100(2);
+        host.linked_answers = {link, -1, -1, -1};
+        EXPECT_EQ(host.receive(request(5, words({0, 100}))), 0);
+        const Kept kept = {link, nothing, nothing, nothing};
+        EXPECT_EQ(command_lines(host.transcript), joined({{begins(1), entry(0, 0, 100), looked_up(100)},
+                                                          settled(1, impossible(1), link),
+                                                          settled(2, not_opened(2), -1),
+                                                          {"__ui_preset_delete_form_phone(0)"},
+                                                          listed({101}),
+                                                          sent(772, 0, 1, kept)}));
+        const Bytes reply = head(772, 0, 1) + phone_record(preset(101, 0)) + zeros(8);
+        ASSERT_EQ(host.replies.size(), 1u);
+        EXPECT_EQ(host.replies[0].bytes, reply);
+        EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 1, kept));
+    }
+}
+
+TEST(Delete, ReportsAnImpossibleLinkOfCustom2InBothPairs) {
+    for (const int link : {41, INT_MAX, -2, INT_MIN}) {
+        SCOPED_TRACE(link);
+        FakeHost host;
+        host.presets = presets_from_100(1);
+        host.linked_answers = {-1, link, -1, -1};
+        EXPECT_EQ(host.receive(request(5, words({0, 100}))), 0);
+        const Kept kept = {link, nothing, link, nothing};
+        EXPECT_EQ(command_lines(host.transcript), joined({{begins(1), entry(0, 0, 100), looked_up(100)},
+                                                          settled(1, not_opened(1), -1),
+                                                          settled(2, impossible(2), link),
+                                                          {"__ui_preset_delete_form_phone(0)"},
+                                                          listed({}),
+                                                          sent(28, 0, 0, kept)}));
+        const Bytes reply = head(28, 0, 0) + zeros(8);
+        ASSERT_EQ(host.replies.size(), 1u);
+        EXPECT_EQ(host.replies[0].bytes, reply);
+        EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 0, kept));
+    }
+}
+
+TEST(Delete, TakesLink40ForAPresetThatWasNotAskedFor) {
+    FakeHost host;
+    host.presets = presets_from_100(2);
+    host.linked_answers = {40, 40, 40, 40};
+    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    EXPECT_EQ(command_lines(host.transcript), joined({{begins(1), entry(0, 0, 100), looked_up(100)},
+                                                      settled(1, not_included(1), 40),
+                                                      settled(2, not_included(2), 40),
+                                                      {"__ui_preset_delete_form_phone(0)"},
+                                                      listed({101}, 40, 40),
+                                                      sent(764, 1, 1)}));
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, head(764, 1, 1) + phone_record(preset(101, 0)));
+}
+
+TEST(Delete, MarksNoPresetForALinkOutside0To39) {
+    for (const int link : {-2, INT_MIN, 39, 40, 41, INT_MAX}) {
+        SCOPED_TRACE(link);
+        FakeHost host;
+        host.presets = presets_from_100(2);
+        host.linked_answers = {-1, -1, link, link};
+        EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+        ASSERT_EQ(host.replies.size(), 1u);
+        EXPECT_EQ(host.replies[0].bytes, head(764, 1, 1) + phone_record(preset(101, 0)));
+        EXPECT_EQ(host.replies[0].buffer, whole_buffer(host.replies[0].bytes, 1, Kept{}));
+    }
+}
+
+TEST(Delete, MarksTheLastOfFortyPresets) {
+    FakeHost host;
+    host.presets = presets_from_100(40);
+    host.deletes = false;
+    host.linked[1] = 39;
+    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    ASSERT_EQ(host.replies.size(), 1u);
+    ASSERT_EQ(host.replies[0].bytes.size(), 29780u);
+    EXPECT_EQ(slice(host.replies[0].bytes, 20 + 39 * 744, 744), phone_record(preset(139, 39), 2));
+}
+
+// What an answer about a custom mode's preset means for a deletion of the presets 0 and 1.
+enum class Answer { harmless, impossible, asked_for };
+
+struct LinkAnswer {
+    int link;
+    Answer meaning;
+};
+
+int result_of(Answer custom1, Answer custom2) {
+    const int results[3][3] = {
+        // CUSTOM2: harmless, impossible, asked for
+        {1, 0, -7},  // CUSTOM1: harmless
+        {0, 0, -7},  // impossible
+        {-7, 0, -8}, // asked for
+    };
+    return results[static_cast<int>(custom1)][static_cast<int>(custom2)];
+}
+
+TEST(Delete, WeighsTheLinksOfBothCustomModes) {
+    using enum Answer;
+    const LinkAnswer of_custom1[] = {{-1, harmless},   {2, harmless},    {39, harmless}, {40, harmless},
+                                     {-2, impossible}, {41, impossible}, {0, asked_for}};
+    const LinkAnswer of_custom2[] = {{-1, harmless},   {2, harmless},    {39, harmless}, {40, harmless},
+                                     {-2, impossible}, {41, impossible}, {1, asked_for}};
+    for (const LinkAnswer& first : of_custom1) {
+        for (const LinkAnswer& second : of_custom2) {
+            SCOPED_TRACE(std::to_string(first.link) + " and " + std::to_string(second.link));
+            FakeHost host;
+            host.presets = presets_from_100(3);
+            host.deletes = false;
+            host.linked_answers = {first.link, second.link, -1, -1};
+            const int result = result_of(first.meaning, second.meaning);
+            EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101}))), result);
+
+            std::string marked = first.meaning == asked_for ? "" : "0";
+            if (second.meaning != asked_for) {
+                marked += marked.empty() ? "1" : " 1";
+            }
+            EXPECT_EQ(host.calls()[4], "__ui_preset_delete_form_phone(" + marked + ")");
+
+            const int reported = (first.meaning != harmless ? 1 : 0) + (second.meaning != harmless ? 1 : 0);
+            const int length = 20 + 3 * 744 + 8 * reported;
+            ASSERT_EQ(host.replies.size(), 1u);
+            EXPECT_EQ(host.replies[0].bytes, head(length, result, 3) + phone_record(preset(100, 0)) +
+                                                 phone_record(preset(101, 1)) + phone_record(preset(102, 2)) +
+                                                 zeros(static_cast<size_t>(8 * reported)));
+        }
+    }
+}
+
+TEST(Delete, TakesAnImpossibleCountForTheNearestPossibleOne) {
+    const struct {
+        int reported;
+        int taken;
+    } cases[] = {{-1, 0}, {INT_MIN, 0}, {41, 40}, {INT_MAX, 40}};
+    for (const auto& [reported, taken] : cases) {
+        SCOPED_TRACE(reported);
+        FakeHost host;
+        host.presets = presets_from_100(40);
+        host.deletes = false;
+        host.reported_count = reported;
+        EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+        EXPECT_EQ(command_lines(host.transcript)[9],
+                  "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " +
+                      std::to_string(reported));
+        Bytes records;
+        for (int number = 0; number < taken; ++number) {
+            records = records + phone_record(preset(100 + number, number));
+        }
+        ASSERT_EQ(host.replies.size(), 1u);
+        EXPECT_EQ(host.replies[0].bytes, head(20 + 744 * taken, 1, taken) + records);
+    }
+}
+
+TEST(Delete, SendsZerosForAPresetThatTheServiceCountedButDidNotWrite) {
+    FakeHost host;
+    leave_presets_on_the_heap(host);
+    host.presets = presets_from_100(2);
+    host.reported_count = 2;
+    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, head(1508, 1, 2) + phone_record(preset(101, 0)) + zeros(744));
+}
+
+// ---- The reply
+// -------------------------------------------------------------------------------------------------
+
+TEST(Delete, PlacesTheWordsAboutKeptPresetsFarBehindTheReplyWhileTheyFitTheBuffer) {
+    for (const int presets : {1, 2, 9, 10, 11, 12, 40}) {
+        SCOPED_TRACE(presets);
+        FakeHost host;
+        host.presets = presets_from_100(presets);
+        host.linked[0] = 0;
+        EXPECT_EQ(host.receive(request(5, words({0, 100}))), -7);
+        const Kept kept = {0, 100, nothing, nothing};
+        const int length = 20 + 744 * presets + 8;
+        const Transcript lines = command_lines(host.transcript);
+        EXPECT_EQ(Transcript(lines.end() - 4, lines.end()), sent(length, -7, presets, kept));
+
+        Bytes reply = head(length, -7, presets) + phone_record(preset(100, 0), 1);
+        for (int number = 1; number < presets; ++number) {
+            reply = reply + phone_record(preset(100 + number, number));
+        }
+        reply = reply + zeros(8);
+        ASSERT_EQ(host.replies.size(), 1u);
+        EXPECT_EQ(host.replies[0].bytes, reply);
+        EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, static_cast<size_t>(presets), kept));
+    }
+}
+
+TEST(Delete, PlacesTheWordsAboutKeptPresetsOfTenAtTheBytes29840To29855) {
+    FakeHost host;
+    host.presets = presets_from_100(10);
+    host.linked[0] = 4;
+    host.linked[1] = 7;
+    EXPECT_EQ(host.receive(request(5, words({4, 104, 7, 107}))), -8);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes.size(), 7476u);
+    EXPECT_EQ(slice(host.replies[0].buffer, 29840, 16), words({4, 104, 7, 107}));
+    EXPECT_EQ(slice(host.replies[0].buffer, 29856, 144), zeros(144));
+}
+
+TEST(Delete, SendsZerosInTheTrailingBytesWhateverTheHeapHeldBefore) {
+    FakeHost host;
+    leave_presets_on_the_heap(host);
+    host.presets = presets_from_100(2);
+    host.linked[0] = 0;
+    host.linked[1] = 1;
+    EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101}))), -8);
+    const Bytes reply =
+        head(1524, -8, 2) + phone_record(preset(100, 0), 1) + phone_record(preset(101, 1), 2) + zeros(16);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, reply);
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, Kept{0, 100, 1, 101}));
+}
+
+TEST(Delete, ReportsEveryPresetWhenTheServiceDeletesNone) {
+    FakeHost host;
+    host.presets = presets_from_100(2);
+    host.deletes = false;
+    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes,
+              head(1508, 1, 2) + phone_record(preset(100, 0)) + phone_record(preset(101, 1)));
+}
+
+TEST(Delete, OwnsNothingButTheReplyWhenItHasBeenSent) {
+    FakeHost host;
+    host.presets = presets_from_100(40);
+    host.receive(request(5, words({0, 100})));
+    EXPECT_EQ(host.blocks_owned(), 1u);
+    EXPECT_EQ(host.bytes_owned(), 30000u);
+    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.blocks_owned(), 0u);
+}
+
+TEST(Delete, AllocatesTheReplyAloneWhenItIsRefused) {
+    FakeHost host;
+    const Bytes payload = words({0, 0});
+    EXPECT_EQ(host.call([&] { return ADE_SM_Delete_Preset(payload.data(), 8); }), -3);
+    EXPECT_EQ(host.allocations_asked(), 1);
+}
+
+TEST(Delete, ParksAReplyThatIsStillUnconfirmed) {
+    FakeHost host;
+    host.receive(request(5));
+    host.receive(request(5));
+    const Transcript refused = {begins(0), "ERROR ALG_SMM SM_RETURN_DATA_ERR"};
+    Transcript second = sent(20, -2, 0);
+    second[0] = "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2";
+    EXPECT_EQ(
+        command_lines(host.transcript),
+        joined(
+            {refused,
+             sent(20, -2, 0),
+             refused,
+             {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1"},
+             second}));
+}
+
+TEST(Delete, DoesNotAskWhetherThePhoneLinkIsUp) {
+    FakeHost host;
+    host.link_up = false;
+    host.presets = presets_from_100(1);
+    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    EXPECT_EQ(host.replies.size(), 1u);
+}
+
+} // namespace

@@ -1,0 +1,288 @@
+// Function 3: the phone stores a preset, record and picture. Which lengths are converted and saved, what the
+// UI service is handed, and how the new preset's identity travels back.
+#include <climits>
+
+#include <gtest/gtest.h>
+
+#include "CommandLines.h"
+
+namespace {
+
+// An automatic preset of a KT camera of another maker: its conversion leaves every word but `ev_step` as it
+// is.
+sm_tag_custom_info automatic_preset() {
+    sm_tag_custom_info phone{};
+    put_text(phone.title, "Harbour");
+    phone.mode = 1;
+    phone.ev_step = 50;
+    phone.preset_num = 5;
+    phone.custom_id = 6;
+    phone.applocal_id = 7;
+    phone.server_id = 8;
+    phone.made_id = 0x44;
+    put_text(phone.screennail_path, "/phone/7.jpg");
+    phone.linked_custom_mode = 2;
+    return phone;
+}
+
+// The same preset as the camera reads it.
+tag_custom_info automatic_preset_of_camera() {
+    const sm_tag_custom_info phone = automatic_preset();
+    tag_custom_info camera{};
+    std::memcpy(&camera, &phone, sizeof camera);
+    camera.ev_step = 15;
+    return camera;
+}
+
+Bytes store_request(size_t payload_length) {
+    const Bytes whole = image(automatic_preset()) + pattern(payload_length);
+    return request(3, slice(whole, 0, payload_length));
+}
+
+Bytes store_reply(int32_t result, int32_t preset_num, int32_t custom_id, int32_t applocal_id) {
+    return words({0x1003, 24, result, preset_num, custom_id, applocal_id});
+}
+
+std::string begins(int length) {
+    return "CYAN ALG_SMM ADE_SM_Receive_Preset() length=" + std::to_string(length) +
+           ", sizeof(sm_tag_custom_info)=744";
+}
+
+const std::string converted =
+    "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Harbour custom_id : 6 server_id : 8";
+const std::string too_short = "ERROR ALG_SMM SM_RETURN_STRUCT_ERR";
+const std::string no_picture = "ERROR ALG_SMM SM_RETURN_JPG_ERR";
+const std::string allocated = "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1";
+const std::string send_call = "bt_send_msgs(24)";
+
+std::string send_line(int result, int preset_num, int custom_id, int applocal_id) {
+    return "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1003, sendlength=24, return=" + std::to_string(result) +
+           ", preset_num=" + std::to_string(preset_num) + ", custom_id=" + std::to_string(custom_id) +
+           ", applocal_id=" + std::to_string(applocal_id);
+}
+
+TEST(Store, IsOneConversationFromThePacketToTheSend) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(store_request(844)), 1);
+    EXPECT_EQ(without_conversions(host.transcript),
+              (Transcript{
+                  "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=3",
+                  "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=852",
+                  "PLAIN ALG_SMM shotmentor_p_ReceiveData add=#1",
+                  "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=852, sm_BT_combine_length=852",
+                  "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=3, length=852",
+                  "CYAN ALG_SMM ADE_SM_Receive_Preset() length=844, sizeof(sm_tag_custom_info)=744",
+                  "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Harbour custom_id : 6 "
+                  "server_id : 8",
+                  "__ui_save_downloaded_preset(100)",
+                  "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
+                  "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1003, sendlength=24, return=1, preset_num=5, "
+                  "custom_id=6, applocal_id=7",
+                  "bt_send_msgs(24)",
+                  "PLAIN ALG_SMM free Receive add=#1",
+              }));
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, store_reply(1, 5, 6, 7));
+    EXPECT_EQ(host.replies[0].buffer, store_reply(1, 5, 6, 7) + zeros(30000 - 24));
+}
+
+TEST(Store, HandsTheConvertedRecordAndThePictureToTheService) {
+    FakeHost host;
+    host.receive(store_request(844));
+    ASSERT_EQ(host.saved.size(), 1u);
+    EXPECT_EQ(image(host.saved[0].record), image(automatic_preset_of_camera()));
+    EXPECT_EQ(host.saved[0].length, 100);
+    EXPECT_EQ(host.saved[0].image, pattern(100));
+}
+
+TEST(Store, Of743BytesLogsBothErrorsAndReportsTheMissingPicture) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(store_request(743)), -4);
+    // The conversion's own trace would show that it ran; there is none.
+    const Transcript all = host.transcript;
+    EXPECT_EQ(all, without_conversions(all));
+    EXPECT_EQ(command_lines(all),
+              (Transcript{begins(743), too_short, no_picture, allocated, send_line(-4, 0, 0, 0), send_call}));
+    EXPECT_TRUE(host.saved.empty());
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, store_reply(-4, 0, 0, 0));
+}
+
+TEST(Store, WithoutAPayloadLogsBothErrorsAndReportsTheMissingPicture) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request(3)), -4);
+    EXPECT_EQ(command_lines(host.transcript),
+              (Transcript{begins(0), too_short, no_picture, allocated, send_line(-4, 0, 0, 0), send_call}));
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, store_reply(-4, 0, 0, 0));
+}
+
+TEST(Store, WithFewerThan100BytesOfPictureIsConvertedButNotSaved) {
+    for (const int length : {744, 843}) {
+        SCOPED_TRACE(length);
+        FakeHost host;
+        EXPECT_EQ(host.receive(store_request(static_cast<size_t>(length))), -4);
+        EXPECT_EQ(command_lines(host.transcript), (Transcript{begins(length), converted, no_picture,
+                                                              allocated, send_line(-4, 5, 6, 7), send_call}));
+        EXPECT_TRUE(host.saved.empty());
+        ASSERT_EQ(host.replies.size(), 1u);
+        EXPECT_EQ(host.replies[0].bytes, store_reply(-4, 5, 6, 7));
+        EXPECT_EQ(host.replies[0].buffer, store_reply(-4, 5, 6, 7) + zeros(30000 - 24));
+    }
+}
+
+TEST(Store, ReportsTheIdentityThatTheServiceGaveThePreset) {
+    FakeHost host;
+    host.save = [](tag_custom_info& record) {
+        record.preset_num = 12;
+        record.custom_id = -34;
+        record.applocal_id = 56;
+        return 1;
+    };
+    EXPECT_EQ(host.receive(store_request(844)), 1);
+    EXPECT_EQ(command_lines(host.transcript),
+              (Transcript{begins(844), converted, "__ui_save_downloaded_preset(100)", allocated,
+                          send_line(1, 12, -34, 56), send_call}));
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, store_reply(1, 12, -34, 56));
+}
+
+TEST(Store, CarriesWhateverTheServiceAnswersToThePhone) {
+    for (const int answer : {1, 0, -1, -9, 4711, INT_MAX, INT_MIN}) {
+        SCOPED_TRACE(answer);
+        FakeHost host;
+        host.save = [answer](tag_custom_info&) { return answer; };
+        EXPECT_EQ(host.receive(store_request(900)), answer);
+        ASSERT_EQ(host.replies.size(), 1u);
+        EXPECT_EQ(host.replies[0].bytes, store_reply(answer, 5, 6, 7));
+        EXPECT_EQ(command_lines(host.transcript),
+                  (Transcript{begins(900), converted, "__ui_save_downloaded_preset(156)", allocated,
+                              send_line(answer, 5, 6, 7), send_call}));
+    }
+}
+
+TEST(Store, ConvertsThePhonesCodesToTheCameras) {
+    FakeHost host;
+    sm_tag_custom_info phone = automatic_preset();
+    phone.mode = 4;
+    phone.av_index = 28;
+    phone.tv_index = 48;
+    phone.iso = 400;
+    phone.iso_1_3 = 10;
+    phone.ev_step = 60;
+    phone.cs_info.color_style = 5;
+    phone.cs_info.cs_color_off_color = 3;
+    phone.cs_info.cs_color[0].cs_color_g = -5;
+    phone.cs_info.cs_color[9].cs_color_r = 128;
+    phone.cs_info.cs_color[12].cs_color_b = 255;
+
+    tag_custom_info camera{};
+    std::memcpy(&camera, &phone, sizeof camera);
+    camera.av_index = 48;
+    camera.tv_index = 65520;
+    camera.iso = 3;
+    camera.iso_1_3 = 8;
+    camera.ev_step = 18;
+    camera.cs_info.cs_color[0].cs_color_g = 0;
+    camera.cs_info.cs_color[9].cs_color_r = 100;
+    camera.cs_info.cs_color[12].cs_color_b = 199;
+
+    pro_sys_mode = 4; // 3, from a list before, would leave the aperture to the camera
+    host.receive(request(3, image(phone) + pattern(100)));
+    ASSERT_EQ(host.saved.size(), 1u);
+    EXPECT_EQ(image(host.saved[0].record), image(camera));
+}
+
+TEST(Store, HandsATitleWithoutANulOverAndLogs52CharactersOfIt) {
+    FakeHost host;
+    sm_tag_custom_info phone = automatic_preset();
+    put_text(phone.title, fifty_two_characters);
+    host.receive(request(3, image(phone) + pattern(100)));
+    ASSERT_EQ(host.saved.size(), 1u);
+    EXPECT_EQ(slice(image(host.saved[0].record), 0, 56), slice(image(phone), 0, 56));
+    EXPECT_EQ(command_lines(host.transcript)[1],
+              "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : " + fifty_two_characters +
+                  " custom_id : 6 server_id : 8");
+}
+
+TEST(Store, TakesALongPictureInManyPackets) {
+    FakeHost host;
+    const Bytes long_request = request(3, image(automatic_preset()) + pattern(5000));
+    EXPECT_EQ(host.receive_in_packets(long_request, {8, 700, 44, 1, 3000}), 1);
+    ASSERT_EQ(host.saved.size(), 1u);
+    EXPECT_EQ(host.saved[0].length, 5000);
+    EXPECT_EQ(host.saved[0].image, pattern(5000));
+    ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(host.replies[0].bytes, store_reply(1, 5, 6, 7));
+}
+
+TEST(Store, TakesThePictureOfTheLongestRequest) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(request(3, image(automatic_preset()) + pattern(599248))), 1);
+    ASSERT_EQ(host.saved.size(), 1u);
+    EXPECT_EQ(host.saved[0].length, 599248);
+    EXPECT_TRUE(host.saved[0].image == pattern(599248));
+}
+
+TEST(Store, ThatAnnouncesLessThanItsHeaderHandsANegativePictureLengthOver) {
+    FakeHost host;
+    host.save = [](tag_custom_info&) { return -2; };
+    // Four bytes are the whole request: the payload's length is -4, that of the picture -4 - 744.
+    EXPECT_EQ(host.receive_with_length(words({3, 4}), 4), -2);
+    EXPECT_EQ(
+        command_lines(host.transcript),
+        (Transcript{
+            begins(-4),
+            "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title :  custom_id : 0 server_id : 0",
+            "__ui_save_downloaded_preset(-748)", allocated, send_line(-2, 0, 0, 0), send_call}));
+    ASSERT_EQ(host.saved.size(), 1u);
+    EXPECT_EQ(host.saved[0].length, -748);
+}
+
+TEST(Store, CalledWithANegativeLengthCountsItAsLong) {
+    const Bytes payload = image(automatic_preset());
+    const struct {
+        int length;
+        int picture;
+    } cases[] = {{-1, -745}, {-8, -752}, {INT_MIN + 744, INT_MIN}};
+    for (const auto& [length, picture] : cases) {
+        SCOPED_TRACE(length);
+        FakeHost host;
+        EXPECT_EQ(
+            host.call([&payload, length = length] { return ADE_SM_Receive_Preset(payload.data(), length); }),
+            1);
+        EXPECT_EQ(command_lines(host.transcript),
+                  (Transcript{begins(length), converted,
+                              "__ui_save_downloaded_preset(" + std::to_string(picture) + ")", allocated,
+                              send_line(1, 5, 6, 7), send_call}));
+        ASSERT_EQ(host.saved.size(), 1u);
+        EXPECT_EQ(host.saved[0].length, picture);
+        EXPECT_EQ(image(host.saved[0].record), image(automatic_preset_of_camera()));
+    }
+}
+
+TEST(Store, CalledWithATooShortPayloadReadsNothingBeyondIt) {
+    FakeHost host;
+    const Bytes payload = slice(image(automatic_preset()), 0, 743);
+    EXPECT_EQ(host.call([&] { return ADE_SM_Receive_Preset(payload.data(), 743); }), -4);
+    EXPECT_EQ(host.transcript,
+              (Transcript{begins(743), too_short, no_picture, allocated, send_line(-4, 0, 0, 0), send_call}));
+}
+
+TEST(Store, ParksAReplyThatIsStillUnconfirmed) {
+    FakeHost host;
+    host.receive(store_request(844));
+    host.receive(store_request(743));
+    EXPECT_EQ(
+        command_lines(host.transcript),
+        (Transcript{
+            begins(844), converted, "__ui_save_downloaded_preset(100)", allocated, send_line(1, 5, 6, 7),
+            send_call, begins(743), too_short, no_picture,
+            "ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
+            "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2", send_line(-4, 0, 0, 0), send_call}));
+    ASSERT_EQ(host.replies.size(), 2u);
+    EXPECT_EQ(shotmentor_p_Full_Q[0], host.replies[0].message.data);
+    EXPECT_EQ(shotmentor_p_FullData, host.replies[1].message.data);
+}
+
+} // namespace

@@ -854,7 +854,7 @@ int reply_to_deletion(const Deletion& deletion, const PresetLists& lists) {
 int ADE_SM_Delete_Preset(const void* data, int length) {
     Deletion deletion;
     deletion.pairs = static_cast<const unsigned char*>(data);
-    deletion.pair_count = static_cast<unsigned>(length) / sizeof(sm_delete_pair);
+    deletion.pair_count = static_cast<unsigned>(length) / unsigned{sizeof(sm_delete_pair)};
     check_pairs(deletion);
     PresetLists lists;
     if (deletion.result == SM_RETURN_FAIL && !delete_and_list(deletion, lists)) {

@@ -279,59 +279,20 @@ int ADE_PRO_ConvertApproxValue(EnableTable table, int position) {
     return nearer_step(position, down, up);
 }
 
-EnableTable shutter_steps(int model) {
-    switch (model) {
-    case SM_CAMERA_ZE:
-        return {TV_SET_ENABLE_ZE, SM_TV_STEPS_108};
-    case SM_CAMERA_RH:
-        return {TV_SET_ENABLE_RH, SM_TV_STEPS_108};
-    case SM_CAMERA_KT7:
-        return {TV_SET_ENABLE_KT7, SM_TV_STEPS};
-    default:
-        return {};
-    }
+template<size_t count>
+EnableTable all_of(const int32_t (&supported)[count]) {
+    return {supported, static_cast<int>(count)};
 }
 
-EnableTable aperture_steps(int model) {
-    switch (model) {
+// Picks the table of the model in force.
+EnableTable for_model(EnableTable ze, EnableTable rh, EnableTable kt7) {
+    switch (ADE_PRO_GetModel()) {
     case SM_CAMERA_ZE:
-        return {AV_SET_ENABLE_ZE, SM_AV_LUT_STEPS};
+        return ze;
     case SM_CAMERA_RH:
-        return {AV_SET_ENABLE_RH, SM_AV_LUT_STEPS};
+        return rh;
     case SM_CAMERA_KT7:
-        return {AV_SET_ENABLE_KT7, SM_AV_LUT_STEPS};
-    default:
-        return {};
-    }
-}
-
-EnableTable sensitivity_steps(int model) {
-    switch (model) {
-    case SM_CAMERA_ZE:
-        return {SV_SET_ENABLE_ZE, SM_SV_STEPS_26};
-    case SM_CAMERA_RH:
-        return {SV_SET_ENABLE_RH, SM_SV_STEPS_26};
-    case SM_CAMERA_KT7:
-        return {SV_SET_ENABLE_KT7, SM_SV_STEPS};
-    default:
-        return {};
-    }
-}
-
-// Every model has the same third steps; ZE and RH end earlier.
-EnableTable sensitivity_third_steps(int model) {
-    const EnableTable full_steps = sensitivity_steps(model);
-    return {full_steps.supported != nullptr ? SV_1_3_SET_ENABLE_KT7 : nullptr, full_steps.count};
-}
-
-EnableTable compensation_steps(int model) {
-    switch (model) {
-    case SM_CAMERA_ZE:
-        return {EV_SET_ENABLE_ZE, SM_EV_CODES};
-    case SM_CAMERA_RH:
-        return {EV_SET_ENABLE_RH, SM_EV_CODES};
-    case SM_CAMERA_KT7:
-        return {EV_SET_ENABLE_KT7, SM_EV_CODES};
+        return kt7;
     default:
         return {};
     }
@@ -363,7 +324,8 @@ int ADE_PRO_ConvertApproxTV(int position) {
     if (position >= kFixedShutterFirst && position <= kFixedShutterLast) {
         return kFixedShutter[position - kFixedShutterFirst];
     }
-    const EnableTable table = shutter_steps(ADE_PRO_GetModel());
+    const EnableTable table =
+        for_model(all_of(TV_SET_ENABLE_ZE), all_of(TV_SET_ENABLE_RH), all_of(TV_SET_ENABLE_KT7));
     if (table.supported == nullptr) {
         return kUnknownModel;
     }
@@ -373,7 +335,8 @@ int ADE_PRO_ConvertApproxTV(int position) {
 }
 
 int ADE_PRO_ConvertApproxAV(int aperture) {
-    const EnableTable table = aperture_steps(ADE_PRO_GetModel());
+    const EnableTable table =
+        for_model(all_of(AV_SET_ENABLE_ZE), all_of(AV_SET_ENABLE_RH), all_of(AV_SET_ENABLE_KT7));
     if (table.supported == nullptr) {
         return kUnknownModel;
     }
@@ -386,15 +349,21 @@ int ADE_PRO_ConvertApproxAV(int aperture) {
 }
 
 int ADE_PRO_ConvertApproxSV(int position) {
-    return approximate_sensitivity(sensitivity_steps(ADE_PRO_GetModel()), position);
+    const EnableTable table =
+        for_model(all_of(SV_SET_ENABLE_ZE), all_of(SV_SET_ENABLE_RH), all_of(SV_SET_ENABLE_KT7));
+    return approximate_sensitivity(table, position);
 }
 
 int ADE_PRO_ConvertApproxSV_1_3step(int position) {
-    return approximate_sensitivity(sensitivity_third_steps(ADE_PRO_GetModel()), position);
+    // Every model has the same third steps; ZE and RH end earlier.
+    const EnableTable shorter = {SV_1_3_SET_ENABLE_KT7, SM_SV_STEPS_26};
+    const EnableTable table = for_model(shorter, shorter, all_of(SV_1_3_SET_ENABLE_KT7));
+    return approximate_sensitivity(table, position);
 }
 
 int ADE_PRO_ConvertApproxEV(int code) {
-    const EnableTable table = compensation_steps(ADE_PRO_GetModel());
+    const EnableTable table =
+        for_model(all_of(EV_SET_ENABLE_ZE), all_of(EV_SET_ENABLE_RH), all_of(EV_SET_ENABLE_KT7));
     if (table.supported == nullptr) {
         return kUnknownModel;
     }

@@ -6,23 +6,23 @@
 # In CI (CI=true) a compiler warning is an error.
 set -euo pipefail
 cd "$(dirname "$0")"
+source tools/packages.sh
 
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(release)
 
-packages=(g++ cmake ninja-build googletest pmccabe)
+packages=("${library_packages[@]}" "${test_packages[@]}")
 for preset in "${presets[@]}"; do
     case $preset in
-    release | debug | asan) ;;
-    coverage) packages+=(gcovr) ;;
-    armhf) packages+=(g++-arm-linux-gnueabihf qemu-user-static) ;;
+    release | debug | asan) packages+=("${desk_packages[@]}") ;;
+    coverage) packages+=("${coverage_packages[@]}") ;;
+    armhf) packages+=("${armhf_packages[@]}") ;;
     *)
         echo "test.sh: no preset '$preset'; choose from release, debug, asan, coverage, armhf" >&2
         exit 2
         ;;
     esac
 done
-
 tools/install.sh "${packages[@]}"
 
 options=()
@@ -33,7 +33,8 @@ for preset in "${presets[@]}"; do
     cmake --build --preset "$preset"
     ctest --preset "$preset"
     if [ "$preset" = coverage ]; then
-        gcovr --root . --filter Src/ --branches --exclude-throw-branches --print-summary --txt build/coverage/coverage.txt build/coverage
+        gcovr --root . --filter Src/ --branches --exclude-throw-branches --print-summary \
+            --txt build/coverage/coverage.txt build/coverage
         cat build/coverage/coverage.txt
     fi
 done

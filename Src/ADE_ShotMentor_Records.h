@@ -228,7 +228,7 @@ typedef struct tag_custom_info {
 /* The phone's preset record, 744 bytes: a wire format. Lists are records back to back. */
 typedef struct sm_tag_custom_info {
     SM_CUSTOM_INFO_FIELDS(SM_DECLARE_TEXT, SM_DECLARE_WORD, SM_DECLARE_WORDS, SM_DECLARE_BLOCK)
-    /* Custom mode that uses the preset: 0 none, 1 CUSTOM1, 2 CUSTOM2. Set in list replies only. */
+    /* Custom mode that uses the preset: 0 none, 1 CUSTOM1, 2 CUSTOM2. Set in replies only. */
     int32_t linked_custom_mode;
 } sm_tag_custom_info;
 

@@ -10,7 +10,7 @@
 #include <memory>
 #include <sstream>
 
-#include "LibraryHeap.h"
+#include "Lab/LibraryHeap.h"
 
 namespace {
 

@@ -6,7 +6,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:?usage: tools/check_style.sh BUILD_FOLDER}
 
-tools/install.sh clang-format clang-tidy
+source tools/packages.sh
+tools/install.sh "${style_packages[@]}"
 git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 clang-tidy -quiet -p "$build" Src/*.cpp 2>/dev/null
 echo "ok: formatted, and clang-tidy is content with the library"

@@ -1,4 +1,4 @@
-#include "LibraryHeap.h"
+#include "Lab/LibraryHeap.h"
 
 #include <array>
 #include <cerrno>

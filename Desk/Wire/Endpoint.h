@@ -1,0 +1,29 @@
+// The URL of a link: unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL, l2cap:[ADDRESS:]PSM.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Failure.h"
+
+namespace desk {
+
+struct Endpoint {
+    enum class Kind { unix_socket, tcp, rfcomm, l2cap };
+    Kind kind = Kind::unix_socket;
+    std::string path;  // unix_socket
+    std::string host;  // tcp; an IPv6 address without its brackets
+    uint16_t port = 0; // tcp: port; rfcomm: channel 1 to 30; l2cap: PSM
+    std::optional<std::array<uint8_t, 6>>
+        address; // Bluetooth, most significant byte first; none: any adapter
+
+    bool keeps_packet_borders() const { return kind == Kind::unix_socket || kind == Kind::l2cap; }
+    std::string url() const;
+};
+
+// Throws Failure (exit_usage) that says what is wrong with the URL and shows a right one.
+Endpoint parse_endpoint(const std::string& url);
+
+} // namespace desk

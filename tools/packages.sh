@@ -1,0 +1,10 @@
+# The Debian packages that the builds need, by what needs them. Sourced by test.sh and demo.sh.
+# shellcheck shell=bash disable=SC2034
+
+library_packages=(g++ cmake ninja-build)
+desk_packages=(pkg-config libcli11-dev libasio-dev libfmt-dev nlohmann-json3-dev libsqlite3-dev libjpeg62-turbo-dev
+    libchafa-dev libglib2.0-dev)
+test_packages=(googletest pmccabe python3)
+coverage_packages=(gcovr)
+armhf_packages=(g++-arm-linux-gnueabihf qemu-user-static)
+style_packages=(clang-format clang-tidy)

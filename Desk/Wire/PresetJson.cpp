@@ -29,7 +29,7 @@ bool is_optional(const Field& field) {
     return std::find(optional_entries.begin(), optional_entries.end(), field.name) != optional_entries.end();
 }
 
-// ---- Record to JSON --------------------------------------------------------------------------------------
+// ---- Record to JSON ---------------------------------------------------------------------------------------
 
 bool is_utf8(const std::string& text) {
     try {
@@ -86,7 +86,7 @@ ordered_json record_to_json(const Record& preset) {
     return whole;
 }
 
-// ---- JSON to a tree that knows its lines -----------------------------------------------------------------
+// ---- JSON to a tree that knows its lines ------------------------------------------------------------------
 
 // Where the reading of a text stands.
 struct Position {
@@ -243,7 +243,7 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     std::string error_;
 };
 
-// ---- Tree to record --------------------------------------------------------------------------------------
+// ---- Tree to record ---------------------------------------------------------------------------------------
 
 class Faults {
   public:

@@ -39,7 +39,7 @@ std::vector<std::string> texts_of(const Exposure& exposure) {
 
 using Texts = std::vector<std::string>;
 
-// ---- Single codes ----------------------------------------------------------------------------------------
+// ---- Single codes -----------------------------------------------------------------------------------------
 
 TEST(Describe, NamesTheModes) {
     const Texts names = {mode_name(0), mode_name(1), mode_name(2), mode_name(3), mode_name(4)};
@@ -152,7 +152,7 @@ TEST(Describe, NamesTheCustomModes) {
     EXPECT_EQ(custom_mode_text(3), "custom mode 3");
 }
 
-// ---- Whole presets ---------------------------------------------------------------------------------------
+// ---- Whole presets ----------------------------------------------------------------------------------------
 
 TEST(Describe, ShowsOfTheExposureWhatTheModeCarries) {
     EXPECT_EQ(texts_of(exposure_of(preset_in_mode(0))), (Texts{"-", "-", "ISO 400", "+0.3 EV"}));
@@ -266,7 +266,7 @@ TEST(Description, ShowsIdsAndCodesAsNumbers) {
     EXPECT_EQ(line_of(preset, "AF frame"), "3 x 4 at 1, 2, box 5");
 }
 
-// ---- Tables ----------------------------------------------------------------------------------------------
+// ---- Tables -----------------------------------------------------------------------------------------------
 
 const std::vector<Texts> rows = {{"No", "Id", "Title", "Mode", "EV"},
                                  {"0", "1001", "Caf\u00e9", "Manual", "-"},

@@ -57,7 +57,7 @@ std::string failure_of(const std::function<void()>& action) {
     return {};
 }
 
-// ---- Requests --------------------------------------------------------------------------------------------
+// ---- Requests ---------------------------------------------------------------------------------------------
 
 TEST(Requests, BeginWithFunctionNumberAndTotalLength) {
     EXPECT_EQ(request(1), words({1, 8}));
@@ -79,7 +79,7 @@ TEST(Requests, ToDeleteNameEachPresetByNumberAndId) {
     EXPECT_EQ(delete_payload(pairs), words({0, 11, 39, 12}));
 }
 
-// ---- Frames from pieces ----------------------------------------------------------------------------------
+// ---- Frames from pieces -----------------------------------------------------------------------------------
 
 TEST(FrameReader, GivesAFrameOnceItsLastByteHasArrived) {
     const Bytes whole = frame(0x1004, words({1}));
@@ -168,7 +168,7 @@ TEST(FrameReader, PutsFramesTogetherWhateverThePieces) {
     }
 }
 
-// ---- Replies ---------------------------------------------------------------------------------------------
+// ---- Replies ----------------------------------------------------------------------------------------------
 
 TEST(Replies, ListHoldsModelLayoutAndPresets) {
     const ListReply reply = parse_list_reply(list_reply(2));

@@ -65,7 +65,7 @@ std::vector<std::string> faults_of(const std::string& text) {
 
 using Lines = std::vector<std::string>;
 
-// ---- There and back --------------------------------------------------------------------------------------
+// ---- There and back ---------------------------------------------------------------------------------------
 
 TEST(PresetJson, GivesBackEveryWordOfAPhoneRecordWhateverItsValue) {
     for (const Field& field : fields())
@@ -139,7 +139,7 @@ TEST(PresetJson, WritesATextThatIsNoStringAsAllItsBytes) {
     EXPECT_EQ(to_json(preset)["title"].dump(), "{\"bytes\":\"80" + std::string(100, '0') + "7a\"}");
 }
 
-// ---- The form --------------------------------------------------------------------------------------------
+// ---- The form ---------------------------------------------------------------------------------------------
 
 TEST(PresetJson, WritesTheEntriesInTheRecordsOrder) {
     const ordered_json json = to_json(sm_tag_custom_info{});
@@ -207,7 +207,7 @@ TEST(PresetJson, TakesUpperCaseHexadecimal) {
     EXPECT_EQ(std::string(preset.title, 4), std::string("\xAB\xCD\xEF\0", 4));
 }
 
-// ---- Faults ----------------------------------------------------------------------------------------------
+// ---- Faults -----------------------------------------------------------------------------------------------
 
 TEST(PresetJsonFaults, NameEveryMissingEntryInTheLineWhereItsObjectBegins) {
     const Lines faults = faults_of("\n\n{\n\n\"cs_info\":\n  {}\n}");

@@ -1,0 +1,188 @@
+#include "Commands.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "ADE_ShotMentor.h"
+#include "PresetStore.h"
+#include "Services.h"
+#include "Talk.h"
+#include "Wire/Describe.h"
+#include "Wire/PresetJson.h"
+#include "Wire/Results.h"
+
+namespace desk {
+namespace {
+
+PresetStore open_store(const Options& options) {
+    return PresetStore::open(options.store, false);
+}
+
+// A change that the store refused.
+int finished(int result, const PresetStore& store) {
+    if (result != SM_RETURN_TRUE) {
+        const std::string& reason = store.last_error();
+        say(meaning_of_result(result) + (reason.empty() ? "" : ": " + reason));
+    }
+    return exit_code_of_result(result);
+}
+
+void check_number(const PresetStore& store, int number) {
+    const size_t count = store.presets().size();
+    if (number < 0 || static_cast<size_t>(number) >= count) {
+        throw Failure(exit_missing,
+                      "there is no preset " + std::to_string(number) +
+                          (count == 0 ? "; the store is empty"
+                                      : "; the numbers go from 0 to " + std::to_string(count - 1)));
+    }
+}
+
+// ---- presets ----------------------------------------------------------------------------------------------
+
+size_t terminal_width() {
+    winsize size = {};
+    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+// As the library marks it in a list: CUSTOM2 where both use the preset.
+int32_t linked_custom_mode(const PresetStore& store, int number) {
+    return store.linked(1) == number ? 2 : store.linked(0) == number ? 1 : 0;
+}
+
+sm_tag_custom_info as_the_phone_gets_it(const PresetStore& store, const tag_custom_info& camera, int number) {
+    sm_tag_custom_info phone = {};
+    ADE_PRO_CreateProFilm(&camera, &phone);
+    phone.linked_custom_mode = linked_custom_mode(store, number);
+    return phone;
+}
+
+void print_table(PresetStore& store, const Options& options) {
+    const Services services(store, nullptr, options); // the conversion asks for the model's ISO steps
+    std::vector<std::vector<std::string>> rows = {table_header()};
+    int number = 0;
+    for (const tag_custom_info& preset : store.presets()) {
+        rows.push_back(table_row(number, as_the_phone_gets_it(store, preset, number)));
+        ++number;
+    }
+    std::fputs(table(rows, terminal_width()).c_str(), stdout);
+}
+
+void print_json(const PresetStore& store) {
+    nlohmann::ordered_json presets = nlohmann::ordered_json::array();
+    for (const tag_custom_info& preset : store.presets()) {
+        presets.push_back(to_json(preset));
+    }
+    std::printf("%s\n", presets.dump(2).c_str());
+}
+
+int list_presets(const Options& options) {
+    PresetStore store = open_store(options);
+    if (options.json) {
+        print_json(store);
+    } else {
+        print_table(store, options);
+    }
+    return exit_done;
+}
+
+// ---- link, unlink, remove ---------------------------------------------------------------------------------
+
+int link_preset(const Options& options) {
+    PresetStore store = open_store(options);
+    check_number(store, options.number);
+    return finished(store.link(options.custom_mode, options.number), store);
+}
+
+int unlink_preset(const Options& options) {
+    PresetStore store = open_store(options);
+    return finished(store.unlink(options.custom_mode), store);
+}
+
+int remove_preset(const Options& options) {
+    PresetStore store = open_store(options);
+    check_number(store, options.number);
+    std::vector<int> flags(SM_DELETE_FLAGS);
+    flags[static_cast<size_t>(options.number)] = 1;
+    return finished(store.remove(flags), store);
+}
+
+// ---- add --------------------------------------------------------------------------------------------------
+
+Bytes read_file(const std::filesystem::path& path) {
+    errno = 0; // the stream alone does not tell a folder from an empty file
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    if (!file.is_open() || errno != 0) {
+        throw Failure(exit_machine, "cannot read " + path.string() + ": " + std::strerror(errno));
+    }
+    const std::string text = content.str();
+    return {text.begin(), text.end()};
+}
+
+// JSON has no NUL, and 740 bytes of a record without one are hardly a record.
+bool is_raw_record(const Bytes& bytes) {
+    return bytes.size() == sizeof(tag_custom_info) && std::memchr(bytes.data(), 0, bytes.size()) != nullptr;
+}
+
+tag_custom_info read_record(const std::filesystem::path& path) {
+    const Bytes bytes = read_file(path);
+    if (is_raw_record(bytes)) {
+        return decode_camera_record(bytes);
+    }
+    return camera_record_from_json({reinterpret_cast<const char*>(bytes.data()), bytes.size()},
+                                   path.string());
+}
+
+// What a request has room for, so that no preset comes into the store that a phone could not have sent.
+constexpr size_t longest_picture = SM_REQUEST_LIMIT - sizeof(sm_frame) - sizeof(sm_tag_custom_info);
+
+Bytes read_picture(const std::filesystem::path& path) {
+    constexpr uint8_t start[] = {0xFF, 0xD8, 0xFF};
+    Bytes bytes = read_file(path);
+    if (bytes.size() < sizeof start || std::memcmp(bytes.data(), start, sizeof start) != 0) {
+        throw Failure(exit_usage, path.string() + " is no JPEG picture: it does not begin with FF D8 FF");
+    }
+    if (bytes.size() > longest_picture) {
+        throw Failure(exit_usage, path.string() + " has " + std::to_string(bytes.size()) +
+                                      " bytes; a camera takes pictures of at most " +
+                                      std::to_string(longest_picture));
+    }
+    return bytes;
+}
+
+int add_preset(const Options& options) {
+    tag_custom_info preset = read_record(options.record);
+    const Bytes picture = read_picture(options.picture);
+    PresetStore store = open_store(options);
+    const int result = store.save(preset, picture.data(), static_cast<int>(picture.size()));
+    if (result == SM_RETURN_TRUE) {
+        std::printf("number %d, id %d\n", preset.preset_num, preset.custom_id);
+    }
+    return finished(result, store);
+}
+
+} // namespace
+
+int run_command(const Options& options) {
+    switch (options.command) {
+    case Command::presets:
+        return list_presets(options);
+    case Command::link:
+        return link_preset(options);
+    case Command::unlink:
+        return unlink_preset(options);
+    case Command::add:
+        return add_preset(options);
+    default:
+        return remove_preset(options);
+    }
+}
+
+} // namespace desk

@@ -1,0 +1,86 @@
+#include "Intake.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "ADE_ShotMentor.h"
+#include "Wire/Record.h"
+
+namespace desk {
+namespace {
+
+constexpr size_t header_size = sizeof(sm_frame);
+
+bool is_in_reassembly() {
+    return sm_BT_total_length >= 0;
+}
+
+// Bytes of a stream that continue the request in reassembly. All of them when it will never be complete.
+size_t continuing_bytes(size_t available) {
+    const int64_t missing = int64_t{sm_BT_total_length} - sm_BT_combine_length;
+    return missing <= 0 ? available : std::min(available, static_cast<size_t>(missing));
+}
+
+// Bytes of a stream that are a request's first packet. Of a header that the library refuses, the header
+// alone: the stream goes on behind it.
+size_t starting_bytes(std::span<const uint8_t> stream) {
+    if (stream.size() < header_size) {
+        return 0;
+    }
+    const int32_t function = get_word(stream, offsetof(sm_frame, function));
+    const int32_t total = get_word(stream, offsetof(sm_frame, total_length));
+    const bool accepted = function >= 0 && function <= SM_FUNCTION_LAST && total > 0;
+    return accepted ? std::min(stream.size(), static_cast<size_t>(total)) : header_size;
+}
+
+} // namespace
+
+void Intake::take(std::span<const uint8_t> received) {
+    bytes_.resize(received_);
+    bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(handed_over_));
+    bytes_.insert(bytes_.end(), received.begin(), received.end());
+    handed_over_ = 0;
+    received_ = bytes_.size();
+    bytes_.resize(received_ + header_size); // the library reads a whole header of however short a packet
+}
+
+bool Intake::hand_over() {
+    const size_t length = next_packet();
+    if (length == 0) {
+        return false;
+    }
+    const uint8_t* const packet = bytes_.data() + handed_over_;
+    handed_over_ += length;
+    ADE_ShotMentor_Receive_Manager(packet, static_cast<int>(length));
+    return true;
+}
+
+std::span<const uint8_t> Intake::waiting() const {
+    return std::span(bytes_).first(received_).subspan(handed_over_);
+}
+
+size_t Intake::next_packet() const {
+    if (keeps_borders_) {
+        return waiting().size();
+    }
+    return is_in_reassembly() ? continuing_bytes(waiting().size()) : starting_bytes(waiting());
+}
+
+Intake::Stuck Intake::stuck() {
+    if (!is_in_reassembly()) {
+        return Stuck::no;
+    }
+    if (shotmentor_p_ReceiveData == nullptr) {
+        return Stuck::no_memory;
+    }
+    return sm_BT_combine_length > sm_BT_total_length ? Stuck::too_many_bytes : Stuck::no;
+}
+
+void Intake::return_library_to_idle() {
+    std::free(shotmentor_p_ReceiveData);
+    shotmentor_p_ReceiveData = nullptr;
+    sm_BT_total_length = -1;
+    sm_BT_combine_length = 0;
+}
+
+} // namespace desk

@@ -1,0 +1,42 @@
+// Between a link and the library's packet entry: hands over what a phone sends in packets as the library
+// wants them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace desk {
+
+// On a link that keeps borders a packet is handed over as it came. On a byte stream the intake finds the
+// borders of requests: the library must never get bytes of two in one packet, nor a header in halves. How far
+// a request has come is asked of the library each time, so that there is one truth about it.
+class Intake {
+  public:
+    explicit Intake(bool keeps_borders) : keeps_borders_(keeps_borders) {}
+
+    // Takes in what the link received: one packet, or a piece of the stream.
+    void take(std::span<const uint8_t> received);
+    // Hands the next packet to the library, which may run a request. False when there is none to hand over.
+    bool hand_over();
+
+    // How the request in reassembly has become one that will never be answered, which only the phone's
+    // leaving can end.
+    enum class Stuck { no, too_many_bytes, no_memory };
+    static Stuck stuck();
+
+    // Ends the request in reassembly. To be called when the phone has left.
+    static void return_library_to_idle();
+
+  private:
+    std::span<const uint8_t> waiting() const;
+    size_t next_packet() const; // its bytes, 0 when there is none yet
+
+    bool keeps_borders_;
+    std::vector<uint8_t> bytes_; // what was received, with cleared bytes behind it
+    size_t handed_over_ = 0;     // bytes of it that the library has had
+    size_t received_ = 0;        // bytes of it that the phone sent
+};
+
+} // namespace desk

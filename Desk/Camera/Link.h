@@ -1,0 +1,63 @@
+// The connection to one phone, whatever kind of socket it is.
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+
+namespace desk {
+
+// How a link cuts what it carries.
+struct LinkTraits {
+    bool keeps_borders = false;
+    size_t mtu = 0; // largest packet to send, on a link that keeps borders
+};
+
+// One receive and one send may be under way at a time. A link that breaks calls `on_lost` once, from the
+// loop, instead of their handlers; a link that was closed calls nothing more.
+class Link : public std::enable_shared_from_this<Link> {
+  public:
+    using Received = std::function<void(std::span<const uint8_t>)>;
+    using Sent = std::function<void()>;
+    using Lost = std::function<void(const std::string& why)>; // empty: the phone closed it
+
+    // Takes the connected socket over. `buffer` is where it receives; links may share one.
+    Link(asio::io_context& loop, int socket, LinkTraits traits, std::span<uint8_t> buffer);
+
+    bool keeps_borders() const { return traits_.keeps_borders; }
+    void on_lost(Lost handler) { lost_ = std::move(handler); }
+
+    // Waits for one packet, or for bytes of the stream. They are the handler's until it returns. A wait that
+    // is under way goes on.
+    void receive(Received handler);
+    // Sends the bytes, cut into packets of the link. They are read until the handler is called: nothing is
+    // copied.
+    void send(std::span<const uint8_t> bytes, Sent handler);
+    // Whether the phone has closed its end, although what it sent before may still wait to be received.
+    bool phone_has_closed();
+    // Tells the phone that nothing more follows.
+    void end_sending();
+    void close();
+
+  private:
+    void wait_for_bytes();
+    void read_once();
+    void write_on();
+    void write_later();
+    void lose(const std::string& why);
+
+    asio::io_context& loop_;
+    asio::posix::stream_descriptor socket_;
+    LinkTraits traits_;
+    std::span<uint8_t> buffer_;
+    std::span<const uint8_t> unsent_;
+    Received received_;
+    Sent sent_;
+    Lost lost_;
+};
+
+} // namespace desk

@@ -1,0 +1,51 @@
+// Where phones connect.
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
+#include <functional>
+#include <memory>
+#include <sys/types.h>
+#include <vector>
+
+#include "Link.h"
+#include "Wire/Endpoint.h"
+
+namespace desk {
+
+class Listener {
+  public:
+    using Accepted = std::function<void(std::shared_ptr<Link>)>;
+
+    // Listens. A Unix socket that a dead camera left behind is replaced, a live one is not. Throws Failure
+    // (exit_link).
+    Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu);
+    // Removes the socket's file.
+    ~Listener();
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+    // Where it listens, with the port that a port of 0 became.
+    const Endpoint& endpoint() const { return endpoint_; }
+    // Hands over one link after another.
+    void accept(Accepted handler);
+
+  private:
+    void wait_for_phone();
+    void accept_once();
+    void accept_later();
+    LinkTraits traits_of(int socket) const;
+
+    asio::io_context& loop_;
+    Endpoint endpoint_;
+    size_t mtu_;
+    asio::posix::stream_descriptor socket_;
+    asio::steady_timer pause_;
+    std::vector<uint8_t> buffer_; // for all links: one receives at a time
+    Accepted accepted_;
+    dev_t file_device_ = 0; // the socket's file, to remove no other one
+    ino_t file_inode_ = 0;
+};
+
+} // namespace desk

@@ -1,0 +1,76 @@
+// shotmentor-camera: a host for libshotmentor.so that drives it as firmware does. See Docs/desk.md.
+
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+#include "Camera.h"
+#include "Commands.h"
+#include "Options.h"
+#include "PresetStore.h"
+#include "Samples.h"
+#include "Talk.h"
+
+namespace {
+
+using namespace desk;
+
+PresetStore open_or_create_store(const Options& options) {
+    PresetStore store = PresetStore::open(options.store, true);
+    if (store.is_new() && !options.empty) {
+        add_samples(store);
+    }
+    return store;
+}
+
+// The library opens the pictures itself, by their paths relative to the store.
+void enter(const std::filesystem::path& store) {
+    std::error_code error;
+    std::filesystem::current_path(store, error);
+    if (error) {
+        throw Failure(exit_machine, "cannot enter " + store.string() + ": " + error.message());
+    }
+}
+
+int serve(const Options& options) {
+    asio::io_context loop;
+    asio::signal_set signals(loop, SIGINT, SIGTERM); // waited for from here on: a store is not made in half
+    signals.async_wait([&](const asio::error_code&, int) { loop.stop(); });
+    const Log log(options.log);
+    PresetStore store = open_or_create_store(options);
+    enter(options.store);
+    serve_phones(loop, store, options);
+    return exit_done;
+}
+
+int run(int argc, char** argv) {
+    const std::optional<Options> options = parse_options(argc, argv);
+    if (!options) {
+        return exit_done;
+    }
+    const int code = options->command == Command::serve ? serve(*options) : run_command(*options);
+    if (std::fflush(stdout) != 0) {
+        throw Failure(exit_machine, "cannot write to standard output");
+    }
+    return code;
+}
+
+int fail(const char* line, int code) {
+    std::fprintf(stderr, "%s: %s\n", program_name, line);
+    return code;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN); // a phone that leaves is an error of its link, not the camera's end
+    try {
+        return run(argc, argv);
+    } catch (const Failure& failure) {
+        return fail(failure.what(), failure.code());
+    } catch (const std::exception& error) {
+        return fail(error.what(), exit_machine);
+    }
+}

@@ -1,0 +1,225 @@
+#include "Options.h"
+
+#include <CLI/CLI.hpp>
+#include <climits>
+#include <iostream>
+
+namespace desk {
+namespace {
+
+using CLI::App;
+
+constexpr const char* footer = R"(Links:
+  unix:PATH                  a Unix socket that keeps packet borders
+  tcp:HOST:PORT              a byte stream; port 0 takes any free one
+  rfcomm:CHANNEL, l2cap:PSM  Bluetooth, where the kernel has it
+
+Examples:
+  shotmentor-camera --store /tmp/camera
+  shotmentor-camera --store /tmp/camera --listen tcp:127.0.0.1:0 --log-level all
+  shotmentor-camera --store /tmp/camera presets
+  shotmentor-camera --store /tmp/camera link CUSTOM1 3
+
+Exit codes:
+  0  done                                  7  another camera has the store open
+  1  this machine failed: a file, a disk   8  the store is damaged
+  2  wrong usage or input                  9  no such store, or no such preset
+  3  cannot listen                         10 to 22, 30  the store's own result: 10 plus
+                                           the number without its sign, 30 any other)";
+
+constexpr const char* link_group = "Phone link";
+constexpr const char* log_group = "Log";
+constexpr const char* lab_group = "Lab: faults to try, off unless given";
+
+// The library's own checks, without their additions to the help: the type name says it already.
+CLI::Validator between(int first, int last) {
+    return CLI::Range(first, last).description("");
+}
+
+CLI::Validator one_of(std::vector<std::string> words) {
+    return CLI::IsMember(std::move(words)).description("");
+}
+
+struct Texts {
+    std::string listen;
+    std::string iso_step = "full";
+    std::string log_level = "warn";
+    std::string custom_mode;
+    std::string refuse;
+    long confirm_delay = 0;
+};
+
+void add_store_options(App& app, Options& options, Texts& texts) {
+    app.add_option("--store", options.store, "The folder that holds the presets")
+        ->required()
+        ->type_name("DIR");
+    app.add_flag("--empty", options.empty, "A store that is created holds no samples");
+    app.add_option("--iso-step", texts.iso_step, "ISO steps that the model sets, full unless given")
+        ->check(one_of({"full", "third"}))
+        ->type_name("full|third");
+}
+
+void add_link_options(App& app, Options& options, Texts& texts) {
+    app.add_option("--listen", texts.listen, "Where phones connect, unix:DIR/camera.sock unless given")
+        ->group(link_group)
+        ->type_name("URL");
+    app.add_option("--mtu", options.mtu, "Largest packet that is sent, 65535 unless given")
+        ->check(between(1, 65535))
+        ->group(link_group)
+        ->type_name("BYTES");
+}
+
+void add_log_options(App& app, Options& options, Texts& texts) {
+    app.add_option("--log", options.log.destination,
+                   "Where the library's lines go, stderr unless given. The library itself copies errors to "
+                   "standard error")
+        ->group(log_group)
+        ->type_name("stderr|syslog|file:PATH");
+    app.add_option("--log-level", texts.log_level, "Which of them, warn unless given")
+        ->check(one_of({"off", "error", "warn", "all"}))
+        ->group(log_group)
+        ->type_name("off|error|warn|all");
+}
+
+std::string fault_of_refusal(const std::string& text) {
+    const std::string number = !text.empty() && text.back() == '+' ? text.substr(0, text.size() - 1) : text;
+    int n = 0;
+    const bool right = CLI::detail::lexical_cast(number, n) && n > 0;
+    return right ? "" : "Value " + text + " is not N or N+ with N from 1";
+}
+
+void add_lab_options(App& app, LabOptions& lab, Texts& texts) {
+    const auto add = [&](const char* name, auto& value, const char* help, const char* type) {
+        return app.add_option(name, value, help)->group(lab_group)->type_name(type);
+    };
+    add("--confirm-delay", texts.confirm_delay, "Confirm each send only after this time", "MS")
+        ->check(between(0, INT_MAX));
+    add("--drop-confirmations", lab.drop_every, "Never confirm every N-th send", "N")
+        ->check(between(1, INT_MAX));
+    app.add_flag("--link-down", lab.link_down, "Report the phone link as down")->group(lab_group);
+    add("--save-result", lab.save_result, "Answer N to a store request, and store nothing", "N");
+    add("--update-result", lab.update_result, "Answer N to an update request, and change nothing", "N");
+    add("--refuse-allocation", texts.refuse, "Refuse the library's N-th allocation, with + all from then on",
+        "N[+]")
+        ->check(fault_of_refusal);
+}
+
+void add_custom_mode(App& command, Texts& texts) {
+    command.add_option("mode", texts.custom_mode, "The custom mode")
+        ->required()
+        ->check(one_of({"CUSTOM1", "CUSTOM2"}))
+        ->type_name("CUSTOM1|CUSTOM2");
+}
+
+void add_number(App& command, Options& options) {
+    command.add_option("number", options.number, "The preset's number, as presets prints it")
+        ->required()
+        ->type_name("NUMBER");
+}
+
+App& add_command(App& app, Options& options, Command command, const char* name, const char* help) {
+    App* const added = app.add_subcommand(name, help);
+    added->callback([&options, command] { options.command = command; });
+    added->group("Commands, on a store at rest; without one the camera serves");
+    return *added;
+}
+
+void add_commands(App& app, Options& options, Texts& texts) {
+    App& presets = add_command(app, options, Command::presets, "presets", "Print the stored presets");
+    presets.add_flag("--json", options.json, "Print the camera's records as JSON");
+    App& link = add_command(app, options, Command::link, "link", "Let a custom mode use a preset");
+    add_custom_mode(link, texts);
+    add_number(link, options);
+    App& unlink = add_command(app, options, Command::unlink, "unlink", "Let a custom mode use no preset");
+    add_custom_mode(unlink, texts);
+    App& add = add_command(app, options, Command::add, "add", "Store a preset");
+    add.add_option("record", options.record, "A camera record: 740 bytes, or JSON")
+        ->required()
+        ->type_name("RECORD");
+    add.add_option("picture", options.picture, "Its JPEG picture")->required()->type_name("PICTURE");
+    App& remove = add_command(app, options, Command::remove, "remove", "Delete a preset");
+    add_number(remove, options);
+}
+
+LogLevel log_level_of(const std::string& name) {
+    return name == "off"     ? LogLevel::off
+           : name == "error" ? LogLevel::error
+           : name == "warn"  ? LogLevel::warn
+                             : LogLevel::all;
+}
+
+Endpoint default_endpoint(const Options& options) {
+    try {
+        return parse_endpoint("unix:" + (options.store / "camera.sock").string());
+    } catch (const Failure& failure) { // the folder's path is too long for a socket's
+        throw Failure(exit_link, std::string(failure.what()) + " with --listen");
+    }
+}
+
+Endpoint listening_endpoint(const Texts& texts, const Options& options) {
+    if (texts.listen.empty()) {
+        return default_endpoint(options);
+    }
+    Endpoint endpoint = parse_endpoint(texts.listen);
+    if (endpoint.kind == Endpoint::Kind::unix_socket) {
+        endpoint.path = std::filesystem::absolute(endpoint.path).string();
+    }
+    return endpoint;
+}
+
+// What the command line says in words. Paths become absolute: the camera changes its working directory.
+void take_texts(const Texts& texts, Options& options) {
+    if (options.store.empty()) {
+        throw Failure(exit_usage, "--store names no folder (see --help)");
+    }
+    options.store = std::filesystem::absolute(options.store);
+    if (options.command == Command::serve) {
+        options.listen = listening_endpoint(texts, options);
+    }
+    options.full_iso_steps = texts.iso_step == "full";
+    options.log.level = log_level_of(texts.log_level);
+    options.custom_mode = texts.custom_mode == "CUSTOM2" ? 1 : 0;
+    options.lab.confirm_delay = std::chrono::milliseconds(texts.confirm_delay);
+    if (!texts.refuse.empty()) {
+        options.lab.refuse_for_good = texts.refuse.back() == '+';
+        options.lab.refuse_allocation = std::stoi(texts.refuse);
+    }
+}
+
+std::string one_line(std::string text) {
+    for (char& character : text) {
+        character = character == '\n' ? ' ' : character;
+    }
+    return text;
+}
+
+} // namespace
+
+std::optional<Options> parse_options(int argc, char** argv) {
+    Options options;
+    Texts texts;
+    App app("A camera without a camera: serves a preset store to a phone, with the camera's own library.",
+            "shotmentor-camera");
+    app.footer(footer);
+    app.set_version_flag("--version", SHOTMENTOR_VERSION);
+    app.fallthrough();
+    app.require_subcommand(0, 1);
+    add_store_options(app, options, texts);
+    add_link_options(app, options, texts);
+    add_log_options(app, options, texts);
+    add_lab_options(app, options.lab, texts);
+    add_commands(app, options, texts);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) {
+            app.exit(error);
+            return std::nullopt;
+        }
+        throw Failure(exit_usage, one_line(error.what()) + " (see --help)");
+    }
+    take_texts(texts, options);
+    return options;
+}
+
+} // namespace desk

@@ -1,0 +1,59 @@
+// The Bluetooth application service's sends: one after another onto the link, each confirmed to the library.
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <span>
+
+#include "Link.h"
+#include "Options.h"
+
+namespace desk {
+
+// Replies are borrowed: they are read out of the library's memory until they have gone. Which memory a
+// confirmation frees is the library's business, and not always that of the send it is meant for (a reply that
+// replaces an unconfirmed one shifts them by one). Therefore nothing is confirmed, and the session hands no
+// packet over, while a reply is on its way: whatever is freed or replaced then has been read.
+class SendQueue {
+  public:
+    SendQueue(asio::io_context& loop, const LabOptions& lab);
+
+    // Takes a message in. Called from inside the library, so nothing but this happens until it has returned.
+    void queue(std::span<const uint8_t> reply);
+
+    // Whether replies are still on their way; `when_idle` is called each time that they have all gone.
+    bool is_idle() const { return waiting_.empty(); }
+    void when_idle(std::function<void()> handler) { when_idle_ = std::move(handler); }
+
+    void connect(std::shared_ptr<Link> link);
+    // The phone has left: what is under way has failed. Confirms every send that has not been, those whose
+    // confirmation was dropped included, so that the next phone finds the library as the first one did.
+    void disconnect();
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    void send_next();
+    void sent();
+    bool is_to_drop();
+    void confirm_later();
+    void confirm_due();
+
+    asio::io_context& loop_;
+    const LabOptions lab_;
+    asio::steady_timer timer_;
+    std::shared_ptr<Link> link_;
+    std::function<void()> when_idle_;
+    std::deque<std::span<const uint8_t>> waiting_; // the first one is on its way
+    bool is_sending_ = false;
+    std::deque<Clock::time_point> unconfirmed_; // when each send that has gone is to be confirmed
+    int dropped_ = 0;                           // sends that have gone and will not be confirmed
+    int64_t sends_ = 0;
+};
+
+} // namespace desk

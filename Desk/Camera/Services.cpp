@@ -1,0 +1,157 @@
+#include "Services.h"
+
+#include <algorithm>
+#include <exception>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include "ADE_ShotMentor_Services.h"
+#include "Talk.h"
+
+namespace desk {
+namespace {
+
+Services* current = nullptr;
+
+void complain(const char* service, const std::string& what) noexcept {
+    try {
+        say(std::string(service) + " failed: " + what);
+    } catch (...) { // no memory even for that
+    }
+}
+
+// Runs a service's work. The library is no place for an exception.
+template<class Result, class Work>
+Result answer(const char* service, Result when_it_fails, Work work) noexcept {
+    try {
+        if (current == nullptr) {
+            throw std::logic_error("there is no camera");
+        }
+        return work(*current);
+    } catch (const std::exception& error) {
+        complain(service, error.what());
+    } catch (...) {
+        complain(service, "unknown exception");
+    }
+    return when_it_fails;
+}
+
+// The phone gets the number alone, the camera's user the reason.
+int tell_refusal(const Services& services, const char* what, int result) {
+    if (result != SM_RETURN_TRUE) {
+        const std::string& reason = services.store.last_error();
+        say(std::string(what) + " refused with " + std::to_string(result) +
+            (reason.empty() ? "" : ": " + reason));
+    }
+    return result;
+}
+
+std::span<const uint8_t> reply_of(const bt_msg_info& message) {
+    const size_t length = message.length > 0 ? static_cast<size_t>(message.length) : 0;
+    return {static_cast<const uint8_t*>(message.data), length};
+}
+
+} // namespace
+
+Services::Services(PresetStore& preset_store, SendQueue* send_queue, const Options& options)
+    : store(preset_store), sends(send_queue), full_iso_steps(options.full_iso_steps), lab(options.lab) {
+    current = this;
+}
+
+Services::~Services() {
+    current = nullptr;
+}
+
+} // namespace desk
+
+// ---- What the library imports -----------------------------------------------------------------------------
+
+using desk::answer;
+using desk::Services;
+using desk::tell_refusal;
+
+extern "C" {
+
+int __ui_set_shotmentor_state(int state) {
+    return answer("__ui_set_shotmentor_state", int{SM_RETURN_FAIL}, [&](Services& services) {
+        if (services.in_use != (state == 1)) {
+            services.in_use = state == 1;
+            desk::say(services.in_use ? "the phone uses the feature" : "the phone uses the feature no more");
+        }
+        return int{SM_RETURN_TRUE};
+    });
+}
+
+bool __ui_get_bt_state_for_phone(void) {
+    return answer("__ui_get_bt_state_for_phone", false,
+                  [](Services& services) { return !services.lab.link_down; });
+}
+
+int __ui_get_custom_mode_list_info(tag_custom_info* presets, int* count) {
+    return answer("__ui_get_custom_mode_list_info", int{SM_RETURN_FAIL}, [&](Services& services) {
+        const std::vector<tag_custom_info> stored = services.store.presets();
+        const size_t reported = std::min<size_t>(stored.size(), SM_PRESET_LIMIT);
+        std::copy_n(stored.begin(), reported, presets);
+        *count = static_cast<int>(reported);
+        return int{SM_RETURN_TRUE};
+    });
+}
+
+int __ui_get_linked_preseet_num_for_phone(int custom_mode) {
+    return answer("__ui_get_linked_preseet_num_for_phone", -1,
+                  [&](Services& services) { return services.store.linked(custom_mode); });
+}
+
+bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
+    return answer("__ui_get_preset_info", false, [&](Services& services) {
+        const std::optional<tag_custom_info> found = services.store.find(custom_id);
+        if (found) {
+            *preset = *found;
+        }
+        return found.has_value();
+    });
+}
+
+int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int length) {
+    return answer("__ui_save_downloaded_preset", int{SM_RETURN_FAIL}, [&](Services& services) {
+        if (services.lab.save_result) {
+            return *services.lab.save_result;
+        }
+        return tell_refusal(services, "storing a preset", services.store.save(*preset, image, length));
+    });
+}
+
+int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) {
+    return answer("__ui_preset_update_comfirm", int{SM_RETURN_FAIL}, [&](Services& services) {
+        if (services.lab.update_result) {
+            return *services.lab.update_result;
+        }
+        return tell_refusal(services, "updating a preset",
+                            services.store.update(custom_id, server_id, title));
+    });
+}
+
+int __ui_preset_delete_form_phone(int* flags) {
+    return answer("__ui_preset_delete_form_phone", int{SM_RETURN_FAIL}, [&](Services& services) {
+        return tell_refusal(services, "deleting presets",
+                            services.store.remove(std::span<const int>(flags, SM_DELETE_FLAGS)));
+    });
+}
+
+int bt_send_msgs(bt_msg_info* message) {
+    return answer("bt_send_msgs", int{SM_RETURN_FAIL}, [&](Services& services) {
+        if (services.sends == nullptr) {
+            throw std::logic_error("there is no link");
+        }
+        services.sends->queue(desk::reply_of(*message));
+        return int{SM_RETURN_TRUE};
+    });
+}
+
+int User_Spec_Get_Value(int key) {
+    return answer("User_Spec_Get_Value", 0, [&](Services& services) {
+        return key == SM_SPEC_KEY_ISO_STEP && services.full_iso_steps ? 1 : 0;
+    });
+}
+}

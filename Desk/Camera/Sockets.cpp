@@ -1,0 +1,241 @@
+#include "Sockets.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utility>
+
+namespace desk {
+namespace {
+
+// The kernel's own layouts. They are declared here because Bluetooth's headers come with its daemon, which
+// most machines that run the desk do not need.
+constexpr int protocol_l2cap = 0;
+constexpr int protocol_rfcomm = 3;
+constexpr int level_l2cap = 6;
+constexpr int option_l2cap = 1;
+
+struct RfcommAddress {
+    sa_family_t family;
+    uint8_t address[6]; // least significant byte first
+    uint8_t channel;
+};
+
+struct L2capAddress {
+    sa_family_t family;
+    uint16_t psm; // little-endian
+    uint8_t address[6];
+    uint16_t channel_id;
+    uint8_t address_type;
+};
+
+struct L2capOptions {
+    uint16_t outgoing_mtu, incoming_mtu, flush_timeout;
+    uint8_t mode, checksum, most_transmissions;
+    uint16_t window;
+};
+
+[[noreturn]] void fail(const Endpoint& endpoint, const std::string& why) {
+    throw Failure(exit_link, "cannot listen on " + endpoint.url() + ": " + why);
+}
+
+[[noreturn]] void fail_with_errno(const Endpoint& endpoint) {
+    fail(endpoint, std::strerror(errno));
+}
+
+// Closes the socket unless it is released.
+class Socket {
+  public:
+    Socket(int family, int type, int protocol)
+        : socket_(::socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol)) {}
+    ~Socket() {
+        if (socket_ >= 0) {
+            ::close(socket_);
+        }
+    }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+
+    int get() const { return socket_; }
+    int release() { return std::exchange(socket_, -1); }
+
+  private:
+    int socket_;
+};
+
+template<class Address>
+const sockaddr* generic(const Address& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+void bind_and_listen(const Endpoint& endpoint, const Socket& socket, const sockaddr* address,
+                     socklen_t length) {
+    if (::bind(socket.get(), address, length) != 0 || ::listen(socket.get(), SOMAXCONN) != 0) {
+        fail_with_errno(endpoint);
+    }
+}
+
+// ---- Unix sockets -----------------------------------------------------------------------------------------
+
+sockaddr_un unix_address(const Endpoint& endpoint) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (endpoint.path.size() >= sizeof address.sun_path) {
+        fail(endpoint, "its path has " + std::to_string(endpoint.path.size()) +
+                           " bytes, and a socket's has " + std::to_string(sizeof address.sun_path - 1) +
+                           " at most; give a shorter one with --listen");
+    }
+    std::memcpy(address.sun_path, endpoint.path.data(), endpoint.path.size());
+    return address;
+}
+
+// A dead camera's socket refuses connections. It is asked with the wrong type of socket, which a live
+// camera's refuses in another way, so that a live camera sees no phone come and go.
+bool is_left_behind(const sockaddr_un& address) {
+    const Socket socket(AF_UNIX, SOCK_STREAM, 0);
+    const bool connected = ::connect(socket.get(), generic(address), sizeof address) == 0;
+    return !connected && errno == ECONNREFUSED;
+}
+
+void remove_what_a_dead_camera_left(const Endpoint& endpoint, const sockaddr_un& address) {
+    struct stat file = {};
+    if (::lstat(address.sun_path, &file) != 0) {
+        return;
+    }
+    if (!S_ISSOCK(file.st_mode)) {
+        fail(endpoint, "there is a file that is no socket");
+    }
+    if (!is_left_behind(address)) {
+        fail(endpoint, "another process listens there");
+    }
+    ::unlink(address.sun_path);
+}
+
+int listen_on_unix_socket(const Endpoint& endpoint) {
+    const sockaddr_un address = unix_address(endpoint);
+    Socket socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    if (socket.get() < 0) {
+        fail_with_errno(endpoint);
+    }
+    remove_what_a_dead_camera_left(endpoint, address);
+    bind_and_listen(endpoint, socket, generic(address), sizeof address);
+    return socket.release();
+}
+
+// ---- TCP --------------------------------------------------------------------------------------------------
+
+using Resolved = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
+
+Resolved resolve(const Endpoint& endpoint) {
+    addrinfo hints = {};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    const int error =
+        ::getaddrinfo(endpoint.host.c_str(), std::to_string(endpoint.port).c_str(), &hints, &found);
+    if (error != 0) {
+        fail(endpoint, ::gai_strerror(error));
+    }
+    return {found, &::freeaddrinfo};
+}
+
+uint16_t port_of(const Socket& socket) {
+    sockaddr_storage address = {};
+    socklen_t length = sizeof address;
+    ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
+    return address.ss_family == AF_INET6 ? ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port)
+                                         : ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+}
+
+int listen_on_tcp(Endpoint& endpoint) {
+    const Resolved address = resolve(endpoint);
+    Socket socket(address->ai_family, SOCK_STREAM, 0);
+    if (socket.get() < 0) {
+        fail_with_errno(endpoint);
+    }
+    const int on = 1;
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    bind_and_listen(endpoint, socket, address->ai_addr, address->ai_addrlen);
+    endpoint.port = port_of(socket);
+    return socket.release();
+}
+
+// ---- Bluetooth --------------------------------------------------------------------------------------------
+
+void copy_adapter(const Endpoint& endpoint, uint8_t (&address)[6]) {
+    if (endpoint.address) {
+        std::reverse_copy(endpoint.address->begin(), endpoint.address->end(), address);
+    }
+}
+
+template<class Address>
+int listen_on_bluetooth(const Endpoint& endpoint, int type, int protocol, Address address) {
+    Socket socket(AF_BLUETOOTH, type, protocol);
+    if (socket.get() < 0) {
+        fail(endpoint, errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT
+                           ? "this machine's kernel has no such Bluetooth sockets"
+                           : std::strerror(errno));
+    }
+    address.family = AF_BLUETOOTH;
+    copy_adapter(endpoint, address.address);
+    bind_and_listen(endpoint, socket, generic(address), sizeof address);
+    return socket.release();
+}
+
+int listen_on_rfcomm(const Endpoint& endpoint) {
+    RfcommAddress address = {};
+    address.channel = static_cast<uint8_t>(endpoint.port);
+    return listen_on_bluetooth(endpoint, SOCK_STREAM, protocol_rfcomm, address);
+}
+
+int listen_on_l2cap(const Endpoint& endpoint) {
+    L2capAddress address = {};
+    address.psm = endpoint.port; // the records of this system make little-endian machines a condition
+    return listen_on_bluetooth(endpoint, SOCK_SEQPACKET, protocol_l2cap, address);
+}
+
+} // namespace
+
+int open_listening_socket(Endpoint& endpoint) {
+    switch (endpoint.kind) {
+    case Endpoint::Kind::unix_socket:
+        return listen_on_unix_socket(endpoint);
+    case Endpoint::Kind::tcp:
+        return listen_on_tcp(endpoint);
+    case Endpoint::Kind::rfcomm:
+        return listen_on_rfcomm(endpoint);
+    default:
+        return listen_on_l2cap(endpoint);
+    }
+}
+
+void prepare_phone_socket(Endpoint::Kind kind, int socket) {
+    if (kind == Endpoint::Kind::tcp) {
+        const int on = 1;
+        ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        ::setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on); // a phone may vanish without a word
+    }
+}
+
+size_t largest_packet(Endpoint::Kind kind, int socket) {
+    L2capOptions options = {};
+    socklen_t length = sizeof options;
+    if (kind == Endpoint::Kind::l2cap &&
+        ::getsockopt(socket, level_l2cap, option_l2cap, &options, &length) == 0 && options.outgoing_mtu > 0) {
+        return options.outgoing_mtu;
+    }
+    return std::numeric_limits<size_t>::max();
+}
+
+} // namespace desk

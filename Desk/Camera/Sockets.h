@@ -1,0 +1,20 @@
+// The kinds of sockets that a phone can reach the camera by.
+#pragma once
+
+#include <cstddef>
+
+#include "Wire/Endpoint.h"
+
+namespace desk {
+
+// Opens a socket that listens at the endpoint, and writes the port that a port of 0 became into it. Throws
+// Failure (exit_link).
+int open_listening_socket(Endpoint& endpoint);
+
+// Sets a phone's socket up.
+void prepare_phone_socket(Endpoint::Kind kind, int socket);
+
+// The largest packet that the phone's end of the socket takes.
+size_t largest_packet(Endpoint::Kind kind, int socket);
+
+} // namespace desk

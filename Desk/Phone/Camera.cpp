@@ -1,0 +1,191 @@
+#include "Camera.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <optional>
+#include <utility>
+
+#include "Options.h"
+#include "Progress.h"
+#include "Wire/Results.h"
+
+namespace desk {
+namespace {
+
+// A camera needs no longer to see that the link is at its end.
+constexpr std::chrono::milliseconds longest_farewell{1000};
+
+constexpr const char* list_silence =
+    "see that it runs and that its link state is up, or give a longer --timeout";
+constexpr const char* picture_silence = "it answers so when it does not have the preset";
+constexpr const char* change_silence =
+    "list tells whether the change was made; give a longer --timeout if the camera is slow";
+
+std::string seconds(std::chrono::milliseconds time) {
+    return fmt::format("{:g} s", static_cast<double>(time.count()) / 1000);
+}
+
+} // namespace
+
+Camera::Camera(const Options& options)
+    : timeout_(options.timeout), link_(options.camera, options.mtu, options.timeout) {}
+
+ListReply Camera::list() {
+    return parse_list_reply(answer_to({request(SM_FUNCTION_SEND_LIST), list_silence}, "presets"));
+}
+
+Bytes Camera::picture(const sm_tag_custom_info& preset) {
+    const Bytes payload = picture_payload(preset.custom_id, preset.applocal_id);
+    PictureReply reply = parse_picture_reply(
+        answer_to({request(SM_FUNCTION_SEND_PRESET, payload), picture_silence}, "picture"));
+    if (reply.custom_id != preset.custom_id) {
+        throw Failure(exit_protocol, fmt::format("asked for the picture of the preset with id {}, the camera "
+                                                 "answered with that of id {}",
+                                                 preset.custom_id, reply.custom_id));
+    }
+    return std::move(reply.picture);
+}
+
+StoreReply Camera::store(const sm_tag_custom_info& preset, std::span<const uint8_t> picture) {
+    const Bytes payload = store_payload(preset, picture);
+    return parse_store_reply(
+        answer_to({request(SM_FUNCTION_RECEIVE_PRESET, payload), change_silence}, "sending"));
+}
+
+int32_t Camera::update(const sm_tag_custom_info& preset) {
+    return parse_update_reply(
+        answer_to({request(SM_FUNCTION_UPDATE_PRESET, encode(preset)), change_silence}, "sending"));
+}
+
+DeleteReply Camera::remove(std::span<const sm_delete_pair> pairs) {
+    return parse_delete_reply(
+        answer_to({request(SM_FUNCTION_DELETE_PRESET, delete_payload(pairs)), change_silence}, "sending"));
+}
+
+void Camera::leave(int32_t code) {
+    Bytes payload;
+    append_word(payload, code);
+    send_all({request(SM_FUNCTION_STATE_OFF, payload), "it does not take the request"});
+    link_.finish_sending();
+    wait_for_close();
+}
+
+// The time counts from the last bytes that moved, so a slow link is given as long as it needs.
+Bytes Camera::answer_to(Exchange exchange, const std::string& progress_label) {
+    Progress progress(progress_label);
+    Clock::time_point deadline = Clock::now() + timeout_;
+    while (true) {
+        if (std::optional<Bytes> frame = reader_.next()) {
+            check_not_busy(*frame);
+            return *std::move(frame);
+        }
+        if (closed_) {
+            throw closed_early(exchange);
+        }
+        if (move_bytes(exchange, deadline)) {
+            deadline = Clock::now() + timeout_;
+        } else if (Clock::now() >= deadline) {
+            throw no_answer(exchange);
+        }
+        if (exchange.is_sending()) {
+            progress.show(exchange.sent, exchange.request.size());
+        } else if (reader_.expected() > 0) {
+            progress.show(reader_.arrived(), reader_.expected());
+        }
+    }
+}
+
+void Camera::send_all(Exchange exchange) {
+    Clock::time_point deadline = Clock::now() + timeout_;
+    while (exchange.is_sending()) {
+        if (move_bytes(exchange, deadline)) {
+            deadline = Clock::now() + timeout_;
+        } else if (Clock::now() >= deadline) {
+            throw no_answer(exchange);
+        }
+        if (const std::optional<Bytes> frame = reader_.next()) {
+            check_not_busy(*frame);
+        } else if (closed_) {
+            throw closed_early(exchange);
+        }
+    }
+}
+
+// Waits until the link can do something, and does it. Returns whether a byte moved.
+bool Camera::move_bytes(Exchange& exchange, Clock::time_point deadline) {
+    const Link::Readiness ready = link_.wait(exchange.is_sending(), deadline);
+    // Reading comes first: a camera that is busy says so while we still send.
+    const bool received = ready.read && receive_more();
+    const bool sent = ready.write && exchange.is_sending() && !closed_ && send_more(exchange);
+    return received || sent;
+}
+
+bool Camera::send_more(Exchange& exchange) {
+    const auto rest = std::span<const uint8_t>(exchange.request).subspan(exchange.sent);
+    const std::optional<size_t> sent = link_.send_packet(rest);
+    exchange.refused = !sent; // what the camera sent before it closed the link is still to be read
+    exchange.sent += sent.value_or(0);
+    return sent.value_or(0) > 0;
+}
+
+bool Camera::receive_more() {
+    const auto bytes = link_.receive();
+    closed_ = !bytes;
+    if (closed_) {
+        return false;
+    }
+    reader_.feed(*bytes);
+    return !bytes->empty();
+}
+
+void Camera::check_not_busy(const Bytes& frame) const {
+    if (get_word(frame, 0) == busy_function) {
+        throw Failure(exit_busy, "the camera is busy with another phone");
+    }
+}
+
+// A link that is closed with bytes on their way may lose them.
+void Camera::wait_for_close() {
+    const Clock::time_point deadline = Clock::now() + std::min(timeout_, longest_farewell);
+    while (!closed_ && Clock::now() < deadline) {
+        if (link_.wait(false, deadline).read) {
+            receive_more();
+        }
+        if (const std::optional<Bytes> frame = reader_.next()) {
+            check_not_busy(*frame);
+        }
+    }
+}
+
+Failure Camera::closed_early(const Exchange& exchange) const {
+    const size_t size = exchange.request.size();
+    if (exchange.sent < size) {
+        return {exit_protocol,
+                fmt::format("the camera closed the link when {} of the request's {} bytes were "
+                            "sent",
+                            exchange.sent, size)};
+    }
+    const int32_t reply = get_word(exchange.request, 0) + SM_REPLY;
+    const std::string expected =
+        reader_.expected() == 0
+            ? fmt::format("reply {:#06x} was expected, {} bytes of it came", reply, reader_.arrived())
+            : fmt::format("{} of the answer's {} bytes came", reader_.arrived(), reader_.expected());
+    return {exit_protocol, fmt::format("the camera closed the link before it answered: {}", expected)};
+}
+
+Failure Camera::no_answer(const Exchange& exchange) const {
+    if (exchange.sent < exchange.request.size()) {
+        return {exit_timeout,
+                fmt::format("the camera took {} of the request's {} bytes, then nothing within {}",
+                            exchange.sent, exchange.request.size(), seconds(timeout_))};
+    }
+    if (reader_.arrived() > 0) {
+        return {exit_timeout, fmt::format("the camera stopped within its answer: {} of {} bytes came, then "
+                                          "nothing within {}",
+                                          reader_.arrived(), reader_.expected(), seconds(timeout_))};
+    }
+    return {exit_timeout,
+            fmt::format("the camera gave no answer within {}; {}", seconds(timeout_), exchange.silence)};
+}
+
+} // namespace desk

@@ -1,0 +1,57 @@
+// The conversation with the camera: one request after another, each with its answer.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "Link.h"
+#include "Wire/Frames.h"
+
+namespace desk {
+
+struct Options;
+
+// Every request throws Failure: exit_timeout, exit_busy, or exit_protocol when the link is closed early or
+// the answer is not the one that the request has.
+class Camera {
+  public:
+    explicit Camera(const Options& options);
+
+    ListReply list();
+    // The bytes of the picture; none when the camera cannot read it.
+    Bytes picture(const sm_tag_custom_info& preset);
+    StoreReply store(const sm_tag_custom_info& preset, std::span<const uint8_t> picture);
+    int32_t update(const sm_tag_custom_info& preset);
+    DeleteReply remove(std::span<const sm_delete_pair> pairs);
+    // Has no answer: returns once the camera has taken it and closed the link, or has had time to.
+    void leave(int32_t code);
+
+  private:
+    // A request under way.
+    struct Exchange {
+        Bytes request;
+        std::string silence; // what no answer at all may mean
+        size_t sent = 0;
+        bool refused = false; // the camera takes no more of it
+        bool is_sending() const { return !refused && sent < request.size(); }
+    };
+
+    Bytes answer_to(Exchange exchange, const std::string& progress_label);
+    void send_all(Exchange exchange);
+    bool move_bytes(Exchange& exchange, Clock::time_point deadline);
+    bool send_more(Exchange& exchange);
+    bool receive_more();
+    void check_not_busy(const Bytes& frame) const;
+    void wait_for_close();
+    Failure closed_early(const Exchange& exchange) const;
+    Failure no_answer(const Exchange& exchange) const;
+
+    std::chrono::milliseconds timeout_;
+    Link link_;
+    FrameReader reader_;
+    bool closed_ = false;
+};
+
+} // namespace desk

@@ -1,0 +1,309 @@
+#include "Commands.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <glib.h>
+#include <set>
+#include <unistd.h>
+
+#include "Camera.h"
+#include "Files.h"
+#include "Jpeg.h"
+#include "Options.h"
+#include "Output.h"
+#include "Pictures.h"
+#include "Presets.h"
+#include "Wire/Describe.h"
+#include "Wire/PresetJson.h"
+#include "Wire/Results.h"
+
+namespace desk {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Presets = std::vector<sm_tag_custom_info>;
+
+constexpr size_t default_width = 80;
+constexpr TerminalSize thumbnail = {32, 12};
+constexpr TerminalSize large_picture = {72, 24};
+
+constexpr size_t smallest_picture = 100;
+constexpr size_t largest_picture = SM_REQUEST_LIMIT - sizeof(sm_frame) - sizeof(sm_tag_custom_info);
+
+size_t width_of(const Options& options) {
+    if (options.width) {
+        return *options.width;
+    }
+    const std::optional<TerminalSize> terminal = terminal_size(STDOUT_FILENO);
+    return terminal ? terminal->columns : default_width;
+}
+
+// Lines that no person reads are left whole.
+size_t width_of_lines(const Options& options) {
+    return options.width || output_is_terminal() ? width_of(options) : 0;
+}
+
+// Says what else than success the camera answered. Returns the exit code.
+int concluded(int32_t result) {
+    if (result != SM_RETURN_TRUE) {
+        complain(fmt::format("the camera answered {}, {}: {}", result, name_of_result(result),
+                             meaning_of_result(result)));
+    }
+    return exit_code_of_result(result);
+}
+
+const sm_tag_custom_info& preset_at(const Presets& presets, int number) {
+    if (number < 0 || static_cast<size_t>(number) >= presets.size()) {
+        const std::string held =
+            presets.empty() ? "holds none"
+                            : fmt::format("holds {}, numbers 0 to {}", presets.size(), presets.size() - 1);
+        throw Failure(exit_missing, fmt::format("there is no preset {}: the camera {}", number, held));
+    }
+    return presets[static_cast<size_t>(number)];
+}
+
+// ---- list and show ----------------------------------------------------------------------------------------
+
+// Whether to draw what was asked for. Says why not.
+bool draws_pictures(const Options& options) {
+    if (!options.with_pictures) {
+        return false;
+    }
+    const std::optional<std::string> reason =
+        options.json ? std::optional<std::string>("JSON is wanted") : why_not_drawn();
+    if (reason) {
+        say(fmt::format("pictures are not drawn: {}", *reason));
+    }
+    return !reason;
+}
+
+std::string picture_text(const Bytes& picture, TerminalSize size) {
+    if (picture.empty()) {
+        return "(the camera could not read the picture)\n";
+    }
+    return drawn(picture, size.columns, size.rows).value_or("(not a picture that can be drawn)\n");
+}
+
+TerminalSize picture_size(TerminalSize wanted, size_t width) {
+    return {width == 0 ? wanted.columns : std::min(wanted.columns, width), wanted.rows};
+}
+
+void print_pictures(Camera& camera, const Options& options, const Presets& presets) {
+    const TerminalSize size = picture_size(thumbnail, width_of(options));
+    for (size_t number = 0; number < presets.size(); ++number) {
+        const sm_tag_custom_info& preset = presets[number];
+        const std::string picture = picture_text(camera.picture(preset), size);
+        print(fmt::format("\n{} {}\n{}", number, title_text(preset), picture));
+    }
+}
+
+int list(const Options& options) {
+    Camera camera(options);
+    const ListReply reply = camera.list();
+    const bool draws = draws_pictures(options);
+    if (options.json) {
+        print_json(json_of(reply));
+        return exit_done;
+    }
+    print(table(rows_of(reply.presets, options.raw), width_of(options)));
+    if (reply.presets.empty()) {
+        say("the camera holds no presets");
+    }
+    if (draws) {
+        print_pictures(camera, options, reply.presets);
+    }
+    return exit_done;
+}
+
+int show(const Options& options) {
+    Camera camera(options);
+    const ListReply reply = camera.list();
+    const sm_tag_custom_info& preset = preset_at(reply.presets, options.numbers.front());
+    const bool draws = draws_pictures(options);
+    if (options.json) {
+        print_json(to_json(preset));
+        return exit_done;
+    }
+    print(labelled_lines(options.raw ? codes_of(preset) : description_of(preset), width_of_lines(options)));
+    if (draws) {
+        print("\n" + picture_text(camera.picture(preset), picture_size(large_picture, width_of(options))));
+    }
+    return exit_done;
+}
+
+// ---- picture ----------------------------------------------------------------------------------------------
+
+int save_picture(const Options& options) {
+    const int number = options.numbers.front();
+    Camera camera(options);
+    const ListReply reply = camera.list();
+    const sm_tag_custom_info& preset = preset_at(reply.presets, number);
+    const Bytes picture = camera.picture(preset);
+    if (picture.empty()) {
+        throw Failure(exit_missing,
+                      fmt::format("the camera could not read the picture of preset {}; {} is not "
+                                  "written",
+                                  number, options.output_file));
+    }
+    write_file(options.output_file, picture);
+    if (options.json) {
+        print_json(
+            {{"custom_id", preset.custom_id}, {"bytes", picture.size()}, {"file", options.output_file}});
+    } else {
+        say(fmt::format("{} bytes saved in {}", picture.size(), options.output_file));
+    }
+    return exit_done;
+}
+
+// ---- store ------------------------------------------------------------------------------------------------
+
+Bytes picture_from(const std::string& path) {
+    Bytes picture = read_file(path);
+    if (!is_jpeg(picture)) {
+        throw Failure(exit_usage,
+                      fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is "
+                                  "broken",
+                                  path));
+    }
+    if (picture.size() < smallest_picture) {
+        throw Failure(exit_usage, fmt::format("{} has {} bytes; the camera takes pictures of at least {}",
+                                              path, picture.size(), smallest_picture));
+    }
+    if (picture.size() > largest_picture) {
+        throw Failure(exit_usage,
+                      fmt::format("{} has {} bytes, and a request has room for {}: {} less {} for "
+                                  "header and record; make it smaller",
+                                  path, picture.size(), largest_picture, int{SM_REQUEST_LIMIT},
+                                  SM_REQUEST_LIMIT - largest_picture));
+    }
+    return picture;
+}
+
+sm_tag_custom_info preset_from(const std::string& path) {
+    const Bytes text = read_file(path);
+    return phone_record_from_json({reinterpret_cast<const char*>(text.data()), text.size()}, path);
+}
+
+int store(const Options& options) {
+    const sm_tag_custom_info preset = preset_from(options.preset_file);
+    const Bytes picture = picture_from(options.picture_file);
+    const StoreReply reply = Camera(options).store(preset, picture);
+    if (options.json) {
+        print_json(json_of(reply));
+    } else if (reply.result == SM_RETURN_TRUE) {
+        print(fmt::format("stored as preset {} with id {}\n", reply.preset_num, reply.custom_id));
+    }
+    return concluded(reply.result);
+}
+
+// ---- rename -----------------------------------------------------------------------------------------------
+
+void check_title(const std::string& title) {
+    constexpr size_t longest = SM_TITLE_SIZE - 1;
+    if (title.size() > longest) {
+        throw Failure(exit_usage,
+                      fmt::format("the title has {} bytes, and the camera keeps {}; make it shorter",
+                                  title.size(), longest));
+    }
+    if (g_utf8_validate(title.data(), static_cast<gssize>(title.size()), nullptr) == FALSE) {
+        throw Failure(exit_usage, "the title is no clean UTF-8");
+    }
+}
+
+// The camera replaces title and server identity together. A preset that it does not list is left to its
+// judgement: it answers that it does not have it.
+int32_t listed_server_id(Camera& camera, int32_t custom_id) {
+    const ListReply reply = camera.list();
+    const sm_tag_custom_info* preset = find(reply.presets, custom_id);
+    return preset == nullptr ? 0 : preset->server_id;
+}
+
+int rename_preset(const Options& options) {
+    check_title(options.title);
+    Camera camera(options);
+    sm_tag_custom_info preset = {};
+    options.title.copy(preset.title, sizeof preset.title);
+    preset.custom_id = options.custom_id;
+    preset.server_id = options.server_id ? *options.server_id : listed_server_id(camera, options.custom_id);
+    const int32_t result = camera.update(preset);
+    if (options.json) {
+        print_json({{"result", result}});
+    } else if (result == SM_RETURN_TRUE) {
+        say(fmt::format("the preset with id {} is renamed", options.custom_id));
+    }
+    return concluded(result);
+}
+
+// ---- delete -----------------------------------------------------------------------------------------------
+
+// The presets asked for, each once.
+std::vector<NumberedPreset> chosen(const Presets& presets, const std::vector<int>& numbers) {
+    std::vector<NumberedPreset> result;
+    std::set<int> seen;
+    for (const int number : numbers) {
+        const sm_tag_custom_info& preset = preset_at(presets, number);
+        if (seen.insert(number).second) {
+            result.push_back({number, preset});
+        }
+    }
+    return result;
+}
+
+std::vector<sm_delete_pair> pairs_of(const std::vector<NumberedPreset>& presets) {
+    std::vector<sm_delete_pair> pairs;
+    for (const NumberedPreset& one : presets) {
+        pairs.push_back({one.preset.preset_num, one.preset.custom_id});
+    }
+    return pairs;
+}
+
+int delete_presets(const Options& options) {
+    Camera camera(options);
+    const std::vector<NumberedPreset> presets = chosen(camera.list().presets, options.numbers);
+    const DeleteReply reply = camera.remove(pairs_of(presets));
+    const std::vector<Deletion> deletions = deletions_of(presets, reply);
+    if (options.json) {
+        print_json(json_of(reply, deletions));
+    } else {
+        print(lines_of(deletions));
+    }
+    const bool kept = std::any_of(deletions.begin(), deletions.end(),
+                                  [](const Deletion& one) { return one.fate != Deletion::Fate::deleted; });
+    if (reply.result == SM_RETURN_TRUE && kept) {
+        throw Failure(exit_protocol, "the camera answered success, but still lists a preset that it was to "
+                                     "delete");
+    }
+    return concluded(reply.result);
+}
+
+// ---- leave ------------------------------------------------------------------------------------------------
+
+int leave(const Options& options) {
+    Camera(options).leave(options.code);
+    say(fmt::format("the camera was told that the phone leaves, with code {}", options.code));
+    return exit_done;
+}
+
+} // namespace
+
+int run(const Options& options) {
+    switch (options.command) {
+    case Options::Command::list:
+        return list(options);
+    case Options::Command::show:
+        return show(options);
+    case Options::Command::picture:
+        return save_picture(options);
+    case Options::Command::store:
+        return store(options);
+    case Options::Command::rename:
+        return rename_preset(options);
+    case Options::Command::remove:
+        return delete_presets(options);
+    case Options::Command::leave:
+        return leave(options);
+    }
+    return exit_usage;
+}
+
+} // namespace desk

@@ -1,0 +1,260 @@
+#include "Link.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+#include <memory>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+
+namespace desk {
+namespace {
+
+// The kernel's Bluetooth addresses. Its C library headers come with BlueZ, which the desk does not need.
+constexpr int l2cap_protocol = 0;
+constexpr int rfcomm_protocol = 3;
+
+struct RfcommAddress {
+    sa_family_t family;
+    uint8_t address[6]; // least significant byte first
+    uint8_t channel;
+};
+
+struct L2capAddress {
+    sa_family_t family;
+    uint8_t psm[2];     // little-endian
+    uint8_t address[6]; // least significant byte first
+    uint8_t cid[2];
+    uint8_t address_type;
+};
+
+static_assert(sizeof(RfcommAddress) == 10 && sizeof(L2capAddress) == 14, "as the kernel lays them out");
+
+constexpr size_t largest_packet = size_t{1} << 20;
+
+// A camera that stands before its next accept refuses a Unix connection instead of letting it wait.
+constexpr std::chrono::milliseconds full_queue_pause{20};
+
+int milliseconds_until(Clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left < 0 ? 0 : static_cast<int>(left);
+}
+
+// Where one try to connect goes.
+struct Address {
+    int family = 0;
+    int type = 0;
+    int protocol = 0;
+    sockaddr_storage bytes = {};
+    socklen_t length = 0;
+};
+
+template<typename Layout>
+Address address_from(int type, int protocol, const Layout& layout, int family) {
+    Address address{family, type, protocol, {}, sizeof layout};
+    std::memcpy(&address.bytes, &layout, sizeof layout);
+    return address;
+}
+
+Address unix_address(const Endpoint& camera) {
+    sockaddr_un layout = {};
+    layout.sun_family = AF_UNIX;
+    camera.path.copy(layout.sun_path, sizeof layout.sun_path - 1); // a URL has no longer path
+    return address_from(SOCK_SEQPACKET, 0, layout, AF_UNIX);
+}
+
+void copy_reversed(const Endpoint& camera, uint8_t (&address)[6]) {
+    if (!camera.address) {
+        throw Failure(exit_link,
+                      fmt::format("{} does not say which camera; write its Bluetooth address, as in "
+                                  "rfcomm:00:11:22:33:44:55:1",
+                                  camera.url()));
+    }
+    std::copy(camera.address->rbegin(), camera.address->rend(), address);
+}
+
+Address rfcomm_address(const Endpoint& camera) {
+    RfcommAddress layout = {};
+    layout.family = AF_BLUETOOTH;
+    layout.channel = static_cast<uint8_t>(camera.port);
+    copy_reversed(camera, layout.address);
+    return address_from(SOCK_STREAM, rfcomm_protocol, layout, AF_BLUETOOTH);
+}
+
+Address l2cap_address(const Endpoint& camera) {
+    L2capAddress layout = {};
+    layout.family = AF_BLUETOOTH;
+    layout.psm[0] = static_cast<uint8_t>(camera.port);
+    layout.psm[1] = static_cast<uint8_t>(camera.port >> 8);
+    copy_reversed(camera, layout.address);
+    return address_from(SOCK_SEQPACKET, l2cap_protocol, layout, AF_BLUETOOTH);
+}
+
+std::vector<Address> tcp_addresses(const Endpoint& camera) {
+    addrinfo wish = {};
+    wish.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int error = getaddrinfo(camera.host.c_str(), std::to_string(camera.port).c_str(), &wish, &found);
+    if (error != 0) {
+        throw Failure(exit_link, fmt::format("cannot find the host of {}: {}; check its name", camera.url(),
+                                             gai_strerror(error)));
+    }
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+    std::vector<Address> addresses;
+    for (const addrinfo* one = found; one != nullptr; one = one->ai_next) {
+        Address address{one->ai_family, one->ai_socktype, one->ai_protocol, {}, one->ai_addrlen};
+        std::memcpy(&address.bytes, one->ai_addr, one->ai_addrlen);
+        addresses.push_back(address);
+    }
+    return addresses;
+}
+
+std::vector<Address> addresses_of(const Endpoint& camera) {
+    switch (camera.kind) {
+    case Endpoint::Kind::unix_socket:
+        return {unix_address(camera)};
+    case Endpoint::Kind::rfcomm:
+        return {rfcomm_address(camera)};
+    case Endpoint::Kind::l2cap:
+        return {l2cap_address(camera)};
+    case Endpoint::Kind::tcp:
+        break;
+    }
+    return tcp_addresses(camera);
+}
+
+int poll_one(int descriptor, short events, Clock::time_point deadline) {
+    pollfd entry = {descriptor, events, 0};
+    int count = 0;
+    do {
+        count = poll(&entry, 1, milliseconds_until(deadline));
+    } while (count < 0 && errno == EINTR);
+    return count > 0 ? entry.revents : 0;
+}
+
+// The error of a connection that is under way, once it has come to an end.
+int pending_error(int descriptor, Clock::time_point deadline) {
+    if (poll_one(descriptor, POLLOUT, deadline) == 0) {
+        return ETIMEDOUT;
+    }
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size);
+    return error;
+}
+
+// Returns 0, or the error.
+int try_to_connect(int descriptor, const Address& address, Clock::time_point deadline) {
+    const auto* bytes = reinterpret_cast<const sockaddr*>(&address.bytes);
+    while (connect(descriptor, bytes, address.length) != 0) {
+        if (errno == EINPROGRESS || errno == EINTR) {
+            return pending_error(descriptor, deadline);
+        }
+        if (errno != EAGAIN || Clock::now() >= deadline) {
+            return errno == EAGAIN ? ETIMEDOUT : errno;
+        }
+        std::this_thread::sleep_for(full_queue_pause);
+    }
+    return 0;
+}
+
+Failure connect_failure(const Endpoint& camera, int error) {
+    const bool bluetooth = camera.kind == Endpoint::Kind::rfcomm || camera.kind == Endpoint::Kind::l2cap;
+    if (bluetooth && (error == EAFNOSUPPORT || error == EPROTONOSUPPORT)) {
+        return {exit_link,
+                fmt::format("cannot connect to {}: this kernel has no Bluetooth; use unix: or tcp:",
+                            camera.url())};
+    }
+    return {exit_link, fmt::format("cannot connect to {}: {}; see that the camera runs and listens there",
+                                   camera.url(), std::strerror(error))};
+}
+
+void prepare(int descriptor, const Endpoint& camera) {
+    // Packets as large as requests go through a Unix socket only when its buffer has room for them.
+    const int buffer = static_cast<int>(largest_packet);
+    setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
+    if (camera.kind == Endpoint::Kind::tcp) {
+        const int at_once = 1; // requests are small, and each one is waited for
+        setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
+    }
+}
+
+Descriptor connected_socket(const Endpoint& camera, std::chrono::milliseconds timeout) {
+    int error = 0;
+    for (const Address& address : addresses_of(camera)) {
+        Descriptor attempt(
+            socket(address.family, address.type | SOCK_NONBLOCK | SOCK_CLOEXEC, address.protocol));
+        if (attempt.get() < 0) {
+            error = errno;
+            continue;
+        }
+        prepare(attempt.get(), camera);
+        error = try_to_connect(attempt.get(), address, Clock::now() + timeout);
+        if (error == 0) {
+            return attempt;
+        }
+    }
+    throw connect_failure(camera, error);
+}
+
+bool means_later(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ENOBUFS;
+}
+
+} // namespace
+
+Link::Link(const Endpoint& camera, size_t mtu, std::chrono::milliseconds timeout)
+    : socket_(connected_socket(camera, timeout)), mtu_(mtu), received_(largest_packet) {}
+
+Link::Readiness Link::wait(bool to_write, Clock::time_point deadline) const {
+    const auto events = static_cast<short>(to_write ? POLLIN | POLLOUT : POLLIN);
+    const int ready = poll_one(socket_.get(), events, deadline);
+    // A broken link counts as readable: reading says what became of it, after the last bytes that it holds.
+    return {(ready & (POLLIN | POLLHUP | POLLERR)) != 0, (ready & POLLOUT) != 0};
+}
+
+std::optional<size_t> Link::send_packet(std::span<const uint8_t> bytes) const {
+    const size_t size = std::min(bytes.size(), mtu_);
+    const ssize_t sent = send(socket_.get(), bytes.data(), size, MSG_NOSIGNAL);
+    if (sent >= 0) {
+        return static_cast<size_t>(sent);
+    }
+    if (means_later(errno)) {
+        return 0;
+    }
+    if (errno == EMSGSIZE) {
+        throw Failure(exit_usage,
+                      fmt::format("the link takes no packet of {} bytes; give a smaller --mtu", size));
+    }
+    return std::nullopt;
+}
+
+std::optional<std::span<const uint8_t>> Link::receive() {
+    const ssize_t count = recv(socket_.get(), received_.data(), received_.size(), 0);
+    if (count > 0) {
+        return std::span<const uint8_t>(received_.data(), static_cast<size_t>(count));
+    }
+    if (count < 0 && means_later(errno)) {
+        return std::span<const uint8_t>();
+    }
+    if (count < 0 && errno == ECONNRESET) {
+        // A camera that closes with our bytes unread resets the link; what it sent before may still be there.
+        const ssize_t rest = recv(socket_.get(), received_.data(), received_.size(), MSG_DONTWAIT);
+        if (rest > 0) {
+            return std::span<const uint8_t>(received_.data(), static_cast<size_t>(rest));
+        }
+    }
+    return std::nullopt;
+}
+
+void Link::finish_sending() const {
+    shutdown(socket_.get(), SHUT_WR);
+}
+
+} // namespace desk

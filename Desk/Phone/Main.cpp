@@ -1,0 +1,27 @@
+// shotmentor-phone: what the phone's application does with a camera, for a terminal and for scripts.
+#include <clocale>
+#include <csignal>
+#include <exception>
+
+#include "Commands.h"
+#include "Options.h"
+#include "Output.h"
+#include "Wire/Failure.h"
+
+int main(int argc, char** argv) {
+    desk::occupy_standard_descriptors();
+    std::setlocale(LC_CTYPE, "");  // says whether the terminal's encoding has more than ASCII
+    std::signal(SIGPIPE, SIG_IGN); // a link or a reader that has gone is an error that we handle
+    try {
+        const auto options = desk::options_of(argc, argv);
+        return options ? desk::run(*options) : desk::exit_done;
+    } catch (const desk::OutputClosed&) {
+        return desk::exit_machine;
+    } catch (const desk::Failure& failure) {
+        desk::complain(failure.what());
+        return failure.code();
+    } catch (const std::exception& error) {
+        desk::complain(error.what());
+        return desk::exit_machine;
+    }
+}

@@ -1,0 +1,178 @@
+#include "Options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <fmt/format.h>
+#include <limits>
+
+#include "ADE_ShotMentor_Records.h"
+#include "Output.h"
+
+namespace desk {
+namespace {
+
+constexpr double shortest_timeout = 0.001;
+constexpr double longest_timeout = 86400; // a day; more is a slip of the hand
+constexpr size_t largest_mtu = SM_REQUEST_LIMIT;
+constexpr size_t largest_width = 100000;
+
+constexpr const char* examples_and_codes =
+    R"(NUMBER is the number that list prints first, from 0 on; ID the custom_id that it prints second.
+URL is unix:PATH, tcp:HOST:PORT, rfcomm:ADDRESS:CHANNEL or l2cap:ADDRESS:PSM.
+
+Examples:
+  shotmentor-phone --connect unix:store/camera.sock list
+  shotmentor-phone --connect tcp:localhost:7700 show 3 --picture
+  shotmentor-phone --connect tcp:localhost:7700 picture 3 -o dawn.jpg
+  shotmentor-phone --connect tcp:localhost:7700 --json show 3 > dawn.json
+  shotmentor-phone --connect tcp:localhost:7700 store dawn.json dawn.jpg
+  shotmentor-phone --connect tcp:localhost:7700 rename 12 "Dawn over the sea"
+  shotmentor-phone --connect tcp:localhost:7700 delete 3 4
+
+Exit codes:
+  0         done
+  1         this machine failed: a file, the disk
+  2         wrong usage or input: options, preset files, pictures that are no JPEG
+  3         cannot connect
+  4         no answer in time
+  5         the camera is busy with another phone
+  6         the answer is not what the protocol promises, or the link was closed before it was complete
+  9         no such preset, or a picture that the camera could not read
+  10 to 22  the camera's result 0 to -12: 10 plus the number without its sign
+  30        any other result)";
+
+// What CLI11 fills before it is turned into options.
+struct Arguments {
+    Options options;
+    std::string url;
+    double timeout_seconds = 5;
+    int number = 0;
+};
+
+// A check that does not show in the help: its bounds are no news to anybody there.
+template<typename Number>
+CLI::Validator between(Number least, Number most) {
+    return CLI::Range(least, most).description("");
+}
+
+CLI::Validator number_range() {
+    return between(0, std::numeric_limits<int>::max());
+}
+
+void add_common_options(CLI::App& app, Arguments& arguments) {
+    Options& options = arguments.options;
+    app.add_option("--connect", arguments.url, "the camera's link")->required()->type_name("URL");
+    app.add_option("--timeout", arguments.timeout_seconds, "how long to wait for an answer, 5 unless given")
+        ->check(between(shortest_timeout, longest_timeout))
+        ->type_name("SECONDS");
+    app.add_flag("--json", options.json, "data as JSON");
+    app.add_flag("--raw", options.raw, "the codes as they travel");
+    app.add_option("--mtu", options.mtu, "largest packet that is sent, 4096 unless given")
+        ->check(between(size_t{1}, largest_mtu))
+        ->type_name("BYTES");
+    app.add_option("--width", options.width,
+                   "width of tables, 0 for no limit; the terminal's, or 80, unless given")
+        ->check(between(size_t{0}, largest_width))
+        ->type_name("COLUMNS");
+}
+
+CLI::App* add_command(CLI::App& app, Options& options, Options::Command command, const char* name,
+                      const char* help) {
+    CLI::App* added = app.add_subcommand(name, help);
+    added->parse_complete_callback([&options, command] { options.command = command; });
+    return added;
+}
+
+void add_reading_commands(CLI::App& app, Arguments& arguments) {
+    Options& options = arguments.options;
+    CLI::App* list =
+        add_command(app, options, Options::Command::list, "list", "list all presets, one line each");
+    list->add_flag("--pictures", options.with_pictures, "draw the presets' pictures, too");
+
+    CLI::App* show = add_command(app, options, Options::Command::show, "show", "print one preset in full");
+    show->add_option("NUMBER", arguments.number, "the preset's number")
+        ->required()
+        ->check(number_range())
+        ->type_name("");
+    show->add_flag("--picture", options.with_pictures, "draw the preset's picture, too");
+
+    CLI::App* picture =
+        add_command(app, options, Options::Command::picture, "picture", "save a preset's picture");
+    picture->add_option("NUMBER", arguments.number, "the preset's number")
+        ->required()
+        ->check(number_range())
+        ->type_name("");
+    picture->add_option("-o,--output", options.output_file, "where to")->required()->type_name("FILE");
+}
+
+void add_changing_commands(CLI::App& app, Options& options) {
+    CLI::App* store = add_command(app, options, Options::Command::store, "store",
+                                  "store a preset, and print its number and id");
+    store->add_option("PRESET.json", options.preset_file, "what --json show prints")
+        ->required()
+        ->type_name("");
+    store->add_option("PICTURE.jpg", options.picture_file, "its picture")->required()->type_name("");
+
+    CLI::App* rename = add_command(app, options, Options::Command::rename, "rename",
+                                   "change title and server identity of a preset");
+    rename->add_option("ID", options.custom_id, "the preset's custom_id")->required()->type_name("");
+    rename->add_option("TITLE", options.title, "at most 51 bytes of UTF-8")->required()->type_name("");
+    rename->add_option("--server-id", options.server_id, "as it is unless given")->type_name("N");
+
+    CLI::App* remove =
+        add_command(app, options, Options::Command::remove, "delete", "delete presets in one request");
+    remove->add_option("NUMBER", options.numbers, "the presets' numbers")
+        ->required()
+        ->check(number_range())
+        ->type_name("");
+
+    CLI::App* leave =
+        add_command(app, options, Options::Command::leave, "leave", "tell the camera that the phone leaves");
+    leave->add_option("--code", options.code, "the phone's own result code, 1 unless given")->type_name("N");
+}
+
+Options finished(Arguments& arguments) {
+    Options& options = arguments.options;
+    options.camera = parse_endpoint(arguments.url);
+    options.timeout = std::chrono::milliseconds(std::llround(std::ceil(arguments.timeout_seconds * 1000)));
+    if (options.command == Options::Command::show || options.command == Options::Command::picture) {
+        options.numbers = {arguments.number};
+    }
+    return options;
+}
+
+Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
+    if (app.get_subcommands().empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
+        return {exit_usage,
+                "--connect URL and a command are needed: list, show, picture, store, rename, delete or "
+                "leave; see shotmentor-phone --help"};
+    }
+    std::string line = error.what();
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    return {exit_usage, fmt::format("{}; see shotmentor-phone --help", line)};
+}
+
+} // namespace
+
+std::optional<Options> options_of(int argc, char** argv) {
+    Arguments arguments;
+    CLI::App app("Reads and changes the shooting presets of a camera.", "shotmentor-phone");
+    app.footer(examples_and_codes);
+    app.fallthrough(); // the common options may stand behind the command as well
+    app.require_subcommand(1);
+    add_common_options(app, arguments);
+    add_reading_commands(app, arguments);
+    add_changing_commands(app, arguments.options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        print(app.help());
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        throw usage_failure(app, error);
+    }
+    return finished(arguments);
+}
+
+} // namespace desk

@@ -1,0 +1,40 @@
+// What the command line asks for.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Wire/Endpoint.h"
+
+namespace desk {
+
+struct Options {
+    enum class Command { list, show, picture, store, rename, remove, leave };
+
+    Endpoint camera;
+    std::chrono::milliseconds timeout{5000};
+    size_t mtu = 4096;
+    bool json = false;
+    bool raw = false;
+    std::optional<size_t> width; // 0: no limit
+
+    Command command = Command::list;
+    bool with_pictures = false;       // list, show
+    std::vector<int> numbers;         // remove: at least one; show, picture: exactly one
+    std::string output_file;          // picture
+    std::string preset_file;          // store
+    std::string picture_file;         // store
+    int32_t custom_id = 0;            // rename
+    std::string title;                // rename
+    std::optional<int32_t> server_id; // rename
+    int32_t code = 1;                 // leave
+};
+
+// The options that the command line gives, or nothing when it asked for help, which is then on standard
+// output. Throws Failure (exit_usage).
+std::optional<Options> options_of(int argc, char** argv);
+
+} // namespace desk

@@ -1,0 +1,81 @@
+#include "Output.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "Wire/Failure.h"
+
+namespace desk {
+
+void print(std::string_view text) {
+    const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+    if (written && std::fflush(stdout) == 0) {
+        return;
+    }
+    const int error = errno;
+    if (error == EPIPE || error == EBADF) {
+        throw OutputClosed{};
+    }
+    throw Failure(exit_machine, fmt::format("cannot write to standard output: {}", std::strerror(error)));
+}
+
+void print_json(const nlohmann::ordered_json& json) {
+    constexpr int indentation = 2;
+    print(json.dump(indentation, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n");
+}
+
+void occupy_standard_descriptors() {
+    for (int expected = STDIN_FILENO; expected <= STDERR_FILENO; ++expected) {
+        if (fcntl(expected, F_GETFD) < 0) {
+            // Takes the lowest number, and cannot be written to: output stays closed.
+            static_cast<void>(open("/dev/null", O_RDONLY));
+        }
+    }
+}
+
+void talk(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+}
+
+void say(std::string_view line) {
+    talk(fmt::format("{}\n", line));
+}
+
+void complain(std::string_view line) {
+    talk(fmt::format("shotmentor-phone: {}\n", line));
+}
+
+bool output_is_terminal() {
+    return isatty(STDOUT_FILENO) == 1;
+}
+
+bool talk_is_terminal() {
+    return isatty(STDERR_FILENO) == 1;
+}
+
+bool color_is_unwanted() {
+    const char* wish = std::getenv("NO_COLOR");
+    return wish != nullptr && *wish != '\0';
+}
+
+bool terminal_can_redraw() {
+    const char* terminal = std::getenv("TERM");
+    return terminal != nullptr && *terminal != '\0' && std::string_view(terminal) != "dumb";
+}
+
+std::optional<TerminalSize> terminal_size(int descriptor) {
+    winsize size = {};
+    if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
+        return std::nullopt;
+    }
+    return TerminalSize{size.ws_col, size.ws_row};
+}
+
+} // namespace desk

@@ -1,0 +1,38 @@
+// Data goes to standard output, talk to standard error.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace desk {
+
+// Whoever read our standard output has gone. There is nothing to say, and nobody to say it to.
+struct OutputClosed {};
+
+// Writes data and makes sure that it has arrived. Throws OutputClosed, or Failure (exit_machine).
+void print(std::string_view text);
+void print_json(const nlohmann::ordered_json& json);
+
+// Keeps the link to the camera from becoming standard output where we were started with that one closed. To
+// be called before anything is opened.
+void occupy_standard_descriptors();
+
+// Talk as it is; one line of it; one line of complaint. Nobody has to be listening.
+void talk(std::string_view text);
+void say(std::string_view line);
+void complain(std::string_view line);
+
+bool output_is_terminal();
+bool talk_is_terminal();
+bool color_is_unwanted();   // NO_COLOR, https://no-color.org
+bool terminal_can_redraw(); // the terminal of this process moves its cursor
+
+struct TerminalSize {
+    size_t columns;
+    size_t rows;
+};
+std::optional<TerminalSize> terminal_size(int descriptor);
+
+} // namespace desk

@@ -1,0 +1,55 @@
+#include "Progress.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <fmt/format.h>
+#include <utility>
+
+#include "Output.h"
+
+namespace desk {
+namespace {
+
+constexpr size_t worth_showing = 64 * 1024; // what is smaller is through before it can be read
+constexpr size_t bar_length = 30;
+constexpr size_t never_shown = SIZE_MAX;
+
+std::string kilobytes(size_t bytes) {
+    return fmt::format("{}", (bytes + 999) / 1000);
+}
+
+std::string line_of(const std::string& label, size_t done, size_t all) {
+    const size_t full = done * bar_length / all;
+    const std::string bar = std::string(full, '=') + std::string(bar_length - full, ' ');
+    return fmt::format("{} [{}] {:>3} %  {} of {} kB", label,
+                       color_is_unwanted() ? bar : "\x1b[36m" + bar + "\x1b[0m", done * 100 / all,
+                       kilobytes(done), kilobytes(all));
+}
+
+} // namespace
+
+Progress::Progress(std::string label)
+    : label_(std::move(label)), wanted_(talk_is_terminal() && terminal_can_redraw()),
+      shown_permille_(never_shown) {}
+
+Progress::~Progress() {
+    if (visible_) {
+        talk("\r\x1b[K");
+    }
+}
+
+void Progress::show(size_t done, size_t all) {
+    if (!wanted_ || all < worth_showing) {
+        return;
+    }
+    done = std::min(done, all);
+    const size_t permille = done * 1000 / all;
+    if (permille == shown_permille_) {
+        return;
+    }
+    shown_permille_ = permille;
+    visible_ = true;
+    talk(fmt::format("\r{}\x1b[K", line_of(label_, done, all)));
+}
+
+} // namespace desk

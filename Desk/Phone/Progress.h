@@ -1,0 +1,26 @@
+// A progress bar on standard error, for a person who watches: it shows on a terminal only, and is gone when
+// the work is done.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace desk {
+
+class Progress {
+  public:
+    explicit Progress(std::string label);
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    ~Progress();
+
+    void show(size_t done, size_t all);
+
+  private:
+    std::string label_;
+    bool wanted_;
+    size_t shown_permille_;
+    bool visible_ = false;
+};
+
+} // namespace desk

@@ -21,16 +21,8 @@ size_t continuing_bytes(size_t available) {
     return missing <= 0 ? available : std::min(available, static_cast<size_t>(missing));
 }
 
-// Bytes of a stream that are a request's first packet. Of a header that the library refuses, the header
-// alone: the stream goes on behind it.
-size_t starting_bytes(std::span<const uint8_t> stream) {
-    if (stream.size() < header_size) {
-        return 0;
-    }
-    const int32_t function = get_word(stream, offsetof(sm_frame, function));
-    const int32_t total = get_word(stream, offsetof(sm_frame, total_length));
-    const bool accepted = function >= 0 && function <= SM_FUNCTION_LAST && total > 0;
-    return accepted ? std::min(stream.size(), static_cast<size_t>(total)) : header_size;
+bool is_refused(int32_t function, int32_t total) {
+    return function < 0 || function > SM_FUNCTION_LAST || total < 0;
 }
 
 } // namespace
@@ -45,6 +37,7 @@ void Intake::take(std::span<const uint8_t> received) {
 }
 
 bool Intake::hand_over() {
+    skip();
     const size_t length = next_packet();
     if (length == 0) {
         return false;
@@ -59,11 +52,33 @@ std::span<const uint8_t> Intake::waiting() const {
     return std::span(bytes_).first(received_).subspan(handed_over_);
 }
 
-size_t Intake::next_packet() const {
+size_t Intake::next_packet() {
     if (keeps_borders_) {
         return waiting().size();
     }
     return is_in_reassembly() ? continuing_bytes(waiting().size()) : starting_bytes(waiting());
+}
+
+// Bytes of a stream that are a request's first packet: its header at least. The library refuses some headers
+// and stays idle; what such a request has announced is passed over, so that the stream goes on with the next
+// one.
+size_t Intake::starting_bytes(std::span<const uint8_t> stream) {
+    if (stream.size() < header_size) {
+        return 0;
+    }
+    const int32_t total = get_word(stream, offsetof(sm_frame, total_length));
+    const size_t announced = total > int32_t{header_size} ? static_cast<size_t>(total) : header_size;
+    if (is_refused(get_word(stream, offsetof(sm_frame, function)), total)) {
+        to_skip_ = announced - header_size;
+        return header_size;
+    }
+    return std::min(stream.size(), announced);
+}
+
+void Intake::skip() {
+    const size_t skipped = std::min(to_skip_, waiting().size());
+    handed_over_ += skipped;
+    to_skip_ -= skipped;
 }
 
 Intake::Stuck Intake::stuck() {

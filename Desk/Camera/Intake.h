@@ -31,12 +31,15 @@ class Intake {
 
   private:
     std::span<const uint8_t> waiting() const;
-    size_t next_packet() const; // its bytes, 0 when there is none yet
+    size_t next_packet(); // its bytes, 0 when there is none yet
+    size_t starting_bytes(std::span<const uint8_t> stream);
+    void skip();
 
     bool keeps_borders_;
     std::vector<uint8_t> bytes_; // what was received, with cleared bytes behind it
     size_t handed_over_ = 0;     // bytes of it that the library has had
     size_t received_ = 0;        // bytes of it that the phone sent
+    size_t to_skip_ = 0;         // bytes of a refused request that are still to come on a stream
 };
 
 } // namespace desk

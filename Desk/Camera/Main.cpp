@@ -17,12 +17,16 @@ namespace {
 
 using namespace desk;
 
+bool is_vacant(const std::filesystem::path& place) {
+    std::error_code error;
+    return !std::filesystem::exists(place, error) || std::filesystem::is_empty(place, error);
+}
+
 PresetStore open_or_create_store(const Options& options) {
-    PresetStore store = PresetStore::open(options.store, true);
-    if (store.is_new() && !options.empty) {
-        add_samples(store);
+    if (!options.empty && is_vacant(options.store)) {
+        make_sample_store(options.store);
     }
-    return store;
+    return PresetStore::open(options.store, true);
 }
 
 // The library opens the pictures itself, by their paths relative to the store.

@@ -41,7 +41,7 @@ CLI::Validator one_of(std::vector<std::string> words) {
 }
 
 struct Texts {
-    std::string listen;
+    std::optional<std::string> listen;
     std::string iso_step = "full";
     std::string log_level = "warn";
     std::string custom_mode;
@@ -157,10 +157,10 @@ Endpoint default_endpoint(const Options& options) {
 }
 
 Endpoint listening_endpoint(const Texts& texts, const Options& options) {
-    if (texts.listen.empty()) {
+    if (!texts.listen) {
         return default_endpoint(options);
     }
-    Endpoint endpoint = parse_endpoint(texts.listen);
+    Endpoint endpoint = parse_endpoint(*texts.listen);
     if (endpoint.kind == Endpoint::Kind::unix_socket) {
         endpoint.path = std::filesystem::absolute(endpoint.path).string();
     }

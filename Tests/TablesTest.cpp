@@ -427,9 +427,9 @@ TEST_F(Tables, IsoStepsAreFullForAModelSpecificationOf1) {
 }
 
 TEST_F(Tables, IsoStepsAreThirdsForEveryOtherModelSpecification) {
-    for (const int specification : {0, 2, 3, -1, 257, INT_MAX, INT_MIN}) {
-        host.iso_step_value = specification;
-        EXPECT_EQ(ADE_PRO_GetSysIsoStep(), 1) << specification;
+    for (const int answer : {0, 2, 3, -1, 257, INT_MAX, INT_MIN}) {
+        host.iso_step_value = answer;
+        EXPECT_EQ(ADE_PRO_GetSysIsoStep(), 1) << answer;
     }
 }
 

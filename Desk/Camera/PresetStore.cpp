@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "Sqlite.h"
+#include "Wire/Descriptor.h"
 #include "Wire/Record.h"
 
 namespace fs = std::filesystem;
@@ -65,45 +66,29 @@ std::string picture_path(int custom_id) {
     throw std::system_error(errno, std::generic_category(), path.string());
 }
 
-class Descriptor {
-  public:
-    Descriptor() = default;
-    Descriptor(const fs::path& path, int flags) : number_(::open(path.c_str(), flags | O_CLOEXEC, 0666)) {
-        if (number_ < 0) {
-            refuse(path);
-        }
+Descriptor open_file(const fs::path& path, int flags) {
+    Descriptor file(::open(path.c_str(), flags | O_CLOEXEC, 0666));
+    if (file.get() < 0) {
+        refuse(path);
     }
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(number_, other.number_);
-        return *this;
-    }
-    ~Descriptor() {
-        if (number_ >= 0) {
-            ::close(number_);
-        }
-    }
-    int number() const { return number_; }
-
-  private:
-    int number_ = -1;
-};
+    return file;
+}
 
 // Flushes a file's bytes, or the names in a folder.
 void flush(const Descriptor& file, const fs::path& path) {
-    if (::fsync(file.number()) != 0) {
+    if (::fsync(file.get()) != 0) {
         refuse(path);
     }
 }
 
 void flush_folder(const fs::path& folder) {
-    flush(Descriptor(folder, O_RDONLY | O_DIRECTORY), folder);
+    flush(open_file(folder, O_RDONLY | O_DIRECTORY), folder);
 }
 
 void write_file(const fs::path& path, std::span<const uint8_t> bytes) {
-    const Descriptor file(path, O_WRONLY | O_CREAT | O_TRUNC);
+    const Descriptor file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
     while (!bytes.empty()) {
-        const ssize_t written = ::write(file.number(), bytes.data(), bytes.size());
+        const ssize_t written = ::write(file.get(), bytes.data(), bytes.size());
         if (written < 0 && errno != EINTR) {
             refuse(path);
         }
@@ -228,8 +213,8 @@ fs::path tidy(const fs::path& folder) {
 }
 
 Descriptor lock(const fs::path& folder) {
-    Descriptor file(folder / "lock", O_RDWR | O_CREAT);
-    if (::flock(file.number(), LOCK_EX | LOCK_NB) != 0) {
+    Descriptor file = open_file(folder / "lock", O_RDWR | O_CREAT);
+    if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno == EWOULDBLOCK) {
             throw in_use(folder, "another camera");
         }
@@ -277,8 +262,8 @@ void check_header(const fs::path& folder) {
         throw damaged(folder, std::string(database_name) + " is not a file");
     }
     std::array<uint8_t, 100> header{};
-    const Descriptor file(path, O_RDONLY);
-    const ssize_t got = ::pread(file.number(), header.data(), header.size(), 0);
+    const Descriptor file = open_file(path, O_RDONLY);
+    const ssize_t got = ::pread(file.get(), header.data(), header.size(), 0);
     if (got < 0) {
         refuse(path);
     }

@@ -15,35 +15,11 @@
 #include <unistd.h>
 #include <utility>
 
+#include "Wire/Bluetooth.h"
+#include "Wire/Descriptor.h"
+
 namespace desk {
 namespace {
-
-// The kernel's own layouts. They are declared here because Bluetooth's headers come with its daemon, which
-// most machines that run the desk do not need.
-constexpr int protocol_l2cap = 0;
-constexpr int protocol_rfcomm = 3;
-constexpr int level_l2cap = 6;
-constexpr int option_l2cap = 1;
-
-struct RfcommAddress {
-    sa_family_t family;
-    uint8_t address[6]; // least significant byte first
-    uint8_t channel;
-};
-
-struct L2capAddress {
-    sa_family_t family;
-    uint16_t psm; // little-endian
-    uint8_t address[6];
-    uint16_t channel_id;
-    uint8_t address_type;
-};
-
-struct L2capOptions {
-    uint16_t outgoing_mtu, incoming_mtu, flush_timeout;
-    uint8_t mode, checksum, most_transmissions;
-    uint16_t window;
-};
 
 [[noreturn]] void fail(const Endpoint& endpoint, const std::string& why) {
     throw Failure(exit_link, "cannot listen on " + endpoint.url() + ": " + why);
@@ -53,32 +29,17 @@ struct L2capOptions {
     fail(endpoint, std::strerror(errno));
 }
 
-// Closes the socket unless it is released.
-class Socket {
-  public:
-    Socket(int family, int type, int protocol)
-        : socket_(::socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol)) {}
-    ~Socket() {
-        if (socket_ >= 0) {
-            ::close(socket_);
-        }
-    }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-
-    int get() const { return socket_; }
-    int release() { return std::exchange(socket_, -1); }
-
-  private:
-    int socket_;
-};
+// Check the result: without a kernel's support there is none.
+Descriptor make_socket(int family, int type, int protocol) {
+    return Descriptor(::socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol));
+}
 
 template<class Address>
 const sockaddr* generic(const Address& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-void bind_and_listen(const Endpoint& endpoint, const Socket& socket, const sockaddr* address,
+void bind_and_listen(const Endpoint& endpoint, const Descriptor& socket, const sockaddr* address,
                      socklen_t length) {
     if (::bind(socket.get(), address, length) != 0 || ::listen(socket.get(), SOMAXCONN) != 0) {
         fail_with_errno(endpoint);
@@ -102,7 +63,7 @@ sockaddr_un unix_address(const Endpoint& endpoint) {
 // A dead camera's socket refuses connections. It is asked with the wrong type of socket, which a live
 // camera's refuses in another way, so that a live camera sees no phone come and go.
 bool is_left_behind(const sockaddr_un& address) {
-    const Socket socket(AF_UNIX, SOCK_STREAM, 0);
+    const Descriptor socket = make_socket(AF_UNIX, SOCK_STREAM, 0);
     const bool connected = ::connect(socket.get(), generic(address), sizeof address) == 0;
     return !connected && errno == ECONNREFUSED;
 }
@@ -123,7 +84,7 @@ void remove_what_a_dead_camera_left(const Endpoint& endpoint, const sockaddr_un&
 
 int listen_on_unix_socket(const Endpoint& endpoint) {
     const sockaddr_un address = unix_address(endpoint);
-    Socket socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    Descriptor socket = make_socket(AF_UNIX, SOCK_SEQPACKET, 0);
     if (socket.get() < 0) {
         fail_with_errno(endpoint);
     }
@@ -150,7 +111,7 @@ Resolved resolve(const Endpoint& endpoint) {
     return {found, &::freeaddrinfo};
 }
 
-uint16_t port_of(const Socket& socket) {
+uint16_t port_of(const Descriptor& socket) {
     sockaddr_storage address = {};
     socklen_t length = sizeof address;
     ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
@@ -160,7 +121,7 @@ uint16_t port_of(const Socket& socket) {
 
 int listen_on_tcp(Endpoint& endpoint) {
     const Resolved address = resolve(endpoint);
-    Socket socket(address->ai_family, SOCK_STREAM, 0);
+    Descriptor socket = make_socket(address->ai_family, SOCK_STREAM, 0);
     if (socket.get() < 0) {
         fail_with_errno(endpoint);
     }
@@ -173,36 +134,16 @@ int listen_on_tcp(Endpoint& endpoint) {
 
 // ---- Bluetooth --------------------------------------------------------------------------------------------
 
-void copy_adapter(const Endpoint& endpoint, uint8_t (&address)[6]) {
-    if (endpoint.address) {
-        std::reverse_copy(endpoint.address->begin(), endpoint.address->end(), address);
-    }
-}
-
 template<class Address>
-int listen_on_bluetooth(const Endpoint& endpoint, int type, int protocol, Address address) {
-    Socket socket(AF_BLUETOOTH, type, protocol);
+int listen_on_bluetooth(const Endpoint& endpoint, int type, int protocol, const Address& address) {
+    Descriptor socket = make_socket(AF_BLUETOOTH, type, protocol);
     if (socket.get() < 0) {
         fail(endpoint, errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT
                            ? "this machine's kernel has no such Bluetooth sockets"
                            : std::strerror(errno));
     }
-    address.family = AF_BLUETOOTH;
-    copy_adapter(endpoint, address.address);
     bind_and_listen(endpoint, socket, generic(address), sizeof address);
     return socket.release();
-}
-
-int listen_on_rfcomm(const Endpoint& endpoint) {
-    RfcommAddress address = {};
-    address.channel = static_cast<uint8_t>(endpoint.port);
-    return listen_on_bluetooth(endpoint, SOCK_STREAM, protocol_rfcomm, address);
-}
-
-int listen_on_l2cap(const Endpoint& endpoint) {
-    L2capAddress address = {};
-    address.psm = endpoint.port; // the records of this system make little-endian machines a condition
-    return listen_on_bluetooth(endpoint, SOCK_SEQPACKET, protocol_l2cap, address);
 }
 
 } // namespace
@@ -214,9 +155,9 @@ int open_listening_socket(Endpoint& endpoint) {
     case Endpoint::Kind::tcp:
         return listen_on_tcp(endpoint);
     case Endpoint::Kind::rfcomm:
-        return listen_on_rfcomm(endpoint);
+        return listen_on_bluetooth(endpoint, SOCK_STREAM, rfcomm_protocol, rfcomm_address(endpoint));
     default:
-        return listen_on_l2cap(endpoint);
+        return listen_on_bluetooth(endpoint, SOCK_SEQPACKET, l2cap_protocol, l2cap_address(endpoint));
     }
 }
 
@@ -232,7 +173,8 @@ size_t largest_packet(Endpoint::Kind kind, int socket) {
     L2capOptions options = {};
     socklen_t length = sizeof options;
     if (kind == Endpoint::Kind::l2cap &&
-        ::getsockopt(socket, level_l2cap, option_l2cap, &options, &length) == 0 && options.outgoing_mtu > 0) {
+        ::getsockopt(socket, l2cap_level, l2cap_options, &options, &length) == 0 &&
+        options.outgoing_mtu > 0) {
         return options.outgoing_mtu;
     }
     return std::numeric_limits<size_t>::max();

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Descriptor.h"
+#include "Wire/Descriptor.h"
 #include "Wire/Failure.h"
 
 namespace desk {

@@ -13,28 +13,10 @@
 #include <sys/un.h>
 #include <thread>
 
+#include "Wire/Bluetooth.h"
+
 namespace desk {
 namespace {
-
-// The kernel's Bluetooth addresses. Its C library headers come with BlueZ, which the desk does not need.
-constexpr int l2cap_protocol = 0;
-constexpr int rfcomm_protocol = 3;
-
-struct RfcommAddress {
-    sa_family_t family;
-    uint8_t address[6]; // least significant byte first
-    uint8_t channel;
-};
-
-struct L2capAddress {
-    sa_family_t family;
-    uint8_t psm[2];     // little-endian
-    uint8_t address[6]; // least significant byte first
-    uint8_t cid[2];
-    uint8_t address_type;
-};
-
-static_assert(sizeof(RfcommAddress) == 10 && sizeof(L2capAddress) == 14, "as the kernel lays them out");
 
 constexpr size_t largest_packet = size_t{1} << 20;
 
@@ -69,31 +51,21 @@ Address unix_address(const Endpoint& camera) {
     return address_from(SOCK_SEQPACKET, 0, layout, AF_UNIX);
 }
 
-void copy_reversed(const Endpoint& camera, uint8_t (&address)[6]) {
+void require_address(const Endpoint& camera) {
     if (!camera.address) {
         throw Failure(exit_link,
                       fmt::format("{} does not say which camera; write its Bluetooth address, as in "
                                   "rfcomm:00:11:22:33:44:55:1",
                                   camera.url()));
     }
-    std::copy(camera.address->rbegin(), camera.address->rend(), address);
 }
 
-Address rfcomm_address(const Endpoint& camera) {
-    RfcommAddress layout = {};
-    layout.family = AF_BLUETOOTH;
-    layout.channel = static_cast<uint8_t>(camera.port);
-    copy_reversed(camera, layout.address);
-    return address_from(SOCK_STREAM, rfcomm_protocol, layout, AF_BLUETOOTH);
-}
-
-Address l2cap_address(const Endpoint& camera) {
-    L2capAddress layout = {};
-    layout.family = AF_BLUETOOTH;
-    layout.psm[0] = static_cast<uint8_t>(camera.port);
-    layout.psm[1] = static_cast<uint8_t>(camera.port >> 8);
-    copy_reversed(camera, layout.address);
-    return address_from(SOCK_SEQPACKET, l2cap_protocol, layout, AF_BLUETOOTH);
+Address bluetooth_address(const Endpoint& camera) {
+    require_address(camera);
+    if (camera.kind == Endpoint::Kind::rfcomm) {
+        return address_from(SOCK_STREAM, rfcomm_protocol, rfcomm_address(camera), AF_BLUETOOTH);
+    }
+    return address_from(SOCK_SEQPACKET, l2cap_protocol, l2cap_address(camera), AF_BLUETOOTH);
 }
 
 std::vector<Address> tcp_addresses(const Endpoint& camera) {
@@ -120,9 +92,8 @@ std::vector<Address> addresses_of(const Endpoint& camera) {
     case Endpoint::Kind::unix_socket:
         return {unix_address(camera)};
     case Endpoint::Kind::rfcomm:
-        return {rfcomm_address(camera)};
     case Endpoint::Kind::l2cap:
-        return {l2cap_address(camera)};
+        return {bluetooth_address(camera)};
     case Endpoint::Kind::tcp:
         break;
     }

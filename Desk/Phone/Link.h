@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "Descriptor.h"
+#include "Wire/Descriptor.h"
 #include "Wire/Endpoint.h"
 
 namespace desk {

@@ -20,6 +20,7 @@ class Descriptor {
         }
     }
     int get() const { return number_; }
+    int release() { return std::exchange(number_, -1); }
 
   private:
     int number_;

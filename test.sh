@@ -34,7 +34,7 @@ for preset in "${presets[@]}"; do
     ctest --preset "$preset"
     if [ "$preset" = coverage ]; then
         gcovr --root . --filter Src/ --branches --exclude-throw-branches --print-summary \
-            --txt build/coverage/coverage.txt build/coverage
+            --fail-under-line 100 --fail-under-branch 100 --txt build/coverage/coverage.txt build/coverage
         cat build/coverage/coverage.txt
     fi
 done

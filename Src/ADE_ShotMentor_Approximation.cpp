@@ -229,8 +229,8 @@ int distance_down(EnableTable table, int position) {
     return position > 0 ? table.count : 0;
 }
 
-// The same upwards, with the search's log lines. No table of ours ends in an unsupported step with nothing
-// supported below it, so the search does not get here from the last position.
+// The same upwards, with the search's log lines. Not asked for the last position: every table supports some
+// position, which then lies below it, and the search has ended there.
 int distance_up(EnableTable table, int position) {
     const int last = table.count - 1;
     for (int distance = 1; position + distance <= last; ++distance) {
@@ -243,7 +243,7 @@ int distance_up(EnableTable table, int position) {
             ALG_LOG_CYAN("rstartpt(3)rstep:%d\t result:%d", distance, reached);
         }
     }
-    return position < last ? table.count : 0;
+    return table.count;
 }
 
 // Picks the nearer of two steps, `down` below and `up` above; the lower one when both are equally near.

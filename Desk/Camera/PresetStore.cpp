@@ -290,10 +290,9 @@ Database open_database(const fs::path& folder) {
     }
     database.run(settings);
     Statement check(database, "PRAGMA integrity_check(1)");
-    std::string fault = check.step() ? check.text(0) : "nothing can be read";
+    const std::string fault = check.step() ? check.text(0) : "nothing can be read";
     if (fault != "ok") {
-        std::ranges::replace(fault, '\n', ' ');
-        throw damaged(folder, std::string(database_name) + ": " + fault);
+        throw damaged(folder, std::string(database_name) + ": " + in_one_line(fault));
     }
     return database;
 }

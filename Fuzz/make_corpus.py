@@ -1,0 +1,211 @@
+#!/usr/bin/env python3
+"""Writes the first inputs of the fuzzers, and of the replays in the tests, to corpus/.
+
+Usage: Fuzz/make_corpus.py
+
+Each input of the conversations is written as the decisions that its target reads, step by step.
+"""
+import pathlib
+import struct
+
+CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
+BORDERS = [-2**31, -2**31 + 1, -2, -1, 0, 1, 2, 39, 40, 41, 42, 599999, 600000, 600001, 743, 744, 844, 30000, 74999,
+           2**31 - 1]
+FUNCTIONS = [1, 2, 3, 4, 5, 0, 255, 256, 6]
+STREAM = b"\xff\xd8\xff\xdb"
+
+
+def size(value):
+    return struct.pack("<H", value)
+
+
+def word(value):
+    return struct.pack("<i", value)
+
+
+def number(value):
+    if value in BORDERS:
+        return bytes([BORDERS.index(value)])
+    return bytes([28]) + word(value)
+
+
+# ---- Conversations ------------------------------------------------------------------------------------------------
+
+def cuts(*sizes):
+    return bytes([len(sizes)]) + b"".join(size(value) for value in sizes)
+
+
+def request(function, payload=size(0), pieces=cuts()):
+    return bytes([0, FUNCTIONS.index(function)]) + payload + pieces
+
+
+def record(seed=b"\0", changes=()):
+    """A whole record that repeats `seed`, with words changed at some offsets."""
+    return (bytes([1]) + size(len(seed) - 1) + seed + bytes([len(changes)])
+            + b"".join(size(offset) + number(value) for offset, value in changes))
+
+
+def picture(short=0):
+    return size(0) + bytes([1]) + size(10 - short)
+
+
+def pairs(*named):
+    return (bytes([len(named)]) + b"".join(b"\0" + number(preset) + b"\0" + number(id_) for preset, id_ in named)
+            + size(0))
+
+
+def announcing(function, total, rest=b"", pieces=cuts()):
+    return bytes([8]) + number(function) + number(total) + size(len(rest)) + rest + pieces
+
+
+def raw(packet):
+    return bytes([9]) + size(len(packet)) + packet
+
+
+def confirm(times=1):
+    return bytes([10]) * times
+
+
+def camera_list(presets, linked=(-1, -1, -1, -1), link_up=True, reported=None):
+    return (bytes([11, 1 if link_up else 0, 1, 0, len(presets)])
+            + (bytes([1]) if reported is None else bytes([0]) + number(reported))
+            + record(b"A\0\0\0") + b"".join(number(num) + number(id_) for num, id_ in presets)
+            + b"".join(b"\0" + number(value) for value in linked) + bytes([1, 1]))
+
+
+def answers(known, path=4, custom_id=7, save=1, update=1):
+    return (bytes([12, known]) + record() + bytes([path]) + number(custom_id) + number(save) + b"\1" + number(3)
+            + number(9) + number(5) + number(update))
+
+
+def refuse(nth, for_good=False):
+    return bytes([13, nth, int(for_good)])
+
+
+def drop_link():
+    return bytes([14, 0])
+
+
+def flood(value, *extra):
+    return bytes([14, 3, len(extra) - 1, value]) + bytes(extra)
+
+
+def pictures(*parts, path=4):
+    return (bytes([15, len(parts)]) + b"".join(bytes([3]) + size(len(part)) + part for part in parts)
+            + bytes([path]))
+
+
+CONVERSATIONS = {
+    "list_of_two": camera_list([(0, 1), (1, 3)], (0, 1, 0, 1)) + request(1) + confirm(2),
+    "list_link_down": camera_list([(0, 1)], link_up=False) + request(1),
+    "list_impossible_counts": b"".join(camera_list([(0, 1)], reported=count) + request(1)
+                                       for count in (-2**31, -1, 41, 2**31 - 1)),
+    "picture_errors": request(2, number(0) + number(1)) + request(2, number(5) + number(1)) + confirm(2),
+    "picture_of_four_streams": pictures(b"one", b"two", b"three", b"four") + request(2, number(5) + number(1)),
+    "picture_paths": b"".join(pictures(b"x", path=path) + request(2, number(7) + number(1)) for path in range(5)),
+    "store": answers(1) + request(3, record(b"B\1") + picture(), cuts(8, 100, 736)) + confirm(),
+    "store_too_short": request(3, record() + picture(short=10)) + announcing(3, 4) + drop_link(),
+    "update": answers(1) + request(4, record(b"T", [(600, 5)])) + request(4, record(b"\xff")),
+    "delete_kept_by_both": camera_list([(0, 1), (1, 3)], (0, 1, 0, 1)) + answers(1)
+                           + request(5, pairs((0, 1), (1, 3), (2, 5))) + confirm(),
+    "delete_impossible_link": camera_list([(0, 1)], (-2, 41, 0, 1)) + answers(1) + request(5, pairs((0, 1))),
+    "delete_faulty": answers(1) + request(5, pairs((0, 0))) + request(5, pairs((40, 1))) + request(5, pairs()),
+    "state_off_and_on": request(0, size(4) + word(-12)) + request(255) + request(256) + request(6),
+    "queue_overflow": request(4, record()) * 13 + confirm(12) + request(1),
+    "refused_totals": announcing(1, -1) + announcing(1, 0) + drop_link() + announcing(257, 8) + announcing(-1, 8),
+    "overshoot": announcing(1, 2, b"more") + raw(b"\1\0\0\0\x08\0\0\0") + drop_link() + request(1),
+    "too_long": announcing(3, 600001) + flood(7, 0, 0, 0) + drop_link(),
+    "refused_buffers": b"".join(refuse(nth) + camera_list([(0, 1)]) + request(1) + drop_link()
+                                for nth in range(1, 5)),
+    "refused_for_good": refuse(2, True) + request(2, number(0) + number(0)) + request(4, record()) + confirm(),
+    "total_0_without_buffer": refuse(1) + announcing(1, 0) + raw(b"\1\0\0\0"),
+}
+
+
+# ---- The other targets --------------------------------------------------------------------------------------------
+
+def bytes_of(*values):
+    return bytes(values)
+
+
+# Model code, C4 state and ISO step are left behind, then the kind of conversion follows.
+CONVERSIONS = {
+    **{f"to_phone_mode_{mode}": bytes_of(4, 4, 5, 0, 1, mode + 1, 0, 1, 20 + mode, 1, 30 + mode, 0, 1, 3, 0, 5, 1, 15)
+       for mode in range(7)},
+    **{f"to_camera_mode_{mode}": bytes_of(5, 4, 5, 1, 1, mode + 1, 1, 1, 19, 1, 40 + mode, 1, 1, 4, 1, 6, 1, 53, 1, 1,
+                                          0x44)
+       for mode in range(6)},
+    "there_and_back": bytes_of(6, 4, 5, 2) + bytes(range(256)) * 3,
+    **{f"approximations_of_model_{model}": bytes_of(4, 4, 5, 3, 4, 4, 1, model + 1, 28) + word(105)
+       for model in range(4)},
+    "white": bytes_of(4, 4, 5, 2) + word(255) * 186,
+    "extremes": bytes_of(19, 0, 19, 2) + word(2**31 - 1) * 186 + bytes_of(0, 19, 0, 2) + word(-2**31) * 186,
+}
+
+LOG_LINES = {
+    **{f"level_{level}": b"".join(bytes_of(level, tag, 0) + size(7) + b"hello\n\0\1" for tag in range(9))
+       for level in range(6)},
+    "longest": b"".join(bytes_of(level, 0, 1, more) + b"y" * (240 + more) + b"\1"
+                        for level in (0, 1, 5) for more in (5, 6, 7, 8)),
+    "formats": bytes_of(5, 3, 0) + size(12) + b"%s%n%d%%\\\033[m\1",
+}
+
+FIELDS = '{"title": "Sea", "mode": 2, "av_index": 28, "iso": 100, "cs_info": {"color_style": 3}}'
+JSON_TEXTS = {
+    "not_json": b"shopping list",
+    "empty": b"",
+    "partial": FIELDS.encode(),
+    "twice": b'{"title": 1, "title": "x",\n "mode": 99999999999, "iso": 1.5, "no such": []}',
+    "bytes": b'{"title": {"bytes": "00ff"}, "screennail_path": {"bytes": 7}, "cs_info": [[1, 2], 3]}',
+    "deep": b"[" * 200 + b"]" * 200,
+    "broken_utf8": b'{"title": "\xff\xfe", "mode": "\\ud800"}',
+    "record_of_zeros": b"\xff",
+    "record_with_title": b"\xffNight walk" + bytes(42) + word(4) * 40,
+    "record_of_odd_bytes": b"\xff" + bytes(range(1, 256)) * 3,
+}
+
+
+def reply(number, presets, extra_words, body, layout_at=None):
+    """One frame as the target builds it; `layout_at` is 20 in a list and 12 in the answer to deleting."""
+    if layout_at is None:
+        layout = bytes_of(0)
+    else:
+        layout = bytes_of(1, 1 if layout_at == 20 else 0, 1)
+    return bytes_of(1, presets, extra_words, 7) + body + bytes_of(number, 1) + layout
+
+
+REPLIES = {
+    "list_of_two": bytes_of(1) + reply(1, 2, 5, bytes(20), 20) + bytes_of(3, 9, 31, 31),
+    "empty_list": bytes_of(1) + reply(1, 0, 5, bytes(20), 20),
+    "deleted_kept_one": bytes_of(1) + reply(5, 1, 5, word(-7) + bytes(16), 12),
+    "picture": bytes_of(1) + reply(2, 0, 9, bytes(range(20))),
+    "stored_and_renamed": bytes_of(2) + reply(3, 0, 4, bytes(20)) + reply(4, 0, 1, bytes(20)) + bytes_of(1) * 40,
+    "plain_bytes": bytes_of(1, 0) + size(16) + word(0x1001) + word(7) + bytes(8),
+}
+
+# Places of the database that are overwritten, whether its end is cut off, and changes to the store.
+NO_DAMAGE = bytes_of(0, 0)
+STORES = {
+    "sound": NO_DAMAGE + bytes_of(0) + size(100) + bytes(100) + bytes_of(2, 1, 0, 1, 0) + bytes_of(1, 0, 5),
+    "links": NO_DAMAGE + bytes_of(3, 0, 2) + bytes_of(4, 1) + bytes_of(3, 2, 0) + bytes_of(1, 1, 5, 6),
+    "cut_off": bytes_of(0, 1) + size(4096),
+    "empty": bytes_of(0, 1) + size(0),
+    **{f"header_{offset}": bytes_of(1) + size(offset) + size(3) + word(7) + bytes_of(0, 2, 1, 1)
+       for offset in (0, 16, 18, 20, 28, 40, 60, 68)},
+    **{f"page_{page}": bytes_of(1) + size(4096 * page) + size(7) + bytes(8) + bytes_of(0) for page in range(1, 4)},
+}
+
+
+def write(target, inputs):
+    folder = CORPUS / target
+    folder.mkdir(parents=True, exist_ok=True)
+    for name, content in inputs.items():
+        (folder / name).write_bytes(content)
+
+
+write("Conversation", CONVERSATIONS)
+write("Conversion", CONVERSIONS)
+write("Log", LOG_LINES)
+write("PresetJson", JSON_TEXTS)
+write("Replies", REPLIES)
+write("Store", STORES)

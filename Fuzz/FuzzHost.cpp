@@ -3,6 +3,7 @@
 #include <cstdarg>
 
 #include "Lab/LibraryHeap.h"
+#include "Lab/LibraryState.h"
 
 namespace fuzz {
 
@@ -53,16 +54,7 @@ void start_over() {
     script = {};
     heard = {};
     log_lines = 0;
-    sm_BT_total_length = -1;
-    sm_BT_combine_length = 0;
-    shotmentor_p_ReceiveData = nullptr;
-    shotmentor_p_FullData = nullptr;
-    std::fill(std::begin(shotmentor_p_Full_Q), std::end(shotmentor_p_Full_Q), nullptr);
-    shotmentor_p_Full_Q_NUM = 0;
-    gADE_PRO_model = 0;
-    pro_sys_mode = 0;
-    pro_film_mode = 0;
-    pro_custom04_state = 0;
+    reset_library();
     library_heap::reset();
 }
 

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "Lab/LibraryHeap.h"
+#include "Lab/LibraryState.h"
 
 namespace {
 
@@ -21,19 +22,6 @@ constexpr const char* color_reset = "\033[m\n";
 FakeHost* current = nullptr;
 std::map<std::string, int> addresses; // as printed, numbered in the order in which the log showed them
 std::vector<bool> reply_is_freed;
-
-void reset_library() {
-    sm_BT_total_length = -1;
-    sm_BT_combine_length = 0;
-    shotmentor_p_ReceiveData = nullptr;
-    shotmentor_p_FullData = nullptr;
-    std::fill(std::begin(shotmentor_p_Full_Q), std::end(shotmentor_p_Full_Q), nullptr);
-    shotmentor_p_Full_Q_NUM = 0;
-    gADE_PRO_model = 0;
-    pro_sys_mode = 0;
-    pro_film_mode = 0;
-    pro_custom04_state = 0;
-}
 
 void note_freed_reply(const void* block) {
     for (size_t index = current->replies.size(); index-- > 0;) {

@@ -29,6 +29,8 @@ constexpr int reply_size = 30000;
 constexpr int picture_head = 12;
 constexpr int picture_extra = 50;
 constexpr int error_reply_size = 20;
+constexpr size_t filled_size =
+    32768; // of a new block: every reply without a picture, not all of a request's 600000
 
 int32_t word_at(const Bytes& bytes, size_t offset) {
     int32_t word;
@@ -806,6 +808,7 @@ class Conversation {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::silence_standard_error();
+    library_heap::fill_at_most(filled_size);
     picture_file = memfd_create("picture", MFD_CLOEXEC);
     PROMISE(picture_file >= 0);
     return 0;

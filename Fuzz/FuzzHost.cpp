@@ -176,6 +176,7 @@ int bt_send_msgs(bt_msg_info* message) {
             fuzz::error_reply_size <= size);
     const auto* const first = static_cast<const uint8_t*>(message->data);
     const auto length = message->length == 0 ? fuzz::error_reply_size : static_cast<size_t>(message->length);
+    PROMISE(library_heap::first_unwritten(first, length) == nullptr);
     heard.sent.push_back({message->data, message->length, size, fuzz::Bytes(first, first + length)});
     return 0;
 }

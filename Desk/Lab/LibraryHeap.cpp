@@ -1,10 +1,14 @@
 #include "Lab/LibraryHeap.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <link.h>
+#if __has_include(<valgrind/memcheck.h>)
+#include <valgrind/memcheck.h>
+#endif
 
 // The C library's own allocator, and the sanitizer's where there is one: that must see every block to guard
 // it.
@@ -15,12 +19,22 @@ void __libc_free(void* block);
 void* __interceptor_malloc(size_t size) __attribute__((weak));
 void* __interceptor_calloc(size_t count, size_t size) __attribute__((weak));
 void __interceptor_free(void* block) __attribute__((weak));
+
+void __msan_poison(const volatile void* data, size_t size) __attribute__((weak));
+intptr_t __msan_test_shadow(const volatile void* data, size_t size) __attribute__((weak));
+
+// The C++ library is not built with the memory sanitizer, which does not see what that writes. Therefore only
+// the library's own blocks and variables count as unwritten, not all new and freed memory.
+const char* __msan_default_options() {
+    return "poison_in_malloc=0:poison_in_free=0";
+}
 }
 
 namespace library_heap {
 namespace {
 
 constexpr int unwritten_byte = 0xA5;
+size_t filled_size = SIZE_MAX;
 
 struct Block {
     const void* address;
@@ -53,15 +67,20 @@ int find_library(dl_phdr_info* module, size_t, void* found) {
     return 1;
 }
 
+CodeRange find_code() {
+    CodeRange code;
+    dl_iterate_phdr(find_library, &code);
+    return code;
+}
+
+// Found before main begins, not at the first allocation: that comes before a sanitizer is ready.
+const CodeRange library_code = find_code();
+
 // Whether an address lies in the code of libshotmentor.so. What the C library allocates on the library's
 // behalf (a FILE and its buffer) does not count.
 bool is_library_code(const void* address) {
-    static CodeRange code;
-    if (code.end == 0) {
-        dl_iterate_phdr(find_library, &code);
-    }
     const auto where = reinterpret_cast<uintptr_t>(address);
-    return code.first <= where && where < code.end;
+    return library_code.first <= where && where < library_code.end;
 }
 
 bool is_refused() {
@@ -108,6 +127,16 @@ void plain_free(void* block) {
     __interceptor_free != nullptr ? __interceptor_free(block) : __libc_free(block);
 }
 
+// Tells the tools that know which bytes have been written to forget that these were.
+void mark_unwritten(void* block, size_t size) {
+    if (__msan_poison != nullptr) {
+        __msan_poison(block, size);
+    }
+#ifdef VALGRIND_MAKE_MEM_UNDEFINED
+    VALGRIND_MAKE_MEM_UNDEFINED(block, size);
+#endif
+}
+
 template<class Allocate>
 void* allocate(size_t size, const void* caller, bool cleared, Allocate plain) {
     if (!is_library_code(caller)) {
@@ -119,7 +148,8 @@ void* allocate(size_t size, const void* caller, bool cleared, Allocate plain) {
     }
     void* const block = plain();
     if (block != nullptr && !cleared) {
-        std::memset(block, unwritten_byte, size); // what the library does not write shows
+        std::memset(block, unwritten_byte, std::min(size, filled_size));
+        mark_unwritten(block, size);
     }
     return own(block, size);
 }
@@ -138,6 +168,34 @@ int asked() {
 
 void reset() {
     refuse(0, false);
+}
+
+void fill_at_most(size_t size) {
+    filled_size = size;
+}
+
+const void* first_unwritten(const void* data, size_t size) {
+    if (__msan_test_shadow != nullptr) {
+        const intptr_t offset = __msan_test_shadow(data, size);
+        return offset < 0 ? nullptr : static_cast<const char*>(data) + offset;
+    }
+#ifdef VALGRIND_CHECK_MEM_IS_DEFINED
+    VALGRIND_DISABLE_ERROR_REPORTING; // whoever asks decides what the answer means
+    const auto first = VALGRIND_CHECK_MEM_IS_DEFINED(data, size);
+    VALGRIND_ENABLE_ERROR_REPORTING;
+    return reinterpret_cast<const void*>(first);
+#else
+    return nullptr;
+#endif
+}
+
+bool knows_unwritten() {
+#ifdef RUNNING_ON_VALGRIND
+    if (RUNNING_ON_VALGRIND != 0) {
+        return true;
+    }
+#endif
+    return __msan_test_shadow != nullptr;
 }
 
 size_t size_of(const void* block) {

@@ -28,6 +28,10 @@ struct Conversation {
     std::vector<Bytes> steps;
 };
 
+void PrintTo(const Conversation& conversation, std::ostream* out) {
+    *out << conversation.name;
+}
+
 // The camera stores the custom ids 100 to 102 under the numbers 0 to 2; CUSTOM1 uses number 1.
 void start(FakeHost& host) {
     host.presets = presets_from_100(3);

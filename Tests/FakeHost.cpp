@@ -1,6 +1,7 @@
 #include "FakeHost.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -21,9 +22,17 @@ constexpr const char* color_reset = "\033[m\n";
 
 FakeHost* current = nullptr;
 std::map<std::string, int> addresses; // as printed, numbered in the order in which the log showed them
+int addresses_named = 0;
 std::vector<bool> reply_is_freed;
 
-void note_freed_reply(const void* block) {
+std::string printed(const void* address) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", address);
+    return text;
+}
+
+void note_freed(const void* block) {
+    addresses.erase(printed(block)); // the allocator may give the address again, to another block
     for (size_t index = current->replies.size(); index-- > 0;) {
         if (current->replies[index].message.data == block && !reply_is_freed[index]) {
             reply_is_freed[index] = true;
@@ -82,8 +91,9 @@ std::string name_of_address(const std::string& printed) {
     if (printed == "(nil)") {
         return "null";
     }
-    const int next = static_cast<int>(addresses.size()) + 1;
-    return "#" + std::to_string(addresses.emplace(printed, next).first->second);
+    const auto [entry, is_new] = addresses.emplace(printed, addresses_named + 1);
+    addresses_named += is_new ? 1 : 0;
+    return "#" + std::to_string(entry->second);
 }
 
 std::string with_named_addresses(std::string message) {
@@ -141,6 +151,57 @@ void delete_presets(const int* flags) {
     for (int& number : current->linked) {
         number = number_after(flags, number);
     }
+}
+
+// ---- Transcripts on file ---------------------------------------------------------------------------------
+
+// Stands for a reply's bytes, which would fill hundreds of megabytes (FNV-1a, 64 bits).
+uint64_t digest(const Bytes& bytes) {
+    uint64_t sum = 0xCBF29CE484222325;
+    for (const unsigned char byte : bytes) {
+        sum = (sum ^ byte) * 0x100000001B3;
+    }
+    return sum;
+}
+
+// The file of the running test in the folder that SHOTMENTOR_TRANSCRIPTS names; builds are compared by these
+// files. Null without such a folder.
+std::FILE* transcript_file() {
+    static std::string last_test;
+    const char* const folder = std::getenv("SHOTMENTOR_TRANSCRIPTS");
+    const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
+    if (folder == nullptr || test == nullptr) {
+        return nullptr;
+    }
+    std::string name = std::string(test->test_suite_name()) + "." + test->name();
+    std::replace(name.begin(), name.end(), '/', '.');
+    std::FILE* const file =
+        std::fopen((std::string(folder) + "/" + name).c_str(), name == last_test ? "a" : "w");
+    EXPECT_NE(file, nullptr) << "SHOTMENTOR_TRANSCRIPTS names a folder that cannot be written to";
+    last_test = name;
+    return file;
+}
+
+std::string with_named_folder(std::string event, const std::string& folder) {
+    const size_t first = folder.empty() ? std::string::npos : event.find(folder);
+    return first == std::string::npos ? event : event.replace(first, folder.size(), "FOLDER");
+}
+
+// Appends what has been noted since the host was made or forgot.
+void keep_transcript(const FakeHost& host) {
+    std::FILE* const file = transcript_file();
+    if (file == nullptr) {
+        return;
+    }
+    std::fprintf(file, "--\n");
+    for (const std::string& event : host.transcript) {
+        std::fprintf(file, "%s\n", with_named_folder(event, host.folder).c_str());
+    }
+    for (const Reply& reply : host.replies) {
+        std::fprintf(file, "reply of %zu bytes, digest %016" PRIx64 "\n", reply.bytes.size(),
+                     digest(reply.bytes));
+    }
+    std::fclose(file);
 }
 
 } // namespace
@@ -239,6 +300,8 @@ int __ui_preset_delete_form_phone(int* flags) {
 int bt_send_msgs(bt_msg_info* message) {
     note_call(__func__, message->length);
     const auto* const first = static_cast<const unsigned char*>(message->data);
+    EXPECT_EQ(library_heap::first_unwritten(first, static_cast<size_t>(message->length)), nullptr)
+        << "a byte is sent that nobody wrote";
     current->replies.push_back({*message, Bytes(first, first + message->length),
                                 Bytes(first, first + library_heap::size_of(message->data))});
     reply_is_freed.push_back(false);
@@ -256,13 +319,15 @@ FakeHost::FakeHost() {
     EXPECT_EQ(current, nullptr) << "only one host exists at a time";
     current = this;
     addresses.clear();
+    addresses_named = 0;
     reply_is_freed.clear();
     reset_library();
     library_heap::reset();
-    library_heap::on_free(note_freed_reply);
+    library_heap::on_free(note_freed);
 }
 
 FakeHost::~FakeHost() {
+    keep_transcript(*this);
     settle();
     EXPECT_EQ(library_heap::blocks(), 0U) << "the library lost track of memory that it owns";
     library_heap::on_free(nullptr);
@@ -323,6 +388,7 @@ void FakeHost::settle() {
 }
 
 void FakeHost::forget() {
+    keep_transcript(*this);
     transcript.clear();
     lines.clear();
     replies.clear();

@@ -105,9 +105,11 @@ class FakeHost {
     // "__ui_preset_update_comfirm(3, 9, \"Title\")", "__ui_preset_delete_form_phone(0 2)" (the marked
     // numbers),
     // "__ui_get_linked_preseet_num_for_phone(0)", "__ui_get_bt_state_for_phone()",
-    // "User_Spec_Get_Value(272)". Addresses in log lines ("add=...") are replaced: "#1" is the first one
-    // seen, "#2" the second, "null" null.
+    // "User_Spec_Get_Value(272)". Addresses in log lines ("add=...") are replaced: "#1" is the first block
+    // seen, "#2" the second, "null" null. When the environment has SHOTMENTOR_TRANSCRIPTS, the transcript
+    // also goes to a file of the test's name in that folder.
     Transcript transcript;
+    std::string folder;       // whose name differs from run to run; on file it is called FOLDER
     Transcript calls() const; // the service calls alone
     Transcript log() const;   // the log lines alone
 

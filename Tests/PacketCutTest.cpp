@@ -22,6 +22,10 @@ struct Request {
     size_t replies;
 };
 
+void PrintTo(const Request& request, std::ostream* out) {
+    *out << request.name;
+}
+
 tag_custom_info stored_preset(int id, int number) {
     tag_custom_info record = preset(id, number);
     record.mode = 4;

@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# Runs the tests of a build against the library as other compilers and optimisations make it, and in valgrind, and
+# compares the transcripts. Fails also when a condition in one of the library's decisions is never seen to decide on its
+# own (MC/DC).
+#
+# Usage: tools/check_builds.sh BUILD_FOLDER   (with the tests built and without sanitizers)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=$(realpath "${1:?usage: tools/check_builds.sh BUILD_FOLDER}")
+source tools/packages.sh
+tools/install.sh "${builds_packages[@]}"
+
+work=$build/builds
+tests=$build/Tests/shotmentor_tests
+rm -rf "$work"
+
+# Usage: run NAME LIBRARY_FOLDER COMMAND...; the library in that folder takes the place of the build's own
+run() {
+    local name=$1 library=$2
+    shift 2
+    mkdir -p "$work/$name/transcripts"
+    if ! SHOTMENTOR_TRANSCRIPTS=$work/$name/transcripts LD_LIBRARY_PATH=$library "$@" "$tests" --gtest_brief=1 \
+        >"$work/$name/output" 2>&1; then
+        grep -v '^\[ALG_' "$work/$name/output" | tail -n 100
+        echo "FAILED: the tests with the library of $name" >&2
+        exit 1
+    fi
+    grep -h '^\[==========\]' "$work/$name/output" | sed "s/^\[=*\]/$name:/"
+}
+
+# Usage: make_library NAME C++_COMPILER C_COMPILER FLAGS [CMAKE_OPTION]
+make_library() {
+    local log=$work/$1/log
+    mkdir -p "$work/$1"
+    if ! { cmake -S . -B "$work/$1" -G Ninja -DCMAKE_CXX_COMPILER="$2" -DCMAKE_C_COMPILER="$3" \
+        -DCMAKE_CXX_FLAGS="$4" -DCMAKE_C_FLAGS="$4" -DCMAKE_BUILD_TYPE=None -DSHOTMENTOR_TESTS=OFF \
+        -DSHOTMENTOR_DESK=OFF -DCMAKE_COMPILE_WARNING_AS_ERROR=ON "${@:5}" &&
+        cmake --build "$work/$1" --target shotmentor; } >"$log" 2>&1; then
+        cat "$log"
+        echo "FAILED: the library does not build with $2 $4" >&2
+        exit 1
+    fi
+}
+
+run as-built "$build/Src"
+# The host's allocator is watched by the tests themselves: valgrind must leave theirs in place.
+run in-valgrind "$build/Src" valgrind --quiet --leak-check=full --error-exitcode=9 \
+    --soname-synonyms=somalloc=nouserintercepts
+for flags in -O0 -O1 -O2 -O3 -Os "-O2 -flto" "-Os -flto"; do
+    name="gcc${flags// /}"
+    make_library "$name" g++ gcc "$flags"
+    run "$name" "$work/$name/Src"
+done
+for flags in -O0 -O2 -O3 -Os -Oz; do
+    make_library "clang$flags" clang++-14 clang-14 "$flags"
+    run "clang$flags" "$work/clang$flags/Src"
+done
+tools/compare_transcripts.sh "$work"/*/transcripts
+
+make_library mcdc clang++-19 clang-19 -O0 -DSHOTMENTOR_COVERAGE=conditions
+LLVM_PROFILE_FILE=$work/mcdc.profraw run mcdc "$work/mcdc/Src"
+llvm-profdata-19 merge -o "$work/mcdc.profdata" "$work/mcdc.profraw"
+llvm-cov-19 export "$work/mcdc/Src/libshotmentor.so" -instr-profile="$work/mcdc.profdata" -summary-only \
+    >"$work/mcdc.json"
+python3 - "$work/mcdc.json" <<'END'
+import json, sys
+with open(sys.argv[1]) as file:
+    found = json.load(file)["data"][0]["totals"]["mcdc"]
+kept = 0 < found["count"] == found["covered"]
+print("ok:" if kept else "FAILED:", f"{found['covered']} of {found['count']} conditions decide on their own (MC/DC)")
+sys.exit(0 if kept else 1)
+END

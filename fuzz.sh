@@ -33,7 +33,7 @@ cores=${FUZZ_WORKERS:-$(nproc)}
 folder=$PWD/build/$preset
 
 tools/install.sh "${library_packages[@]}" "${desk_packages[@]}" "${engine_packages[@]}"
-cmake --preset "$preset"
+tools/configure.sh "$preset"
 cmake --build --preset "$preset" --target "${targets[@]/#/fuzz_}"
 
 # Less than the sanitizers' defaults where that costs speed and finds nothing: the compiler checks printf's arguments

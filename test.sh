@@ -29,11 +29,9 @@ for preset in "${presets[@]}"; do
 done
 tools/install.sh "${packages[@]}"
 
-options=()
-[ "${CI:-}" != true ] || options+=(-DCMAKE_COMPILE_WARNING_AS_ERROR=ON)
 for preset in "${presets[@]}"; do
     echo "==> $preset"
-    cmake --preset "$preset" "${options[@]}"
+    tools/configure.sh "$preset"
     cmake --build --preset "$preset"
     transcripts=$PWD/build/$preset/transcripts
     rm -rf "$transcripts"

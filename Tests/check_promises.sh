@@ -1,16 +1,33 @@
 #!/bin/sh
-# Every test that the security page names must exist.
-# Usage: check_promises.sh PAGE TEST_SOURCE...
+# Every promise of the security page must name a test and a fuzzer, and whatever it names must exist.
+# Usage: check_promises.sh PAGE PROJECT_FOLDER
 set -eu
-page=$1
-shift
+page=$1 project=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+failed=0
+fail() {
+    echo "FAILED: $1"
+    failed=1
+}
+
 grep -oE '`[A-Z][A-Za-z]+\.[A-Z][A-Za-z0-9]+`' "$page" | tr -d '`' | grep -v '\.h$' | sort -u >"$work/named"
-sed -nE 's/^TEST(_F|_P)?\(([A-Za-z]+), ([A-Za-z0-9]+)\).*/\2.\3/p' "$@" | sort -u >"$work/there"
-[ -s "$work/named" ] || { echo "FAILED: $page names no test"; exit 1; }
-if comm -23 "$work/named" "$work/there" | grep .; then
-    echo "FAILED: $page names the tests above, which do not exist"
-    exit 1
-fi
-echo "ok: the $(wc -l <"$work/named") tests that $page names exist"
+sed -nE 's/^TEST(_F|_P)?\(([A-Za-z]+), ([A-Za-z0-9]+)\).*/\2.\3/p' \
+    "$project"/Tests/*.cpp "$project"/Tests/Desk/*.cpp | sort -u >"$work/there"
+! comm -23 "$work/named" "$work/there" | grep . || fail "$page names the tests above, which do not exist"
+
+grep -oE '`(Fuzz|tools|\.)/[A-Za-z_/]+(\.[a-z]+)?[ `]' "$page" | tr -d '` ' | sort -u >"$work/files"
+while read -r file; do
+    [ -e "$project/$file" ] || fail "$page names $file, which does not exist"
+done <"$work/files"
+
+# A promise begins with its number and ends with the line of its fuzzers.
+awk '/^[0-9]+\. \*\*/ { ++promises; tests = 0 }
+    /`[A-Z][A-Za-z]+\.[A-Z]/ { tests = 1 }
+    /^ +Fuzzers: `/ && tests { ++held; tests = 0 }
+    END { print promises + 0, held + 0 }' "$page" >"$work/promises"
+read -r promises held <"$work/promises"
+[ "$promises" -gt 0 ] && [ "$promises" -eq "$held" ] || fail "$held of $promises promises name a test and a fuzzer"
+
+[ "$failed" -eq 0 ] || exit 1
+echo "ok: $promises promises, $(wc -l <"$work/named") tests and $(wc -l <"$work/files") files that $page names"

@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
-# Runs the tests of a build against the library as other compilers and optimisations make it, and in valgrind, and
+# Runs the tests of the release build against the library as other compilers and optimisations make it, and in valgrind, and
 # compares the transcripts. Fails also when a condition in one of the library's decisions is never seen to decide on its
 # own (MC/DC).
 #
-# Usage: tools/check_builds.sh BUILD_FOLDER   (with the tests built and without sanitizers)
+# Usage: tools/check_builds.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build=$(realpath "${1:?usage: tools/check_builds.sh BUILD_FOLDER}")
 source tools/packages.sh
-tools/install.sh "${builds_packages[@]}"
+tools/install.sh "${library_packages[@]}" "${desk_packages[@]}" "${test_packages[@]}" "${builds_packages[@]}"
+tools/configure.sh release
+cmake --build --preset release --target shotmentor_tests
 
+build=$PWD/build/release
 work=$build/builds
 tests=$build/Tests/shotmentor_tests
 rm -rf "$work"

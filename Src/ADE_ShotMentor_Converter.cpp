@@ -7,6 +7,7 @@
 #include "ADE_ShotMentor.h"
 #include "ADE_ShotMentor_Log.h"
 #include "ADE_ShotMentor_Steps.h"
+#include "ADE_ShotMentor_Words.h"
 
 #include <string.h>
 
@@ -188,12 +189,6 @@ constexpr TraceLine kTrace[] = {
 };
 static_assert(sizeof kTrace / sizeof kTrace[0] == 69,
               "each trace has 71 lines, two of them before the table");
-
-int32_t word_at(const void* record, size_t offset) {
-    int32_t word;
-    memcpy(&word, static_cast<const char*>(record) + offset, sizeof word);
-    return word;
-}
 
 void log_field(alg_log_level level, const TraceFormat& format, const TraceLine& line, const void* source,
                const void* result) {

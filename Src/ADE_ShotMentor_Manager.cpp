@@ -5,15 +5,12 @@
 
 #include "ADE_ShotMentor.h"
 #include "ADE_ShotMentor_Log.h"
+#include "ADE_ShotMentor_Words.h"
 
-#include <bit>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-
-static_assert(std::endian::native == std::endian::little,
-              "records and frames are exchanged as memory images");
 
 int32_t sm_BT_total_length = -1;
 int32_t sm_BT_combine_length = 0;
@@ -32,12 +29,6 @@ constexpr char kModel[SM_MODEL_SIZE] = "KT7";
 // fixed layout needs, a header and a phone record, with some slack.
 constexpr size_t kZeroedRequestBytes = 760;
 static_assert(kZeroedRequestBytes >= sizeof(sm_frame) + sizeof(sm_tag_custom_info));
-
-int32_t word_at(const void* data, size_t offset) {
-    int32_t word;
-    memcpy(&word, static_cast<const char*>(data) + offset, sizeof word);
-    return word;
-}
 
 const unsigned char* payload_of(const void* request) {
     return static_cast<const unsigned char*>(request) + sizeof(sm_frame);

@@ -9,19 +9,21 @@ cd "$(dirname "$0")/.."
 source tools/packages.sh
 tools/install.sh "${library_packages[@]}" "${desk_packages[@]}" "${test_packages[@]}" "${builds_packages[@]}"
 tools/configure.sh release
-cmake --build --preset release --target shotmentor_tests
+cmake --build --preset release --target shotmentor_tests wire_tests
 
 build=$PWD/build/release
 work=$build/builds
 tests=$build/Tests/shotmentor_tests
+# The host's allocator is watched by the tests themselves: valgrind must leave theirs in place.
+valgrind=(valgrind --quiet --leak-check=full --error-exitcode=9 --soname-synonyms=somalloc=nouserintercepts)
 rm -rf "$work"
 
-# Usage: run NAME LIBRARY_FOLDER COMMAND...; the library in that folder takes the place of the build's own
+# Usage: run NAME LIBRARY_FOLDER TESTS...; the library in that folder takes the place of the build's own
 run() {
     local name=$1 library=$2
     shift 2
     mkdir -p "$work/$name/transcripts"
-    if ! SHOTMENTOR_TRANSCRIPTS=$work/$name/transcripts LD_LIBRARY_PATH=$library "$@" "$tests" --gtest_brief=1 \
+    if ! SHOTMENTOR_TRANSCRIPTS=$work/$name/transcripts LD_LIBRARY_PATH=$library "$@" --gtest_brief=1 \
         >"$work/$name/output" 2>&1; then
         grep -v '^\[ALG_' "$work/$name/output" | tail -n 100
         echo "FAILED: the tests with the library of $name" >&2
@@ -44,23 +46,22 @@ make_library() {
     fi
 }
 
-run as-built "$build/Src"
-# The host's allocator is watched by the tests themselves: valgrind must leave theirs in place.
-run in-valgrind "$build/Src" valgrind --quiet --leak-check=full --error-exitcode=9 \
-    --soname-synonyms=somalloc=nouserintercepts
+run as-built "$build/Src" "$tests"
+run in-valgrind "$build/Src" "${valgrind[@]}" "$tests"
 for flags in -O0 -O1 -O2 -O3 -Os "-O2 -flto" "-Os -flto"; do
     name="gcc${flags// /}"
     make_library "$name" g++ gcc "$flags"
-    run "$name" "$work/$name/Src"
+    run "$name" "$work/$name/Src" "$tests"
 done
 for flags in -O0 -O2 -O3 -Os -Oz; do
     make_library "clang$flags" clang++-14 clang-14 "$flags"
-    run "clang$flags" "$work/clang$flags/Src"
+    run "clang$flags" "$work/clang$flags/Src" "$tests"
 done
 tools/compare_transcripts.sh "$work"/*/transcripts
+run wire-in-valgrind "$build/Src" "${valgrind[@]}" "$build/Tests/Desk/wire_tests"
 
 make_library mcdc clang++-19 clang-19 -O0 -DSHOTMENTOR_COVERAGE=conditions
-LLVM_PROFILE_FILE=$work/mcdc.profraw run mcdc "$work/mcdc/Src"
+LLVM_PROFILE_FILE=$work/mcdc.profraw run mcdc "$work/mcdc/Src" "$tests"
 llvm-profdata-19 merge -o "$work/mcdc.profdata" "$work/mcdc.profraw"
 llvm-cov-19 export "$work/mcdc/Src/libshotmentor.so" -instr-profile="$work/mcdc.profdata" -summary-only \
     >"$work/mcdc.json"

@@ -573,7 +573,7 @@ void Model::give_back() {
     for (const Reply& reply : lost_) {
         free(const_cast<void*>(reply.data));
     }
-    PROMISE(library_heap::blocks() == 0);
+    PROMISE(library_heap::blocks() == 0 && library_heap::overruns() == 0);
     fuzz::start_over();
 }
 

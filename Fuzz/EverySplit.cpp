@@ -123,7 +123,7 @@ Bytes converse(const Bytes& request, std::initializer_list<size_t> ends) {
     for (size_t left = heard.sent.size(); left > 0; --left) {
         PROMISE(ADE_ShotMentor_Result_Manager(nullptr, 0) == SM_RETURN_TRUE);
     }
-    PROMISE(library_heap::blocks() == 0);
+    PROMISE(library_heap::blocks() == 0 && library_heap::overruns() == 0);
     return outcome(result);
 }
 

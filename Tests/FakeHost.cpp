@@ -330,6 +330,7 @@ FakeHost::~FakeHost() {
     keep_transcript(*this);
     settle();
     EXPECT_EQ(library_heap::blocks(), 0U) << "the library lost track of memory that it owns";
+    EXPECT_EQ(library_heap::overruns(), 0U) << "the library wrote behind a block of its own";
     library_heap::on_free(nullptr);
     library_heap::reset();
     reset_library();

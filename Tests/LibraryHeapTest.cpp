@@ -32,6 +32,18 @@ TEST_F(LibraryHeap, TakesNoNoticeOfTheBlocksOfOthers) {
     std::free(block);
 }
 
+TEST_F(LibraryHeap, CountsABlockBehindWhichSomethingWasWritten) {
+    begin_request();
+    if (library_heap::has_other_guards()) {
+        GTEST_SKIP() << "the address sanitizer or valgrind stops at such a write";
+    }
+    shotmentor_p_ReceiveData[SM_REQUEST_LIMIT] = 0;
+    EXPECT_EQ(library_heap::overruns(), 0U);
+    host.settle();
+    EXPECT_EQ(library_heap::overruns(), 1U);
+    library_heap::reset();
+}
+
 TEST_F(LibraryHeap, KnowsWhichBytesNobodyWroteWhereAToolWatchesEveryByte) {
     begin_request();
     if (!library_heap::knows_unwritten()) {

@@ -35,6 +35,8 @@ namespace {
 
 constexpr int unwritten_byte = 0xA5;
 size_t filled_size = SIZE_MAX;
+constexpr int guard_byte = 0x5A;
+constexpr size_t guard_size = 1024; // more than a record, which is what the library writes at a time
 
 struct Block {
     const void* address;
@@ -43,6 +45,7 @@ struct Block {
 
 // No container that allocates: this runs inside malloc.
 std::array<Block, 64> owned;
+size_t overrun_count = 0;
 int asked_count = 0;
 int refuse_at = 0;
 bool refuse_for_good = false;
@@ -97,8 +100,28 @@ Block* find(const void* address) {
     return nullptr;
 }
 
+bool runs_in_valgrind() {
+#ifdef RUNNING_ON_VALGRIND
+    return RUNNING_ON_VALGRIND != 0;
+#else
+    return false;
+#endif
+}
+
+// Bytes behind each of the library's blocks that nobody may write. Sanitizers and valgrind guard blocks
+// themselves.
+size_t guard() {
+    return has_other_guards() ? 0 : guard_size;
+}
+
+bool is_overrun(const Block& block) {
+    const auto* const behind = static_cast<const unsigned char*>(block.address) + block.size;
+    return std::any_of(behind, behind + guard(), [](int byte) { return byte != guard_byte; });
+}
+
 void* own(void* address, size_t size) {
     if (Block* const slot = address != nullptr ? find(nullptr) : nullptr) {
+        std::memset(static_cast<char*>(address) + size, guard_byte, guard());
         *slot = {address, size};
     }
     return address;
@@ -112,6 +135,7 @@ void disown(const void* address) {
     if (free_watcher != nullptr) {
         free_watcher(address);
     }
+    overrun_count += is_overrun(*block) ? 1 : 0;
     *block = {};
 }
 
@@ -119,8 +143,8 @@ void* plain_malloc(size_t size) {
     return __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
 }
 
-void* plain_calloc(size_t count, size_t size) {
-    return __interceptor_calloc != nullptr ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
+void* plain_calloc(size_t size) {
+    return __interceptor_calloc != nullptr ? __interceptor_calloc(1, size) : __libc_calloc(1, size);
 }
 
 void plain_free(void* block) {
@@ -140,13 +164,13 @@ void mark_unwritten(void* block, size_t size) {
 template<class Allocate>
 void* allocate(size_t size, const void* caller, bool cleared, Allocate plain) {
     if (!is_library_code(caller)) {
-        return plain();
+        return plain(size);
     }
     if (is_refused()) {
         errno = ENOMEM;
         return nullptr;
     }
-    void* const block = plain();
+    void* const block = plain(size + guard());
     if (block != nullptr && !cleared) {
         std::memset(block, unwritten_byte, std::min(size, filled_size));
         mark_unwritten(block, size);
@@ -168,6 +192,16 @@ int asked() {
 
 void reset() {
     refuse(0, false);
+    overrun_count = 0;
+}
+
+bool has_other_guards() {
+    const bool has_address_sanitizer = __interceptor_malloc != nullptr && __msan_poison == nullptr;
+    return has_address_sanitizer || runs_in_valgrind();
+}
+
+size_t overruns() {
+    return overrun_count;
 }
 
 void fill_at_most(size_t size) {
@@ -190,12 +224,7 @@ const void* first_unwritten(const void* data, size_t size) {
 }
 
 bool knows_unwritten() {
-#ifdef RUNNING_ON_VALGRIND
-    if (RUNNING_ON_VALGRIND != 0) {
-        return true;
-    }
-#endif
-    return __msan_test_shadow != nullptr;
+    return __msan_test_shadow != nullptr || runs_in_valgrind();
 }
 
 size_t size_of(const void* block) {
@@ -228,13 +257,16 @@ void on_free(void (*watcher)(const void*)) {
 extern "C" {
 
 void* malloc(size_t size) {
-    return library_heap::allocate(size, __builtin_return_address(0), false,
-                                  [=] { return library_heap::plain_malloc(size); });
+    return library_heap::allocate(size, __builtin_return_address(0), false, library_heap::plain_malloc);
 }
 
 void* calloc(size_t count, size_t size) {
-    return library_heap::allocate(count * size, __builtin_return_address(0), true,
-                                  [=] { return library_heap::plain_calloc(count, size); });
+    size_t total = 0;
+    if (__builtin_mul_overflow(count, size, &total)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return library_heap::allocate(total, __builtin_return_address(0), true, library_heap::plain_calloc);
 }
 
 void free(void* block) {

@@ -23,6 +23,11 @@ size_t size_of(const void* block); // bytes of a block that the library owns, 0 
 size_t blocks();                   // blocks that the library owns
 size_t bytes();                    // their bytes
 
+// Blocks freed since `reset` behind whose end something was written. The address sanitizer and valgrind stop
+// at such a write; with them the answer is always 0.
+size_t overruns();
+bool has_other_guards(); // one of those two
+
 // Called with each block that the library owns, before it is freed; null: nobody is.
 void on_free(void (*watcher)(const void* block));
 

@@ -29,7 +29,7 @@ run() {
         echo "FAILED: the tests with the library of $name" >&2
         exit 1
     fi
-    grep -h '^\[==========\]' "$work/$name/output" | sed "s/^\[=*\]/$name:/"
+    grep -h '^\[==========\]' "$work/$name/output" | sed "s|^\[=*\]|$name:|"
 }
 
 # Usage: make_library NAME C++_COMPILER C_COMPILER FLAGS [CMAKE_OPTION]
@@ -47,7 +47,11 @@ make_library() {
 }
 
 run as-built "$build/Src" "$tests"
-run in-valgrind "$build/Src" "${valgrind[@]}" "$tests"
+{ # takes as long as all that follows
+    run in-valgrind "$build/Src" "${valgrind[@]}" "$tests"
+    run wire/in-valgrind "$build/Src" "${valgrind[@]}" "$build/Tests/Desk/wire_tests"
+} &
+in_valgrind=$!
 for flags in -O0 -O1 -O2 -O3 -Os "-O2 -flto" "-Os -flto"; do
     name="gcc${flags// /}"
     make_library "$name" g++ gcc "$flags"
@@ -57,9 +61,6 @@ for flags in -O0 -O2 -O3 -Os -Oz; do
     make_library "clang$flags" clang++-14 clang-14 "$flags"
     run "clang$flags" "$work/clang$flags/Src" "$tests"
 done
-tools/compare_transcripts.sh "$work"/*/transcripts
-run wire-in-valgrind "$build/Src" "${valgrind[@]}" "$build/Tests/Desk/wire_tests"
-
 make_library mcdc clang++-19 clang-19 -O0 -DSHOTMENTOR_COVERAGE=conditions
 LLVM_PROFILE_FILE=$work/mcdc.profraw run mcdc "$work/mcdc/Src" "$tests"
 llvm-profdata-19 merge -o "$work/mcdc.profdata" "$work/mcdc.profraw"
@@ -73,3 +74,5 @@ kept = 0 < found["count"] == found["covered"]
 print("ok:" if kept else "FAILED:", f"{found['covered']} of {found['count']} conditions decide on their own (MC/DC)")
 sys.exit(0 if kept else 1)
 END
+wait "$in_valgrind"
+tools/compare_transcripts.sh "$work"/*/transcripts

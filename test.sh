@@ -16,10 +16,10 @@ packages=("${library_packages[@]}" "${test_packages[@]}")
 for preset in "${presets[@]}"; do
     case $preset in
     release | debug | asan) packages+=("${desk_packages[@]}") ;;
-    clang) packages+=("${desk_packages[@]}" "${clang_packages[@]}") ;;
+    clang) packages+=("${wire_packages[@]}" "${clang_packages[@]}") ;;
     msan) packages+=("${clang_packages[@]}") ;;
     coverage) packages+=("${coverage_packages[@]}") ;;
-    armhf) packages+=("${wire_packages[@]}" "${armhf_packages[@]}") ;;
+    armhf) packages+=("${armhf_packages[@]}") ;;
     i686) packages+=("${wire_packages[@]}" "${i686_packages[@]}") ;;
     *)
         echo "test.sh: no preset '$preset'; choose from release, debug, asan, clang, msan, coverage, armhf, i686" >&2

@@ -189,7 +189,7 @@ std::string with_named_folder(std::string event, const std::string& folder) {
 
 // Appends what has been noted since the host was made or forgot.
 void keep_transcript(const FakeHost& host) {
-    std::FILE* const file = transcript_file();
+    std::FILE* const file = host.is_on_file ? transcript_file() : nullptr;
     if (file == nullptr) {
         return;
     }

@@ -109,6 +109,7 @@ class FakeHost {
     // seen, "#2" the second, "null" null. When the environment has SHOTMENTOR_TRANSCRIPTS, the transcript
     // also goes to a file of the test's name in that folder.
     Transcript transcript;
+    bool is_on_file = true;   // false for what is not the same text everywhere
     std::string folder;       // whose name differs from run to run; on file it is called FOLDER
     Transcript calls() const; // the service calls alone
     Transcript log() const;   // the log lines alone

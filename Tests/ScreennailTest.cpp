@@ -43,6 +43,12 @@ long told_size(const std::string& path) {
     return std::ftell(file.get());
 }
 
+// An emulator opens a file that its 32 bits cannot measure; a kernel refuses to.
+bool opens_unmeasured(const std::string& path) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
+    return file != nullptr && told_size(path) < 0;
+}
+
 bool reading_fails(const std::string& path) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
     char byte = 0;
@@ -294,6 +300,7 @@ TEST_F(Screennail, OfAFileTooLargeForAnyReplyIsTheHeadAlone) {
 }
 
 TEST_F(Screennail, OfAFileBeyond32BitsIsTheHeadAlone) {
+    host.is_on_file = false; // an emulator's answer is not a kernel's
     // In 32 bits the second size would be 100 and the third 2147483597.
     for (const int64_t size : {int64_t{1} << 32, (int64_t{1} << 32) + 100, (int64_t{1} << 32) + 2147483597}) {
         SCOPED_TRACE(size);
@@ -303,7 +310,7 @@ TEST_F(Screennail, OfAFileBeyond32BitsIsTheHeadAlone) {
         if (!is_sparse_written) {
             GTEST_SKIP() << "no file of " << size << " bytes can be made here";
         }
-        expect_empty(path, 0, true);
+        expect_empty(path, 0, !opens_unmeasured(path));
     }
 }
 

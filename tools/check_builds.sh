@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs the tests of the release build against the library as other compilers and optimisations make it, and in valgrind, and
-# compares the transcripts. Fails also when a condition in one of the library's decisions is never seen to decide on its
+# Runs the tests of the release build in valgrind, and against the library as other compilers and optimisations make it,
+# and compares the transcripts. Fails also when a condition in one of the library's decisions is never seen to decide on its
 # own (MC/DC).
 #
 # Usage: tools/check_builds.sh
@@ -49,6 +49,10 @@ make_library() {
 run as-built "$build/Src" "$tests"
 { # takes as long as all that follows
     run in-valgrind "$build/Src" "${valgrind[@]}" "$tests"
+    if grep -q 'neither the memory sanitizer nor valgrind' "$work/in-valgrind/output"; then
+        echo "FAILED: the tests were built before valgrind was installed; remove build/release and run this again" >&2
+        exit 1
+    fi
     run wire/in-valgrind "$build/Src" "${valgrind[@]}" "$build/Tests/Desk/wire_tests"
 } &
 in_valgrind=$!

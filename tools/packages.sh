@@ -1,4 +1,4 @@
-# The Debian packages that the builds need, by what needs them. Sourced by test.sh and demo.sh.
+# The Debian packages that the builds need, by what needs them. Sourced by the scripts.
 # shellcheck shell=bash disable=SC2034
 
 library_packages=(g++ cmake ninja-build)

@@ -108,8 +108,8 @@ bool runs_in_valgrind() {
 #endif
 }
 
-// Bytes behind each of the library's blocks that nobody may write. Sanitizers and valgrind guard blocks
-// themselves.
+// Bytes behind each of the library's blocks that nobody may write. The address sanitizer and valgrind guard
+// blocks themselves.
 size_t guard() {
     return has_other_guards() ? 0 : guard_size;
 }

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "Input.h"
-#include "Wire/Failure.h"
+#include "Common/Failure.h"
 #include "Wire/Frames.h"
 
 namespace {

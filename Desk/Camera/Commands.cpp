@@ -13,7 +13,7 @@
 #include "PresetStore.h"
 #include "Services.h"
 #include "Talk.h"
-#include "Wire/Describe.h"
+#include "Words/Describe.h"
 #include "Wire/PresetJson.h"
 #include "Wire/Results.h"
 

@@ -11,7 +11,7 @@
 
 #include "ADE_ShotMentor_Services.h"
 #include "Talk.h"
-#include "Wire/Failure.h"
+#include "Common/Failure.h"
 
 namespace desk {
 

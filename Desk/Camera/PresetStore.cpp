@@ -19,7 +19,7 @@
 #include <utility>
 
 #include "Sqlite.h"
-#include "Wire/Descriptor.h"
+#include "Common/Descriptor.h"
 #include "Wire/Record.h"
 
 namespace fs = std::filesystem;

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "ADE_ShotMentor_Records.h"
-#include "Wire/Failure.h"
+#include "Common/Failure.h"
 
 namespace desk {
 

@@ -16,7 +16,7 @@
 #include <utility>
 
 #include "Wire/Bluetooth.h"
-#include "Wire/Descriptor.h"
+#include "Common/Descriptor.h"
 
 namespace desk {
 namespace {

@@ -7,13 +7,13 @@
 #include <unistd.h>
 
 #include "Camera.h"
-#include "Files.h"
+#include "Common/Files.h"
 #include "Jpeg.h"
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
 #include "Presets.h"
-#include "Wire/Describe.h"
+#include "Words/Describe.h"
 #include "Wire/PresetJson.h"
 #include "Wire/Results.h"
 

@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "Wire/Descriptor.h"
+#include "Common/Descriptor.h"
 #include "Wire/Endpoint.h"
 
 namespace desk {

@@ -6,7 +6,7 @@
 #include "Commands.h"
 #include "Options.h"
 #include "Output.h"
-#include "Wire/Failure.h"
+#include "Common/Failure.h"
 
 int main(int argc, char** argv) {
     desk::occupy_standard_descriptors();

@@ -9,7 +9,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "Wire/Failure.h"
+#include "Common/Failure.h"
 
 namespace desk {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 
-#include "Wire/Describe.h"
+#include "Words/Describe.h"
 #include "Wire/PresetJson.h"
 
 namespace desk {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "Failure.h"
+#include "Common/Failure.h"
 
 namespace desk {
 

@@ -5,7 +5,7 @@
 #include <initializer_list>
 #include <limits>
 
-#include "Failure.h"
+#include "Common/Failure.h"
 
 namespace desk {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "Failure.h"
+#include "Common/Failure.h"
 #include "Record.h"
 
 namespace desk {

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "Failure.h"
+#include "Common/Failure.h"
 
 namespace desk {
 

@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "ADE_ShotMentor.h"
-#include "Wire/Describe.h"
+#include "Words/Describe.h"
 
 namespace desk {
 namespace {

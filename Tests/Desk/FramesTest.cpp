@@ -8,7 +8,7 @@
 #include <initializer_list>
 #include <random>
 
-#include "Wire/Failure.h"
+#include "Common/Failure.h"
 #include "Wire/Frames.h"
 
 namespace desk {

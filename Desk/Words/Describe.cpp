@@ -5,8 +5,9 @@
 #include <cstdlib>
 #include <fmt/format.h>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <string_view>
+
+#include "Common/Text.h"
 
 namespace desk {
 
@@ -118,12 +119,6 @@ std::string origin_text(int32_t made_id) {
                        is_kt ? "made on a KT camera" : "not made on a KT camera");
 }
 
-// The text with everything broken replaced, so that it is UTF-8 whatever it was.
-std::string clean_utf8(const std::string& text) {
-    using nlohmann::json;
-    return json::parse(json(text).dump(-1, ' ', false, json::error_handler_t::replace)).get<std::string>();
-}
-
 bool starts_character(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
 }
@@ -137,21 +132,6 @@ std::string first_characters(const std::string& text, size_t count) {
     const auto end = std::find_if(text.begin(), text.end(),
                                   [&](char byte) { return starts_character(byte) && seen++ == count; });
     return {text.begin(), end};
-}
-
-// Characters that would move a terminal's cursor or turn its writing direction.
-bool is_unprintable(std::string_view character) {
-    const auto byte = [&](size_t k) { return static_cast<unsigned char>(character[k]); };
-    if (character.size() == 1)
-        return byte(0) < 0x20 || byte(0) == 0x7F;
-    if (character.size() == 2)
-        return byte(0) == 0xC2 && byte(1) < 0xA0; // U+0080 to U+009F
-    if (character.size() != 3 || byte(0) != 0xE2)
-        return false;
-    const bool is_separator_or_embedding =
-        byte(1) == 0x80 && byte(2) >= 0xA8 && byte(2) <= 0xAE;                     // U+2028 to 202E
-    const bool is_isolate = byte(1) == 0x81 && byte(2) >= 0xA6 && byte(2) <= 0xA9; // U+2066 to 2069
-    return is_separator_or_embedding || is_isolate;
 }
 
 } // namespace
@@ -230,16 +210,7 @@ Exposure exposure_of(const sm_tag_custom_info& preset) {
 }
 
 std::string title_text(const sm_tag_custom_info& preset) {
-    const std::string clean = clean_utf8(text_of(preset.title, sizeof preset.title));
-    std::string text;
-    for (size_t first = 0, end; first < clean.size(); first = end) {
-        end = first + 1;
-        while (end < clean.size() && !starts_character(clean[end]))
-            ++end;
-        const std::string character = clean.substr(first, end - first);
-        text += is_unprintable(character) ? "\uFFFD" : character;
-    }
-    return text;
+    return printable(text_of(preset.title, sizeof preset.title));
 }
 
 std::vector<std::pair<std::string, std::string>> description_of(const sm_tag_custom_info& preset) {

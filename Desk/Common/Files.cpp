@@ -9,8 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Wire/Descriptor.h"
-#include "Wire/Failure.h"
+#include "Descriptor.h"
+#include "Failure.h"
 
 namespace desk {
 namespace {

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "Record.h"
+#include "Wire/Record.h"
 
 namespace desk {
 

@@ -17,16 +17,8 @@ namespace {
 
 using namespace desk;
 
-bool is_vacant(const std::filesystem::path& place) {
-    std::error_code error;
-    return !std::filesystem::exists(place, error) || std::filesystem::is_empty(place, error);
-}
-
-PresetStore open_or_create_store(const Options& options) {
-    if (!options.empty && is_vacant(options.store)) {
-        make_sample_store(options.store);
-    }
-    return PresetStore::open(options.store, true);
+PresetStore open_or_make_store(const Options& options) {
+    return PresetStore::open(options.store, true, options.empty ? nullptr : PresetStore::Fill(add_samples));
 }
 
 // The library opens the pictures itself, by their paths relative to the store.
@@ -43,7 +35,7 @@ int serve(const Options& options) {
     asio::signal_set signals(loop, SIGINT, SIGTERM); // waited for from here on: a store is not made in half
     signals.async_wait([&](const asio::error_code&, int) { loop.stop(); });
     const Log log(options.log);
-    PresetStore store = open_or_create_store(options);
+    PresetStore store = open_or_make_store(options);
     enter(options.store);
     serve_phones(loop, store, options);
     return exit_done;

@@ -13,7 +13,6 @@
 
 namespace desk {
 
-namespace fs = std::filesystem;
 namespace {
 
 // ---- The presets ------------------------------------------------------------------------------------------
@@ -313,22 +312,6 @@ constexpr int stream_count = 4;
 constexpr int quality_of_pictures = 93;
 
 } // namespace
-
-void make_sample_store(const fs::path& folder) try {
-    fs::path place = fs::absolute(folder).lexically_normal();
-    if (!place.has_filename()) { // a slash at the end
-        place = place.parent_path();
-    }
-    const fs::path making = place.parent_path() / ("." + place.filename().string() + ".shotmentor-new");
-    fs::remove_all(making); // of a camera that died while it made its store
-    {
-        PresetStore store = PresetStore::open(making, true);
-        add_samples(store);
-    }
-    fs::rename(making, place);
-} catch (const fs::filesystem_error& error) {
-    throw Failure(exit_machine, "cannot make the store " + folder.string() + ": " + error.code().message());
-}
 
 void add_samples(PresetStore& store) {
     for (int number = 0; const Sample& sample : samples) {

@@ -5,10 +5,6 @@
 
 namespace desk {
 
-// Makes a store with the samples where there is nothing yet, or an empty folder. It appears whole or not at
-// all: it is made beside its place and then renamed. Throws Failure.
-void make_sample_store(const std::filesystem::path& folder);
-
 // Stores twelve sample presets that show off the feature (all modes, several colour styles and white
 // balances) with pictures drawn for them, and links two of them to CUSTOM1 and CUSTOM2. Throws Failure
 // (exit_machine).

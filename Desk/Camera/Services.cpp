@@ -37,14 +37,26 @@ Result answer(const char* service, Result when_it_fails, Work work) noexcept {
     return when_it_fails;
 }
 
-// The phone gets the number alone, the camera's user the reason.
-int tell_refusal(const Services& services, const char* what, int result) {
+// What the phone gets to know of a refusal: the number, or, where the library goes on as if the service had
+// done it, nothing.
+enum class Told { the_number, nothing };
+
+// The camera's user gets the reason.
+int tell_refusal(const Services& services, const char* what, int result, Told told = Told::the_number) {
     if (result != SM_RETURN_TRUE) {
         const std::string& reason = services.store.last_error();
         say(std::string(what) + " refused with " + std::to_string(result) +
+            (told == Told::nothing ? ", which the phone is not told" : "") +
             (reason.empty() ? "" : ": " + reason));
     }
     return result;
+}
+
+// The library opens whatever lies at a picture's path. Without a path it finds no picture.
+void keep_from_the_library(tag_custom_info& preset, const std::string& fault) {
+    say("the phone gets an empty picture of the preset with id " + std::to_string(preset.custom_id) + ": " +
+        fault);
+    std::ranges::fill(preset.screennail_path, '\0');
 }
 
 std::span<const uint8_t> reply_of(const bt_msg_info& message) {
@@ -108,6 +120,9 @@ bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
         const std::optional<tag_custom_info> found = services.store.find(custom_id);
         if (found) {
             *preset = *found;
+            if (const std::string fault = services.store.fault_of_picture(*found); !fault.empty()) {
+                desk::keep_from_the_library(*preset, fault);
+            }
         }
         return found.has_value();
     });
@@ -135,7 +150,8 @@ int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) 
 int __ui_preset_delete_form_phone(int* flags) {
     return answer("__ui_preset_delete_form_phone", int{SM_RETURN_FAIL}, [&](Services& services) {
         return tell_refusal(services, "deleting presets",
-                            services.store.remove(std::span<const int>(flags, SM_DELETE_FLAGS)));
+                            services.store.remove(std::span<const int>(flags, SM_DELETE_FLAGS)),
+                            desk::Told::nothing);
     });
 }
 

@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -31,6 +32,8 @@ class SqliteError : public std::runtime_error {
 
 class Database {
   public:
+    using Clock = std::chrono::steady_clock;
+
     // `flags` as for sqlite3_open_v2.
     Database(const std::string& path, int flags) {
         sqlite3* opened = nullptr;
@@ -46,6 +49,14 @@ class Database {
     // Runs statements that answer nothing.
     void run(const char* statements) { check(sqlite3_exec(handle(), statements, nullptr, nullptr, nullptr)); }
 
+    // What still runs after this time fails with SQLITE_INTERRUPT.
+    void give_up_after(std::chrono::milliseconds time) {
+        constexpr int instructions_between_looks = 10'000;
+        *deadline_ = Clock::now() + time;
+        sqlite3_progress_handler(handle(), instructions_between_looks, is_overdue, deadline_.get());
+    }
+    void give_up_never() { sqlite3_progress_handler(handle(), 0, nullptr, nullptr); }
+
     void check(int code) const {
         if (code != SQLITE_OK && code != SQLITE_ROW && code != SQLITE_DONE) {
             throw SqliteError(code, sqlite3_errmsg(handle()));
@@ -56,7 +67,12 @@ class Database {
     struct Close {
         void operator()(sqlite3* handle) const { sqlite3_close(handle); }
     };
-    std::unique_ptr<sqlite3, Close> handle_;
+    static int is_overdue(void* deadline) {
+        return Clock::now() > *static_cast<Clock::time_point*>(deadline);
+    }
+
+    std::unique_ptr<Clock::time_point> deadline_ = std::make_unique<Clock::time_point>();
+    std::unique_ptr<sqlite3, Close> handle_; // behind the deadline, which it may look at until it is closed
 };
 
 class Statement {

@@ -10,6 +10,9 @@
 
 namespace desk {
 
+// The most bytes that a request has room for behind a preset's record.
+constexpr size_t longest_picture = SM_REQUEST_LIMIT - sizeof(sm_frame) - sizeof(sm_tag_custom_info);
+
 // A whole request: the header with the right total length, then the payload.
 Bytes request(int32_t function, std::span<const uint8_t> payload = {});
 

@@ -1,8 +1,5 @@
 // The store of the desk's camera: what it keeps, what it refuses, and what it survives.
 
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
 #include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/statvfs.h>
@@ -11,150 +8,20 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
-#include <map>
 #include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "Camera/PresetStore.h"
+#include "StoreFixture.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-using desk::PresetStore;
+using namespace store_test;
 
-// What an open store refuses is a result code; what `open` refuses is a Failure.
-struct Refusal {
-    int code = 0; // 0: nothing was refused
-    std::string line;
-};
-
-Refusal refusal_of_opening(const fs::path& folder, bool create = false) {
-    try {
-        PresetStore::open(folder, create);
-    } catch (const desk::Failure& failure) {
-        return {failure.code(), failure.what()};
-    }
-    return {};
-}
-
-// A line that names the folder and has a second half, which says how to mend it.
-void expect_clear(const Refusal& refusal, const fs::path& folder) {
-    EXPECT_NE(refusal.line.find(folder.string()), std::string::npos) << refusal.line;
-    EXPECT_EQ(refusal.line.find('\n'), std::string::npos) << refusal.line;
-    EXPECT_NE(refusal.line.find("; "), std::string::npos) << refusal.line;
-}
-
-tag_custom_info titled(const std::string& title) {
-    tag_custom_info preset{};
-    title.copy(preset.title, SM_TITLE_SIZE);
-    return preset;
-}
-
-// Bytes that belong to a title.
-std::string picture_of(const std::string& title, size_t size = 20'000) {
-    std::string picture;
-    while (picture.size() < size) {
-        picture += title + " ";
-    }
-    picture.resize(size);
-    return picture;
-}
-
-int save(PresetStore& store, const std::string& title, size_t size = 20'000) {
-    tag_custom_info preset = titled(title);
-    const std::string picture = picture_of(title, size);
-    return store.save(preset, picture.data(), static_cast<int>(picture.size()));
-}
-
-std::string content_of(const fs::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-void write(const fs::path& file, const std::string& content) {
-    std::ofstream(file, std::ios::binary) << content;
-}
-
-// Every file under a folder with its content.
-std::map<std::string, std::string> snapshot(const fs::path& folder) {
-    std::map<std::string, std::string> files;
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
-        files[entry.path().string()] = entry.is_regular_file() ? content_of(entry.path()) : "(folder)";
-    }
-    return files;
-}
-
-std::vector<std::string> files_in_pictures(const fs::path& folder) {
-    std::vector<std::string> names;
-    for (const fs::directory_entry& entry : fs::directory_iterator(folder / "pictures")) {
-        names.push_back(entry.path().filename().string());
-    }
-    std::ranges::sort(names);
-    return names;
-}
-
-std::vector<std::string> titles(const PresetStore& store) {
-    std::vector<std::string> found;
-    for (const tag_custom_info& preset : store.presets()) {
-        found.emplace_back(preset.title);
-    }
-    return found;
-}
-
-std::vector<int> flags_for(std::initializer_list<int> numbers) {
-    std::vector<int> flags(SM_DELETE_FLAGS);
-    for (const int number : numbers) {
-        flags[static_cast<size_t>(number)] = 1;
-    }
-    return flags;
-}
-
-// A second hand on the database.
-class Intruder {
-  public:
-    explicit Intruder(const fs::path& folder) { sqlite3_open((folder / "presets.sqlite").c_str(), &handle_); }
-    Intruder(const Intruder&) = delete;
-    Intruder& operator=(const Intruder&) = delete;
-    ~Intruder() { sqlite3_close(handle_); }
-    void run(const std::string& statements) {
-        EXPECT_EQ(sqlite3_exec(handle_, statements.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-            << sqlite3_errmsg(handle_);
-    }
-
-  private:
-    sqlite3* handle_ = nullptr;
-};
-
-// A folder of its own for each test.
-class Store : public testing::Test {
-  protected:
-    Store() {
-        std::string path = (fs::temp_directory_path() / "store-XXXXXX").string();
-        parent = mkdtemp(path.data());
-        folder = parent / "store";
-    }
-    ~Store() override { fs::remove_all(parent); }
-
-    PresetStore create(std::initializer_list<const char*> saved = {}) {
-        PresetStore store = PresetStore::open(folder, true);
-        for (const char* title : saved) {
-            EXPECT_EQ(save(store, title), SM_RETURN_TRUE);
-        }
-        return store;
-    }
-    PresetStore reopen() { return PresetStore::open(folder, false); }
-
-    fs::path parent;
-    fs::path folder;
-};
+class Store : public StoreTest {};
 
 // ---- Making and opening -----------------------------------------------------------------------------------
 

@@ -54,7 +54,7 @@ int run(int argc, char** argv) {
 }
 
 int fail(const char* line, int code) {
-    std::fprintf(stderr, "%s: %s\n", program_name, line);
+    say(line);
     return code;
 }
 

@@ -1,6 +1,8 @@
-// A preset store whose database was damaged. It is refused with one line, or it opens and then keeps all that
-// a store promises: numbers without gaps, links that lead to presets, and changes that last.
+// A preset store whose database, or the journal of a change that was cut off in it, was damaged. It is
+// refused with one line, or it opens and then keeps all that a store promises: numbers without gaps, links
+// that lead to presets, and changes that last. Files of others stay as they are.
 
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -24,9 +26,20 @@ using fuzz::Input;
 
 fs::path folder; // in memory where the system has such a place
 Bytes sound_database;
+Bytes cut_off_database; // with its journal: what a change leaves that was cut off
+Bytes cut_off_journal;
+const Bytes of_another = {'m', 'i', 'n', 'e'};
 
 fs::path database() {
     return folder / "presets.sqlite";
+}
+
+fs::path journal() {
+    return folder / "presets.sqlite-journal";
+}
+
+fs::path file_of_another() {
+    return folder / "mine";
 }
 
 Bytes read_file(const fs::path& path) {
@@ -49,6 +62,19 @@ void make_sound_store() {
         PROMISE(store.save(preset, picture.data(), static_cast<int>(picture.size())) == SM_RETURN_TRUE);
     }
     PROMISE(store.link(0, 0) == SM_RETURN_TRUE && store.link(1, 2) == SM_RETURN_TRUE);
+}
+
+// SQLite writes a change's journal and pages before the change is committed, and is stopped there.
+void cut_a_change_off() {
+    sqlite3* handle = nullptr;
+    PROMISE(sqlite3_open(database().c_str(), &handle) == SQLITE_OK);
+    PROMISE(sqlite3_exec(handle, "BEGIN; DELETE FROM presets WHERE custom_id = 2", nullptr, nullptr,
+                         nullptr) == SQLITE_OK);
+    PROMISE(sqlite3_db_cacheflush(handle) == SQLITE_OK);
+    cut_off_database = read_file(database());
+    cut_off_journal = read_file(journal());
+    sqlite3_close(handle);
+    PROMISE(cut_off_database != sound_database && !cut_off_journal.empty());
 }
 
 // What holds for every store that is open.
@@ -121,8 +147,7 @@ std::optional<PresetStore> open() {
 }
 
 // Bytes changed anywhere, runs of them overwritten, or the end cut off.
-Bytes damaged(Input& input) {
-    Bytes bytes = sound_database;
+Bytes damaged(Bytes bytes, Input& input) {
     for (int places = input.below(6); places > 0; --places) {
         const size_t offset = input.size_below(bytes.size());
         const Bytes written = input.bytes(1 + input.size_below(8));
@@ -151,13 +176,19 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     make_sound_store();
     sound_database = read_file(database());
     PROMISE(!sound_database.empty());
+    cut_a_change_off();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input(data, size);
-    write_file(database(), damaged(input));
-    fs::remove(folder / "presets.sqlite-journal");
+    write_file(file_of_another(), of_another);
+    write_file(database(), damaged(sound_database, input));
+    fs::remove(journal());
+    if (!input.empty() && input.below(4) == 3) {
+        write_file(database(), damaged(cut_off_database, input));
+        write_file(journal(), damaged(cut_off_journal, input));
+    }
     if (std::optional<PresetStore> store = open()) {
         check(*store);
         constexpr int most_changes = 4;
@@ -171,5 +202,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             PROMISE(same_presets(*again, presets));
         }
     }
+    PROMISE(read_file(file_of_another()) == of_another);
     return 0;
 }

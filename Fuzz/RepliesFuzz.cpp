@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "Input.h"
 #include "Common/Failure.h"
+#include "Input.h"
 #include "Wire/Frames.h"
 
 namespace {
@@ -22,12 +22,15 @@ struct Outcome {
     bool operator==(const Outcome&) const = default;
 };
 
-void take_frames(desk::FrameReader& reader, Outcome& outcome) {
-    while (std::optional<Bytes> frame = reader.next()) {
-        PROMISE(frame->size() >= sizeof(sm_frame));
+constexpr size_t longest_frame = size_t{1} << 20;
+
+void take_frames(desk::FrameReader& reader, std::span<const uint8_t> bytes, Outcome& outcome) {
+    while (std::optional<Bytes> frame = reader.take(bytes, longest_frame)) {
+        PROMISE(frame->size() >= sizeof(sm_frame) && frame->size() <= longest_frame);
         PROMISE(frame->size() == static_cast<size_t>(desk::get_word(*frame, 4)));
         outcome.frames.push_back(std::move(*frame));
     }
+    PROMISE(bytes.empty());
 }
 
 // `cuts` decides on the pieces; without any the stream arrives as a whole.
@@ -38,9 +41,8 @@ Outcome read(const Bytes& stream, Input cuts) {
         for (size_t first = 0; first < stream.size();) {
             const size_t asked = cuts.empty() ? stream.size() : size_t{cuts.byte()} % 32;
             const size_t size = std::min(asked, stream.size() - first);
-            reader.feed(std::span(stream).subspan(first, size));
+            take_frames(reader, std::span(stream).subspan(first, size), outcome);
             first += size;
-            take_frames(reader, outcome);
         }
     } catch (const desk::Failure& failure) {
         PROMISE(failure.code() == desk::exit_protocol);

@@ -1,21 +1,19 @@
 #include "Commands.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "ADE_ShotMentor.h"
+#include "Common/Files.h"
 #include "PresetStore.h"
 #include "Services.h"
 #include "Talk.h"
-#include "Words/Describe.h"
 #include "Wire/PresetJson.h"
 #include "Wire/Results.h"
+#include "Words/Describe.h"
 
 namespace desk {
 namespace {
@@ -114,25 +112,13 @@ int remove_preset(const Options& options) {
 
 // ---- add --------------------------------------------------------------------------------------------------
 
-Bytes read_file(const std::filesystem::path& path) {
-    errno = 0; // the stream alone does not tell a folder from an empty file
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    if (!file.is_open() || errno != 0) {
-        throw Failure(exit_machine, "cannot read " + path.string() + ": " + std::strerror(errno));
-    }
-    const std::string text = content.str();
-    return {text.begin(), text.end()};
-}
-
 // JSON has no NUL, and 740 bytes of a record without one are hardly a record.
 bool is_raw_record(const Bytes& bytes) {
     return bytes.size() == sizeof(tag_custom_info) && std::memchr(bytes.data(), 0, bytes.size()) != nullptr;
 }
 
 tag_custom_info read_record(const std::filesystem::path& path) {
-    const Bytes bytes = read_file(path);
+    const Bytes bytes = read_file(path, longest_preset_file);
     if (is_raw_record(bytes)) {
         return decode_camera_record(bytes);
     }
@@ -145,14 +131,9 @@ constexpr size_t longest_picture = SM_REQUEST_LIMIT - sizeof(sm_frame) - sizeof(
 
 Bytes read_picture(const std::filesystem::path& path) {
     constexpr uint8_t start[] = {0xFF, 0xD8, 0xFF};
-    Bytes bytes = read_file(path);
+    Bytes bytes = read_file(path, longest_picture);
     if (bytes.size() < sizeof start || std::memcmp(bytes.data(), start, sizeof start) != 0) {
         throw Failure(exit_usage, path.string() + " is no JPEG picture: it does not begin with FF D8 FF");
-    }
-    if (bytes.size() > longest_picture) {
-        throw Failure(exit_usage, path.string() + " has " + std::to_string(bytes.size()) +
-                                      " bytes; a camera takes pictures of at most " +
-                                      std::to_string(longest_picture));
     }
     return bytes;
 }

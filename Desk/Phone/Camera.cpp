@@ -15,6 +15,13 @@ namespace {
 // A camera needs no longer to see that the link is at its end.
 constexpr std::chrono::milliseconds longest_farewell{1000};
 
+// What comes unasked may be any answer but a picture.
+constexpr size_t longest_stray_frame = longest_delete_reply;
+
+// A request and its answer may take the timeout twice, and once more for so many of their bytes. With 5 s
+// that is a tenth of what a Bluetooth link carries.
+constexpr int64_t bytes_in_a_timeout = 64 * 1024;
+
 constexpr const char* list_silence =
     "see that it runs and that its link state is up, or give a longer --timeout";
 constexpr const char* picture_silence = "it answers so when it does not have the preset";
@@ -31,13 +38,14 @@ Camera::Camera(const Options& options)
     : timeout_(options.timeout), link_(options.camera, options.mtu, options.timeout) {}
 
 ListReply Camera::list() {
-    return parse_list_reply(answer_to({request(SM_FUNCTION_SEND_LIST), list_silence}, "presets"));
+    return parse_list_reply(
+        answer_to({request(SM_FUNCTION_SEND_LIST), list_silence, longest_list_reply}, "presets"));
 }
 
 Bytes Camera::picture(const sm_tag_custom_info& preset) {
     const Bytes payload = picture_payload(preset.custom_id, preset.applocal_id);
-    PictureReply reply = parse_picture_reply(
-        answer_to({request(SM_FUNCTION_SEND_PRESET, payload), picture_silence}, "picture"));
+    PictureReply reply = parse_picture_reply(answer_to(
+        {request(SM_FUNCTION_SEND_PRESET, payload), picture_silence, longest_picture_reply}, "picture"));
     if (reply.custom_id != preset.custom_id) {
         throw Failure(exit_protocol, fmt::format("asked for the picture of the preset with id {}, the camera "
                                                  "answered with that of id {}",
@@ -48,45 +56,40 @@ Bytes Camera::picture(const sm_tag_custom_info& preset) {
 
 StoreReply Camera::store(const sm_tag_custom_info& preset, std::span<const uint8_t> picture) {
     const Bytes payload = store_payload(preset, picture);
-    return parse_store_reply(
-        answer_to({request(SM_FUNCTION_RECEIVE_PRESET, payload), change_silence}, "sending"));
+    return parse_store_reply(answer_to(
+        {request(SM_FUNCTION_RECEIVE_PRESET, payload), change_silence, longest_store_reply}, "sending"));
 }
 
 int32_t Camera::update(const sm_tag_custom_info& preset) {
     return parse_update_reply(
-        answer_to({request(SM_FUNCTION_UPDATE_PRESET, encode(preset)), change_silence}, "sending"));
+        answer_to({request(SM_FUNCTION_UPDATE_PRESET, encode(preset)), change_silence, longest_update_reply},
+                  "sending"));
 }
 
 DeleteReply Camera::remove(std::span<const sm_delete_pair> pairs) {
-    return parse_delete_reply(
-        answer_to({request(SM_FUNCTION_DELETE_PRESET, delete_payload(pairs)), change_silence}, "sending"));
+    const Bytes payload = delete_payload(pairs);
+    return parse_delete_reply(answer_to(
+        {request(SM_FUNCTION_DELETE_PRESET, payload), change_silence, longest_delete_reply}, "sending"));
 }
 
 void Camera::leave(int32_t code) {
     Bytes payload;
     append_word(payload, code);
-    send_all({request(SM_FUNCTION_STATE_OFF, payload), "it does not take the request"});
+    send_all({request(SM_FUNCTION_STATE_OFF, payload), "it does not take the request", longest_stray_frame});
     link_.finish_sending();
     wait_for_close();
 }
 
-// The time counts from the last bytes that moved, so a slow link is given as long as it needs.
 Bytes Camera::answer_to(Exchange exchange, const std::string& progress_label) {
     Progress progress(progress_label);
-    Clock::time_point deadline = Clock::now() + timeout_;
     while (true) {
-        if (std::optional<Bytes> frame = reader_.next()) {
-            check_not_busy(*frame);
+        if (std::optional<Bytes> frame = next_frame(exchange.longest_answer)) {
             return *std::move(frame);
         }
         if (closed_) {
             throw closed_early(exchange);
         }
-        if (move_bytes(exchange, deadline)) {
-            deadline = Clock::now() + timeout_;
-        } else if (Clock::now() >= deadline) {
-            throw no_answer(exchange);
-        }
+        move_bytes(exchange);
         if (exchange.is_sending()) {
             progress.show(exchange.sent, exchange.request.size());
         } else if (reader_.expected() > 0) {
@@ -96,28 +99,37 @@ Bytes Camera::answer_to(Exchange exchange, const std::string& progress_label) {
 }
 
 void Camera::send_all(Exchange exchange) {
-    Clock::time_point deadline = Clock::now() + timeout_;
     while (exchange.is_sending()) {
-        if (move_bytes(exchange, deadline)) {
-            deadline = Clock::now() + timeout_;
-        } else if (Clock::now() >= deadline) {
-            throw no_answer(exchange);
-        }
-        if (const std::optional<Bytes> frame = reader_.next()) {
-            check_not_busy(*frame);
-        } else if (closed_) {
+        move_bytes(exchange);
+        drop_frames();
+        if (closed_) {
             throw closed_early(exchange);
         }
     }
 }
 
-// Waits until the link can do something, and does it. Returns whether a byte moved.
-bool Camera::move_bytes(Exchange& exchange, Clock::time_point deadline) {
-    const Link::Readiness ready = link_.wait(exchange.is_sending(), deadline);
+// Waits until the link can do something, and does it. The time counts from the last byte that moved, so that
+// a slow link is given as long as it needs; but single bytes do not draw an exchange out for ever.
+void Camera::move_bytes(Exchange& exchange) {
+    const Clock::time_point end = exchange.begin + longest_duration(exchange);
+    if (Clock::now() >= end) {
+        throw too_slow(exchange);
+    }
+    const Clock::time_point silence_end = exchange.last_move + timeout_;
+    const Link::Readiness ready = link_.wait(exchange.is_sending(), std::min(silence_end, end));
     // Reading comes first: a camera that is busy says so while we still send.
     const bool received = ready.read && receive_more();
     const bool sent = ready.write && exchange.is_sending() && !closed_ && send_more(exchange);
-    return received || sent;
+    if (received || sent) {
+        exchange.last_move = Clock::now();
+    } else if (Clock::now() >= silence_end) {
+        throw no_answer(exchange);
+    }
+}
+
+std::chrono::milliseconds Camera::longest_duration(const Exchange& exchange) const {
+    const auto bytes = static_cast<int64_t>(exchange.request.size() + reader_.expected());
+    return 2 * timeout_ + timeout_ * bytes / bytes_in_a_timeout;
 }
 
 bool Camera::send_more(Exchange& exchange) {
@@ -128,19 +140,25 @@ bool Camera::send_more(Exchange& exchange) {
     return sent.value_or(0) > 0;
 }
 
+// Only when the reader has taken all that came before.
 bool Camera::receive_more() {
     const auto bytes = link_.receive();
     closed_ = !bytes;
-    if (closed_) {
-        return false;
-    }
-    reader_.feed(*bytes);
-    return !bytes->empty();
+    received_ = bytes.value_or(std::span<const uint8_t>());
+    return !received_.empty();
 }
 
-void Camera::check_not_busy(const Bytes& frame) const {
-    if (get_word(frame, 0) == busy_function) {
+std::optional<Bytes> Camera::next_frame(size_t longest) {
+    std::optional<Bytes> frame = reader_.take(received_, longest);
+    if (frame && get_word(*frame, 0) == busy_function) {
         throw Failure(exit_busy, "the camera is busy with another phone");
+    }
+    return frame;
+}
+
+// Where nothing is expected.
+void Camera::drop_frames() {
+    while (next_frame(longest_stray_frame)) {
     }
 }
 
@@ -151,9 +169,7 @@ void Camera::wait_for_close() {
         if (link_.wait(false, deadline).read) {
             receive_more();
         }
-        if (const std::optional<Bytes> frame = reader_.next()) {
-            check_not_busy(*frame);
-        }
+        drop_frames();
     }
 }
 
@@ -186,6 +202,16 @@ Failure Camera::no_answer(const Exchange& exchange) const {
     }
     return {exit_timeout,
             fmt::format("the camera gave no answer within {}; {}", seconds(timeout_), exchange.silence)};
+}
+
+Failure Camera::too_slow(const Exchange& exchange) const {
+    return {
+        exit_timeout,
+        fmt::format("the camera is too slow: {} of the request's {} bytes and {} of the answer's {} moved "
+                    "within {}; give a longer --timeout",
+                    exchange.sent, exchange.request.size(), reader_.arrived(),
+                    reader_.expected() == 0 ? "unknown number" : std::to_string(reader_.expected()),
+                    seconds(longest_duration(exchange)))};
 }
 
 } // namespace desk

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -32,7 +33,10 @@ class Camera {
     // A request under way.
     struct Exchange {
         Bytes request;
-        std::string silence; // what no answer at all may mean
+        std::string silence;   // what no answer at all may mean
+        size_t longest_answer; // one that announces more bytes is refused
+        Clock::time_point begin = Clock::now();
+        Clock::time_point last_move = begin;
         size_t sent = 0;
         bool refused = false; // the camera takes no more of it
         bool is_sending() const { return !refused && sent < request.size(); }
@@ -40,17 +44,21 @@ class Camera {
 
     Bytes answer_to(Exchange exchange, const std::string& progress_label);
     void send_all(Exchange exchange);
-    bool move_bytes(Exchange& exchange, Clock::time_point deadline);
+    void move_bytes(Exchange& exchange);
     bool send_more(Exchange& exchange);
     bool receive_more();
-    void check_not_busy(const Bytes& frame) const;
+    std::optional<Bytes> next_frame(size_t longest);
+    void drop_frames();
     void wait_for_close();
+    std::chrono::milliseconds longest_duration(const Exchange& exchange) const;
     Failure closed_early(const Exchange& exchange) const;
     Failure no_answer(const Exchange& exchange) const;
+    Failure too_slow(const Exchange& exchange) const;
 
     std::chrono::milliseconds timeout_;
     Link link_;
     FrameReader reader_;
+    std::span<const uint8_t> received_; // in the link's memory, and not taken by the reader yet
     bool closed_ = false;
 };
 

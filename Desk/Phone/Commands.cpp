@@ -8,14 +8,15 @@
 
 #include "Camera.h"
 #include "Common/Files.h"
+#include "Common/Text.h"
 #include "Jpeg.h"
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
 #include "Presets.h"
-#include "Words/Describe.h"
 #include "Wire/PresetJson.h"
 #include "Wire/Results.h"
+#include "Words/Describe.h"
 
 namespace desk {
 namespace {
@@ -28,6 +29,7 @@ constexpr TerminalSize thumbnail = {32, 12};
 constexpr TerminalSize large_picture = {72, 24};
 
 constexpr size_t smallest_picture = 100;
+// What a request has room for.
 constexpr size_t largest_picture = SM_REQUEST_LIMIT - sizeof(sm_frame) - sizeof(sm_tag_custom_info);
 
 size_t width_of(const Options& options) {
@@ -143,7 +145,7 @@ int save_picture(const Options& options) {
         throw Failure(exit_missing,
                       fmt::format("the camera could not read the picture of preset {}; {} is not "
                                   "written",
-                                  number, options.output_file));
+                                  number, printable(options.output_file)));
     }
     write_file(options.output_file, picture);
     if (options.json) {
@@ -158,30 +160,23 @@ int save_picture(const Options& options) {
 // ---- store ------------------------------------------------------------------------------------------------
 
 Bytes picture_from(const std::string& path) {
-    Bytes picture = read_file(path);
+    Bytes picture = read_file(path, largest_picture);
     if (!is_jpeg(picture)) {
         throw Failure(exit_usage,
                       fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is "
                                   "broken",
-                                  path));
+                                  printable(path)));
     }
     if (picture.size() < smallest_picture) {
         throw Failure(exit_usage, fmt::format("{} has {} bytes; the camera takes pictures of at least {}",
-                                              path, picture.size(), smallest_picture));
-    }
-    if (picture.size() > largest_picture) {
-        throw Failure(exit_usage,
-                      fmt::format("{} has {} bytes, and a request has room for {}: {} less {} for "
-                                  "header and record; make it smaller",
-                                  path, picture.size(), largest_picture, int{SM_REQUEST_LIMIT},
-                                  SM_REQUEST_LIMIT - largest_picture));
+                                              printable(path), picture.size(), smallest_picture));
     }
     return picture;
 }
 
 sm_tag_custom_info preset_from(const std::string& path) {
-    const Bytes text = read_file(path);
-    return phone_record_from_json({reinterpret_cast<const char*>(text.data()), text.size()}, path);
+    const Bytes text = read_file(path, longest_preset_file);
+    return phone_record_from_json({reinterpret_cast<const char*>(text.data()), text.size()}, printable(path));
 }
 
 int store(const Options& options) {

@@ -10,8 +10,7 @@
 namespace desk {
 namespace {
 
-// A picture is what a stranger sent: one that would need more memory is not drawn.
-constexpr size_t most_pixels = 16'000'000;
+using Clock = std::chrono::steady_clock;
 
 constexpr unsigned largest_reduction = 8;
 
@@ -33,9 +32,29 @@ void prepare(jpeg_decompress_struct& decoder, Errors& errors) {
     errors.manager.output_message = keep_silent;
 }
 
-void choose_scale(jpeg_decompress_struct& decoder, unsigned columns) {
+// What the decoder calls again and again while it works.
+struct Monitor {
+    jpeg_progress_mgr manager; // first, as above
+    Clock::time_point deadline;
+};
+
+void leave_beyond_budget(j_common_ptr decoder) {
+    const int scan = reinterpret_cast<j_decompress_ptr>(decoder)->input_scan_number;
+    const Clock::time_point deadline = reinterpret_cast<Monitor*>(decoder->progress)->deadline;
+    if (scan > most_scans || Clock::now() > deadline) {
+        leave_decoder(decoder);
+    }
+}
+
+bool exceeds_budget(const jpeg_decompress_struct& decoder) {
+    return size_t{decoder.image_width} * decoder.image_height > most_picture_pixels;
+}
+
+// The reduced picture is never much larger than the box.
+void choose_scale(jpeg_decompress_struct& decoder, const Box& box) {
     unsigned reduction = largest_reduction;
-    while (reduction > 1 && decoder.image_width / reduction < columns) {
+    while (reduction > 1 && decoder.image_width / reduction < box.width &&
+           decoder.image_height / reduction < box.height) {
         reduction /= 2;
     }
     decoder.scale_num = 1;
@@ -43,11 +62,8 @@ void choose_scale(jpeg_decompress_struct& decoder, unsigned columns) {
     decoder.out_color_space = JCS_RGB;
 }
 
-bool read_rows(jpeg_decompress_struct& decoder, Pixels& pixels) {
+void read_rows(jpeg_decompress_struct& decoder, Pixels& pixels) {
     jpeg_calc_output_dimensions(&decoder);
-    if (size_t{decoder.output_width} * decoder.output_height > most_pixels) {
-        return false;
-    }
     pixels.width = static_cast<int>(decoder.output_width);
     pixels.height = static_cast<int>(decoder.output_height);
     const size_t row_size = size_t{decoder.output_width} * 3;
@@ -57,7 +73,6 @@ bool read_rows(jpeg_decompress_struct& decoder, Pixels& pixels) {
         JSAMPROW row = pixels.rgb.data() + decoder.output_scanline * row_size;
         jpeg_read_scanlines(&decoder, &row, 1);
     }
-    return true;
 }
 
 void read_header(jpeg_decompress_struct& decoder, std::span<const uint8_t> picture) {
@@ -76,14 +91,20 @@ bool has_header(jpeg_decompress_struct& decoder, Errors& errors, std::span<const
     return true;
 }
 
-bool decode(jpeg_decompress_struct& decoder, Errors& errors, std::span<const uint8_t> picture, int columns,
-            Pixels& pixels) {
+bool decode(jpeg_decompress_struct& decoder, Errors& errors, Monitor& monitor,
+            std::span<const uint8_t> picture, const Box& box, Pixels& pixels) {
     if (setjmp(errors.way_out) != 0) {
         return false;
     }
     read_header(decoder, picture);
-    choose_scale(decoder, static_cast<unsigned>(columns));
-    return read_rows(decoder, pixels);
+    if (exceeds_budget(decoder)) {
+        return false;
+    }
+    decoder.mem->max_memory_to_use = most_decoder_memory; // beyond that it gives up
+    decoder.progress = &monitor.manager;
+    choose_scale(decoder, box);
+    read_rows(decoder, pixels);
+    return true;
 }
 
 } // namespace
@@ -101,12 +122,15 @@ bool is_jpeg(std::span<const uint8_t> picture) {
     return found;
 }
 
-std::optional<Pixels> decode_jpeg(std::span<const uint8_t> picture, int columns) {
+std::optional<Pixels> decode_jpeg(std::span<const uint8_t> picture, const Box& box) {
     jpeg_decompress_struct decoder = {};
     Errors errors = {};
     prepare(decoder, errors);
+    Monitor monitor = {};
+    monitor.manager.progress_monitor = leave_beyond_budget;
+    monitor.deadline = Clock::now() + longest_decoding;
     Pixels pixels;
-    const bool decoded = decode(decoder, errors, picture, columns, pixels);
+    const bool decoded = decode(decoder, errors, monitor, picture, box, pixels);
     jpeg_destroy_decompress(&decoder);
     return decoded ? std::optional(std::move(pixels)) : std::nullopt;
 }

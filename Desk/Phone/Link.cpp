@@ -13,6 +13,7 @@
 #include <sys/un.h>
 #include <thread>
 
+#include "Common/Text.h"
 #include "Wire/Bluetooth.h"
 
 namespace desk {
@@ -56,7 +57,7 @@ void require_address(const Endpoint& camera) {
         throw Failure(exit_link,
                       fmt::format("{} does not say which camera; write its Bluetooth address, as in "
                                   "rfcomm:00:11:22:33:44:55:1",
-                                  camera.url()));
+                                  printable(camera.url())));
     }
 }
 
@@ -74,8 +75,8 @@ std::vector<Address> tcp_addresses(const Endpoint& camera) {
     addrinfo* found = nullptr;
     const int error = getaddrinfo(camera.host.c_str(), std::to_string(camera.port).c_str(), &wish, &found);
     if (error != 0) {
-        throw Failure(exit_link, fmt::format("cannot find the host of {}: {}; check its name", camera.url(),
-                                             gai_strerror(error)));
+        throw Failure(exit_link, fmt::format("cannot find the host of {}: {}; check its name",
+                                             printable(camera.url()), gai_strerror(error)));
     }
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
     std::vector<Address> addresses;
@@ -140,10 +141,10 @@ Failure connect_failure(const Endpoint& camera, int error) {
     if (bluetooth && (error == EAFNOSUPPORT || error == EPROTONOSUPPORT)) {
         return {exit_link,
                 fmt::format("cannot connect to {}: this kernel has no Bluetooth; use unix: or tcp:",
-                            camera.url())};
+                            printable(camera.url()))};
     }
     return {exit_link, fmt::format("cannot connect to {}: {}; see that the camera runs and listens there",
-                                   camera.url(), std::strerror(error))};
+                                   printable(camera.url()), std::strerror(error))};
 }
 
 void prepare(int descriptor, const Endpoint& camera) {

@@ -4,9 +4,9 @@
 #include <exception>
 
 #include "Commands.h"
+#include "Common/Failure.h"
 #include "Options.h"
 #include "Output.h"
-#include "Common/Failure.h"
 
 int main(int argc, char** argv) {
     desk::occupy_standard_descriptors();

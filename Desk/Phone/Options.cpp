@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "ADE_ShotMentor_Records.h"
+#include "Common/Text.h"
 #include "Output.h"
 
 namespace desk {
@@ -132,9 +133,17 @@ void add_changing_commands(CLI::App& app, Options& options) {
     leave->add_option("--code", options.code, "the phone's own result code, 1 unless given")->type_name("N");
 }
 
+Endpoint endpoint_of(const std::string& url) {
+    try {
+        return parse_endpoint(url);
+    } catch (const Failure& failure) {
+        throw Failure(failure.code(), printable(failure.what())); // one line, whatever the URL holds
+    }
+}
+
 Options finished(Arguments& arguments) {
     Options& options = arguments.options;
-    options.camera = parse_endpoint(arguments.url);
+    options.camera = endpoint_of(arguments.url);
     options.timeout = std::chrono::milliseconds(std::llround(std::ceil(arguments.timeout_seconds * 1000)));
     if (options.command == Options::Command::show || options.command == Options::Command::picture) {
         options.numbers = {arguments.number};
@@ -150,7 +159,7 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     }
     std::string line = error.what();
     std::replace(line.begin(), line.end(), '\n', ' ');
-    return {exit_usage, fmt::format("{}; see shotmentor-phone --help", line)};
+    return {exit_usage, fmt::format("{}; see shotmentor-phone --help", printable(line))};
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "Common/Failure.h"
+#include "Common/Text.h"
 
 namespace desk {
 
@@ -27,7 +28,9 @@ void print(std::string_view text) {
 
 void print_json(const nlohmann::ordered_json& json) {
     constexpr int indentation = 2;
-    print(json.dump(indentation, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n");
+    const std::string text =
+        json.dump(indentation, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    print(escaped_json(text) + "\n");
 }
 
 void occupy_standard_descriptors() {
@@ -45,11 +48,11 @@ void talk(std::string_view text) {
 }
 
 void say(std::string_view line) {
-    talk(fmt::format("{}\n", line));
+    talk(printable(line) + "\n");
 }
 
-void complain(std::string_view line) {
-    talk(fmt::format("shotmentor-phone: {}\n", line));
+void complain(std::string_view lines) {
+    talk(fmt::format("shotmentor-phone: {}\n", printable_lines(lines)));
 }
 
 bool output_is_terminal() {

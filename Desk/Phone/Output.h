@@ -11,7 +11,8 @@ namespace desk {
 // Whoever read our standard output has gone. There is nothing to say, and nobody to say it to.
 struct OutputClosed {};
 
-// Writes data and makes sure that it has arrived. Throws OutputClosed, or Failure (exit_machine).
+// Writes data and makes sure that it has arrived. A text comes out as it is, as the drawing of a picture has
+// to: what others have written has passed `printable`. Throws OutputClosed, or Failure (exit_machine).
 void print(std::string_view text);
 void print_json(const nlohmann::ordered_json& json);
 
@@ -19,10 +20,11 @@ void print_json(const nlohmann::ordered_json& json);
 // be called before anything is opened.
 void occupy_standard_descriptors();
 
-// Talk as it is; one line of it; one line of complaint. Nobody has to be listening.
+// Talk of our own, as it is; one line of it, and a complaint of one line or more, which may quote others:
+// what could do something to a terminal is replaced. Nobody has to be listening.
 void talk(std::string_view text);
 void say(std::string_view line);
-void complain(std::string_view line);
+void complain(std::string_view lines);
 
 bool output_is_terminal();
 bool talk_is_terminal();

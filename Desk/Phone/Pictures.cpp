@@ -10,7 +10,8 @@ namespace desk {
 namespace {
 
 constexpr float character_shape = 0.5F; // characters are about twice as high as wide
-constexpr int pixels_a_column = 8;      // what the finest characters can make use of
+constexpr size_t pixels_a_column = 8;   // what the finest characters can make use of
+constexpr size_t pixels_a_row = 16;
 
 template<auto release>
 struct Release {
@@ -100,7 +101,9 @@ std::optional<std::string> why_not_drawn() {
 }
 
 std::optional<std::string> drawn(std::span<const uint8_t> jpeg, size_t columns, size_t rows) {
-    const std::optional<Pixels> pixels = decode_jpeg(jpeg, static_cast<int>(columns) * pixels_a_column);
+    const Box box = {static_cast<unsigned>(columns * pixels_a_column),
+                     static_cast<unsigned>(rows * pixels_a_row)};
+    const std::optional<Pixels> pixels = decode_jpeg(jpeg, box);
     const Terminal terminal = this_terminal();
     const std::optional<ChafaCanvasMode> colors = colors_of(terminal);
     if (!pixels || !colors) {

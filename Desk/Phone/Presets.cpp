@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <fmt/format.h>
 
-#include "Words/Describe.h"
 #include "Wire/PresetJson.h"
+#include "Words/Describe.h"
 
 namespace desk {
 namespace {

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <initializer_list>
 #include <limits>
+#include <utility>
 
 #include "Common/Failure.h"
 
@@ -101,48 +102,33 @@ Bytes delete_payload(std::span<const sm_delete_pair> pairs) {
     return bytes;
 }
 
-void FrameReader::feed(std::span<const uint8_t> bytes) {
-    append(bytes_, bytes);
+std::optional<Bytes> FrameReader::take(std::span<const uint8_t>& bytes, size_t longest) {
+    fill(bytes, header);
+    if (frame_.size() < header)
+        return std::nullopt;
+    read_header(longest);
+    fill(bytes, expected_);
+    if (frame_.size() < expected_)
+        return std::nullopt;
+    expected_ = 0;
+    return std::exchange(frame_, {});
 }
 
-std::optional<Bytes> FrameReader::next() {
-    if (waiting() < header)
-        return std::nullopt;
-    const int32_t total = get_word(bytes_, taken_ + word);
-    if (expected() == 0)
+// Moves bytes over until the frame in progress has `size` of them.
+void FrameReader::fill(std::span<const uint8_t>& bytes, size_t size) {
+    const size_t missing = size - std::min(size, frame_.size());
+    const auto taken = bytes.first(std::min(missing, bytes.size()));
+    append(frame_, taken);
+    bytes = bytes.subspan(taken.size());
+}
+
+void FrameReader::read_header(size_t longest) {
+    const int32_t total = get_word(frame_, word);
+    if (total < static_cast<int32_t>(header) || static_cast<size_t>(total) > longest)
         throw broken(fmt::format("function {:#x} announces {} bytes in all, expected {} to {}",
-                                 static_cast<uint32_t>(get_word(bytes_, taken_)), total, header, longest));
-    if (waiting() < expected())
-        return std::nullopt;
-    const auto first = bytes_.begin() + static_cast<std::ptrdiff_t>(taken_);
-    Bytes frame(first, first + total);
-    taken_ += frame.size();
-    drop_taken();
-    return frame;
-}
-
-size_t FrameReader::arrived() const {
-    return expected() == 0 ? waiting() : std::min(waiting(), expected());
-}
-
-size_t FrameReader::expected() const {
-    if (waiting() < header)
-        return 0;
-    const int32_t total = get_word(bytes_, taken_ + word);
-    const bool possible = total >= static_cast<int32_t>(header) && static_cast<size_t>(total) <= longest;
-    return possible ? static_cast<size_t>(total) : 0;
-}
-
-size_t FrameReader::waiting() const {
-    return bytes_.size() - taken_;
-}
-
-// Not after every frame: many short frames in one piece would each move all that follow.
-void FrameReader::drop_taken() {
-    if (taken_ * 2 < bytes_.size())
-        return;
-    bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(taken_));
-    taken_ = 0;
+                                 static_cast<uint32_t>(get_word(frame_, 0)), total, header, longest));
+    expected_ = static_cast<size_t>(total);
+    frame_.reserve(expected_); // a frame that grows piece by piece would be held twice
 }
 
 Bytes busy_frame() {
@@ -159,10 +145,11 @@ ListReply parse_list_reply(std::span<const uint8_t> frame) {
     return reply;
 }
 
-PictureReply parse_picture_reply(std::span<const uint8_t> frame) {
+PictureReply parse_picture_reply(Bytes frame) {
     check_reply(frame, SM_REPLY + SM_FUNCTION_SEND_PRESET, "the picture", sizeof(sm_screennail_reply));
-    const auto picture = frame.subspan(sizeof(sm_screennail_reply));
-    return {get_word(frame, header), Bytes(picture.begin(), picture.end())};
+    const int32_t custom_id = get_word(frame, header);
+    frame.erase(frame.begin(), frame.begin() + sizeof(sm_screennail_reply));
+    return {custom_id, std::move(frame)};
 }
 
 StoreReply parse_store_reply(std::span<const uint8_t> frame) {
@@ -184,7 +171,9 @@ DeleteReply parse_delete_reply(std::span<const uint8_t> frame) {
     DeleteReply reply;
     reply.result = get_word(frame, header);
     reply.layout = get_word(frame, header + word);
-    reply.presets = records_at(frame, header + word, what, {0, 8, 16}); // 8 for each preset that was kept
+    reply.presets =
+        records_at(frame, header + word, what,
+                   {0, longest_delete_tail / 2, longest_delete_tail}); // half for each preset that was kept
     return reply;
 }
 

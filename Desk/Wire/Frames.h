@@ -21,26 +21,34 @@ Bytes picture_payload(int32_t custom_id, int32_t applocal_id);
 Bytes store_payload(const sm_tag_custom_info& preset, std::span<const uint8_t> picture);
 Bytes delete_payload(std::span<const sm_delete_pair> pairs);
 
-// Collects the bytes of one frame after another, whatever pieces they arrive in.
+// The most bytes that each reply has, its header included. A camera that announces more breaks the protocol.
+constexpr size_t longest_list_reply = sizeof(sm_list_reply) + SM_PRESET_LIMIT * sizeof(sm_tag_custom_info);
+constexpr size_t longest_store_reply = sizeof(sm_receive_reply);
+constexpr size_t longest_update_reply = sizeof(sm_update_reply);
+constexpr size_t longest_delete_tail = 2 * sizeof(sm_delete_pair); // bytes without a meaning
+constexpr size_t longest_delete_reply =
+    sizeof(sm_delete_reply) + SM_PRESET_LIMIT * sizeof(sm_tag_custom_info) + longest_delete_tail;
+// The protocol sets no bound to a picture. A camera sends the small streams at the start of a picture file,
+// and even a whole file of 24 megapixels seldom has more than this.
+constexpr size_t longest_picture_reply = size_t{16} << 20;
+
+// Collects the bytes of one frame after another, whatever pieces they arrive in. It holds one frame at most.
 class FrameReader {
   public:
-    // Takes bytes in.
-    void feed(std::span<const uint8_t> bytes);
-    // The next whole frame, header included, or nothing yet. Throws Failure (exit_protocol) when the header
-    // announces fewer than 8 bytes or more than `longest` bytes.
-    std::optional<Bytes> next();
+    // Takes what the frame in progress lacks from the start of `bytes`; what is left there belongs to the
+    // frames that follow. Returns the frame, header included, once it is whole. Throws Failure
+    // (exit_protocol) as soon as the header announces fewer bytes than its own 8, or more than `longest`.
+    std::optional<Bytes> take(std::span<const uint8_t>& bytes, size_t longest);
     // Bytes of the frame in progress that have arrived, and bytes that it has in all (0 while unknown).
-    size_t arrived() const;
-    size_t expected() const;
-
-    static constexpr size_t longest = size_t{1} << 30;
+    size_t arrived() const { return frame_.size(); }
+    size_t expected() const { return expected_; }
 
   private:
-    size_t waiting() const;
-    void drop_taken();
+    void fill(std::span<const uint8_t>& bytes, size_t size);
+    void read_header(size_t longest);
 
-    Bytes bytes_;
-    size_t taken_ = 0; // bytes of frames that `next` has given out
+    Bytes frame_;
+    size_t expected_ = 0;
 };
 
 // The desk's camera sends this to a second phone and closes the link. A real camera never does.
@@ -72,9 +80,10 @@ struct DeleteReply {
 };
 
 // Each takes a whole frame apart. Throws Failure (exit_protocol) that says what was expected and what came
-// when the function number, the length, the layout or the number of presets is not what the reply has.
+// when the function number, the length, the layout or the number of presets is not what the reply has. The
+// picture stays in the memory that the frame came in.
 ListReply parse_list_reply(std::span<const uint8_t> frame);
-PictureReply parse_picture_reply(std::span<const uint8_t> frame);
+PictureReply parse_picture_reply(Bytes frame);
 StoreReply parse_store_reply(std::span<const uint8_t> frame);
 int32_t parse_update_reply(std::span<const uint8_t> frame);
 DeleteReply parse_delete_reply(std::span<const uint8_t> frame);

@@ -6,7 +6,9 @@
 #include <cstring>
 #include <functional>
 #include <initializer_list>
+#include <optional>
 #include <random>
+#include <utility>
 
 #include "Common/Failure.h"
 #include "Wire/Frames.h"
@@ -81,69 +83,103 @@ TEST(Requests, ToDeleteNameEachPresetByNumberAndId) {
 
 // ---- Frames from pieces -----------------------------------------------------------------------------------
 
+constexpr size_t plenty = 1000; // more than the frames of these tests have
+
+// Gives a reader one piece of a stream. Returns the frame that it completes, and holds that to all of its
+// bytes.
+std::optional<Bytes> take(FrameReader& reader, const Bytes& piece, size_t longest = plenty) {
+    std::span<const uint8_t> bytes = piece;
+    std::optional<Bytes> frame = reader.take(bytes, longest);
+    EXPECT_TRUE(bytes.empty());
+    return frame;
+}
+
 TEST(FrameReader, GivesAFrameOnceItsLastByteHasArrived) {
     const Bytes whole = frame(0x1004, words({1}));
     FrameReader reader;
-    for (size_t k = 0; k + 1 < whole.size(); ++k) {
-        reader.feed(std::span(whole).subspan(k, 1));
-        EXPECT_FALSE(reader.next()) << k;
-    }
-    reader.feed(std::span(whole).last(1));
-    EXPECT_EQ(reader.next(), whole);
-    EXPECT_FALSE(reader.next());
+    for (size_t k = 0; k + 1 < whole.size(); ++k)
+        EXPECT_FALSE(take(reader, {whole[k]})) << k;
+    EXPECT_EQ(take(reader, {whole.back()}), whole);
+    EXPECT_FALSE(take(reader, {}));
 }
 
 TEST(FrameReader, GivesAFrameOfAHeaderAlone) {
     FrameReader reader;
-    reader.feed(words({255, 8}));
-    EXPECT_EQ(reader.next(), words({255, 8}));
+    EXPECT_EQ(take(reader, words({255, 8})), words({255, 8}));
 }
 
-TEST(FrameReader, TakesSeveralFramesOutOfOnePiece) {
+TEST(FrameReader, LeavesWhatFollowsAFrameInThePiece) {
     const Bytes first = frame(0x1004, words({1}));
     const Bytes second = frame(0x1001, Bytes(100, 7));
+    const Bytes stream = first + second + words({0x1002});
+    std::span<const uint8_t> bytes = stream;
     FrameReader reader;
-    reader.feed(first + second + words({0x1002}));
-    EXPECT_EQ(reader.next(), first);
-    EXPECT_EQ(reader.next(), second);
-    EXPECT_FALSE(reader.next());
-    reader.feed(words({8}));
-    EXPECT_EQ(reader.next(), words({0x1002, 8}));
+    EXPECT_EQ(reader.take(bytes, plenty), first);
+    EXPECT_EQ(bytes.size(), second.size() + 4);
+    EXPECT_EQ(reader.take(bytes, plenty), second);
+    EXPECT_EQ(bytes.size(), 4u);
+    EXPECT_FALSE(reader.take(bytes, plenty));
+    EXPECT_TRUE(bytes.empty());
+    EXPECT_EQ(take(reader, words({8})), words({0x1002, 8}));
+}
+
+TEST(FrameReader, HoldsNoMoreThanTheFrameInProgress) {
+    const Bytes flood(1 << 20, 0); // words of 0: no frame announces that
+    Bytes stream = frame(0x1004, Bytes(92, 9)) + flood;
+    std::span<const uint8_t> bytes = stream;
+    FrameReader reader;
+    EXPECT_EQ(reader.take(bytes, plenty)->capacity(), 100u);
+    EXPECT_EQ(bytes.size(), flood.size());
+    EXPECT_THROW(reader.take(bytes, plenty), Failure);
+    EXPECT_EQ(bytes.size(), flood.size() - 8);
+    EXPECT_EQ(reader.arrived(), 8u);
 }
 
 TEST(FrameReader, TellsHowMuchHasArrivedOfHowMuch) {
     FrameReader reader;
     EXPECT_EQ(reader.arrived(), 0u);
     EXPECT_EQ(reader.expected(), 0u);
-    reader.feed(Bytes{0x02, 0x10, 0, 0, 20, 0, 0});
+    EXPECT_FALSE(take(reader, Bytes{0x02, 0x10, 0, 0, 20, 0, 0}));
     EXPECT_EQ(reader.arrived(), 7u);
     EXPECT_EQ(reader.expected(), 0u); // the length is not complete
-    reader.feed(Bytes{0, 9, 9});
+    EXPECT_FALSE(take(reader, Bytes{0, 9, 9}));
     EXPECT_EQ(reader.arrived(), 10u);
     EXPECT_EQ(reader.expected(), 20u);
-    reader.feed(Bytes(15, 9)); // five of them belong to the frame that follows
-    EXPECT_EQ(reader.arrived(), 20u);
-    EXPECT_EQ(reader.expected(), 20u);
-    ASSERT_TRUE(reader.next());
-    EXPECT_EQ(reader.arrived(), 5u);
+    EXPECT_TRUE(take(reader, Bytes(10, 9)));
+    EXPECT_EQ(reader.arrived(), 0u);
     EXPECT_EQ(reader.expected(), 0u);
 }
 
 TEST(FrameReader, RefusesALengthThatNoFrameHas) {
-    for (const int32_t total : {7, 0, -1, INT32_MIN, (1 << 30) + 1, INT32_MAX}) {
+    for (const int32_t total : {7, 0, -1, INT32_MIN}) {
         FrameReader reader;
-        reader.feed(words({0x1001, total}));
-        const std::string line = failure_of([&] { reader.next(); });
+        const std::string line = failure_of([&] { take(reader, words({0x1001, total})); });
         EXPECT_NE(line.find("announces " + std::to_string(total) + " bytes"), std::string::npos) << line;
         EXPECT_EQ(reader.expected(), 0u);
     }
 }
 
-TEST(FrameReader, WaitsForTheLongestFrame) {
+TEST(FrameReader, RefusesAtItsHeaderAFrameBeyondTheLongestThatItsReaderTakes) {
+    for (const int32_t total : {1001, 1 << 30, INT32_MAX}) {
+        FrameReader reader;
+        const std::string line = failure_of([&] { take(reader, words({0x1002, total})); });
+        EXPECT_NE(line.find("0x1002 announces " + std::to_string(total) + " bytes"), std::string::npos)
+            << line;
+        EXPECT_NE(line.find("to 1000"), std::string::npos) << line;
+    }
+}
+
+TEST(FrameReader, TakesTheLongestFrame) {
     FrameReader reader;
-    reader.feed(words({0x1002, 1 << 30}));
-    EXPECT_FALSE(reader.next());
-    EXPECT_EQ(reader.expected(), size_t{1} << 30);
+    EXPECT_FALSE(take(reader, words({0x1002, 1000})));
+    EXPECT_EQ(reader.expected(), 1000u);
+    EXPECT_EQ(take(reader, Bytes(992))->size(), 1000u);
+}
+
+TEST(FrameReader, HoldsAFrameInProgressToTheLimitOfWhoReadsItsRest) {
+    FrameReader reader;
+    EXPECT_FALSE(take(reader, words({0x1002, 1000})));
+    failure_of([&] { take(reader, Bytes(1), 999); });
 }
 
 TEST(FrameReader, PutsFramesTogetherWhateverThePieces) {
@@ -158,14 +194,22 @@ TEST(FrameReader, PutsFramesTogetherWhateverThePieces) {
         std::vector<Bytes> got;
         FrameReader reader;
         for (size_t at = 0; at < stream.size();) {
-            const size_t piece = std::min<size_t>(1 + random() % 100, stream.size() - at);
-            reader.feed(std::span(stream).subspan(at, piece));
-            at += piece;
-            while (const auto next = reader.next())
+            const size_t size = std::min<size_t>(1 + random() % 100, stream.size() - at);
+            auto piece = std::span<const uint8_t>(stream).subspan(at, size);
+            at += size;
+            while (const auto next = reader.take(piece, plenty))
                 got.push_back(*next);
         }
         ASSERT_EQ(got, sent);
     }
+}
+
+TEST(LongestReplies, HaveRoomForFortyPresetsAndNoMore) {
+    EXPECT_EQ(longest_list_reply, 28u + 40 * 744);
+    EXPECT_EQ(longest_store_reply, 24u);
+    EXPECT_EQ(longest_update_reply, 12u);
+    EXPECT_EQ(longest_delete_reply, 20u + 40 * 744 + 16);
+    EXPECT_EQ(longest_picture_reply, 16u * 1024 * 1024);
 }
 
 // ---- Replies ----------------------------------------------------------------------------------------------
@@ -192,6 +236,12 @@ TEST(Replies, PictureHoldsItsIdAndBytes) {
     const PictureReply reply = parse_picture_reply(frame(0x1002, words({12}) + Bytes({0xFF, 0xD8, 3})));
     EXPECT_EQ(reply.custom_id, 12);
     EXPECT_EQ(reply.picture, (Bytes{0xFF, 0xD8, 3}));
+}
+
+TEST(Replies, PictureStaysInTheMemoryOfItsFrame) {
+    Bytes whole = frame(0x1002, words({12}) + Bytes(100, 5));
+    const uint8_t* const memory = whole.data();
+    EXPECT_EQ(parse_picture_reply(std::move(whole)).picture.data(), memory);
 }
 
 TEST(Replies, PictureMayBeEmpty) {

@@ -7,8 +7,11 @@ camera's records are converted to the phone's with tables of this file, so that 
 import atexit
 import contextlib
 import ctypes
+import dataclasses
+import fcntl
 import json
 import os
+import pty
 import select
 import shutil
 import signal
@@ -16,8 +19,10 @@ import socket
 import struct
 import subprocess
 import tempfile
+import termios
 import threading
 import time
+import types
 import unittest
 
 CAMERA = os.environ.get("SHOTMENTOR_CAMERA", "")
@@ -588,7 +593,7 @@ def sample_store():
 
 class FakeCamera:
     """Answers each request with what `answer(function, request)` returns: bytes, a tuple of bytes and then
-    the end, None for silence, or CLOSE."""
+    the end, a generator of packets, None for silence, or CLOSE."""
 
     CLOSE = object()
 
@@ -643,7 +648,10 @@ class FakeCamera:
         if isinstance(answer, tuple):  # a piece of an answer, then the end
             phone.send(answer[0])
             return False
-        if answer is not None:
+        if isinstance(answer, types.GeneratorType):  # packets, at its own pace
+            for packet in answer:
+                phone.send(packet)
+        elif answer is not None:
             for start in range(0, len(answer), 4096):
                 phone.send(answer[start : start + 4096])
         return True
@@ -671,6 +679,85 @@ def run_phone(url, *arguments, timeout=30.0, environment=None, wait_for_turn=Tru
         if done.returncode != 5 or not wait_for_turn or time.monotonic() > end:
             return done
         time.sleep(0.02)
+
+
+@dataclasses.dataclass
+class Ended:
+    """How a phone ended, and what it took."""
+
+    returncode: int
+    stdout: bytes
+    stderr: bytes
+    seconds: float
+    peak: int  # bytes of memory at its largest; that of the test itself where this was larger
+
+    @property
+    def text(self):
+        return self.stdout.decode(errors="replace")
+
+
+def _ended(process, start, end):
+    """Exit code, seconds and peak of a process, which is killed at the time `end`."""
+    while True:
+        done, status, usage = os.wait4(process.pid, os.WNOHANG)
+        if done:
+            process.returncode = os.waitstatus_to_exitcode(status)
+            return process.returncode, time.monotonic() - start, usage.ru_maxrss * 1024
+        if time.monotonic() > end:
+            process.kill()
+            process.wait()
+            raise AssertionError(f"the phone did not end within {end - start:.0f} s")
+        time.sleep(0.01)
+
+
+# A sanitizer keeps what was freed, to find who uses it; that memory would be counted as the phone's.
+_FREES_AT_ONCE = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"}
+
+
+def measure_phone(url, *arguments, timeout=30.0, environment=None):
+    """Runs the phone and measures it."""
+    with tempfile.TemporaryFile() as output, tempfile.TemporaryFile() as talk:
+        start = time.monotonic()
+        process = subprocess.Popen(
+            [PHONE, "--connect", url, *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=output,
+            stderr=talk, env=environment_of_programs(**_FREES_AT_ONCE, **(environment or {})),
+        )  # fmt: skip
+        code, seconds, peak = _ended(process, start, start + timeout)
+        output.seek(0), talk.seek(0)
+        return Ended(code, output.read(), talk.read(), seconds, peak)
+
+
+def run_on_terminal(url, *arguments, columns=80, environment=None, timeout=2 * PATIENCE):
+    """Runs the phone on a terminal of this width, and measures it. All that it writes there is its output."""
+    master, slave = pty.openpty()
+    try:
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 40, columns, 0, 0))
+        settings = termios.tcgetattr(slave)
+        settings[1] &= ~termios.OPOST  # newlines as they are written
+        termios.tcsetattr(slave, termios.TCSANOW, settings)
+        start = time.monotonic()
+        end = start + timeout
+        process = subprocess.Popen(
+            [PHONE, "--connect", url, *map(str, arguments)], stdin=slave, stdout=slave, stderr=slave,
+            env=environment_of_programs(TERM="xterm-256color", **_FREES_AT_ONCE, **(environment or {})),
+            start_new_session=True,
+        )  # fmt: skip
+        os.close(slave)
+        slave = -1
+        written = b""
+        with contextlib.suppress(OSError):  # the terminal is gone when the last one has closed it
+            while time.monotonic() < end:
+                if select.select([master], [], [], 0.1)[0]:
+                    piece = os.read(master, 65536)
+                    if not piece:
+                        break
+                    written += piece
+        code, seconds, peak = _ended(process, start, end)
+        return Ended(code, written, b"", seconds, peak)
+    finally:
+        os.close(master)
+        if slave >= 0:
+            os.close(slave)
 
 
 class DeskTest(unittest.TestCase):

@@ -1,23 +1,17 @@
 """Every command of the phone, against the camera and against cameras that break the rules."""
 
-import contextlib
-import fcntl
 import json
 import os
-import pty
 import re
-import select
 import struct
 import subprocess
-import termios
 import time
 import unittest
 
 from desk import (
     BUSY_FRAME, DELETE, LIST, OPTIONAL_NAMES, PATIENCE, PHONE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY,
-    STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, environment_of_programs, changed,
-    delete_reply, get,
-    list_reply, phone_record, picture, record_to_json, request, rich_record, run_phone,
+    STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, delete_reply, get,
+    list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
     stored_picture, what_a_phone_gets,
 )  # fmt: skip
 
@@ -31,41 +25,6 @@ def numbers_in(line):
 def rows_of(text):
     """Number and id of each row of a list, as far as it begins with two numbers."""
     return [(int(a), int(b)) for a, b in re.findall(r"^\s*(\d+)\s+(\d+)\s", text, re.MULTILINE)]
-
-
-def run_on_terminal(url, *arguments, columns=80, environment=None):
-    """Runs the phone on a terminal of this width. Returns its exit code and what it wrote there."""
-    master, slave = pty.openpty()
-    try:
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 40, columns, 0, 0))
-        settings = termios.tcgetattr(slave)
-        settings[1] &= ~termios.OPOST  # newlines as they are written
-        termios.tcsetattr(slave, termios.TCSANOW, settings)
-        process = subprocess.Popen(
-            [PHONE, "--connect", url, *map(str, arguments)], stdin=slave, stdout=slave, stderr=slave,
-            env=environment_of_programs(TERM="xterm-256color", **(environment or {})), start_new_session=True,
-        )  # fmt: skip
-        os.close(slave)
-        slave = -1
-        written = b""
-        end = time.monotonic() + PATIENCE
-        with contextlib.suppress(OSError):  # the terminal is gone when the last one has closed it
-            while time.monotonic() < end:
-                if select.select([master], [], [], 0.1)[0]:
-                    piece = os.read(master, 65536)
-                    if not piece:
-                        break
-                    written += piece
-        try:
-            return process.wait(PATIENCE), written.decode(errors="replace")
-        except subprocess.TimeoutExpired:
-            process.kill()
-            process.wait()
-            raise
-    finally:
-        os.close(master)
-        if slave >= 0:
-            os.close(slave)
 
 
 class AgainstTheCamera:
@@ -674,10 +633,10 @@ class Output(DeskTest):
     def on_terminal(self, *arguments, **more):
         end = time.monotonic() + PATIENCE
         while True:
-            code, text = run_on_terminal(self.serving.url, *arguments, **more)
-            if code != 5 or time.monotonic() > end:
-                self.assertEqual(code, 0, text)
-                return text
+            done = run_on_terminal(self.serving.url, *arguments, **more)
+            if done.returncode != 5 or time.monotonic() > end:
+                self.assertEqual(done.returncode, 0, done.text)
+                return done.text
 
     def lines(self, text):
         """What stays on the terminal: a line that is written over counts as what was written last."""

@@ -19,7 +19,7 @@ constexpr size_t most_decoder_memory = 180'000'000;
 // Encoders write 10 scans; those that try for the smallest file, a few dozen.
 constexpr int most_scans = 100;
 // One of 24 megapixels takes half a second on a PC.
-constexpr std::chrono::seconds longest_decoding{3};
+constexpr std::chrono::seconds longest_decoding{2};
 
 // Whether a picture begins as JPEG data does, and describes itself as far as its pixels.
 bool is_jpeg(std::span<const uint8_t> picture);

@@ -11,7 +11,8 @@
 int main(int argc, char** argv) {
     desk::occupy_standard_descriptors();
     std::setlocale(LC_CTYPE, "");  // says whether the terminal's encoding has more than ASCII
-    std::signal(SIGPIPE, SIG_IGN); // a link or a reader that has gone is an error that we handle
+    std::signal(SIGPIPE, SIG_IGN); // a link or a reader that has gone is an error that we handle,
+    std::signal(SIGXFSZ, SIG_IGN); // and so is a file that may not grow
     try {
         const auto options = desk::options_of(argc, argv);
         return options ? desk::run(*options) : desk::exit_done;

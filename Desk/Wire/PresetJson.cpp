@@ -251,19 +251,30 @@ class Faults {
 
     void add(size_t line, const std::string& fault) {
         lines_.emplace(line, fmt::format("{}:{}: {}", name_, line, fault));
+        if (lines_.size() > most_lines) {
+            lines_.erase(std::prev(lines_.end()));
+            ++untold_;
+        }
     }
 
     void throw_if_any() const {
         std::vector<std::string> texts;
         for (const auto& [line, text] : lines_)
             texts.push_back(text);
+        if (untold_ > 0)
+            texts.push_back(fmt::format("{}:{}: and {} faults more; mend these first", name_,
+                                        lines_.rbegin()->first, untold_));
         if (!texts.empty())
             throw Failure(exit_usage, fmt::format("{}", fmt::join(texts, "\n")));
     }
 
   private:
+    // More than a preset has entries, so that each of them can be missing.
+    static constexpr size_t most_lines = 100;
+
     std::string name_;
     std::multimap<size_t, std::string> lines_;
+    size_t untold_ = 0;
 };
 
 std::string described(const Node& node) {

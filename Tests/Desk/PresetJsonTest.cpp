@@ -377,6 +377,22 @@ TEST(PresetJsonFaults, AreAllCollectedInTheOrderOfTheirLines) {
                                       "preset.json:203: \"zoom\" is no entry of a preset; remove it"}));
 }
 
+TEST(PresetJsonFaults, AreToldUpToAHundredAndCountedBeyond) {
+    for (const size_t number : {100, 101, 5000}) {
+        const std::string text = changed([&](ordered_json& preset) {
+            preset["title"] = 1;
+            for (size_t k = 1; k < number; ++k)
+                preset["zoom" + std::to_string(k)] = 1;
+        });
+        const Lines faults = faults_of(text);
+        ASSERT_EQ(faults.size(), number > 100 ? 101u : 100u);
+        EXPECT_EQ(faults.front(), "preset.json:2: \"title\" must be a text, not 1");
+        const bool tells_how_many_more =
+            faults.back().find("and " + std::to_string(number - 100) + " faults more") != std::string::npos;
+        EXPECT_EQ(tells_how_many_more, number > 100) << faults.back();
+    }
+}
+
 TEST(PresetJsonFaults, RefuseLinkedCustomModeInACamerasPreset) {
     ordered_json preset = to_json(tag_custom_info{});
     preset["linked_custom_mode"] = 0;

@@ -10,7 +10,8 @@
 
 namespace desk {
 
-// How long a pipe may give or take no byte. Slow programs stand at the other end of pipes, so it is generous.
+// How long a pipe may give or take no byte, counted anew with each. Slow programs stand at the other end of
+// pipes, so it is generous.
 constexpr std::chrono::seconds patience_with_pipes{5};
 
 // A preset file with every field has 5 kB; this leaves room for any indentation.

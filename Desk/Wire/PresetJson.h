@@ -20,8 +20,8 @@ nlohmann::ordered_json to_json(const tag_custom_info& preset);
 // whose line names the file, the line in it and the entry for: text that is not JSON, an entry that no record
 // has, one that is given twice, one that is missing, a number that is no integer or does not fit 32 bits, a
 // text that does not fit its field, an array of the wrong length. The faults of a file are collected,
-// one a line, up to a hundred. Missing entries are taken as 0 (texts as empty) for linked_custom_mode, screennail_path,
-// reserved_636, preset_num, custom_id, applocal_id and server_id.
+// one a line, up to a hundred. Missing entries are taken as 0 (texts as empty) for linked_custom_mode,
+// screennail_path, reserved_636, preset_num, custom_id, applocal_id and server_id.
 sm_tag_custom_info phone_record_from_json(std::string_view text, const std::string& name);
 tag_custom_info camera_record_from_json(std::string_view text, const std::string& name);
 

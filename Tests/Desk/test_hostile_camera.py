@@ -1,4 +1,5 @@
-"""Cameras that want the phone's memory or its time: pictures that are bombs, answers without end, bytes that trickle."""
+"""Cameras that want the phone's memory or its time: pictures that are bombs, answers without end, bytes that
+trickle."""
 
 import itertools
 import json
@@ -15,13 +16,13 @@ from desk import (
 
 MEGABYTE = 1 << 20
 LONGEST_ANSWER = 16 * MEGABYTE  # of any kind: a picture
-# What the phone may take in all: a picture whole in its decoder (180 MB), the answer that holds it, the program.
+# What the phone may take in all: a picture in its decoder (180 MB), the answer that holds it, the program.
 MEMORY_BUDGET = 260 * MEGABYTE
 # Without a picture to draw: twice the longest answer and the program, which a sanitizer makes larger.
 MEMORY_WITHOUT_DRAWING = 100 * MEGABYTE
 DRAWING_TIME = 2  # seconds
 
-# ---- Pictures -----------------------------------------------------------------------------------------------
+# ---- Pictures ----------------------------------------------------------------------------------------------
 
 START, END = b"\xff\xd8", b"\xff\xd9"
 BASELINE, PROGRESSIVE, ARITHMETIC_PROGRESSIVE = 0xC0, 0xC2, 0xCA
@@ -140,15 +141,20 @@ class Pictures(DeskTest):
         bomb = head(PROGRESSIVE, 65500, 15600, (1, 2, 3)) + scan([1, 2, 3], 0, 0)
         answers = itertools.cycle([progressive(6000, 4000), bomb])
         records = [phone_record(custom_id=3)] * 6
-        with FakeCamera(self.folder, lambda function, _: list_reply(records) if function == LIST
-                        else request(REPLY + PICTURE, struct.pack("<i", 3) + next(answers))) as camera:  # fmt: skip
+
+        def answer(function, _):
+            if function == LIST:
+                return list_reply(records)
+            return request(REPLY + PICTURE, struct.pack("<i", 3) + next(answers))
+
+        with FakeCamera(self.folder, answer) as camera:
             done = run_on_terminal(camera.url, "list", "--pictures", timeout=30)
         self.assertEqual(done.returncode, 0)
         self.assertEqual(done.text.count("not a picture"), 3)
         self.assertLess(done.peak, MEMORY_BUDGET)
 
 
-# ---- Answers ------------------------------------------------------------------------------------------------
+# ---- Answers -----------------------------------------------------------------------------------------------
 
 
 class TalkativeCamera(FakeCamera):
@@ -219,7 +225,9 @@ class Answers(DeskTest):
     def test_an_answer_as_long_as_its_kind_is_waited_for(self):
         for function, longest in self.LONGEST.items():
             with self.subTest(function=function):
-                done = self.ask(function, lambda: struct.pack("<ii", REPLY + function, longest), "--timeout", 0.3)
+                done = self.ask(
+                    function, lambda: struct.pack("<ii", REPLY + function, longest), "--timeout", 0.3
+                )
                 self.assertEnds(done, 4)
 
     def test_a_delete_answer_of_forty_kept_presets_is_taken(self):

@@ -1,7 +1,7 @@
-"""Text of others on its way to a terminal: titles and the model from a camera, files and arguments from anywhere.
+"""Text of others on its way to a terminal: titles and the model from a camera, files and arguments.
 
-No control character, no format character and no separator of lines or paragraphs comes out raw, whichever way it came
-in; and those who read the JSON get every character back.
+No control character, no format character and no separator of lines or paragraphs comes out raw, whichever way
+it came in; and those who read the JSON get every character back.
 """
 
 import json
@@ -17,7 +17,9 @@ from desk import (
 )  # fmt: skip
 
 # Half of a surrogate pair (Cs) is no character; JSON files can name it all the same.
-HARMFUL = [c for c in map(chr, range(sys.maxunicode + 1)) if unicodedata.category(c) in ("Cc", "Cf", "Zl", "Zp")]
+HARMFUL = [
+    c for c in map(chr, range(sys.maxunicode + 1)) if unicodedata.category(c) in ("Cc", "Cf", "Zl", "Zp")
+]
 BROKEN = [bytes([byte]) for byte in range(0x80, 0x100)]
 PRESETS_AT_ONCE = 40
 
@@ -66,7 +68,9 @@ class Text(DeskTest):
                 for number, title in enumerate(self.titles[start : start + PRESETS_AT_ONCE])
             ]
             answers = {
-                LIST: request(REPLY + LIST, struct.pack("<12sii", model, 1, len(records)) + b"".join(records)),
+                LIST: request(
+                    REPLY + LIST, struct.pack("<12sii", model, 1, len(records)) + b"".join(records)
+                ),
                 DELETE: delete_reply(-7, records, kept=1),
             }
             yield records, lambda: FakeCamera(self.folder, lambda function, _: answers[function])
@@ -131,10 +135,14 @@ class Text(DeskTest):
             self.assertEqual(done.stdout.count(b"\n"), len(records))
 
     def test_titles_come_out_harmless_above_pictures(self):
-        records = [phone_record(title, custom_id=number + 1) for number, title in enumerate(self.titles[:PRESETS_AT_ONCE])]
+        records = [
+            phone_record(title, custom_id=number + 1)
+            for number, title in enumerate(self.titles[:PRESETS_AT_ONCE])
+        ]
         reply = request(REPLY + LIST, struct.pack("<12sii", b"KT7", 1, len(records)) + b"".join(records))
         with FakeCamera(
-            self.folder, lambda function, data: reply if function == LIST else request(REPLY + function, data[8:12])
+            self.folder,
+            lambda function, data: reply if function == LIST else request(REPLY + function, data[8:12]),
         ) as camera:
             text = run_on_terminal(camera.url, "list", "--pictures").stdout.decode()
         self.assertEqual(text.count("could not read the picture"), len(records))
@@ -214,7 +222,9 @@ class Text(DeskTest):
                 path = os.path.join(self.folder, name)
                 for arguments in (("picture", 0, "-o", path), ("--json", "picture", 0, "-o", path)):
                     done = self.ask(
-                        lambda: FakeCamera(self.folder, lambda function, _: answers[function]), *arguments, code=code
+                        lambda: FakeCamera(self.folder, lambda function, _: answers[function]),
+                        *arguments,
+                        code=code,
                     )
                     if "--json" not in arguments:
                         self.assertHarmless(done, 1)
@@ -244,7 +254,8 @@ class Text(DeskTest):
             self.refuse("list", code=2, url=text)
             self.refuse("list", code=2, url="tcp:" + text)
             for arguments in (
-                (text,), ("show", text), ("--" + text, "list"), ("--timeout", text, "list"), ("delete", 1, text),
+                (text,), ("show", text), ("--" + text, "list"), ("--timeout", text, "list"),
+                ("delete", 1, text),
                 ("rename", text, "x"), ("list", text), ("leave", "--code", text), ("rename", 1, text * 2),
             ):  # fmt: skip
                 self.refuse(*arguments, code=2)
@@ -258,7 +269,10 @@ class Text(DeskTest):
         # Function numbers and results are all that else is told of an answer: words, never bytes.
         for word in (0x1B, 0x9B9B9B9B, 0x202E202E, 0x1B5B324A):
             word = struct.unpack("<i", struct.pack("<I", word))[0]
-            for reply in (request(word, bytes(PHONE_RECORD)), request(REPLY + UPDATE, struct.pack("<i", word))):
+            for reply in (
+                request(word, bytes(PHONE_RECORD)),
+                request(REPLY + UPDATE, struct.pack("<i", word)),
+            ):
                 with FakeCamera(self.folder, lambda *_, reply=reply: reply) as camera:
                     self.assertHarmless(run_phone(camera.url, "rename", 3, "x", "--server-id", 1), 1)
 

@@ -1,5 +1,5 @@
-"""Files that are no plain ones: pipes, devices, links, files without an end. A tool that reads or writes them neither
-hangs nor fills the memory, and leaves nothing half done."""
+"""Files that are no plain ones: pipes, devices, links, files without an end. A tool that reads or writes them
+neither hangs nor fills the memory, and leaves nothing half done."""
 
 import contextlib
 import json
@@ -152,13 +152,18 @@ class Reading(DeskTest):
         with socket.socket(socket.AF_UNIX) as server:
             server.bind(sock)
             for role, store in self.each_role():
-                for path, word in ((self.folder, "folder"), (sock, ""), (self.folder + "/none", "No such file")):
+                for path, word in (
+                    (self.folder, "folder"),
+                    (sock, ""),
+                    (self.folder + "/none", "No such file"),
+                ):
                     with self.subTest(role=role, path=path):
                         self.assertRefused(store(path), 1, path, word)
 
     def test_what_follows_the_longest_file_of_a_pipe_is_not_read(self):
         reading, writing = os.pipe()
         with contextlib.closing(os.fdopen(reading, "rb")), contextlib.closing(os.fdopen(writing, "wb")):
+
             def write():
                 with contextlib.suppress(OSError):
                     while True:
@@ -271,7 +276,11 @@ class Writing(DeskTest):
         os.symlink("other/file.jpg", self.path("relative"))
         os.symlink(self.path("absolute.jpg"), self.path("absolute"))
         os.symlink("relative", self.path("chain"))
-        for name, target in (("relative", "other/file.jpg"), ("absolute", "absolute.jpg"), ("chain", "other/file.jpg")):
+        for name, target in (
+            ("relative", "other/file.jpg"),
+            ("absolute", "absolute.jpg"),
+            ("chain", "other/file.jpg"),
+        ):
             with self.subTest(name=name):
                 self.assertEnds(self.save(self.path(name)), 0)
                 self.assertTrue(os.path.islink(self.path(name)))

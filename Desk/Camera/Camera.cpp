@@ -1,20 +1,25 @@
 #include "Camera.h"
 
-#include <algorithm>
+#include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 #include <cstdio>
 
+#include "Budgets.h"
 #include "Lab/LibraryHeap.h"
 #include "Options.h"
 #include "PresetStore.h"
 #include "Services.h"
+#include "StandardError.h"
 #include "Talk.h"
-#include "Wire/Frames.h"
 
 namespace desk {
 
 Camera::Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services)
-    : loop_(loop), listener_(listener), sends_(sends), services_(services) {}
+    : loop_(loop), listener_(listener), sends_(sends), services_(services),
+      waiting_(loop, budget::waiting_time,
+               [this](std::shared_ptr<Link> link) { waited_long_enough(std::move(link)); }),
+      turned_away_(loop, budget::turned_away_time, [](const std::shared_ptr<Link>& link) { link->close(); }) {
+}
 
 Camera::~Camera() {
     forget_phone();
@@ -28,10 +33,23 @@ void Camera::open() {
 // ---- Phones come and go -----------------------------------------------------------------------------------
 
 void Camera::phone_came(std::shared_ptr<Link> link) {
+    let_go_if_stalled();
+    if (!phone_) {
+        take_in_next();
+    }
     if (!phone_) {
         take_in(std::move(link));
-    } else if (all_before_have_closed()) {
-        next_.push_back(std::move(link));
+    } else if (waiting_.size() < budget::waiting_phones && all_before_have_closed()) {
+        waiting_.add(std::move(link));
+    } else {
+        turn_away(std::move(link));
+    }
+}
+
+void Camera::waited_long_enough(std::shared_ptr<Link> link) {
+    let_go_if_stalled();
+    if (!phone_) {
+        take_in(std::move(link));
     } else {
         turn_away(std::move(link));
     }
@@ -40,8 +58,7 @@ void Camera::phone_came(std::shared_ptr<Link> link) {
 // A phone that comes back at once may be seen before its last link's end is, and before what it sent at the
 // last: that is answered first.
 bool Camera::all_before_have_closed() {
-    const auto has_closed = [](const std::shared_ptr<Link>& link) { return link->phone_has_closed(); };
-    return has_closed(phone_->link) && std::all_of(next_.begin(), next_.end(), has_closed);
+    return phone_->link->phone_has_closed() && waiting_.have_all_closed();
 }
 
 void Camera::take_in(std::shared_ptr<Link> link) {
@@ -52,10 +69,20 @@ void Camera::take_in(std::shared_ptr<Link> link) {
     listen_to_phone();
 }
 
+void Camera::take_in_next() {
+    if (const std::shared_ptr<Link> link = waiting_.take_oldest()) {
+        take_in(link);
+    }
+}
+
 namespace {
 
-void discard_what_arrives(Link& link) {
-    link.receive([&link](std::span<const uint8_t>) { discard_what_arrives(link); });
+void discard_what_arrives(Link& link, size_t at_most) {
+    link.receive([&link, at_most](std::span<const uint8_t> received) {
+        if (received.size() < at_most) {
+            discard_what_arrives(link, at_most - received.size());
+        }
+    });
 }
 
 } // namespace
@@ -64,22 +91,36 @@ void discard_what_arrives(Link& link) {
 // away from a phone that has not read it yet.
 void Camera::turn_away(std::shared_ptr<Link> link) {
     say("a second phone was turned away");
-    const auto frame = std::make_shared<Bytes>(busy_frame());
-    const auto patience = std::make_shared<asio::steady_timer>(loop_, std::chrono::seconds(1));
-    patience->async_wait([link, frame, patience](const asio::error_code&) { link->close(); });
-    link->on_lost([patience](const std::string&) { patience->cancel(); });
-    link->send(*frame, [&sender = *link] { sender.end_sending(); });
-    discard_what_arrives(*link);
+    if (turned_away_.size() == budget::turned_away_phones) {
+        turned_away_.take_oldest()->close();
+    }
+    turned_away_.add(link);
+    link->on_lost([this, &lost = *link](const std::string&) { turned_away_.remove(lost); });
+    link->send(busy_, [&sender = *link] { sender.end_sending(); });
+    discard_what_arrives(*link, budget::turned_away_bytes);
+}
+
+// For another phone alone: a phone that somebody has stopped in a debugger may take its time while nobody else
+// wants the camera.
+void Camera::let_go_if_stalled() {
+    if (!phone_ || !is_phone_stalled()) {
+        return;
+    }
+    say("the phone was let go for another one: for " + std::to_string(budget::stalled_time.count()) +
+        " s it has taken nothing of a reply, or sent nothing more of a request");
+    phone_->link->abort();
+    forget_phone();
+}
+
+bool Camera::is_phone_stalled() {
+    const bool owes = !sends_.is_idle() || phone_->intake.is_in_request();
+    return owes && phone_->link->is_stalled(budget::stalled_time);
 }
 
 void Camera::phone_left(const std::string& why) {
     say("the phone left" + (why.empty() ? "" : ": " + why));
     forget_phone();
-    if (!next_.empty()) {
-        const std::shared_ptr<Link> link = next_.front();
-        next_.pop_front();
-        take_in(link);
-    }
+    take_in_next();
 }
 
 // A request that was sent in half and confirmations that are due do not outlive the phone.
@@ -105,13 +146,29 @@ void Camera::listen_to_phone() {
 
 // Hands over what has arrived, and reads on when that is done. While a reply is on its way it does neither,
 // and is called again when it has gone: a phone that does not read its replies has to wait with its requests.
+// One that sends many at once has to let others in between, too.
 void Camera::serve() {
-    while (phone_ && sends_.is_idle()) {
+    for (int packets = 0; phone_ && sends_.is_idle(); ++packets) {
+        if (packets == budget::packets_of_a_turn) {
+            serve_later();
+            return;
+        }
         if (!phone_->intake.hand_over()) {
             listen_to_phone();
             return;
         }
+        sends_.free_lost_replies();
+        phone_->link->forgive();
         tell_if_stuck();
+    }
+}
+
+void Camera::serve_later() {
+    if (!std::exchange(serves_later_, true)) {
+        asio::post(loop_, [this] {
+            serves_later_ = false;
+            serve();
+        });
     }
 }
 
@@ -130,6 +187,29 @@ void Camera::tell_if_stuck() {
 
 namespace {
 
+// Tells what standard error has missed once it takes lines again, even if no other line follows.
+class LateTalk {
+  public:
+    explicit LateTalk(asio::io_context& loop) : timer_(loop) {
+        StandardError::when_behind([this] { wait(); });
+    }
+    ~LateTalk() { StandardError::when_behind(nullptr); }
+    LateTalk(const LateTalk&) = delete;
+    LateTalk& operator=(const LateTalk&) = delete;
+
+  private:
+    void wait() {
+        timer_.expires_after(std::chrono::seconds(1));
+        timer_.async_wait([this](const asio::error_code& error) {
+            if (!error && !StandardError::catch_up()) {
+                wait();
+            }
+        });
+    }
+
+    asio::steady_timer timer_;
+};
+
 void announce(const Endpoint& endpoint) {
     std::printf("listening on %s\n", endpoint.url().c_str());
     std::fflush(stdout);
@@ -138,6 +218,7 @@ void announce(const Endpoint& endpoint) {
 } // namespace
 
 void serve_phones(asio::io_context& loop, PresetStore& store, const Options& options) {
+    const LateTalk late_talk(loop);
     Listener listener(loop, options.listen, options.mtu);
     SendQueue sends(loop, options.lab);
     Services services(store, &sends, options);

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <asio/io_context.hpp>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,6 +9,8 @@
 #include "Intake.h"
 #include "Listener.h"
 #include "SendQueue.h"
+#include "TimedLinks.h"
+#include "Wire/Frames.h"
 
 namespace desk {
 
@@ -37,13 +38,18 @@ class Camera {
     };
 
     void phone_came(std::shared_ptr<Link> link);
+    void waited_long_enough(std::shared_ptr<Link> link);
     bool all_before_have_closed();
     void take_in(std::shared_ptr<Link> link);
+    void take_in_next();
     void turn_away(std::shared_ptr<Link> link);
+    void let_go_if_stalled();
+    bool is_phone_stalled();
     void phone_left(const std::string& why);
     void forget_phone();
     void listen_to_phone();
     void serve();
+    void serve_later();
     void tell_if_stuck();
 
     asio::io_context& loop_;
@@ -51,8 +57,10 @@ class Camera {
     SendQueue& sends_;
     Services& services_;
     std::optional<Phone> phone_;
-    std::deque<std::shared_ptr<Link>>
-        next_; // phones whose forerunners have closed, but not been read to the end
+    TimedLinks waiting_; // phones whose forerunners have closed, but not been read to the end
+    TimedLinks turned_away_;
+    const Bytes busy_ = busy_frame();
+    bool serves_later_ = false; // `serve` has been posted
 };
 
 // Serves phones until the loop is stopped. Throws Failure (exit_link).

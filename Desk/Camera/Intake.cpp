@@ -32,31 +32,43 @@ void Intake::take(std::span<const uint8_t> received) {
     bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(handed_over_));
     bytes_.insert(bytes_.end(), received.begin(), received.end());
     handed_over_ = 0;
+    has_packet_ = keeps_borders_;
     received_ = bytes_.size();
     bytes_.resize(received_ + header_size); // the library reads a whole header of however short a packet
 }
 
 bool Intake::hand_over() {
     skip();
-    const size_t length = next_packet();
-    if (length == 0) {
+    const std::optional<size_t> length = next_packet();
+    if (!length) {
         return false;
     }
     const uint8_t* const packet = bytes_.data() + handed_over_;
-    handed_over_ += length;
-    ADE_ShotMentor_Receive_Manager(packet, static_cast<int>(length));
+    handed_over_ += *length;
+    has_packet_ = false;
+    ADE_ShotMentor_Receive_Manager(packet, static_cast<int>(*length));
     return true;
+}
+
+bool Intake::is_in_request() const {
+    return is_in_reassembly() || to_skip_ > 0 || !waiting().empty();
 }
 
 std::span<const uint8_t> Intake::waiting() const {
     return std::span(bytes_).first(received_).subspan(handed_over_);
 }
 
-size_t Intake::next_packet() {
-    if (keeps_borders_) {
-        return waiting().size();
+std::optional<size_t> Intake::next_packet() {
+    if (!keeps_borders_) {
+        return next_of_stream();
     }
-    return is_in_reassembly() ? continuing_bytes(waiting().size()) : starting_bytes(waiting());
+    return has_packet_ ? std::optional(waiting().size()) : std::nullopt;
+}
+
+std::optional<size_t> Intake::next_of_stream() {
+    const size_t length =
+        is_in_reassembly() ? continuing_bytes(waiting().size()) : starting_bytes(waiting());
+    return length > 0 ? std::optional(length) : std::nullopt;
 }
 
 // Bytes of a stream that are a request's first packet: its header at least. The library refuses some headers

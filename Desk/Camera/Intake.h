@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -21,6 +22,9 @@ class Intake {
     // Hands the next packet to the library, which may run a request. False when there is none to hand over.
     bool hand_over();
 
+    // Whether the phone has sent a request in half.
+    bool is_in_request() const;
+
     // How the request in reassembly has become one that will never be answered, which only the phone's
     // leaving can end.
     enum class Stuck { no, too_many_bytes, no_memory };
@@ -31,11 +35,13 @@ class Intake {
 
   private:
     std::span<const uint8_t> waiting() const;
-    size_t next_packet(); // its bytes, 0 when there is none yet
+    std::optional<size_t> next_packet(); // its bytes; nothing when there is none yet
+    std::optional<size_t> next_of_stream();
     size_t starting_bytes(std::span<const uint8_t> stream);
     void skip();
 
     bool keeps_borders_;
+    bool has_packet_ = false;    // on a link that keeps borders: one that may be empty
     std::vector<uint8_t> bytes_; // what was received, with cleared bytes behind it
     size_t handed_over_ = 0;     // bytes of it that the library has had
     size_t received_ = 0;        // bytes of it that the phone sent

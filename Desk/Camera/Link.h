@@ -3,6 +3,8 @@
 
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -31,23 +33,33 @@ class Link : public std::enable_shared_from_this<Link> {
     bool keeps_borders() const { return traits_.keeps_borders; }
     void on_lost(Lost handler) { lost_ = std::move(handler); }
 
-    // Waits for one packet, or for bytes of the stream. They are the handler's until it returns. A wait that
-    // is under way goes on.
+    // Waits for one packet, which may be empty, or for bytes of the stream. They are the handler's until it
+    // returns. A wait that is under way goes on.
     void receive(Received handler);
     // Sends the bytes, cut into packets of the link. They are read until the handler is called: nothing is
     // copied.
     void send(std::span<const uint8_t> bytes, Sent handler);
     // Whether the phone has closed its end, although what it sent before may still wait to be received.
     bool phone_has_closed();
+    // Whether the phone keeps a receive or a send waiting, and no byte has moved for this time.
+    bool is_stalled(std::chrono::seconds time);
+    // The time of a stall begins anew: it was the camera that kept the phone waiting.
+    void forgive() { moved_ = Clock::now(); }
     // Tells the phone that nothing more follows.
     void end_sending();
     void close();
+    // Closes at once: what is still on its way to the phone is dropped.
+    void abort();
 
   private:
+    using Clock = std::chrono::steady_clock;
+
     void wait_for_bytes();
     void read_once();
+    bool is_empty_packet();
     void write_on();
     void write_later();
+    void watch_what_is_untaken();
     void lose(const std::string& why);
 
     asio::io_context& loop_;
@@ -58,6 +70,9 @@ class Link : public std::enable_shared_from_this<Link> {
     Received received_;
     Sent sent_;
     Lost lost_;
+    Clock::time_point moved_ = Clock::now(); // when the last byte did, either way
+    int untaken_ = 0;                        // bytes that the kernel holds for a phone that does not read
+    asio::steady_timer watch_;
 };
 
 } // namespace desk

@@ -10,19 +10,15 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "Budgets.h"
 #include "Sockets.h"
 #include "Talk.h"
 
 namespace desk {
-namespace {
-
-constexpr size_t longest_received_packet = size_t{1} << 20; // more than the longest request
-
-} // namespace
 
 Listener::Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu)
     : loop_(loop), endpoint_(endpoint), mtu_(mtu), socket_(loop, open_listening_socket(endpoint_)),
-      pause_(loop), buffer_(longest_received_packet) {
+      pause_(loop), buffer_(budget::received_bytes) {
     struct stat file = {};
     if (endpoint_.kind == Endpoint::Kind::unix_socket && ::stat(endpoint_.path.c_str(), &file) == 0) {
         file_device_ = file.st_dev;
@@ -43,23 +39,51 @@ void Listener::accept(Accepted handler) {
     wait_for_phone();
 }
 
+namespace {
+
+// What the phone itself or the network on the way to it has done, as accept(2) hands it on.
+bool is_of_one_phone(int error) {
+    switch (error) {
+    case ECONNABORTED:
+    case EPROTO:
+    case ENETDOWN:
+    case ENETUNREACH:
+    case EHOSTDOWN:
+    case EHOSTUNREACH:
+    case ENOPROTOOPT:
+    case ENONET:
+    case EPERM: // refused by a firewall
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
 void Listener::wait_for_phone() {
     socket_.async_wait(asio::posix::descriptor_base::wait_read, [this](const asio::error_code& error) {
         if (!error) {
-            accept_once();
+            accept_some();
         }
     });
 }
 
-void Listener::accept_once() {
-    const int phone = ::accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    const int error = errno;
-    if (phone >= 0) {
-        accepted_(std::make_shared<Link>(loop_, phone, traits_of(phone), buffer_));
-    } else if (error != EAGAIN && error != EINTR && error != ECONNABORTED) {
-        say(std::string("cannot take a phone in: ") + std::strerror(error));
-        accept_later();
-        return;
+// Several at a time: where many phones come, the last one shall not wait for an answer until the loop has come
+// round for each.
+void Listener::accept_some() {
+    for (int count = 0; count < budget::accepts_of_a_turn; ++count) {
+        Descriptor phone(
+            ::accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (phone.get() >= 0) {
+            accepted_(link_of(std::move(phone)));
+        } else if (errno == EAGAIN) {
+            break;
+        } else if (errno != EINTR && !is_of_one_phone(errno)) {
+            say(std::string("cannot take a phone in: ") + std::strerror(errno));
+            accept_later();
+            return;
+        }
     }
     wait_for_phone();
 }
@@ -74,9 +98,11 @@ void Listener::accept_later() {
     });
 }
 
-LinkTraits Listener::traits_of(int socket) const {
-    prepare_phone_socket(endpoint_.kind, socket);
-    return {endpoint_.keeps_packet_borders(), std::min(mtu_, largest_packet(endpoint_.kind, socket))};
+std::shared_ptr<Link> Listener::link_of(Descriptor phone) {
+    prepare_phone_socket(endpoint_.kind, phone.get());
+    const LinkTraits traits = {endpoint_.keeps_packet_borders(),
+                               std::min(mtu_, largest_packet(endpoint_.kind, phone.get()))};
+    return std::make_shared<Link>(loop_, phone.release(), traits, buffer_);
 }
 
 } // namespace desk

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "Common/Descriptor.h"
 #include "Link.h"
 #include "Wire/Endpoint.h"
 
@@ -33,9 +34,9 @@ class Listener {
 
   private:
     void wait_for_phone();
-    void accept_once();
+    void accept_some();
     void accept_later();
-    LinkTraits traits_of(int socket) const;
+    std::shared_ptr<Link> link_of(Descriptor phone);
 
     asio::io_context& loop_;
     Endpoint endpoint_;

@@ -4,14 +4,20 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include "ADE_ShotMentor_Services.h"
-#include "Talk.h"
+#include "Colors.h"
+#include "Common/Descriptor.h"
 #include "Common/Failure.h"
+#include "Common/Text.h"
+#include "StandardError.h"
+#include "Talk.h"
 
 namespace desk {
 
@@ -25,7 +31,6 @@ namespace {
 
 constexpr int error_priority = 6;
 constexpr const char* warning_color = "\033[31m"; // errors share it, and are told by their priority
-constexpr const char* color_reset = "\033[m";
 
 Log* current = nullptr;
 
@@ -43,34 +48,50 @@ char letter_of(LogLevel level) {
 // The library copies errors to standard error by itself, so this sink leaves them out.
 class StderrSink : public Log::Sink {
   public:
-    void write(const LogLine& line) override {
-        if (line.level == LogLevel::error) {
-            return;
+    explicit StderrSink(const LogOptions& options) {
+        if (options.is_level_given && options.level != LogLevel::off) {
+            StandardError::lift_limit_of_library();
         }
-        const bool colored = in_color_ && !line.color.empty();
-        std::fprintf(stderr, "%s[%-10s] %s%s\n", colored ? line.color.c_str() : "", line.tag.c_str(),
-                     line.message.c_str(), colored ? color_reset : "");
     }
-
-  private:
-    bool in_color_ = isatty(STDERR_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
+    void write(const LogLine& line) override {
+        if (line.level != LogLevel::error) {
+            StandardError::log(fmt::format("[{:<10}] {}", line.tag, line.message), line.color);
+        }
+    }
 };
 
+[[noreturn]] void refuse_file(const std::string& path, const std::string& why) {
+    throw Failure(exit_machine, "cannot write the log file " + path + ": " + why);
+}
+
+// Without waiting: a pipe would keep the camera until somebody reads it.
+Descriptor open_log_file(const std::string& path) {
+    constexpr const char* no_file = "it is no regular file; name one that is, or a new one";
+    Descriptor file(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+    if (file.get() < 0) {
+        refuse_file(path, errno == ENXIO ? no_file : std::strerror(errno));
+    }
+    struct stat kind = {};
+    if (::fstat(file.get(), &kind) != 0 || !(S_ISREG(kind.st_mode) || S_ISCHR(kind.st_mode))) {
+        refuse_file(path, no_file);
+    }
+    return file;
+}
+
+// A line at a time, so that each is there when the process dies.
 class FileSink : public Log::Sink {
   public:
-    explicit FileSink(const std::string& path) : file_(std::fopen(path.c_str(), "ae"), &std::fclose) {
-        if (file_ == nullptr) {
-            throw Failure(exit_machine, "cannot write the log file " + path + ": " + std::strerror(errno));
-        }
-        std::setvbuf(file_.get(), nullptr, _IOLBF, BUFSIZ);
-    }
+    explicit FileSink(const std::string& path) : file_(open_log_file(path)) {}
     void write(const LogLine& line) override {
-        std::fprintf(file_.get(), "%c [%-10s] %s\n", letter_of(line.level), line.tag.c_str(),
-                     line.message.c_str());
+        const std::string text =
+            fmt::format("{} [{:<10}] {}\n", letter_of(line.level), line.tag, line.message);
+        // What the file does not take is lost: there is nobody to tell of each line.
+        [[maybe_unused]] const ssize_t length = ::write(file_.get(), text.data(), text.size());
     }
 
   private:
-    std::unique_ptr<FILE, int (*)(FILE*)> file_;
+    Descriptor file_;
 };
 
 class SyslogSink : public Log::Sink {
@@ -87,10 +108,11 @@ class SyslogSink : public Log::Sink {
     }
 };
 
-std::unique_ptr<Log::Sink> sink_for(const std::string& destination) {
+std::unique_ptr<Log::Sink> sink_for(const LogOptions& options) {
+    const std::string& destination = options.destination;
     constexpr const char* file_scheme = "file:";
     if (destination == "stderr") {
-        return std::make_unique<StderrSink>();
+        return std::make_unique<StderrSink>(options);
     }
     if (destination == "syslog") {
         return std::make_unique<SyslogSink>();
@@ -101,23 +123,15 @@ std::unique_ptr<Log::Sink> sink_for(const std::string& destination) {
     throw Failure(exit_usage, "--log takes stderr, syslog or file:PATH, not \"" + destination + "\"");
 }
 
-LogLevel level_of(int priority, const std::string& color) {
+// By the first colour, which is the library's own: what a phone has sent stands behind it.
+LogLevel level_of(int priority, const std::string& text) {
     if (priority >= error_priority) {
         return LogLevel::error;
     }
-    return color == warning_color ? LogLevel::warn : LogLevel::all;
-}
-
-// Cuts the colour out of the text and returns it: the first escape sequence up to its 'm'.
-std::string take_color(std::string& text) {
-    const size_t first = text.find('\033');
-    const size_t end = first == std::string::npos ? first : text.find('m', first);
-    if (end == std::string::npos) {
-        return {};
-    }
-    const std::string color = text.substr(first, end + 1 - first);
-    text.erase(first, color.size());
-    return color;
+    const size_t color = text.find('\033');
+    const bool is_warning =
+        color != std::string::npos && text.compare(color, std::strlen(warning_color), warning_color) == 0;
+    return is_warning ? LogLevel::warn : LogLevel::all;
 }
 
 void drop_ending(std::string& text, const std::string& ending) {
@@ -129,7 +143,7 @@ void drop_ending(std::string& text, const std::string& ending) {
 
 } // namespace
 
-Log::Log(const LogOptions& options) : level_(options.level), sink_(sink_for(options.destination)) {
+Log::Log(const LogOptions& options) : level_(options.level), sink_(sink_for(options)) {
     current = this;
 }
 
@@ -137,21 +151,21 @@ Log::~Log() {
     current = nullptr;
 }
 
-void Log::write(const LogLine& line) {
-    if (line.level <= level_) {
-        sink_->write(line);
+// The level is asked for first: a phone can cause hundreds of thousands of lines in a second.
+void Log::write(int priority, const char* tag, const std::string& text) {
+    if (level_of(priority, text) <= level_) {
+        sink_->write(parse_log_line(priority, tag, text));
     }
 }
 
 LogLine parse_log_line(int priority, const char* tag, const std::string& text) {
     LogLine line;
     line.message = text;
-    line.color = take_color(line.message);
+    line.color = take_colors(line.message);
     drop_ending(line.message, "\n");
-    drop_ending(line.message, color_reset);
-    line.message = without_controls(line.message);
-    line.tag = without_controls(tag != nullptr ? tag : "");
-    line.level = level_of(priority, line.color);
+    line.message = printable(line.message);
+    line.tag = printable(tag != nullptr ? tag : "");
+    line.level = level_of(priority, text);
     return line;
 }
 
@@ -172,7 +186,7 @@ extern "C" int __dlog_print(int, int priority, const char* tag, const char* form
     va_end(arguments);
     try {
         if (length >= 0) {
-            current->write(parse_log_line(priority, tag, text.data()));
+            current->write(priority, tag, text.data());
         }
     } catch (...) { // a line that finds no memory is lost; nothing may escape into the library
     }

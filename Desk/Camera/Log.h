@@ -12,6 +12,7 @@ enum class LogLevel { off, error, warn, all };
 struct LogOptions {
     std::string destination = "stderr"; // or "syslog", or "file:PATH"
     LogLevel level = LogLevel::warn;
+    bool is_level_given = false; // standard error then takes as many lines as there are
 };
 
 // One line of the library, taken apart.
@@ -23,7 +24,7 @@ struct LogLine {
 };
 
 // While one exists, the library's lines go to its destination; without one they are dropped. Throws Failure
-// (exit_usage for an unknown destination, exit_machine for a file that cannot be opened).
+// (exit_usage for an unknown destination, exit_machine for a file that cannot be written).
 class Log {
   public:
     class Sink;
@@ -34,14 +35,15 @@ class Log {
     Log& operator=(const Log&) = delete;
 
     LogLevel level() const { return level_; }
-    void write(const LogLine& line);
+    // A line as the library composes it.
+    void write(int priority, const char* tag, const std::string& text);
 
   private:
     LogLevel level_;
     std::unique_ptr<Sink> sink_;
 };
 
-// Takes a line apart as the library composes it: call site, colour, message, colour reset.
+// Takes such a line apart: call site, colour, message, colour reset.
 LogLine parse_log_line(int priority, const char* tag, const std::string& text);
 
 } // namespace desk

@@ -8,9 +8,11 @@
 
 #include "Camera.h"
 #include "Commands.h"
+#include "Descriptors.h"
 #include "Options.h"
 #include "PresetStore.h"
 #include "Samples.h"
+#include "StandardError.h"
 #include "Talk.h"
 
 namespace {
@@ -31,6 +33,7 @@ void enter(const std::filesystem::path& store) {
 }
 
 int serve(const Options& options) {
+    ensure_descriptors();
     asio::io_context loop;
     asio::signal_set signals(loop, SIGINT, SIGTERM); // waited for from here on: a store is not made in half
     signals.async_wait([&](const asio::error_code&, int) { loop.stop(); });
@@ -62,6 +65,8 @@ int fail(const char* line, int code) {
 
 int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN); // a phone that leaves is an error of its link, not the camera's end
+    fill_standard_descriptors();
+    const StandardError standard_error;
     try {
         return run(argc, argv);
     } catch (const Failure& failure) {

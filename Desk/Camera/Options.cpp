@@ -43,7 +43,7 @@ CLI::Validator one_of(std::vector<std::string> words) {
 struct Texts {
     std::optional<std::string> listen;
     std::string iso_step = "full";
-    std::string log_level = "warn";
+    std::optional<std::string> log_level;
     std::string custom_mode;
     std::string refuse;
     long confirm_delay = 0;
@@ -177,7 +177,8 @@ void take_texts(const Texts& texts, Options& options) {
         options.listen = listening_endpoint(texts, options);
     }
     options.full_iso_steps = texts.iso_step == "full";
-    options.log.level = log_level_of(texts.log_level);
+    options.log.level = log_level_of(texts.log_level.value_or("warn"));
+    options.log.is_level_given = texts.log_level.has_value();
     options.custom_mode = texts.custom_mode == "CUSTOM2" ? 1 : 0;
     options.lab.confirm_delay = std::chrono::milliseconds(texts.confirm_delay);
     if (!texts.refuse.empty()) {

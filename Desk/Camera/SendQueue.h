@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <span>
+#include <vector>
 
 #include "Link.h"
 #include "Options.h"
@@ -25,6 +26,11 @@ class SendQueue {
 
     // Takes a message in. Called from inside the library, so nothing but this happens until it has returned.
     void queue(std::span<const uint8_t> reply);
+
+    // Frees the replies that the library has lost: one that an error reply took the place of while it was
+    // unconfirmed, and the newest of a full queue. It leaves both to whoever reads them, and nobody does any
+    // more. To be called when the library has returned.
+    void free_lost_replies();
 
     // Whether replies are still on their way; `when_idle` is called each time that they have all gone.
     bool is_idle() const { return waiting_.empty(); }
@@ -43,6 +49,7 @@ class SendQueue {
     bool is_to_drop();
     void confirm_later();
     void confirm_due();
+    void confirm();
 
     asio::io_context& loop_;
     const LabOptions lab_;
@@ -52,7 +59,8 @@ class SendQueue {
     std::deque<std::span<const uint8_t>> waiting_; // the first one is on its way
     bool is_sending_ = false;
     std::deque<Clock::time_point> unconfirmed_; // when each send that has gone is to be confirmed
-    int dropped_ = 0;                           // sends that have gone and will not be confirmed
+    size_t dropped_ = 0;                        // sends that have gone and will not be confirmed
+    std::vector<void*> kept_;                   // replies that the library holds, sent or to be sent
     int64_t sends_ = 0;
 };
 

@@ -1,0 +1,348 @@
+#include "StandardError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "Budgets.h"
+#include "Colors.h"
+#include "Common/Descriptor.h"
+#include "Common/Text.h"
+#include "Talk.h"
+
+namespace desk {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// ---- Where the lines go -----------------------------------------------------------------------------------
+
+bool is_same_file(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino && one.st_rdev == other.st_rdev;
+}
+
+// Pipes and terminals are opened once more, so that writing does not wait: the caller's own way to them is
+// shared with others, and has to stay as it is.
+Descriptor open_without_waiting() {
+    struct stat given = {};
+    struct stat opened = {};
+    if (::fstat(STDERR_FILENO, &given) != 0 || !(S_ISFIFO(given.st_mode) || S_ISCHR(given.st_mode))) {
+        return Descriptor();
+    }
+    Descriptor own(::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const bool is_same = own.get() >= 0 && ::fstat(own.get(), &opened) == 0 && is_same_file(given, opened);
+    return is_same ? std::move(own) : Descriptor();
+}
+
+bool is_socket(int descriptor) {
+    struct stat file = {};
+    return ::fstat(descriptor, &file) == 0 && S_ISSOCK(file.st_mode);
+}
+
+bool has_room(int descriptor) {
+    pollfd state = {};
+    state.fd = descriptor;
+    state.events = POLLOUT;
+    return ::poll(&state, 1, 0) > 0 && (state.revents & POLLOUT) != 0;
+}
+
+// Takes a line at once or not at all.
+class Outlet {
+  public:
+    Outlet() : own_(open_without_waiting()), is_socket_(is_socket(STDERR_FILENO)) {}
+
+    bool write(std::string_view line) {
+        if (!write_rest()) {
+            return false;
+        }
+        const ssize_t length = write_some(line);
+        if (length < 0) {
+            return false;
+        }
+        rest_ = line.substr(static_cast<size_t>(length));
+        return true;
+    }
+
+    // A terminal may take a line in half.
+    bool write_rest() {
+        if (!rest_.empty()) {
+            const ssize_t length = write_some(rest_);
+            rest_.erase(0, length > 0 ? static_cast<size_t>(length) : 0);
+        }
+        return rest_.empty();
+    }
+
+  private:
+    ssize_t write_some(std::string_view text) const {
+        if (is_socket_) {
+            return ::send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        }
+        if (own_.get() >= 0) {
+            return ::write(own_.get(), text.data(), text.size());
+        }
+        return has_room(STDERR_FILENO) ? ::write(STDERR_FILENO, text.data(), text.size()) : -1;
+    }
+
+    Descriptor own_;
+    bool is_socket_;
+    std::string rest_;
+};
+
+// ---- How many they are ------------------------------------------------------------------------------------
+
+// Fills with time up to a number of lines. Once empty it gives none until it holds those of a second, so that what
+// is left out makes one gap a second, not one behind every line.
+class LineBudget {
+  public:
+    bool take() {
+        if (!gives()) {
+            return false;
+        }
+        lines_ -= 1;
+        is_exhausted_ = lines_ < 1;
+        return true;
+    }
+
+    bool gives() {
+        refill();
+        is_exhausted_ = is_exhausted_ && lines_ < budget::lines_a_second;
+        return !is_exhausted_;
+    }
+
+  private:
+    void refill() {
+        const Clock::time_point now = Clock::now();
+        const std::chrono::duration<double> passed = now - filled_;
+        lines_ = std::min<double>(lines_ + passed.count() * budget::lines_a_second, budget::lines_at_once);
+        filled_ = now;
+    }
+
+    double lines_ = budget::lines_at_once;
+    Clock::time_point filled_ = Clock::now();
+    bool is_exhausted_ = false;
+};
+
+// ---- What they are ----------------------------------------------------------------------------------------
+
+constexpr size_t bytes_of_a_replacement = 3;
+constexpr size_t bytes_of_colors_and_end = 16;
+static_assert(bytes_of_a_replacement * budget::longest_line + bytes_of_colors_and_end <= PIPE_BUF);
+
+// The longest start of a text that is a line, without cutting a character of UTF-8 in two.
+size_t length_of_line(std::string_view text) {
+    if (text.size() <= budget::longest_line) {
+        return text.size();
+    }
+    size_t length = budget::longest_line;
+    const auto continues = [&](size_t at) { return (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80; };
+    for (int back = 0; back < 3 && continues(length); ++back) {
+        --length;
+    }
+    return continues(length) ? budget::longest_line : length;
+}
+
+// Cuts what is written in any pieces into lines.
+class LineCutter {
+  public:
+    template<class Take>
+    void cut(std::string_view text, Take take) {
+        partial_ += text;
+        size_t start = 0;
+        for (size_t end = 0; (end = partial_.find('\n', start)) != std::string::npos; start = end + 1) {
+            break_up(std::string_view(partial_).substr(start, end - start), take);
+        }
+        while (partial_.size() - start > budget::longest_line) {
+            const std::string_view rest = std::string_view(partial_).substr(start);
+            take(rest.substr(0, length_of_line(rest)));
+            start += length_of_line(rest);
+        }
+        partial_.erase(0, start);
+    }
+
+    // What has no end yet is a line, too.
+    template<class Take>
+    void finish(Take take) {
+        if (!partial_.empty()) {
+            cut("\n", take);
+        }
+    }
+
+    template<class Take>
+    static void break_up(std::string_view line, Take take) {
+        do {
+            const size_t length = length_of_line(line);
+            take(line.substr(0, length));
+            line.remove_prefix(length);
+        } while (!line.empty());
+    }
+
+  private:
+    std::string partial_;
+};
+
+} // namespace
+
+// ---- All of it --------------------------------------------------------------------------------------------
+
+struct StandardError::State {
+    static ssize_t take_written(void* state, const char* text, size_t length);
+
+    void take_from_library(std::string_view line);
+    bool is_left_out(bool is_limited);
+    void put(std::string_view line, const std::string& color);
+    bool write(const std::string& line) { return tell_missing() && outlet.write(line); }
+    bool tell_missing();
+    bool is_complete() const { return too_many == 0 && untaken == 0; }
+    void fall_behind();
+
+    FILE* stream = nullptr;
+    FILE* original = stderr;
+    Outlet outlet;
+    LineBudget lines;
+    LineCutter cutter;
+    bool is_library_limited = true;
+    bool shows_colors = isatty(STDERR_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
+    size_t too_many = 0; // lines that the budget has left out
+    size_t untaken = 0;  // lines that nobody took
+    std::function<void()> when_behind;
+    bool is_behind = false;
+
+    static State* current;
+};
+
+StandardError::State* StandardError::State::current = nullptr;
+
+// Whoever writes is told that all went well, and finds errno as it was: there is nobody to complain to.
+ssize_t StandardError::State::take_written(void* state, const char* text, size_t length) {
+    const int error = errno;
+    auto& self = *static_cast<State*>(state);
+    try {
+        self.cutter.cut({text, length}, [&](std::string_view line) { self.take_from_library(line); });
+    } catch (...) { // no memory: the line is lost; nothing may escape into the library
+    }
+    errno = error;
+    return static_cast<ssize_t>(length);
+}
+
+void StandardError::State::take_from_library(std::string_view line) {
+    if (!is_left_out(is_library_limited)) { // asked first: a phone can cause hundreds of thousands in a second
+        std::string plain(line);
+        const std::string color = take_colors(plain);
+        put(plain, color);
+    }
+}
+
+bool StandardError::State::is_left_out(bool is_limited) {
+    if (!is_limited || lines.take()) {
+        return false;
+    }
+    ++too_many;
+    fall_behind();
+    return true;
+}
+
+void StandardError::State::put(std::string_view line, const std::string& color) {
+    const bool is_colored = shows_colors && !color.empty();
+    const std::string text = printable(line);
+    if (!write(is_colored ? color + text + color_reset + "\n" : text + "\n")) {
+        ++untaken;
+        fall_behind();
+    }
+}
+
+bool StandardError::State::tell_missing() {
+    const auto tell = [&](size_t& missing, const std::string& why) {
+        if (missing > 0 && outlet.write(std::string(program_name) + ": " + std::to_string(missing) +
+                                        " lines are missing here: " + why + "\n")) {
+            missing = 0;
+        }
+        return missing == 0;
+    };
+    if (!tell(untaken, "nobody took them in time")) {
+        return false;
+    }
+    return !lines.gives() ||
+           tell(too_many, "more than " + std::to_string(budget::lines_a_second) + " came in a second");
+}
+
+void StandardError::State::fall_behind() {
+    if (when_behind && !std::exchange(is_behind, true)) {
+        when_behind();
+    }
+}
+
+// Not buffered: a line that ends the process must not wait for another one.
+StandardError::StandardError() : state_(std::make_unique<State>()) {
+    State::current = state_.get();
+    state_->stream = ::fopencookie(state_.get(), "w", {nullptr, &State::take_written, nullptr, nullptr});
+    if (state_->stream != nullptr) {
+        std::setvbuf(state_->stream, nullptr, _IONBF, 0);
+        stderr = state_->stream;
+    }
+}
+
+StandardError::~StandardError() {
+    stderr = state_->original;
+    if (state_->stream != nullptr) {
+        std::fclose(state_->stream);
+    }
+    state_->when_behind = nullptr;
+    state_->cutter.finish([&](std::string_view line) { state_->take_from_library(line); });
+    state_->lines = LineBudget();
+    catch_up();
+    State::current = nullptr;
+}
+
+void StandardError::tell(std::string_view line) {
+    if (State::current == nullptr) {
+        std::fprintf(stderr, "%s\n", printable(line).c_str());
+        return;
+    }
+    LineCutter::break_up(line, [](std::string_view piece) {
+        if (!State::current->is_left_out(true)) {
+            State::current->put(piece, {});
+        }
+    });
+}
+
+void StandardError::log(std::string_view line, const std::string& color) {
+    if (State::current != nullptr && !State::current->is_left_out(State::current->is_library_limited)) {
+        State::current->put(line, color);
+    }
+}
+
+void StandardError::lift_limit_of_library() {
+    if (State::current != nullptr) {
+        State::current->is_library_limited = false;
+    }
+}
+
+void StandardError::when_behind(std::function<void()> handler) {
+    if (State::current != nullptr) {
+        State::current->when_behind = std::move(handler);
+        State::current->is_behind = false;
+        if (!State::current->is_complete()) {
+            State::current->fall_behind();
+        }
+    }
+}
+
+bool StandardError::catch_up() {
+    State* const state = State::current;
+    if (state == nullptr) {
+        return true;
+    }
+    state->is_behind = !(state->outlet.write_rest() && state->tell_missing() && state->is_complete());
+    return !state->is_behind;
+}
+
+} // namespace desk

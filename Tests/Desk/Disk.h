@@ -46,6 +46,7 @@ class Disk {
 
     // What running programs see.
     Tree cached() const;
+    const std::filesystem::path& root() const { return root_; }
 
     // The pieces that are not durable, and what becomes of each: `lost`, `kept`, or of a write the sectors
     // whose bits are set, counted from its first (a 65th like the first, and so on).

@@ -4,10 +4,13 @@
 
 #include <algorithm>
 #include <array>
+#include <regex>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
 using desk::PresetStore;
+using system_calls::Call;
+using system_calls::Kind;
 
 namespace {
 
@@ -26,54 +29,86 @@ size_t hash_of(const Tree& tree) {
     return std::hash<std::string>()(all);
 }
 
+bool may_change_a_disk(const Call& call) {
+    constexpr std::array kinds = {Kind::open,   Kind::write,  Kind::pwrite, Kind::ftruncate, Kind::mkdir,
+                                  Kind::rename, Kind::unlink, Kind::rmdir,  Kind::fsync,     Kind::fdatasync};
+    return std::ranges::find(kinds, call.kind) != kinds.end();
+}
+
 } // namespace
 
 // ---- Recording --------------------------------------------------------------------------------------------
 
-Recorder::Recorder(const fs::path& root, const fs::path& store, const std::optional<Contents>& known) {
-    session_.root = root;
-    session_.store = store;
-    session_.durable = read_tree(root);
-    confirmed_ = known.value_or(Contents{});
-    for (const Preset& preset : confirmed_.presets) {
-        highest_custom_id_ = std::max(highest_custom_id_, preset.custom_id);
+bool Session::is_new_moment(size_t calls_made) const {
+    return calls_made == 0 || may_change_a_disk(calls[calls_made - 1]) || expectations.contains(calls_made);
+}
+
+std::string Session::moment(size_t calls_made) const {
+    const std::string step = expected_after(calls_made).step;
+    if (calls_made == 0) {
+        return step;
     }
-    system_calls::watch(root);
-    expect("beginning", {confirmed_}, !known);
+    return step + ", after call " + std::to_string(calls_made) + ", " +
+           system_calls::name_of(calls[calls_made - 1].kind) + " of " + file_of(calls_made - 1);
 }
 
-void Recorder::expect(const std::string& step, const std::vector<Contents>& allowed, bool may_be_missing) {
-    session_.expectations[system_calls::recorded().size()] = {step, may_be_missing, allowed,
-                                                              highest_custom_id_};
+std::string Session::file_of(size_t call) const {
+    const std::string path = calls[call].path.lexically_relative(before.root() / store).string();
+    return std::regex_replace(path, std::regex("[0-9]+"), "N");
 }
 
-void Recorder::make(const std::vector<std::string>& titles) {
+Recorder::Recorder(const Disk& disk, const fs::path& store, const Expectation& expected)
+    : session_{disk, store, {}, {}}, highest_custom_id_(expected.highest_custom_id) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(disk.root())) {
+        fs::remove_all(entry.path());
+    }
+    write_tree(disk.cached(), disk.root());
+    system_calls::watch(disk.root());
+    expect(expected);
+}
+
+void Recorder::expect(const Expectation& expected) {
+    session_.expectations[system_calls::recorded().size()] = expected;
+}
+
+void Recorder::expect_confirmed(const std::string& step) {
+    expect({step, false, {confirmed_}, highest_custom_id_});
+}
+
+Contents Recorder::filled_with(const std::vector<std::string>& titles, PresetStore& store) {
     Contents filled;
-    const auto fill = [&](PresetStore& store) {
-        for (const std::string& title : titles) {
-            const Change change = saving(title);
-            int custom_id = 0;
-            if (change.make(store, custom_id) != SM_RETURN_TRUE) {
-                throw std::runtime_error(title + " cannot be saved: " + store.last_error());
-            }
-            change.expect(filled, custom_id);
-            highest_custom_id_ = custom_id;
+    for (const std::string& title : titles) {
+        const Change change = saving(title);
+        int custom_id = 0;
+        if (change.make(store, custom_id) != SM_RETURN_TRUE) {
+            throw std::runtime_error(title + " cannot be saved: " + store.last_error());
         }
-    };
+        change.expect(filled, custom_id);
+        highest_custom_id_ = custom_id;
+    }
+    return filled;
+}
+
+void Recorder::start(const std::vector<std::string>& titles) {
     const size_t begin = system_calls::recorded().size();
-    store_ = PresetStore::open(session_.root / session_.store, true, fill);
-    session_.expectations[begin] = {"making", true, {filled}, 0};
-    confirmed_ = filled;
-    expect("after making", {confirmed_});
+    Expectation expected = session_.expected_after(begin);
+    bool was_made = false;
+    const fs::path folder = session_.before.root() / session_.store;
+    store_ = PresetStore::open(folder, expected.may_be_missing, [&](PresetStore& store) {
+        was_made = true;
+        expected.allowed = {filled_with(titles, store)};
+    });
+    confirmed_ = contents_of(*store_, folder);
+    if (std::ranges::find(expected.allowed, confirmed_) == expected.allowed.end()) {
+        throw std::runtime_error("the store holds " + to_string(confirmed_));
+    }
+    expected.step = was_made ? "making" : "opening";
+    session_.expectations[begin] = expected;
+    expect_confirmed("after " + expected.step);
 }
 
-void Recorder::open() {
-    expect("opening", {confirmed_});
-    store_ = PresetStore::open(session_.root / session_.store, false);
-}
-
-void Recorder::close() {
-    expect("closing", {confirmed_});
+void Recorder::stop() {
+    expect_confirmed("closing");
     store_.reset();
 }
 
@@ -90,14 +125,13 @@ void Recorder::change(const Change& change) {
     session_.expectations[begin] = {change.name, false, {confirmed_, after}, highest_custom_id_};
     confirmed_ = after;
     highest_custom_id_ = std::max(highest_custom_id_, custom_id);
-    expect("after " + change.name, {confirmed_});
+    expect_confirmed("after " + change.name);
 }
 
 Session Recorder::finish() {
     if (store_) {
-        close();
+        stop();
     }
-    expect("end", {confirmed_});
     system_calls::stop();
     session_.calls = system_calls::recorded();
     return std::move(session_);
@@ -136,6 +170,8 @@ std::string Judge::violation(const Tree& tree, const fs::path& store, const Expe
 
 void each_power_loss(const Disk& disk, int random_choices, std::mt19937& dice,
                      const std::function<bool(const Tree&)>& see) {
+    // Of a page of 4096 bytes, eight sectors: the first half, and the second.
+    static const std::vector<Disk::Fate> halves = {0x0F0F0F0F0F0F0F0F, 0xF0F0F0F0F0F0F0F0};
     const size_t pieces = disk.unflushed();
     const auto left = [&](const std::vector<Disk::Fate>& fates) { return see(disk.after_power_loss(fates)); };
     if (!left(std::vector(pieces, Disk::lost)) || pieces == 0 || !left(std::vector(pieces, Disk::kept))) {
@@ -151,6 +187,13 @@ void each_power_loss(const Disk& disk, int random_choices, std::mt19937& dice,
         fates[piece] = Disk::lost;
         if (!left(fates)) {
             return;
+        }
+        for (const Disk::Fate half : disk.can_be_torn(piece) ? halves : std::vector<Disk::Fate>{}) {
+            std::ranges::fill(fates, Disk::lost);
+            fates[piece] = half;
+            if (!left(fates)) {
+                return;
+            }
         }
     }
     for (int choice = 0; choice < random_choices; ++choice) {

@@ -3,6 +3,8 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <optional>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -21,34 +23,39 @@ struct Expectation {
 
 // The calls that a session made, and what had to be expected from which call on.
 struct Session {
+    Disk before;                 // the disk when it began
+    std::filesystem::path store; // from the disk's root on
     std::vector<system_calls::Call> calls;
     std::map<size_t, Expectation> expectations; // by the number of calls before
-    std::filesystem::path root;                 // the folder that was watched
-    std::filesystem::path store;                // from the root on
-    Tree durable;                               // in the root before the first call
 
     const Expectation& expected_after(size_t calls_made) const {
         return std::prev(expectations.upper_bound(calls_made))->second;
     }
+    // Whether a power loss after so many calls may leave something else than one call before.
+    bool is_new_moment(size_t calls_made) const;
+    // The step, and the call that was made last.
+    std::string moment(size_t calls_made) const;
+    // The file that a call is about, from the store on, its numbers replaced by N: "pictures/N.jpg".
+    std::string file_of(size_t call) const;
 };
 
-// Makes sessions: changes a store and notes what is confirmed when.
+// Makes sessions: uses a store as a camera does, and notes what is confirmed when. `step`s of equal name
+// belong together.
 class Recorder {
   public:
-    // Watches the folder `root`, which holds the store or will hold it. `known` is what a store holds that is
-    // there already.
-    Recorder(const std::filesystem::path& root, const std::filesystem::path& store,
-             const std::optional<Contents>& known = {});
+    // The disk's root gets what running programs see on `disk`, a store among it where `expected` says so.
+    Recorder(const Disk& disk, const std::filesystem::path& store, const Expectation& expected);
 
-    // Opens the store; `create` makes it with these presets.
-    void make(const std::vector<std::string>& titles);
-    void open();
-    void close();
+    // Opens the store as a camera does that starts; where there is none, it is made with these presets.
+    void start(const std::vector<std::string>& titles);
+    void stop();
     void change(const Change& change);
     Session finish();
 
   private:
-    void expect(const std::string& step, const std::vector<Contents>& allowed, bool may_be_missing = false);
+    Contents filled_with(const std::vector<std::string>& titles, desk::PresetStore& store);
+    void expect(const Expectation& expected);
+    void expect_confirmed(const std::string& step);
 
     Session session_;
     std::optional<desk::PresetStore> store_;

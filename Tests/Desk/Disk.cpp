@@ -118,6 +118,7 @@ void Disk::follow(const Call& call) {
     }
     switch (call.kind) {
     case Kind::open:
+    case Kind::opendir:
         open(call);
         break;
     case Kind::write:

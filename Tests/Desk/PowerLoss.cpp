@@ -29,15 +29,15 @@ size_t hash_of(const Tree& tree) {
     return std::hash<std::string>()(all);
 }
 
+} // namespace
+
+// ---- Recording --------------------------------------------------------------------------------------------
+
 bool may_change_a_disk(const Call& call) {
     constexpr std::array kinds = {Kind::open,   Kind::write,  Kind::pwrite, Kind::ftruncate, Kind::mkdir,
                                   Kind::rename, Kind::unlink, Kind::rmdir,  Kind::fsync,     Kind::fdatasync};
     return std::ranges::find(kinds, call.kind) != kinds.end();
 }
-
-} // namespace
-
-// ---- Recording --------------------------------------------------------------------------------------------
 
 bool Session::is_new_moment(size_t calls_made) const {
     return calls_made == 0 || may_change_a_disk(calls[calls_made - 1]) || expectations.contains(calls_made);

@@ -21,6 +21,8 @@ struct Expectation {
     int highest_custom_id = 0;     // that was ever confirmed
 };
 
+bool may_change_a_disk(const system_calls::Call& call);
+
 // The calls that a session made, and what had to be expected from which call on.
 struct Session {
     Disk before;                 // the disk when it began

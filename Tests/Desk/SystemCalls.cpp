@@ -30,10 +30,10 @@ namespace fs = std::filesystem;
 
 constexpr size_t kinds = static_cast<size_t>(Kind::count);
 constexpr std::array<const char*, kinds> names = {
-    "open",      "close",  "read",    "pread",   "write",   "pwrite", "fsync",   "fdatasync",
-    "ftruncate", "rename", "link",    "unlink",  "mkdir",   "rmdir",  "chmod",   "flock",
-    "fcntl",     "stat",   "access",  "readdir", "socket",  "bind",   "listen",  "accept",
-    "connect",   "recv",   "recvmsg", "send",    "sendmsg", "poll",   "shutdown"};
+    "open",      "close",   "read",   "pread",   "write",   "pwrite",  "fsync", "fdatasync",
+    "ftruncate", "rename",  "link",   "unlink",  "mkdir",   "rmdir",   "chmod", "flock",
+    "fcntl",     "stat",    "access", "opendir", "readdir", "socket",  "bind",  "listen",
+    "accept",    "connect", "recv",   "recvmsg", "send",    "sendmsg", "poll",  "shutdown"};
 
 struct State {
     std::recursive_mutex lock; // a program has threads
@@ -256,7 +256,8 @@ long opened(int folder, const char* name, int flags, const std::function<long()>
     if (!state->watching) {
         return ask();
     }
-    Call call{.kind = Kind::open, .path = absolute(folder, name), .flags = flags};
+    const Kind kind = (flags & O_DIRECTORY) != 0 ? Kind::opendir : Kind::open;
+    Call call{.kind = kind, .path = absolute(folder, name), .flags = flags};
     if (!is_watched(*state, call.path)) {
         return ask();
     }

@@ -26,7 +26,8 @@
 
 namespace system_calls {
 
-// One kind for all flavours of a call: `open` stands for open, open64, openat, creat, opendir and mkostemp.
+// One kind for all flavours of a call: `open` stands for open, open64, openat, creat and mkostemp;
+// `opendir` for all that open a folder as such (O_DIRECTORY).
 enum class Kind {
     open,
     close,
@@ -47,6 +48,7 @@ enum class Kind {
     fcntl,
     stat,
     access,
+    opendir,
     readdir,
     socket,
     bind,

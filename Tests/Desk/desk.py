@@ -438,14 +438,23 @@ def run_camera(store, *arguments, timeout=PATIENCE):
     )  # fmt: skip
 
 
-class Camera:
-    """A camera that serves. Use it in a `with` statement, or call `stop` or `kill`."""
+class Ended(AssertionError):
+    """The camera ended and did not listen."""
 
-    def __init__(self, store, *options, kind="unix", url=None, environment=None):
+    def __init__(self, code, talk):
+        super().__init__(f"the camera ended: {code}, {talk}")
+        self.code, self.talk = code, talk
+
+
+class Camera:
+    """A camera that serves. Use it in a `with` statement, or call `stop` or `kill`. `errors` is the file that it
+    gets as standard error."""
+
+    def __init__(self, store, *options, kind="unix", url=None, environment=None, errors=None):
         self.store = store
         if url is None:
             url = f"unix:{store}/camera.sock" if kind == "unix" else "tcp:127.0.0.1:0"
-        self.errors = tempfile.TemporaryFile()
+        self.errors = errors or tempfile.TemporaryFile()
         self.process = subprocess.Popen(
             [CAMERA, "--store", str(store), "--listen", url, *map(str, options)],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self.errors,
@@ -464,7 +473,7 @@ class Camera:
                 raise AssertionError("the camera did not say that it listens")
             piece = os.read(self.process.stdout.fileno(), 1)
             if not piece:
-                raise AssertionError(f"the camera ended: {self.process.wait(PATIENCE)}, {self.talk()}")
+                raise Ended(self.process.wait(PATIENCE), self.talk())
             line += piece
         text = line.decode().rstrip("\n")
         if not text.startswith("listening on "):

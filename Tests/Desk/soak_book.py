@@ -115,10 +115,14 @@ class Book:
         return presets
 
     def _tell_difference(self, where, seen_ids, seen, form):
-        confirmed = [change for change in self.open if change.is_confirmed]
-        presets = self._after(confirmed, seen_ids)
-        names = [change.name for change in (*self.open, self.pending) if change and not change.is_confirmed]
-        where += f", a {' and a '.join(names)} not done" if names else ""
+        """What differs when those changes are done that explain the custom_ids, or else none but the confirmed."""
+        changes = [*self.open, *([self.pending] if self.pending else [])]
+        for done in choices(changes):
+            presets = self._after(done, seen_ids)
+            if [preset.custom_id for preset in presets] == seen_ids:
+                break
+        names = [f", a {change.name} {'done' if change in done else 'not done'}" for change in changes]
+        where += "".join(names)
         check(f"{where}: the custom_ids", [preset.custom_id for preset in presets], seen_ids)
         for custom_id, old, new in zip(seen_ids, self.records(form, presets), seen, strict=True):
             for name in [name for name, (_, at, _) in FIELDS.items() if old != new and at < len(old)]:

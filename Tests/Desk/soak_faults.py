@@ -107,9 +107,10 @@ def plant_orphans(store, dice, used_ids):
 
 # Of each kind that a store makes: calls until a camera serves, and of a change.
 CALLS = {
-    "fsync": (3, 1), "fdatasync": (1, 5), "pwrite": (1, 12), "ftruncate": (1, 1), "open": (8, 3),
-    "rename": (1, 1), "unlink": (1, 1), "write": (1, 1),
+    "fsync": (3, 1), "fdatasync": (0, 5), "pwrite": (0, 12), "ftruncate": (0, 1), "open": (8, 3),
+    "rename": (0, 1), "unlink": (0, 1), "write": (0, 1),
 }  # fmt: skip
+LAST_OF_A_COMMIT = "fdatasync"
 ERRORS = ("EIO", "ENOSPC", "EMFILE")
 
 
@@ -120,6 +121,11 @@ class CallFault:
         self.kind, self.error, self.for_good = dice.choice(list(CALLS)), dice.choice(ERRORS), for_good
         until_serving, of_change = CALLS[self.kind]
         self.nth = dice.randint(1, until_serving + of_change * changes)
+
+    def hit_end_of_commit(self, dice, changes):
+        """Fails where all has been written already."""
+        self.kind = LAST_OF_A_COMMIT
+        self.nth = CALLS[self.kind][1] * dice.randint(1, changes)
 
     def __str__(self):
         return f"{self.kind} {self.nth}{'+' if self.for_good else ''} {self.error}"
@@ -141,6 +147,22 @@ class CallFault:
         with open(report) as calls:
             words = [line.split(" ") for line in calls]
         return sum(w[0] == self.kind and w[2:4] == ["-1", str(getattr(errno, self.error))] for w in words)
+
+
+class Obstacle:
+    """A file beside the database that no store has. While it is there the store cannot be opened anew, and cannot
+    find out what has become of a change."""
+
+    def __init__(self, store):
+        self.path = os.path.join(store, "presets.sqlite-shm")
+
+    def put(self):
+        with open(self.path, "wb"):
+            pass
+
+    def remove(self):
+        with contextlib.suppress(FileNotFoundError):
+            os.remove(self.path)
 
 
 # ---- Standard error ----------------------------------------------------------------------------------------

@@ -139,17 +139,18 @@ def ask_for_much(life, link):
     link.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
     if life.dice.random() < 0.5:
         send_change(life, link, any_change(life))
-    for preset in (
-        life.dice.choices(life.book.presets, k=life.dice.randint(2, 6)) if life.book.presets else ()
-    ):
-        life.send(link, picture_request(preset.custom_id))
+    presets, most = life.book.presets, REPLIES_WHEN_LOSSY - 2 if life.plan.lossy else 60
+    for preset in life.dice.choices(presets, k=life.dice.randint(2, most)) if presets else ():
+        life.send(
+            link, picture_request(preset.custom_id), whole=True
+        )  # in pieces they are more than it takes
     if life.book.presets and not life.book.pending:
         send_change(life, link, life.dice.choice((updating, deleting))(life))
 
 
 def send_change(life, link, change):
     life.book.pending = change
-    life.send(link, change.request)
+    life.send(link, change.request, whole=True)
 
 
 def hear_beside(life):

@@ -143,6 +143,16 @@ def slow(life):
             vanish(life, link)
 
 
+def insisting(life):
+    """Deletes, and changes what is left at once, whatever the camera has answered: it may be in doubt which."""
+    with life.session() as link:
+        for _ in range(life.dice.randint(2, 8)):
+            life.change(link, (deleting if len(life.book.presets) > 3 else storing)(life))
+            life.change(
+                link, life.dice.choice((updating, storing))(life) if life.book.presets else storing(life)
+            )
+
+
 def where_files_are_no_files(life):
     """For a moment something else lies in a picture's place: the phone gets the empty picture, and does so soon."""
     with life.session() as link:

@@ -19,7 +19,7 @@ from soak_liars import lying, out_of_step, senseless
 from soak_life import JUDGED, Gone, Life, Plan
 
 from soak_phones import (
-    REPLIES_WHEN_LOSSY, at_a_full_disk, crowd, honest, program, show_picture, slow, unsteady,
+    REPLIES_WHEN_LOSSY, at_a_full_disk, crowd, honest, insisting, program, show_picture, slow, unsteady,
     where_files_are_no_files, with_empty_packets,
 )  # fmt: skip
 
@@ -38,6 +38,10 @@ def where_packets_have_borders(life):
     return life.plan.kind == "unix"
 
 
+def where_doubt_ends(life):
+    return life.plan.is_obstructed
+
+
 def on_the_small_disk(life):
     return life.on_small_disk and not life.plan.call_fault
 
@@ -54,6 +58,7 @@ PHONES = {  # how often each kind comes, where, and what it does
     "by the program": (6, where_calls_succeed, program),
     "with empty packets": (10, where_packets_have_borders, with_empty_packets),
     "where files are no files": (6, where_calls_succeed, where_files_are_no_files),
+    "that insist": (40, where_doubt_ends, insisting),
     "that have half left": (2, where_calls_succeed, half_left),
     "in a flood": (2, where_calls_succeed, in_a_flood),
 }
@@ -114,7 +119,7 @@ def serve(life, until):
 LONG_ENOUGH = WARM_UP + JUDGED + 50  # requests, for memory to be judged
 ROUNDS = (  # what is special about a round; they come in any order, and all of them before one comes again
     "nothing", "nothing", "confirmations", "confirmations", "memory once", "memory for good", "calls once",
-    "calls for good", "unread", "long",
+    "calls for good", "calls once and an obstacle", "unread", "long",
 )  # fmt: skip
 
 
@@ -131,7 +136,11 @@ def plan_round(dice, special):
         nth = f"{dice.randint(1, 3 * plan.requests)}{'+' if plan_for == 'for good' else ''}"
         plan.options, plan.refusal = (*mtu, "--refuse-allocation", nth), plan_for
     elif what == "calls" and SYSTEM_CALLS:
-        plan.call_fault = CallFault(dice, plan_for == "for good", changes=plan.requests // 4)
+        changes = plan.requests // 8
+        plan.call_fault = CallFault(dice, plan_for == "for good", changes)
+        plan.is_obstructed = plan_for == "once and an obstacle"
+        if plan.is_obstructed and dice.random() < 0.7:
+            plan.call_fault.hit_end_of_commit(dice, changes)
     elif what == "unread":
         plan.unread = dice.choice(UnreadPipe.STATES)
     if special != "long" and dice.random() < 0.6:
@@ -179,7 +188,9 @@ class Soak:
             check("the exit code of a camera that cannot start", True, end.code in (1, 3))
             check("the lines of a camera that cannot start", 1, len(end.talk.splitlines()))
             self.counts["starts that failed with a system call"] += 1
-            return self.begin(name, book, dataclasses.replace(plan, call_fault=None), dice)
+            return self.begin(
+                name, book, dataclasses.replace(plan, call_fault=None, is_obstructed=False), dice
+            )
 
     def end(self, life):
         life.end()

@@ -148,9 +148,8 @@ def insisting(life):
     with life.session() as link:
         for _ in range(life.dice.randint(2, 8)):
             life.change(link, (deleting if len(life.book.presets) > 3 else storing)(life))
-            life.change(
-                link, life.dice.choice((updating, storing))(life) if life.book.presets else storing(life)
-            )
+            updates = life.book.presets and life.dice.random() < 0.8
+            life.change(link, (updating if updates else storing)(life))
 
 
 def where_files_are_no_files(life):

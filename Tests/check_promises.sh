@@ -27,7 +27,7 @@ done <"$work/files"
 
 # A promise begins with its number and ends with the line of its fuzzers.
 awk '/^[0-9]+\. \*\*/ { ++promises; tests = 0 }
-    /`[A-Z][A-Za-z]+\.[A-Z]/ { tests = 1 }
+    /`[A-Z][A-Za-z]+\.([A-Z]|test_)/ { tests = 1 }
     /^ +Fuzzers: `/ && tests { ++held; tests = 0 }
     END { print promises + 0, held + 0 }' "$page" >"$work/promises"
 read -r promises held <"$work/promises"

@@ -100,8 +100,8 @@ void Camera::turn_away(std::shared_ptr<Link> link) {
     discard_what_arrives(*link, budget::turned_away_bytes);
 }
 
-// For another phone alone: a phone that somebody has stopped in a debugger may take its time while nobody else
-// wants the camera.
+// For another phone alone: a phone that somebody has stopped in a debugger may take its time while nobody
+// else wants the camera.
 void Camera::let_go_if_stalled() {
     if (!phone_ || !is_phone_stalled()) {
         return;

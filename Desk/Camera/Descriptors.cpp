@@ -14,8 +14,8 @@
 namespace desk {
 namespace {
 
-// Whether the caller has left this open, beyond the standard streams. The camera's own are closed on execution,
-// and what is closed on execution is not inherited.
+// Whether the caller has left this open, beyond the standard streams. The camera's own are closed on
+// execution, and what is closed on execution is not inherited.
 bool is_inherited(const std::filesystem::directory_entry& entry) {
     const int descriptor = std::atoi(entry.path().filename().c_str());
     const int flags = ::fcntl(descriptor, F_GETFD);

@@ -66,8 +66,7 @@ std::optional<size_t> Intake::next_packet() {
 }
 
 std::optional<size_t> Intake::next_of_stream() {
-    const size_t length =
-        is_in_reassembly() ? continuing_bytes(waiting().size()) : starting_bytes(waiting());
+    const size_t length = is_in_reassembly() ? continuing_bytes(waiting().size()) : starting_bytes(waiting());
     return length > 0 ? std::optional(length) : std::nullopt;
 }
 

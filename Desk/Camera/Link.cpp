@@ -82,8 +82,8 @@ void Link::read_once() {
     }
 }
 
-// Where packets keep their borders, one without bytes is received like the end of the link. At the end the phone
-// has closed, and has left nothing to be received.
+// Where packets keep their borders, one without bytes is received like the end of the link. At the end the
+// phone has closed, and has left nothing to be received.
 bool Link::is_empty_packet() {
     return traits_.keeps_borders && (!is_ready(socket_.native_handle(), POLLRDHUP) ||
                                      bytes_in_kernel(socket_.native_handle(), SIOCINQ) > 0);
@@ -124,8 +124,8 @@ void Link::write_later() {
                        });
 }
 
-// The kernel tells when there is room to write on, which may take many packets. A phone that takes one now and
-// then is seen by what is left of them.
+// The kernel tells when there is room to write on, which may take many packets. A phone that takes one now
+// and then is seen by what is left of them.
 void Link::watch_what_is_untaken() {
     const int untaken = bytes_in_kernel(socket_.native_handle(), SIOCOUTQ);
     moved_ = untaken < untaken_ ? Clock::now() : moved_;

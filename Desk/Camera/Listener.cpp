@@ -69,12 +69,11 @@ void Listener::wait_for_phone() {
     });
 }
 
-// Several at a time: where many phones come, the last one shall not wait for an answer until the loop has come
-// round for each.
+// Several at a time: where many phones come, the last one shall not wait for an answer until the loop has
+// come round for each.
 void Listener::accept_some() {
     for (int count = 0; count < budget::accepts_of_a_turn; ++count) {
-        Descriptor phone(
-            ::accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        Descriptor phone(::accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (phone.get() >= 0) {
             accepted_(link_of(std::move(phone)));
         } else if (errno == EAGAIN) {

@@ -99,8 +99,8 @@ class Outlet {
 
 // ---- How many they are ------------------------------------------------------------------------------------
 
-// Fills with time up to a number of lines. Once empty it gives none until it holds those of a second, so that what
-// is left out makes one gap a second, not one behind every line.
+// Fills with time up to a number of lines. Once empty it gives none until it holds those of a second, so that
+// what is left out makes one gap a second, not one behind every line.
 class LineBudget {
   public:
     bool take() {
@@ -234,7 +234,8 @@ ssize_t StandardError::State::take_written(void* state, const char* text, size_t
 }
 
 void StandardError::State::take_from_library(std::string_view line) {
-    if (!is_left_out(is_library_limited)) { // asked first: a phone can cause hundreds of thousands in a second
+    if (!is_left_out(
+            is_library_limited)) { // asked first: a phone can cause hundreds of thousands in a second
         std::string plain(line);
         const std::string color = take_colors(plain);
         put(plain, color);

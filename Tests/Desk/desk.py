@@ -438,7 +438,7 @@ def run_camera(store, *arguments, timeout=PATIENCE):
     )  # fmt: skip
 
 
-class Ended(AssertionError):
+class NotStarted(AssertionError):
     """The camera ended and did not listen."""
 
     def __init__(self, code, talk):
@@ -473,7 +473,7 @@ class Camera:
                 raise AssertionError("the camera did not say that it listens")
             piece = os.read(self.process.stdout.fileno(), 1)
             if not piece:
-                raise Ended(self.process.wait(PATIENCE), self.talk())
+                raise NotStarted(self.process.wait(PATIENCE), self.talk())
             line += piece
         text = line.decode().rstrip("\n")
         if not text.startswith("listening on "):

@@ -98,7 +98,7 @@ class Life:
             self.first_peak = peak_of(self.camera.pid)
 
     def _start(self):
-        """May throw Ended where system calls fail."""
+        """May throw NotStarted where system calls fail."""
         orphans = []
         if self.dice.random() < 0.5 and not self.plan.call_fault and os.path.isdir(f"{self.store}/pictures"):
             orphans = plant_orphans(self.store, self.dice, [preset.custom_id for preset in self.book.presets])

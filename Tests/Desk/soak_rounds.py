@@ -11,7 +11,7 @@ import sys
 import tempfile
 import time
 
-from desk import PRESET_LIMIT, Ended, picture
+from desk import PRESET_LIMIT, NotStarted, picture
 from soak_book import LONGEST_PICTURE, Book, check, deleting, storing
 from soak_faults import SYSTEM_CALLS, CallFault, Disk, UnreadPipe
 from soak_intruders import Stayer, half_left, in_a_flood
@@ -182,7 +182,7 @@ class Soak:
         """A start may fail where system calls do. Then it costs nothing, and the next one succeeds."""
         try:
             return self.begin(name, book, plan, dice)
-        except Ended as end:
+        except NotStarted as end:
             if not plan.call_fault:
                 raise
             check("the exit code of a camera that cannot start", True, end.code in (1, 3))

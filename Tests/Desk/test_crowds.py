@@ -175,14 +175,22 @@ class Stalls(Crowd):
         super().setUpClass()
         cls.scenes = {}
         for kind in KINDS:
-            for name in ("half_request", "half_header", "refused_rest", "idle", "untaken", "taking", "nobody_asks"):
-                if name not in ("half_header", "refused_rest") or kind == "tcp":
-                    cls.scenes[name, kind] = cls._scene(name, kind)
+            for name in ("half_request", "idle", "untaken", "taking", "nobody_asks", "stopped_camera"):
+                cls.scenes[name, kind] = cls._scene(name, kind)
+        for name in ("half_header", "refused_rest"):
+            cls.scenes[name, "tcp"] = cls._scene(name, "tcp")
+        for kind in KINDS:  # the last ones, so that the moment of their stall is known
+            cls.scenes["half_left", kind] = cls._scene("half_left", kind)
         end = time.monotonic() + STALLED_TIME + 2  # what moves last is noticed up to a second late
-        for pause in (5, 3):  # each is less than a stall, and both together are not
+        for pause in (5, 3):  # each is less than a stall, and together with the rest they are not
             time.sleep(pause)
             for kind in KINDS:
                 cls.scenes["taking", kind][1].socket.recv(65536)
+        time.sleep(STALLED_TIME - 0.6 - 8)  # they wait beyond the time of the stall
+        cls.waiting = {kind: Link(cls.scenes["half_left", kind][0].url) for kind in KINDS}
+        for link in cls.waiting.values():
+            cls.addClassCleanup(link.close)
+            link.send(request(LIST))
         time.sleep(max(0.0, end - time.monotonic()))
 
     @classmethod
@@ -194,7 +202,7 @@ class Stalls(Crowd):
         answer = camera.ask(store_request(phone_record(b"Large"), picture(1, LARGE_PICTURE)))
         link = camera.link()
         cls.addClassCleanup(link.close)
-        if name in ("half_request", "nobody_asks"):
+        if name in ("half_request", "nobody_asks", "stopped_camera"):
             link.send(request(LIST, bytes(100))[:50])
         elif name == "half_header":
             link.send(request(LIST)[:5])
@@ -204,6 +212,10 @@ class Stalls(Crowd):
             link.ask(request(LIST))
         else:
             asks_without_reading(link, store_result(answer)[2])
+        if name == "half_left":
+            link.socket.shutdown(socket.SHUT_WR)
+        if name == "stopped_camera":
+            camera.process.send_signal(signal.SIGSTOP)
         return camera, link
 
     def setUp(self):
@@ -242,6 +254,19 @@ class Stalls(Crowd):
         for kind in KINDS:
             self.assertStays("taking", kind)
 
+    def test_a_phone_that_waits_when_the_stall_is_over_is_taken_in(self):
+        for kind in KINDS:
+            self.assertEqual(len(records_in(self.waiting[kind].receive())), 1)
+
+    def test_a_camera_that_was_stopped_itself_takes_that_for_no_stall_of_a_phone(self):
+        for kind in KINDS:
+            camera, link = self.scenes["stopped_camera", kind]
+            with Link(camera.url) as another:
+                link.send(request(LIST, bytes(100))[50:])
+                camera.process.send_signal(signal.SIGCONT)
+                self.assertEqual(another.receive(), BUSY_FRAME)
+            self.assertEqual(len(records_in(link.receive())), 1)
+
     def test_an_idle_phone_stays(self):
         for kind in KINDS:
             self.assertStays("idle", kind)
@@ -268,14 +293,18 @@ class TurnedAway(Crowd):
 
     def test_the_served_phone_stores_and_reads_with_no_descriptor_to_spare_while_others_come(self):
         for kind in KINDS:
-            with self.subTest(kind=kind), self.limited(DESCRIPTORS, kind=kind) as camera, camera.link() as link:
+            with self.subTest(kind=kind), self.limited(
+                DESCRIPTORS, kind=kind
+            ) as camera, camera.link() as link:
                 with self.flood(camera):
                     for number in range(12):
                         answer = link.ask(store_request(phone_record(b"Stored"), picture(number)))
                         self.assertEqual(store_result(answer)[0], 1)
                         custom_id = store_result(answer)[2]
                         got = link.ask(picture_request(custom_id))
-                        self.assertEqual(got, request(REPLY + PICTURE, struct.pack("<i", custom_id) + picture(number)))
+                        self.assertEqual(
+                            got, request(REPLY + PICTURE, struct.pack("<i", custom_id) + picture(number))
+                        )
                 self.assertNotIn("cannot take a phone in", camera.talk())
             self.samples_anew()
 
@@ -402,10 +431,11 @@ class EmptyPackets(Crowd):
 
     def test_what_was_sent_behind_one_is_answered_although_the_phone_has_closed_its_sending_side(self):
         with self.camera() as camera, camera.link() as link:
-            link.send(b"\xff" * 8)
+            camera.process.send_signal(signal.SIGSTOP)  # it finds all of it at once
             link.socket.send(b"")
             link.send(request(LIST))
             link.socket.shutdown(socket.SHUT_WR)
+            camera.process.send_signal(signal.SIGCONT)
             self.assertEqual(link.receive(), self.expected)
             self.assertRaises(Closed, link.receive)
 
@@ -466,7 +496,9 @@ class Memory(Crowd):
             self.assertHeld(camera, before, MEMORY_OF_PHONES)
         camera.stop()
 
-    def test_replies_whose_confirmation_is_lost_or_late_are_not_kept_beyond_those_that_the_library_sets_aside(self):
+    def test_replies_whose_confirmation_is_lost_or_late_are_not_kept_beyond_those_that_the_library_sets_aside(
+        self,
+    ):
         for options in (("--drop-confirmations", 1), ("--confirm-delay", 600000)):
             with self.subTest(options=options):
                 camera, before = self.started(*options)

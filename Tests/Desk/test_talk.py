@@ -152,6 +152,7 @@ class Readers(Talk):
     def test_a_closed_standard_error_is_no_place_for_a_file_of_the_store(self):
         for closed in ((2,), (0, 1, 2), (0, 2)):
             with self.subTest(closed=closed):
+
                 def close(which=closed):
                     for descriptor in which:
                         os.close(descriptor)

@@ -99,6 +99,9 @@ fs::path place_of(const fs::path& folder) {
 
 // ---- The state --------------------------------------------------------------------------------------------
 
+// How a caller names the presets that it means to change.
+enum class NamedBy { identity, number };
+
 struct PresetStore::State {
     explicit State(const fs::path& place)
         : folder(place), pictures(folder / pictures_name), database_path(folder / database_name) {}
@@ -121,6 +124,7 @@ struct PresetStore::State {
     void remove_unnamed_pictures() const;
     void settle();
     int refuse(int result, const std::string& line);
+    bool begin_change(NamedBy named_by);
     template<class Work>
     void attempt(Work work, Contents& next);
     template<class Work>
@@ -134,7 +138,7 @@ void PresetStore::State::open() {
     check_pictures();
     database = StoreDatabase::open(database_path);
     contents = database->read();
-    flush_folder(folder);
+    StoreDatabase::flush(database_path);
     flush_names_above(folder);
     make_folder(pictures);
     remove_unnamed_pictures();
@@ -211,8 +215,10 @@ void PresetStore::State::settle() {
         return;
     }
     database.reset(); // with what it believes to be on the disk
+    StoreDatabase::discard_empty_journal(database_path);
     database = StoreDatabase::open(database_path);
     contents = database->read();
+    StoreDatabase::flush(database_path);
     database->seal();
     is_settled = true;
     remove_unnamed_pictures();
@@ -239,17 +245,28 @@ void PresetStore::State::attempt(Work work, Contents& next) {
     is_settled = true;
 }
 
-// Runs a change as one transaction. `work` makes it in the database and in the contents that it is given.
-template<class Work>
-int PresetStore::State::change(Work work) {
+// Whether a change may begin: settles what an earlier one has left open. Numbers that were taken from the
+// list before that may name other presets after it.
+bool PresetStore::State::begin_change(NamedBy named_by) {
+    const Contents known = contents;
     try {
         settle();
     } catch (const std::exception& error) {
-        return refuse(SM_RETURN_FAIL,
-                      "it is not known whether an earlier change was made, and cannot be found "
-                      "out: " +
-                          database_path.string() + ": " + error.what());
+        last_error = "it is not known whether an earlier change was made, and cannot be found out: " +
+                     database_path.string() + ": " + error.what();
+        return false;
     }
+    if (named_by == NamedBy::number && !(contents == known)) {
+        last_error =
+            "an earlier change was made after all, and the numbers may name other presets now; ask again";
+        return false;
+    }
+    return true;
+}
+
+// Runs a change as one transaction. `work` makes it in the database and in the contents that it is given.
+template<class Work>
+int PresetStore::State::change(Work work) {
     Contents next = contents;
     try {
         attempt(work, next);
@@ -351,6 +368,9 @@ int PresetStore::save(tag_custom_info& preset, const void* picture, int length) 
         return state.refuse(SM_RETURN_JPG_ERR, "a picture has 0 to " + std::to_string(longest_picture) +
                                                    " bytes, not " + std::to_string(length));
     }
+    if (!state.begin_change(NamedBy::identity)) {
+        return SM_RETURN_FAIL;
+    }
     if (state.contents.presets.size() >= SM_PRESET_LIMIT) {
         return state.refuse(SM_RETURN_DATA_ERR,
                             std::to_string(SM_PRESET_LIMIT) + " presets are stored, delete one first");
@@ -379,6 +399,9 @@ int PresetStore::save(tag_custom_info& preset, const void* picture, int length) 
 
 int PresetStore::update(int custom_id, int server_id, std::string_view title) {
     State& state = *state_;
+    if (!state.begin_change(NamedBy::identity)) {
+        return SM_RETURN_FAIL;
+    }
     const int number = state.contents.number_of(custom_id);
     if (number < 0) {
         return state.refuse(SM_RETURN_LOCALN_ERR,
@@ -395,6 +418,9 @@ int PresetStore::update(int custom_id, int server_id, std::string_view title) {
 
 int PresetStore::remove(std::span<const int> flags) {
     State& state = *state_;
+    if (!state.begin_change(NamedBy::number)) {
+        return SM_RETURN_FAIL;
+    }
     std::vector<int32_t> gone;
     for (const tag_custom_info& preset : state.contents.presets) {
         const auto number = static_cast<size_t>(preset.preset_num);
@@ -417,6 +443,9 @@ int PresetStore::link(int custom_mode, int number) {
     if (custom_mode < 0 || custom_mode >= custom_modes) {
         return state.refuse(SM_RETURN_DATA_ERR, "the custom modes are 0 and 1");
     }
+    if (!state.begin_change(NamedBy::number)) {
+        return SM_RETURN_FAIL;
+    }
     if (number < 0 || static_cast<size_t>(number) >= state.contents.presets.size()) {
         return state.refuse(SM_RETURN_LOCALN_ERR, "there is no preset number " + std::to_string(number));
     }
@@ -431,6 +460,9 @@ int PresetStore::unlink(int custom_mode) {
     State& state = *state_;
     if (custom_mode < 0 || custom_mode >= custom_modes) {
         return state.refuse(SM_RETURN_DATA_ERR, "the custom modes are 0 and 1");
+    }
+    if (!state.begin_change(NamedBy::identity)) {
+        return SM_RETURN_FAIL;
     }
     return state.change([&](Contents& next) {
         state.database->unlink(custom_mode);

@@ -238,10 +238,23 @@ StoreDatabase StoreDatabase::open(const fs::path& path) {
     database.run(settings);
     check_integrity(database, path);
     database.give_up_never();
-    // A camera may have been killed between writing and flushing.
+    return StoreDatabase(std::move(database));
+}
+
+// A camera may have been killed between writing and flushing. The journal's name has to last before the first
+// change: SQLite goes on when it cannot flush that.
+void StoreDatabase::flush(const fs::path& path) {
     flush_file(path);
     flush_file(path.string() + "-journal");
-    return StoreDatabase(std::move(database));
+    flush_folder(path.parent_path());
+}
+
+void StoreDatabase::discard_empty_journal(const fs::path& path) {
+    const fs::path journal = path.string() + "-journal";
+    if (is_there(journal) && size_of(open_plain_file(journal, O_RDONLY), journal) == 0) {
+        remove_file(journal);
+        flush_folder(path.parent_path());
+    }
 }
 
 void StoreDatabase::remove(const fs::path& path) noexcept {

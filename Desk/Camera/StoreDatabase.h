@@ -41,6 +41,12 @@ class StoreDatabase {
     static StoreDatabase make(const std::filesystem::path& path);
     // Opens one that was made here, and undoes what a camera that died has left half done in it.
     static StoreDatabase open(const std::filesystem::path& path);
+    // Makes what lies there last, its journal and the names of both included, and makes the journal where
+    // there is none.
+    static void flush(const std::filesystem::path& path);
+    // Removes a journal that was cut to nothing, when flushing that has failed: its old content must not come
+    // back below a new one. No database may be open there.
+    static void discard_empty_journal(const std::filesystem::path& path);
     // Removes an unfinished one with its journal.
     static void remove(const std::filesystem::path& path) noexcept;
 

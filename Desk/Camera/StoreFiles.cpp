@@ -111,9 +111,7 @@ void flush_names_above(const fs::path& folder) {
 }
 
 void flush_file(const fs::path& path) {
-    if (is_there(path)) {
-        flush(open_plain_file(path, O_RDWR), path);
-    }
+    flush(open_plain_file(path, O_RDWR | O_CREAT), path);
 }
 
 void flush_folder(const fs::path& folder) {

@@ -28,7 +28,7 @@ std::filesystem::path unfinished_name(const std::filesystem::path& path);
 void make_folder(const std::filesystem::path& folder);
 // Flushes the folder's own name and those of the folders above it, whoever made them.
 void flush_names_above(const std::filesystem::path& folder);
-// Flushes a plain file, where there is one.
+// Flushes a plain file, an empty one where there is none.
 void flush_file(const std::filesystem::path& path);
 // Flushes the names in a folder.
 void flush_folder(const std::filesystem::path& folder);

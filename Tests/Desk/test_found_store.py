@@ -126,7 +126,9 @@ class Starts(DeskTest):
         with self.camera() as camera:
             self.assertEqual(os.listdir(self.folder), ["store"])
             camera.ask(request(LIST))
-        self.assertEqual(sorted(os.listdir(self.store)), ["lock", "pictures", "presets.sqlite"])
+        self.assertEqual(
+            sorted(os.listdir(self.store)), ["lock", "pictures", "presets.sqlite", "presets.sqlite-journal"]
+        )
 
 
 if __name__ == "__main__":

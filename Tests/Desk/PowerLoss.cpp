@@ -14,13 +14,6 @@ using system_calls::Kind;
 
 namespace {
 
-fs::path folder_in_memory() {
-    const fs::path memory = "/dev/shm";
-    const bool usable = ::access(memory.c_str(), W_OK) == 0;
-    std::string path = ((usable ? memory : fs::temp_directory_path()) / "power-loss-XXXXXX").string();
-    return mkdtemp(path.data());
-}
-
 size_t hash_of(const Tree& tree) {
     std::string all;
     for (const auto& [path, bytes] : tree) {
@@ -32,6 +25,13 @@ size_t hash_of(const Tree& tree) {
 } // namespace
 
 // ---- Recording --------------------------------------------------------------------------------------------
+
+fs::path temporary_folder() {
+    const fs::path memory = "/dev/shm";
+    const bool usable = ::access(memory.c_str(), W_OK) == 0;
+    std::string path = ((usable ? memory : fs::temp_directory_path()) / "faults-XXXXXX").string();
+    return mkdtemp(path.data());
+}
 
 bool may_change_a_disk(const Call& call) {
     constexpr std::array kinds = {Kind::open,   Kind::write,  Kind::pwrite, Kind::ftruncate, Kind::mkdir,
@@ -139,7 +139,7 @@ Session Recorder::finish() {
 
 // ---- Judging ----------------------------------------------------------------------------------------------
 
-Judge::Judge() : folder_(folder_in_memory()) {}
+Judge::Judge() : folder_(temporary_folder()) {}
 
 Judge::~Judge() {
     fs::remove_all(folder_);

@@ -21,6 +21,9 @@ struct Expectation {
     int highest_custom_id = 0;     // that was ever confirmed
 };
 
+// A new folder in memory, where flushes take no time, or where temporary files go if there is no such place.
+std::filesystem::path temporary_folder();
+
 bool may_change_a_disk(const system_calls::Call& call);
 
 // The calls that a session made, and what had to be expected from which call on.
@@ -78,7 +81,7 @@ class Judge {
     size_t looked_at() const { return findings_.size(); }
 
   private:
-    std::filesystem::path folder_; // in memory where there is such a place
+    std::filesystem::path folder_;
     std::unordered_map<size_t, Finding> findings_;
 };
 

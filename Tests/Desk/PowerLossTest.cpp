@@ -41,10 +41,6 @@ bool is_flush(const Call& call) {
 
 class PowerLoss : public testing::Test {
   protected:
-    PowerLoss() {
-        std::string path = (fs::temp_directory_path() / "session-XXXXXX").string();
-        root = mkdtemp(path.data());
-    }
     ~PowerLoss() override { fs::remove_all(root); }
 
     // Everything that a store is asked for, from an empty folder on.
@@ -131,7 +127,7 @@ class PowerLoss : public testing::Test {
                     took.count());
     }
 
-    fs::path root;
+    const fs::path root = temporary_folder();
     Judge judge;
     std::mt19937 dice{seed};
     size_t losses = 0;
@@ -185,7 +181,7 @@ TEST_F(PowerLoss, CostsNothingThatWasConfirmedAtAnyMoment) {
 
 TEST_F(PowerLoss, WhileACameraStartsAfterOneThatWasKilledCostsNothingEither) {
     constexpr int random_choices = 2;
-    constexpr size_t share = 12; // at one of so many moments a camera is killed
+    constexpr size_t share = 15; // at one of so many moments a camera is killed
     const Session session = whole_session();
     size_t moments = 0;
     for (const char* step : steps_in_which_cameras_die) {
@@ -203,7 +199,7 @@ TEST_F(PowerLoss, WhileACameraStartsAfterOneThatWasKilledCostsNothingEither) {
 
 TEST_F(PowerLoss, WhileAStoreRecoversFromOneCostsNothingEither) {
     constexpr int random_choices = 2;
-    constexpr int share = 300; // one of so many disks is lost once more
+    constexpr int share = 500; // one of so many disks is lost once more
     const Session session = whole_session();
     std::vector<std::pair<size_t, Tree>> lost;
     lose_power_everywhere(session, {}, random_choices,
@@ -218,7 +214,7 @@ TEST_F(PowerLoss, WhileAStoreRecoversFromOneCostsNothingEither) {
         EXPECT_EQ(violation_in(restart, {}, random_choices), "") << "lost first in " << session.moment(made);
     }
     tell();
-    EXPECT_GT(lost.size(), 20U);
+    EXPECT_GT(lost.size(), 15U);
 }
 
 // ---- Each flush is needed ---------------------------------------------------------------------------------

@@ -135,10 +135,6 @@ struct Task {
 class StoreFaults : public testing::Test {
   protected:
     StoreFaults() {
-        const bool memory = ::access("/dev/shm", W_OK) == 0;
-        std::string path =
-            ((memory ? fs::path("/dev/shm") : fs::temp_directory_path()) / "faults-XXXXXX").string();
-        root = mkdtemp(path.data());
         for (const int signal : {SIGALRM, SIGSEGV, SIGABRT, SIGBUS}) {
             ::signal(signal, die_of);
         }
@@ -430,7 +426,7 @@ class StoreFaults : public testing::Test {
             task.name, calls, runs, done, refused, unsettled, judge.looked_at());
     }
 
-    fs::path root;
+    const fs::path root = temporary_folder();
     Judge judge;
     std::mt19937 dice{20261121};
     int runs = 0;

@@ -1,10 +1,10 @@
 """Each system call of the camera's links, and of the phone's link and files, fails in turn.
 
-The programs run with SystemCalls.cpp preloaded: a first run without a fault tells how often each kind of call is
-made, and then each of them fails once with each error that it may have. The camera must live on and serve the
-next phone from a store that holds what was confirmed; the phone must end with one line and a code that
-Docs/desk.md lists, leave no temporary file, and an output file as it was or whole. Calls that are interrupted or
-cut short must not be seen at all.
+The programs run with SystemCalls.cpp preloaded: a first run without a fault tells how often each kind of call
+is made, and then each of them fails once with each error that it may have. The camera must live on and serve
+the next phone from a store that holds what was confirmed; the phone must end with one line and a code that
+Docs/desk.md lists, leave no temporary file, and an output file as it was or whole. Calls that are interrupted
+or cut short must not be seen at all.
 """
 
 import contextlib
@@ -97,14 +97,14 @@ CUT_SHORT = {kind: [SHORT] for kind in ("recvmsg", "recv", "send", "sendmsg")}
 
 
 class CameraLinks:
-    """A phone asks for the list, stores a preset and fetches a picture, and another one is turned away, while a
-    call of the camera fails."""
+    """A phone asks for the list, stores a preset and fetches a picture, and another one is turned away, while
+    a call of the camera fails."""
 
     def start(self, **watched):
         return self.camera("--empty", kind=self.kind, environment=preloaded(sockets=True, **watched))
 
     def talk_with(self, camera, patience=PATIENCE):
-        """What became of it: the custom_id of the preset that was stored, None as long as that is not confirmed."""
+        """The custom_id of the preset that was stored, None as long as that is not confirmed."""
         with Link(camera.url) as link:
 
             def ask(data):

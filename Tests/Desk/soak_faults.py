@@ -4,6 +4,7 @@ a standard error that nobody reads."""
 import contextlib
 import errno
 import fcntl
+import functools
 import os
 import shutil
 import subprocess
@@ -13,7 +14,6 @@ from desk import picture
 
 SYSTEM_CALLS = os.environ.get("SHOTMENTOR_SYSTEM_CALLS", "")  # Tests/Desk/SystemCalls.h as a shared object
 SPACE = 32 << 20  # bytes of the disk that is filled
-SPARSE = 2 << 30  # bytes that a picture pretends to have
 
 
 class Disk:
@@ -69,12 +69,17 @@ def put_link(path):
     os.symlink(target, path)
 
 
-def put_sparse_file(path):
+def put_sparse_file(path, size):
     with open(path, "wb") as file:
-        file.truncate(SPARSE)
+        file.truncate(size)
 
 
-NO_FILES = {"a pipe": os.mkfifo, "a link": put_link, "a file of 2 GB": put_sparse_file}
+NO_FILES = {  # what lies in a picture's place
+    "a pipe": os.mkfifo,
+    "a link": put_link,
+    "a file of 2 GB": functools.partial(put_sparse_file, size=2 << 30),
+    "a file of 600 MB": functools.partial(put_sparse_file, size=600 << 20),
+}
 
 
 @contextlib.contextmanager

@@ -10,7 +10,7 @@ from desk import BUSY_FRAME, LIST, STORE, Closed, Link, picture, picture_request
 from soak_book import LONGEST_PICTURE, any_change, check, deleting, storing, updating
 from soak_budgets import BUDGETS, descriptors_of
 from soak_life import Life
-from soak_phones import REPLIES_WHEN_LOSSY, change_something, reset, show_picture
+from soak_phones import change_something, reset, show_picture
 
 SLACK = 3  # seconds that a busy machine may need on top of a budget
 IN_TIME = 5  # seconds that an answer may take while others flood the camera
@@ -110,9 +110,8 @@ def in_a_flood(life):
     """Is served as if it was alone, while others connect in hundreds and thousands."""
     dice = random.Random(life.dice.random())
     with life.session() as link, Flood(life, dice.randint(200, 2000), dice) as flood:
-        most = REPLIES_WHEN_LOSSY - 1 if life.plan.lossy else 100000
         requests = 0
-        while requests == 0 or (flood.lasts() and requests < most):
+        while requests == 0 or flood.lasts():
             began = time.monotonic()
             asks = life.dice.choice((change_something, show_picture, Life.ask_list))
             (asks if life.book.presets else change_something)(life, link)
@@ -139,8 +138,8 @@ def ask_for_much(life, link):
     link.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
     if life.dice.random() < 0.5:
         send_change(life, link, any_change(life))
-    presets, most = life.book.presets, REPLIES_WHEN_LOSSY - 2 if life.plan.lossy else 60
-    for preset in life.dice.choices(presets, k=life.dice.randint(2, most)) if presets else ():
+    presets = life.book.presets
+    for preset in life.dice.choices(presets, k=life.dice.randint(2, 60)) if presets else ():
         life.send(
             link, picture_request(preset.custom_id), whole=True
         )  # in pieces they are more than it takes

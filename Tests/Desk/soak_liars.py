@@ -47,10 +47,8 @@ LIES = [  # each makes a request, and its answer if there is one
 
 def lying(life):
     """Says what is not so, and is served on."""
-    # The answer to an unknown picture replaces an unconfirmed reply, which is then never freed, as required.
-    lies = [lie for lie in LIES if lie is not unknown_picture or not life.plan.lossy]
     with life.session() as link:
-        for lie in life.dice.choices(lies, k=life.dice.randint(1, 3)):
+        for lie in life.dice.choices(LIES, k=life.dice.randint(1, 3)):
             data, answer = lie(life.dice, life.book)
             life.counts["lies"] += 1
             # Where packets have borders, what follows the packet of a refused head is a request of its own.

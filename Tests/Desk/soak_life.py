@@ -47,7 +47,6 @@ class Gone(Exception):
 class Plan:
     kind: str = "unix"
     options: tuple = ()
-    lossy: bool = False  # confirmations are late or lost
     refusal: str = ""  # of memory: "once" or "for good"
     requests: int = 0
     kill_at: int = 0  # the request in or soon after which the camera is killed; 0 for never

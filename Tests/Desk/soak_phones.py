@@ -17,11 +17,6 @@ from soak_book import any_change, check, deleting, storing, updating
 from soak_faults import NO_FILES, displaced
 from soak_life import PATIENCE, Life, picture_answer
 
-# The library sets ten replies aside that wait for their confirmation, and gives up for good what comes on
-# top, as it has to. Where confirmations are late or lost no phone therefore gets more than eight replies:
-# when it leaves, the camera confirms what is left. That is less than ten, because a reply that is refused its
-# memory costs a place.
-REPLIES_WHEN_LOSSY = 8
 IN_TIME_WITHOUT_A_FILE = 1  # seconds that the answer may take to a request for a picture that is no file
 
 
@@ -51,7 +46,7 @@ ACTIONS = {change_something: 8, show_picture: 4, Life.ask_list: 3, arrive_or_lea
 def honest(life, link_class=Link):
     """Asks, and looks at every answer."""
     with life.session(link_class) as link:
-        for _ in range(life.dice.randint(1, REPLIES_WHEN_LOSSY - 1 if life.plan.lossy else 25)):
+        for _ in range(life.dice.randint(1, 25)):
             action = life.dice.choices(list(ACTIONS), list(ACTIONS.values()))[0]
             (action if life.book.presets else change_something)(life, link)
 
@@ -157,7 +152,7 @@ def where_files_are_no_files(life):
     with life.session() as link:
         if not life.book.presets:
             life.change(link, storing(life))
-        for name in life.dice.sample(list(NO_FILES), 1 if life.plan.lossy else life.dice.randint(1, 3)):
+        for name in life.dice.sample(list(NO_FILES), life.dice.randint(1, len(NO_FILES))):
             preset = life.dice.choice(life.book.presets)
             with displaced(os.path.join(life.store, "pictures", f"{preset.custom_id}.jpg"), NO_FILES[name]):
                 life.counts[f"pictures displaced by {name}"] += 1

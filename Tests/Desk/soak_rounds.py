@@ -19,7 +19,7 @@ from soak_liars import lying, out_of_step, senseless
 from soak_life import JUDGED, Gone, Life, Plan
 
 from soak_phones import (
-    REPLIES_WHEN_LOSSY, at_a_full_disk, crowd, honest, insisting, program, show_picture, slow, unsteady,
+    at_a_full_disk, crowd, honest, insisting, program, show_picture, slow, unsteady,
     where_files_are_no_files, with_empty_packets,
 )  # fmt: skip
 
@@ -87,15 +87,13 @@ WARM_UP = 150  # requests before the first look at memory
 
 def warm_up(life):
     """The longest request and reply, a full list, and some of everything."""
-    while len(life.book.presets) < PRESET_LIMIT:
-        with life.session() as link:
-            for _ in range(min(REPLIES_WHEN_LOSSY - 1, PRESET_LIMIT - len(life.book.presets))):
-                life.change(link, storing(life))
     with life.session() as link:
+        while len(life.book.presets) < PRESET_LIMIT:
+            life.change(link, storing(life))
         life.change(link, deleting(life))
         life.change(link, storing(life, picture(life.book.next_number(), LONGEST_PICTURE)))
         show_picture(life, link, life.book.presets[-1])
-        for _ in range(REPLIES_WHEN_LOSSY - 4):
+        for _ in range(4):
             life.change(link, deleting(life))
     while life.requests < WARM_UP:
         visit(life)
@@ -131,7 +129,7 @@ def plan_round(dice, special):
     what, _, plan_for = special.partition(" ")
     if what == "confirmations":
         late, lost = ("--confirm-delay", dice.randint(1, 30)), ("--drop-confirmations", dice.randint(1, 8))
-        plan.options, plan.lossy = mtu + dice.choice((late, lost, late + lost)), True
+        plan.options = mtu + dice.choice((late, lost, late + lost))
     elif what == "memory":
         nth = f"{dice.randint(1, 3 * plan.requests)}{'+' if plan_for == 'for good' else ''}"
         plan.options, plan.refusal = (*mtu, "--refuse-allocation", nth), plan_for
@@ -152,7 +150,7 @@ def plan_round(dice, special):
 LATE_AND_LOST = ("--confirm-delay", 5, "--drop-confirmations", 3)
 LASTING = {  # the cameras that live as long as the run
     "small/lasting-tcp": Plan("tcp", requests=sys.maxsize),
-    "small/lasting-unix": Plan("unix", LATE_AND_LOST, lossy=True, requests=sys.maxsize),
+    "small/lasting-unix": Plan("unix", LATE_AND_LOST, requests=sys.maxsize),
 }
 
 

@@ -298,8 +298,13 @@ const Spare spares[] = {
     {{"making", "presets.sqlite.new-journal", 8}, 0, 1, Spare::Reason::unnamed},
     {{"making", "presets.sqlite.new-journal", 9}, 0, 1, Spare::Reason::unnamed},
     {{"making", "presets.sqlite", 1}, 0, 1, Spare::Reason::already},
-    // SQLite flushes the folder in each transaction; the journal's name is durable since the first one.
-    {{"change", ".", 1}, 1, 13, Spare::Reason::already},
+    {{"making", "presets.sqlite-journal", 1},
+     0,
+     1,
+     Spare::Reason::already}, // its name is flushed, and it is empty
+    // SQLite flushes the folder in each transaction; the journal's name is durable since the store was
+    // opened.
+    {{"change", ".", 1}, 0, 14, Spare::Reason::already},
     {{"opening", "presets.sqlite", 1}, 0, 2, Spare::Reason::found},
     {{"opening", "presets.sqlite-journal", 1}, 0, 2, Spare::Reason::found},
     {{"opening", ".", 1}, 0, 2, Spare::Reason::found},

@@ -23,7 +23,10 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <iterator>
+#include <map>
+#include <optional>
 
 #include "PowerLoss.h"
 
@@ -470,6 +473,67 @@ TEST_F(StoreFaults, AreNotSeenWhereACallIsInterruptedOrCutShort) {
           changing("linking", linking(1, 2)), changing("unlinking", unlinking(0))}) {
         interrupt_each_call_in(task);
     }
+}
+
+// A deletion whose commit fails at some flush, in a store that cannot find out at once what became of it.
+class DoubtfulDeletion : public StoreFaults {
+  protected:
+    // Returns the store, or nothing where the deletion was answered as done.
+    std::optional<PresetStore> after_deleting_the_first(int failing_flush) {
+        Contents filled;
+        const Task task = changing("deleting", deleting({0}));
+        set_up(task);
+        PresetStore store = opened(task, filled);
+        std::ofstream(root / place / "presets.sqlite-shm")
+            << "no store has this, and none is opened beside it";
+        system_calls::plan({Kind::fdatasync, failing_flush, EIO});
+        const int result = store.remove(std::array{1, 0, 0, 0});
+        system_calls::forget_fault();
+        fs::remove(root / place / "presets.sqlite-shm");
+        return result == SM_RETURN_TRUE ? std::nullopt : std::optional(std::move(store));
+    }
+
+    static std::map<int, std::string> titles_by_id(const PresetStore& store) {
+        std::map<int, std::string> titles;
+        for (const tag_custom_info& preset : store.presets()) {
+            titles[preset.custom_id] = preset.title;
+        }
+        return titles;
+    }
+
+    static constexpr int last_flush = 6;
+};
+
+TEST_F(DoubtfulDeletion, LeavesAnUpdateWithItsPreset) {
+    int doubts = 0;
+    for (int flush = 1; flush <= last_flush; ++flush) {
+        if (std::optional<PresetStore> store = after_deleting_the_first(flush)) {
+            ++doubts;
+            EXPECT_EQ(store->update(3, 7, "renamed"), SM_RETURN_TRUE) << store->last_error();
+            std::map<int, std::string> expected = {{2, "second"}, {3, "renamed"}, {4, "fourth"}};
+            if (store->find(1)) {
+                expected[1] = "first";
+            }
+            EXPECT_EQ(titles_by_id(*store), expected);
+        }
+    }
+    EXPECT_GT(doubts, 0);
+}
+
+TEST_F(DoubtfulDeletion, LeavesNoNumbersOfTheListBeforeToDeleteBy) {
+    int refusals = 0;
+    for (int flush = 1; flush <= last_flush; ++flush) {
+        if (std::optional<PresetStore> store = after_deleting_the_first(flush)) {
+            const int result = store->remove(std::array{0, 1, 0, 0}); // the second, in the list as it was
+            const bool was_deleted = !store->find(1);
+            EXPECT_EQ(result, was_deleted ? SM_RETURN_FAIL : SM_RETURN_TRUE);
+            EXPECT_EQ(store->find(2).has_value(), was_deleted);
+            EXPECT_TRUE(store->find(3) && store->find(4));
+            refusals += was_deleted ? 1 : 0;
+            EXPECT_EQ(store->remove(std::array{0, 0}), SM_RETURN_TRUE) << "a second look at the list";
+        }
+    }
+    EXPECT_GT(refusals, 0);
 }
 
 } // namespace

@@ -78,7 +78,7 @@ NO_FILES = {  # what lies in a picture's place
     "a pipe": os.mkfifo,
     "a link": put_link,
     "a file of 2 GB": functools.partial(put_sparse_file, size=2 << 30),
-    "a file of 600 MB": functools.partial(put_sparse_file, size=600 << 20),
+    "a file of 20 MB": functools.partial(put_sparse_file, size=20 << 20),
 }
 
 

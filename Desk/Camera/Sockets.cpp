@@ -15,8 +15,8 @@
 #include <unistd.h>
 #include <utility>
 
-#include "Wire/Bluetooth.h"
 #include "Common/Descriptor.h"
+#include "Wire/Bluetooth.h"
 
 namespace desk {
 namespace {

@@ -378,7 +378,7 @@ TEST(PresetJsonFaults, AreAllCollectedInTheOrderOfTheirLines) {
 }
 
 TEST(PresetJsonFaults, AreToldUpToAHundredAndCountedBeyond) {
-    for (const size_t number : {100, 101, 5000}) {
+    for (const size_t number : {size_t{100}, size_t{101}, size_t{5000}}) {
         const std::string text = changed([&](ordered_json& preset) {
             preset["title"] = 1;
             for (size_t k = 1; k < number; ++k)

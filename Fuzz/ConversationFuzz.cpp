@@ -56,7 +56,7 @@ Bytes operator+(Bytes left, const Bytes& right) {
     return left;
 }
 
-// ---- Pictures that a preset's path leads to ---------------------------------------------------------------
+// ---- Pictures that a preset's path leads to -------------------------------------------------------------------------
 
 int picture_file = -1; // in memory, reached through /proc
 Bytes picture_content;
@@ -102,7 +102,7 @@ Bytes sent_part(const Bytes& picture) {
     return picture;
 }
 
-// ---- The model --------------------------------------------------------------------------------------------
+// ---- The model ------------------------------------------------------------------------------------------------------
 
 // A reply that the library keeps for the Bluetooth service.
 struct Reply {
@@ -511,12 +511,8 @@ void Model::confirm() {
     check_replies();
 }
 
-// As the library's header shows it.
 void Model::drop_link() {
-    free(shotmentor_p_ReceiveData);
-    shotmentor_p_ReceiveData = nullptr;
-    sm_BT_total_length = -1;
-    sm_BT_combine_length = 0;
+    ADE_ShotMentor_Return_To_Idle();
     go_idle();
     check_reassembly();
     check_replies();
@@ -577,7 +573,7 @@ void Model::give_back() {
     fuzz::start_over();
 }
 
-// ---- One run ----------------------------------------------------------------------------------------------
+// ---- One run --------------------------------------------------------------------------------------------------------
 
 class Conversation {
   public:

@@ -1,19 +1,18 @@
 /*
- * The log facility: six levels, used like printf. Each line goes to __dlog_print in the level's terminal
- * colour, with the file, function and line of its call site in front; an error goes to standard error as
- * well.
+ * The log facility: six levels, used like printf. Each line goes to __dlog_print in the level's terminal colour, with
+ * the file, function and line of its call site in front; an error goes to standard error as well.
  *
  *     #define ALG_LOG_TAG "ALG_SMM"
  *     #include "ADE_ShotMentor_Log.h"
  *     ALG_LOG_ERROR("length=%d\n", length);
  *
- * A message may end in one newline, which is taken off: every finished line ends in "\033[m\n". A message
- * longer than 245 characters (ALG_LOG_PLAIN: 247) is cut. Nothing is allocated and nothing is shared, so a
- * level may be used on every path and from any thread.
+ * A message may end in one newline, which is taken off: every finished line ends in "\033[m\n". A message longer than
+ * 245 characters (ALG_LOG_PLAIN: 247) is cut. Nothing is allocated and nothing is shared, so a level may be used on
+ * every path and from any thread.
  *
  * Two words in a tag change the line, and are looked for at compile time where the tag is a constant:
- *   "BTLOG"  every level but ALG_LOG_ERROR hands the caller's format and arguments to __dlog_print as they
- * are either "BTLOG" or "PERF"  a line that is formatted carries no call site
+ *   "BTLOG"            every level but ALG_LOG_ERROR hands the caller's format and arguments to __dlog_print unchanged
+ *   "BTLOG" or "PERF"  a line that is formatted carries no call site
  */
 #ifndef ADE_SHOTMENTOR_LOG_H
 #define ADE_SHOTMENTOR_LOG_H
@@ -59,10 +58,9 @@ ALG_LOG_INLINE const char* alg_log_color(alg_log_level level) {
     return colors[level];
 }
 
-/* Builds the line in `text` (ALG_LOG_LINE_SIZE bytes) from the level's colour, the message and the colour
- * reset. */
-__attribute__((format(printf, 3, 0))) ALG_LOG_INLINE void
-alg_log_compose(char* text, alg_log_level level, const char* format, va_list arguments) {
+/* Builds the line in `text` (ALG_LOG_LINE_SIZE bytes) from the level's colour, the message and the colour reset. */
+__attribute__((format(printf, 3, 0))) ALG_LOG_INLINE void alg_log_compose(char* text, alg_log_level level,
+                                                                          const char* format, va_list arguments) {
     const char* const color = alg_log_color(level);
     const size_t prefix = strlen(color);
     memset(text, 0, ALG_LOG_LINE_SIZE);
@@ -77,9 +75,8 @@ alg_log_compose(char* text, alg_log_level level, const char* format, va_list arg
 
 /* Logs one formatted line, with its call site (`file` is a base name) or, where `file` is null, without. */
 __attribute__((format(printf, 6, 7))) ALG_LOG_INLINE void alg_log_write(alg_log_level level, const char* tag,
-                                                                        const char* file,
-                                                                        const char* function, int line,
-                                                                        const char* format, ...) {
+                                                                        const char* file, const char* function,
+                                                                        int line, const char* format, ...) {
     char text[ALG_LOG_LINE_SIZE];
     const int priority = level == ALG_LOG_LEVEL_ERROR ? ALG_LOG_PRIORITY_ERROR : ALG_LOG_PRIORITY;
     va_list arguments;
@@ -99,18 +96,17 @@ __attribute__((format(printf, 6, 7))) ALG_LOG_INLINE void alg_log_write(alg_log_
 /* The compiler evaluates these for a constant string. */
 #define ALG_LOG_CONTAINS(tag, word) (__builtin_strstr((tag), (word)) != NULL)
 #define ALG_LOG_HAS_SITE(tag) (!ALG_LOG_CONTAINS((tag), "BTLOG") && !ALG_LOG_CONTAINS((tag), "PERF"))
-#define ALG_LOG_FILE                                                                                         \
-    (__builtin_strrchr(__FILE__, '/') != NULL ? __builtin_strrchr(__FILE__, '/') + 1 : __FILE__)
+#define ALG_LOG_FILE (__builtin_strrchr(__FILE__, '/') != NULL ? __builtin_strrchr(__FILE__, '/') + 1 : __FILE__)
 
 /* A line of any level and any tag; the named levels below are this with their level and the unit's tag. */
-#define ALG_LOG(level, tag, ...)                                                                             \
-    do {                                                                                                     \
-        if ((level) != ALG_LOG_LEVEL_ERROR && ALG_LOG_CONTAINS((tag), "BTLOG")) {                            \
-            __dlog_print(ALG_LOG_BUFFER, ALG_LOG_PRIORITY, (tag), __VA_ARGS__);                              \
-        } else {                                                                                             \
-            alg_log_write((level), (tag), ALG_LOG_HAS_SITE((tag)) ? ALG_LOG_FILE : NULL, __func__, __LINE__, \
-                          __VA_ARGS__);                                                                      \
-        }                                                                                                    \
+#define ALG_LOG(level, tag, ...)                                                                                       \
+    do {                                                                                                               \
+        if ((level) != ALG_LOG_LEVEL_ERROR && ALG_LOG_CONTAINS((tag), "BTLOG")) {                                      \
+            __dlog_print(ALG_LOG_BUFFER, ALG_LOG_PRIORITY, (tag), __VA_ARGS__);                                        \
+        } else {                                                                                                       \
+            alg_log_write((level), (tag), ALG_LOG_HAS_SITE((tag)) ? ALG_LOG_FILE : NULL, __func__, __LINE__,           \
+                          __VA_ARGS__);                                                                                \
+        }                                                                                                              \
     } while (0)
 
 #define ALG_LOG_PLAIN(...) ALG_LOG(ALG_LOG_LEVEL_PLAIN, ALG_LOG_TAG, __VA_ARGS__)

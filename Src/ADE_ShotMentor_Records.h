@@ -197,7 +197,7 @@ enum {
     SM_MADE_FAMILY_KT = 0x040,    /* any other family: the preset was made elsewhere */
     SM_MADE_MAKER = 0xF00,        /* maker of the preset */
     SM_MADE_MAKER_KORVEL = 0x100, /* the camera's own maker */
-    SM_MADE_LESS_KIND = 0xFFF0 /* what a korvel preset with a smart filter keeps; clears bits 16 to 31 too */
+    SM_MADE_LESS_KIND = 0xFFF0    /* what a korvel preset with a smart filter keeps; clears bits 16 to 31 too */
 };
 
 enum { SM_WHITE_BALANCE_KELVIN = 10 };

@@ -106,7 +106,7 @@ Transcript listed(const std::vector<int>& ids, int link1 = nothing, int link2 = 
                     "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: " + std::to_string(link2)}});
 }
 
-// ---- Which entries are acted on ---------------------------------------------------------------------------
+// ---- Which entries are acted on -------------------------------------------------------------------------------------
 
 TEST(Delete, IsOneConversationFromThePacketToTheSend) {
     FakeHost host;
@@ -299,7 +299,7 @@ TEST(Delete, OfFortyPresetsMarksThemAll) {
     EXPECT_TRUE(host.presets.empty());
 }
 
-// ---- Lengths that no request has --------------------------------------------------------------------------
+// ---- Lengths that no request has ------------------------------------------------------------------------------------
 
 TEST(Delete, CalledWithANegativeLengthIsRefusedUnread) {
     const struct {
@@ -351,7 +351,7 @@ TEST(Delete, OfTheLongestRequestReadsAll74999Entries) {
     EXPECT_EQ(host.presets.size(), 1u);
 }
 
-// ---- Presets that a custom mode keeps ---------------------------------------------------------------------
+// ---- Presets that a custom mode keeps -------------------------------------------------------------------------------
 
 TEST(Delete, KeepsThePresetOfCustom1AndDeletesTheOthers) {
     FakeHost host;
@@ -501,7 +501,7 @@ TEST(Delete, ReportsAStoredPresetWithIdentityMinus1AsKeptForBothCustomModes) {
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, kept));
 }
 
-// ---- What the UI service may answer -----------------------------------------------------------------------
+// ---- What the UI service may answer ---------------------------------------------------------------------------------
 
 TEST(Delete, ReportsAnImpossibleLinkAndStillDeletes) {
     for (const int link : {41, INT_MAX, -2, INT_MIN}) {
@@ -668,7 +668,7 @@ TEST(Delete, SendsZerosForAPresetThatTheServiceCountedButDidNotWrite) {
     EXPECT_EQ(host.replies[0].bytes, head(1508, 1, 2) + phone_record(preset(101, 0)) + zeros(744));
 }
 
-// ---- The reply --------------------------------------------------------------------------------------------
+// ---- The reply ------------------------------------------------------------------------------------------------------
 
 TEST(Delete, PlacesTheWordsAboutKeptPresetsFarBehindTheReplyWhileTheyFitTheBuffer) {
     for (const int presets : {1, 2, 9, 10, 11, 12, 40}) {

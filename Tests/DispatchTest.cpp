@@ -41,7 +41,7 @@ int dispatch(FakeHost& host, Bytes request_bytes, int length) {
     return host.call([&] { return ADE_ShotMentor_Receive_Function(request_bytes.data(), length); });
 }
 
-// ---- The numbers that are served --------------------------------------------------------------------------
+// ---- The numbers that are served ------------------------------------------------------------------------------------
 
 TEST(Dispatch, SetsTheLinkStateOffAndHandsThePayloadOfFunction0ToTheCommand) {
     FakeHost host;
@@ -181,7 +181,7 @@ TEST(Dispatch, TouchesTheLinkStateForNoOtherNumber) {
     }
 }
 
-// ---- The numbers that nobody serves -----------------------------------------------------------------------
+// ---- The numbers that nobody serves ---------------------------------------------------------------------------------
 
 TEST(Dispatch, RefusesANumberThatNoCommandServes) {
     for (const int function : {6, 7, 128, 200, 254, 256}) {
@@ -226,7 +226,7 @@ TEST(Dispatch, RefusesNegativeAndLargeNumbersWhenCalledDirectly) {
     }
 }
 
-// ---- Called directly --------------------------------------------------------------------------------------
+// ---- Called directly ------------------------------------------------------------------------------------------------
 
 TEST(Dispatch, ShowsTheLengthThatItWasHandedNotTheOneInTheHeader) {
     FakeHost host;
@@ -277,7 +277,7 @@ TEST(Dispatch, LeavesTheRequestsBufferToItsCaller) {
     }
 }
 
-// ---- The two vocabularies ---------------------------------------------------------------------------------
+// ---- The two vocabularies -------------------------------------------------------------------------------------------
 
 TEST(Vocabulary, NumbersTheFunctionsAsThePhoneDoes) {
     EXPECT_EQ(SM_FUNCTION_STATE_OFF, 0);

@@ -19,7 +19,7 @@
 
 namespace {
 
-// ---- The conversations ------------------------------------------------------------------------------------
+// ---- The conversations ----------------------------------------------------------------------------------------------
 
 const Bytes confirmation; // in the place of a request: the host confirms one send
 
@@ -122,7 +122,7 @@ std::vector<Conversation> conversations() {
     return all;
 }
 
-// ---- The promises -----------------------------------------------------------------------------------------
+// ---- The promises ---------------------------------------------------------------------------------------------------
 
 // A service or the allocator that fails at one step of a conversation.
 struct Fault {
@@ -256,8 +256,7 @@ class Encounter {
             EXPECT_EQ(shotmentor_p_ReceiveData, nullptr);
             EXPECT_EQ(result, -1);
             EXPECT_TRUE(host_.replies.empty());
-            sm_BT_total_length = -1;
-            sm_BT_combine_length = 0;
+            ADE_ShotMentor_Return_To_Idle();
         } else {
             EXPECT_TRUE(possible_results(function).contains(result)) << result;
             expect_sound_replies(function, result);
@@ -319,7 +318,7 @@ class Encounter {
     FakeHost host_;
 };
 
-// ---- The faults -------------------------------------------------------------------------------------------
+// ---- The faults -----------------------------------------------------------------------------------------------------
 
 // How often each service is asked in one step when nothing fails, and what it truthfully answers.
 struct StepRecord {
@@ -480,7 +479,7 @@ std::string test_name(const testing::TestParamInfo<Conversation>& info) {
 
 INSTANTIATE_TEST_SUITE_P(In, FailureLoop, testing::ValuesIn(conversations()), test_name);
 
-// ---- Three packets ----------------------------------------------------------------------------------------
+// ---- Three packets --------------------------------------------------------------------------------------------------
 
 struct Answer {
     int result;

@@ -153,7 +153,7 @@ void delete_presets(const int* flags) {
     }
 }
 
-// ---- Transcripts on file ---------------------------------------------------------------------------------
+// ---- Transcripts on file --------------------------------------------------------------------------------------------
 
 // Stands for a reply's bytes, which would fill hundreds of megabytes (FNV-1a, 64 bits).
 uint64_t digest(const Bytes& bytes) {
@@ -206,7 +206,7 @@ void keep_transcript(const FakeHost& host) {
 
 } // namespace
 
-// ---- The services that the library imports ----------------------------------------------------------------
+// ---- The services that the library imports --------------------------------------------------------------------------
 
 int __dlog_print(int buffer, int priority, const char* tag, const char* format, ...) {
     LogLine line = {buffer, priority, tag, format, "", "", 0, ""};
@@ -313,7 +313,7 @@ int User_Spec_Get_Value(int key) {
     return current->iso_step_value;
 }
 
-// ---- The host ---------------------------------------------------------------------------------------------
+// ---- The host -------------------------------------------------------------------------------------------------------
 
 FakeHost::FakeHost() {
     EXPECT_EQ(current, nullptr) << "only one host exists at a time";
@@ -376,10 +376,7 @@ int FakeHost::call(const std::function<int()>& function) {
 }
 
 void FakeHost::settle() {
-    std::free(shotmentor_p_ReceiveData);
-    shotmentor_p_ReceiveData = nullptr;
-    sm_BT_total_length = -1;
-    sm_BT_combine_length = 0;
+    ADE_ShotMentor_Return_To_Idle();
     for (int index = 0; index < shotmentor_p_Full_Q_NUM; ++index) {
         std::free(shotmentor_p_Full_Q[index]);
     }

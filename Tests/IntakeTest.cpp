@@ -17,7 +17,7 @@
 
 namespace {
 
-// ---- Helpers ----------------------------------------------------------------------------------------------
+// ---- Helpers --------------------------------------------------------------------------------------------------------
 
 const std::string append_error = "ERROR ALG_SMM ERR ADE_ShotMentor_Combine_BTData ";
 const std::string request_freed = "PLAIN ALG_SMM free Receive add=#1";
@@ -113,7 +113,7 @@ class DirtyHeap {
     }
 };
 
-// ---- Requests that complete -------------------------------------------------------------------------------
+// ---- Requests that complete -----------------------------------------------------------------------------------------
 
 // The state as the library is loaded, taken before the first host of the tests touches it.
 const int32_t total_at_load = sm_BT_total_length;
@@ -283,7 +283,7 @@ TEST(Intake, BelievesATotalBelowTheHeadersOwnLength) {
     }
 }
 
-// ---- First packets that are shorter than the header -------------------------------------------------------
+// ---- First packets that are shorter than the header -----------------------------------------------------------------
 
 TEST(Intake, ReadsBothHeaderWordsFromAFirstPacketOfAnyLength) {
     for (int length = 1; length < 8; ++length) {
@@ -319,7 +319,7 @@ TEST(Intake, RunsWhatArrivedNotWhatLayBehindTheFirstPacket) {
     expect_idle();
 }
 
-// ---- Packets that are refused -----------------------------------------------------------------------------
+// ---- Packets that are refused ---------------------------------------------------------------------------------------
 
 TEST(Intake, RefusesAPacketWithoutALengthWhileIdle) {
     for (const int length : {0, -1, -8, INT_MIN}) {
@@ -393,7 +393,7 @@ TEST(Intake, AcceptsAFirstPacketWithAFunctionNumberThatNobodyServesUpTo256) {
     }
 }
 
-// ---- Requests that never complete -------------------------------------------------------------------------
+// ---- Requests that never complete -----------------------------------------------------------------------------------
 
 TEST(Intake, NeverCompletesARequestWhoseFirstPacketOvershootsItsTotal) {
     for (const int total : {0, 1, 4, 7}) {
@@ -426,7 +426,7 @@ TEST(Intake, NeverReadsAFunctionNumberInTheMiddleOfARequest) {
     expect_idle();
 }
 
-// ---- Announced totals that are refused --------------------------------------------------------------------
+// ---- Announced totals that are refused ------------------------------------------------------------------------------
 
 TEST(Intake, RefusesANegativeTotalAtOnceWithoutAllocating) {
     for (const int total : {-1, -2, -8, -600000, INT_MIN}) {
@@ -522,7 +522,7 @@ TEST(Intake, RefusesATotalOfTheLargestIntAtItsEnd) {
     expect_next_request_runs(host);
 }
 
-// ---- Packets that do not fit ------------------------------------------------------------------------------
+// ---- Packets that do not fit ----------------------------------------------------------------------------------------
 
 TEST(Intake, StoresWhatFitsOfAPacketAndCountsAllOfIt) {
     for (const int total : {600000, 600001, 700000, INT_MAX}) {
@@ -592,7 +592,7 @@ TEST(Intake, CountsAPacketThatCarriesTheSumToTheLargestInt) {
     expect_in_reassembly(4, INT_MAX);
 }
 
-// ---- A buffer that the allocator refuses ------------------------------------------------------------------
+// ---- A buffer that the allocator refuses ----------------------------------------------------------------------------
 
 TEST(Intake, AppendsNothingToABufferThatWasRefused) {
     for (const int total : {1, 8, 12, 600000, 600001, INT_MAX}) {
@@ -630,7 +630,7 @@ TEST(Intake, DoesNotRunARequestOfTotal0WhoseBufferWasRefused) {
     expect_next_request_runs(host);
 }
 
-// ---- Bytes that no packet wrote ---------------------------------------------------------------------------
+// ---- Bytes that no packet wrote -------------------------------------------------------------------------------------
 
 TEST(Intake, ClearsTheBuffersFirst760Bytes) {
     const DirtyHeap dirty;
@@ -678,7 +678,7 @@ TEST(Intake, ReadsTheMissingCodeOfALeavingPhoneAsZero) {
     EXPECT_EQ(host.transcript.at(6), "CYAN ALG_SMM ADE_SM_Off() length=0, return_BT=0");
 }
 
-// ---- The append step, called directly ---------------------------------------------------------------------
+// ---- The append step, called directly -------------------------------------------------------------------------------
 
 int combine(FakeHost& host, const Bytes& packet, int length) {
     return host.call([&] { return ADE_ShotMentor_Combine_BTData(packet.data(), length); });
@@ -756,20 +756,13 @@ TEST(Combine, ReturnsMinus1ForAPacketThatWouldCarryTheSumPastTheLargestInt) {
     expect_in_reassembly(700000, INT_MAX);
 }
 
-// ---- Recovery by the host ---------------------------------------------------------------------------------
-
-void return_to_idle() {
-    std::free(shotmentor_p_ReceiveData);
-    shotmentor_p_ReceiveData = nullptr;
-    sm_BT_total_length = -1;
-    sm_BT_combine_length = 0;
-}
+// ---- Recovery by the host -------------------------------------------------------------------------------------------
 
 TEST(HostRecovery, EndsARequestThatBrokeOff) {
     FakeHost host;
     host.receive(slice(request(3, pattern(2000)), 0, 500));
     expect_in_reassembly(2008, 500);
-    return_to_idle();
+    ADE_ShotMentor_Return_To_Idle();
     EXPECT_EQ(host.blocks_owned(), 0u);
     expect_next_request_runs(host);
 }
@@ -778,7 +771,7 @@ TEST(HostRecovery, EndsARequestThatOvershot) {
     FakeHost host;
     host.receive(words({1, 4}));
     expect_in_reassembly(4, 8);
-    return_to_idle();
+    ADE_ShotMentor_Return_To_Idle();
     expect_next_request_runs(host);
 }
 
@@ -787,7 +780,7 @@ TEST(HostRecovery, EndsARequestWhoseBufferWasRefused) {
     host.refuse_allocation(1);
     host.receive(words({1, 8}));
     EXPECT_EQ(sm_BT_total_length, 8);
-    return_to_idle();
+    ADE_ShotMentor_Return_To_Idle();
     expect_next_request_runs(host);
 }
 

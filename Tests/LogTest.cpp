@@ -52,7 +52,7 @@ void expect_no_call_site(const LogLine& line) {
     EXPECT_EQ(line.line, 0);
 }
 
-// ---- One line ---------------------------------------------------------------------------------------------
+// ---- One line -------------------------------------------------------------------------------------------------------
 
 TEST(Log, GivesEachLevelItsColorAndPriorityInLogBuffer3) {
     for (const Level& level : levels) {
@@ -122,7 +122,7 @@ TEST(Log, IsOneStatementInAnIfWithoutBraces) {
     EXPECT_EQ(host.transcript, (Transcript{"PLAIN ALG_SMM first", "PLAIN ALG_SMM second"}));
 }
 
-// ---- Newlines and length ----------------------------------------------------------------------------------
+// ---- Newlines and length --------------------------------------------------------------------------------------------
 
 TEST(Log, TakesExactlyOneNewlineOffTheEndOfAMessage) {
     struct Case {
@@ -198,7 +198,7 @@ TEST(Log, LooksForTheNewlineAfterTheCut) {
     }
 }
 
-// ---- Standard error ---------------------------------------------------------------------------------------
+// ---- Standard error -------------------------------------------------------------------------------------------------
 
 TEST(Log, CopiesErrorsAndNothingElseToStandardError) {
     for (const Level& level : levels) {
@@ -233,7 +233,7 @@ TEST(Log, CopiesTheVeryTextOfTheSystemLogBehindTheTagInTenColumns) {
     }
 }
 
-// ---- Tags -------------------------------------------------------------------------------------------------
+// ---- Tags -----------------------------------------------------------------------------------------------------------
 
 TEST(Log, LeavesTheCallSiteOutUnderATagWithPERF) {
     for (const char* tag : {"PERF", "MYPERF", "PERF_ALG", "X_PERF_Y"}) {
@@ -337,7 +337,7 @@ TEST(Log, LooksForTheWordsInAConstantTagAsInOneMadeAtRunTime) {
     EXPECT_EQ(host.lines[3].file, "LogTest.cpp");
 }
 
-// ---- The library's own lines ------------------------------------------------------------------------------
+// ---- The library's own lines ----------------------------------------------------------------------------------------
 
 // The level whose color a line starts with. Two levels share red; their priority tells them apart.
 const Level* level_of(const LogLine& line) {

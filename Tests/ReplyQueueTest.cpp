@@ -14,7 +14,7 @@
 
 namespace {
 
-// ---- Helpers ----------------------------------------------------------------------------------------------
+// ---- Helpers --------------------------------------------------------------------------------------------------------
 
 const std::string confirmation_line = "GREEN ALG_SMM ADE_ShotMentor_Result_Manager result";
 const std::string nothing_to_confirm = "ERROR ALG_SMM ERR ADE_ShotMentor_Result_Manager NULL pointer ";
@@ -95,7 +95,7 @@ void free_lost(const FakeHost& host, size_t index) {
     std::free(host.replies.at(index).message.data);
 }
 
-// ---- At the start -----------------------------------------------------------------------------------------
+// ---- At the start ---------------------------------------------------------------------------------------------------
 
 // The state as the library is loaded, taken before the first host of the tests touches it.
 const unsigned char* const current_at_load = shotmentor_p_FullData;
@@ -117,7 +117,7 @@ TEST(ReplyQueue, HasNothingToConfirmAtTheStart) {
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
 }
 
-// ---- One reply --------------------------------------------------------------------------------------------
+// ---- One reply ------------------------------------------------------------------------------------------------------
 
 TEST(ReplyQueue, KeepsAReplyUntilItIsConfirmed) {
     FakeHost host;
@@ -180,7 +180,7 @@ TEST(ReplyQueue, StartsEveryReplyWithTheRequestsNumberPlus0x1000AndItsLength) {
     }
 }
 
-// ---- The send record --------------------------------------------------------------------------------------
+// ---- The send record ------------------------------------------------------------------------------------------------
 
 TEST(SendRecord, Has100BytesWherePointersHave4) {
     EXPECT_EQ(sizeof(bt_msg_info), 96 + sizeof(void*));
@@ -223,7 +223,7 @@ TEST(SendRecord, IsRewrittenByTheNextSendWhileTheFirstReplyStaysUntouched) {
     EXPECT_EQ(Bytes(first, first + 30000), host.replies[0].buffer);
 }
 
-// ---- Late confirmations -----------------------------------------------------------------------------------
+// ---- Late confirmations ---------------------------------------------------------------------------------------------
 
 TEST(ReplyQueue, FreesTwoRepliesInTheOrderInWhichTheyWereSent) {
     FakeHost host;
@@ -308,7 +308,7 @@ TEST(ReplyQueue, HoldsTenRepliesBesideTheCurrentOne) {
     EXPECT_EQ(host.freed, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
 }
 
-// ---- The queue overflows ----------------------------------------------------------------------------------
+// ---- The queue overflows --------------------------------------------------------------------------------------------
 
 TEST(ReplyQueue, LosesTheTenthOfTwelveUnconfirmedReplies) {
     FakeHost host;
@@ -379,7 +379,7 @@ TEST(ReplyQueue, TellsByItsCountAloneWhatItHolds) {
     EXPECT_EQ(host.blocks_owned(), 0u);
 }
 
-// ---- No current reply, but a queue ------------------------------------------------------------------------
+// ---- No current reply, but a queue ----------------------------------------------------------------------------------
 
 // Two replies in the queue and none current: what a third reply leaves for which there was no memory.
 void queue_two_without_a_current_reply(FakeHost& host) {

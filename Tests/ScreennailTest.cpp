@@ -175,7 +175,7 @@ TEST_F(Screennail, IsOneConversationFromThePacketToTheSend) {
     EXPECT_EQ(host.replies[0].bytes, picture_reply(7, mark + pattern(96)));
 }
 
-// ---- Where the picture is cut -----------------------------------------------------------------------------
+// ---- Where the picture is cut ---------------------------------------------------------------------------------------
 
 TEST_F(Screennail, WithUpToTwoStreamsIsSentWhole) {
     expect_sent(pattern(1000), 1000);
@@ -236,7 +236,7 @@ TEST_F(Screennail, OfAnEmptyFileIsTheHeadAlone) {
     EXPECT_EQ(host.replies[0].bytes, words({0x1002, 12, 7}));
 }
 
-// ---- Files that cannot be read ----------------------------------------------------------------------------
+// ---- Files that cannot be read --------------------------------------------------------------------------------------
 
 TEST_F(Screennail, OfAMissingFileIsTheHeadAlone) {
     expect_empty(directory + "/missing.jpg", 0, true);
@@ -358,7 +358,7 @@ TEST_F(Screennail, LeavesNoFileOpenWhenItsReplyIsRefused) {
     EXPECT_EQ(host.transcript.back(), "ERROR ALG_SMM malloc ERR size=150");
 }
 
-// ---- What the service is asked and answers ----------------------------------------------------------------
+// ---- What the service is asked and answers --------------------------------------------------------------------------
 
 TEST_F(Screennail, CarriesTheIdentityThatTheServiceWrote) {
     store_picture(pattern(10));
@@ -432,7 +432,7 @@ TEST_F(Screennail, RequestWithoutThePhonesIdentityReadsItAs0) {
     EXPECT_EQ(host.calls()[0], "__ui_get_preset_info(7, 0)");
 }
 
-// ---- Replies that are still unconfirmed -------------------------------------------------------------------
+// ---- Replies that are still unconfirmed -----------------------------------------------------------------------------
 
 TEST_F(Screennail, ParksAReplyThatIsStillUnconfirmed) {
     store_picture(pattern(10));

@@ -100,7 +100,7 @@ TEST(StateOff, RecordsTheLinkStateAsOffEvenForACodeThatItRefuses) {
     EXPECT_EQ(host.calls(), (Transcript{"__ui_set_shotmentor_state(0)"}));
 }
 
-// ---- Called directly --------------------------------------------------------------------------------------
+// ---- Called directly ------------------------------------------------------------------------------------------------
 
 TEST(StateOff, ComparesTheLengthAsASignedNumberWhenCalledDirectly) {
     struct Case {

@@ -19,7 +19,7 @@
 
 namespace {
 
-// ---- The rules, another way -------------------------------------------------------------------------------
+// ---- The rules, another way -----------------------------------------------------------------------------------------
 
 // The first position of each entry of a table.
 template<size_t Size>
@@ -152,7 +152,7 @@ int32_t camera_colour(int32_t phone) {
     return static_cast<int32_t>(std::clamp(scaled, 0.0, 200.0));
 }
 
-// ---- Single values ----------------------------------------------------------------------------------------
+// ---- Single values --------------------------------------------------------------------------------------------------
 
 using Conversion = int (*)(int);
 
@@ -258,7 +258,7 @@ TEST_F(Sweep, EveryCompensationTowardsTheCamera) {
     expect_everywhere(ADE_PRO_Convert2SysCustomEV, camera_compensation);
 }
 
-// ---- Origins ----------------------------------------------------------------------------------------------
+// ---- Origins --------------------------------------------------------------------------------------------------------
 
 // The fields that a preset's origin decides on.
 struct Origin {
@@ -312,7 +312,7 @@ TEST_F(Sweep, EveryOriginInEveryColourStyleWithAndWithoutASmartFilter) {
     }
 }
 
-// ---- Identities -------------------------------------------------------------------------------------------
+// ---- Identities -----------------------------------------------------------------------------------------------------
 
 // A picture's error reply takes the place of the one before, so each is confirmed.
 TEST_F(Sweep, EveryIdentityFromMinus50To50IsLookedUpForAPictureFrom1On) {
@@ -328,7 +328,7 @@ TEST_F(Sweep, EveryIdentityFromMinus50To50IsLookedUpForAPictureFrom1On) {
     }
 }
 
-// ---- Colours ----------------------------------------------------------------------------------------------
+// ---- Colours --------------------------------------------------------------------------------------------------------
 
 constexpr size_t colour_words_offset = 160;
 constexpr size_t colour_words = 39;

@@ -31,8 +31,8 @@ constexpr int find(const int32_t (&table)[count], int value) {
     return find_in_range(table, value, 0, static_cast<int>(count) - 1);
 }
 
-// Returns the position of the value nearest to `value` among the positions that `usable` admits, the lower
-// one of two equally near. The table rises, and position 0 is admitted.
+// Returns the position of the value nearest to `value` among the positions that `usable` admits, the lower one of two
+// equally near. The table rises, and position 0 is admitted.
 template<size_t count, class Usable>
 constexpr int find_nearest(const int32_t (&table)[count], int value, Usable usable) {
     int nearest = 0;

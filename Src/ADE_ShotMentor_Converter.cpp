@@ -1,5 +1,5 @@
-// Conversion of presets between the camera's record and the phone's. Both directions copy the common 740
-// bytes and then rewrite the words that the two sides encode differently.
+// Conversion of presets between the camera's record and the phone's. Both directions copy the common 740 bytes and then
+// rewrite the words that the two sides encode differently.
 
 #define ALG_LOG_TAG "ALG_SM"
 #define MANAGER_LOG_TAG "ALG_SMM" // for the line in which a copy names the records that the manager exchanges
@@ -69,7 +69,7 @@ void scale_colors(const sm_color (&from)[SM_COLOR_TRIPLES], sm_color (&to)[SM_CO
     }
 }
 
-// ---- The trace that ends each conversion ------------------------------------------------------------------
+// ---- The trace that ends each conversion ----------------------------------------------------------------------------
 
 // What one line shows of a field: `source` is the record converted from, `result` the record converted to.
 enum TraceForm : uint8_t {
@@ -82,28 +82,24 @@ enum TraceForm : uint8_t {
     kTraceForms
 };
 
+enum Direction { kToPhone, kToCamera, kDirections };
+
 struct TraceFormat {
     char format[24]; // takes the field's label, the first value and the second
     bool result_first;
 };
 
-constexpr TraceFormat kToPhoneFormats[kTraceForms] = {
-    /* kBoth */ {"%s :(%d)\t =>(%d)\n", false},
-    /* kStepCode */ {"%s :(0x%x)\t =>(%d)\n", false},
-    /* kColor */ {"%s :(%d)\t =>(%d)\n", false},
-    /* kSource */ {"%s:(%d)\n", false},
-    /* kResult */ {"%s :(%d)\n", true},
-    /* kCameraOnly */ {"%s :(%d)\t =>(-)\n", false},
+// clang-format off
+constexpr TraceFormat kTraceFormats[kTraceForms][kDirections] = {
+    //                 to the phone                           to the camera
+    /* kBoth */       {{"%s :(%d)\t =>(%d)\n", false},        {"%s :(%d)\t =>(%d)\n", false}},
+    /* kStepCode */   {{"%s :(0x%x)\t =>(%d)\n", false},      {"%s :(%d)\t =>(0x%x)\n", false}},
+    /* kColor */      {{"%s :(%d)\t =>(%d)\n", false},        {"%s :(%d)\t => (%d)\n", false}},
+    /* kSource */     {{"%s:(%d)\n", false},                  {"%s:(%d)\n", false}},
+    /* kResult */     {{"%s :(%d)\n", true},                  {"%s :(%d)\n", true}},
+    /* kCameraOnly */ {{"%s :(%d)\t =>(-)\n", false},         {"%s :(-)\t =>(%d)\n", true}},
 };
-
-constexpr TraceFormat kToCameraFormats[kTraceForms] = {
-    /* kBoth */ {"%s :(%d)\t =>(%d)\n", false},
-    /* kStepCode */ {"%s :(%d)\t =>(0x%x)\n", false},
-    /* kColor */ {"%s :(%d)\t => (%d)\n", false},
-    /* kSource */ {"%s:(%d)\n", false},
-    /* kResult */ {"%s :(%d)\n", true},
-    /* kCameraOnly */ {"%s :(-)\t =>(%d)\n", true},
-};
+// clang-format on
 
 // One line of the trace. No pointers, so that the table needs no relocation.
 struct TraceLine {
@@ -113,82 +109,81 @@ struct TraceLine {
     alg_log_level to_phone_level; // to the camera all lines are plain
 };
 
-#define TRACE(field, form, level)                                                                            \
-    { #field, offsetof(tag_custom_info, field), form, ALG_LOG_LEVEL_##level }
-#define TRACE_STYLE(label, field, form, level)                                                               \
+#define TRACE(field, form, level)                                                                                      \
+    { #field, offsetof(tag_custom_info, field), form, level }
+#define TRACE_STYLE(label, field, form, level)                                                                         \
     { label, offsetof(tag_custom_info, cs_info.field), form, level }
 
 // The lines of one custom colour style. A triple has no entry for style 0.
-#define TRACE_COLOR_STYLE(label, style, level)                                                               \
-    TRACE_STYLE(label "cs_color_r", cs_color[(style)-1].cs_color_r, kColor, level),                          \
-        TRACE_STYLE(label "cs_color_g", cs_color[(style)-1].cs_color_g, kColor, level),                      \
-        TRACE_STYLE(label "cs_color_b", cs_color[(style)-1].cs_color_b, kColor, level),                      \
-        TRACE_STYLE(label "cs_saturation", cs_saturation[style], kResult, level),                            \
-        TRACE_STYLE(label "cs_sharpness", cs_sharpness[style], kResult, level),                              \
-        TRACE_STYLE(label "cs_contrast", cs_contrast[style], kResult, level),                                \
+#define TRACE_COLOR_STYLE(label, style, level)                                                                         \
+    TRACE_STYLE(label "cs_color_r", cs_color[(style)-1].cs_color_r, kColor, level),                                    \
+        TRACE_STYLE(label "cs_color_g", cs_color[(style)-1].cs_color_g, kColor, level),                                \
+        TRACE_STYLE(label "cs_color_b", cs_color[(style)-1].cs_color_b, kColor, level),                                \
+        TRACE_STYLE(label "cs_saturation", cs_saturation[style], kResult, level),                                      \
+        TRACE_STYLE(label "cs_sharpness", cs_sharpness[style], kResult, level),                                        \
+        TRACE_STYLE(label "cs_contrast", cs_contrast[style], kResult, level),                                          \
         TRACE_STYLE(label "cs_hue", cs_hue[style], kResult, level)
 
 constexpr TraceLine kTrace[] = {
-    TRACE(mode, kBoth, PLAIN),
-    TRACE(av_index, kStepCode, PLAIN),
-    TRACE(tv_index, kStepCode, PLAIN),
-    TRACE(iso, kBoth, PLAIN),
-    TRACE(iso_1_3, kBoth, PLAIN),
-    TRACE(ev_step, kBoth, PLAIN),
-    TRACE(metering, kBoth, PLAIN),
-    TRACE(drive, kBoth, PLAIN),
-    TRACE(hdr, kBoth, PLAIN),
-    TRACE(drive, kBoth, PLAIN), // drive and hdr are logged twice
-    TRACE(hdr, kBoth, PLAIN),
-    TRACE(type, kSource, YELLOW),
-    TRACE(k_value, kSource, YELLOW),
-    TRACE(cwb_red, kSource, YELLOW),
-    TRACE(cwb_green, kSource, YELLOW),
-    TRACE(cwb_blue, kSource, YELLOW),
-    TRACE(auto_xy, kSource, YELLOW),
-    TRACE(auto_tungsten_xy, kSource, YELLOW),
-    TRACE(daylight_xy, kSource, YELLOW),
-    TRACE(cloudy_xy, kSource, YELLOW),
-    TRACE(flu_w_xy, kSource, YELLOW),
-    TRACE(flu_n_xy, kSource, YELLOW),
-    TRACE(flu_d_xy, kSource, YELLOW),
-    TRACE(tungsten_xy, kSource, YELLOW),
-    TRACE(flash_xy, kSource, YELLOW),
-    TRACE(cwb_xy, kSource, YELLOW),
-    TRACE(k_xy, kSource, YELLOW),
+    TRACE(mode, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(av_index, kStepCode, ALG_LOG_LEVEL_PLAIN),
+    TRACE(tv_index, kStepCode, ALG_LOG_LEVEL_PLAIN),
+    TRACE(iso, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(iso_1_3, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(ev_step, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(metering, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(drive, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(hdr, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(drive, kBoth, ALG_LOG_LEVEL_PLAIN), // drive and hdr are logged twice
+    TRACE(hdr, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(type, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(k_value, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(cwb_red, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(cwb_green, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(cwb_blue, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(auto_xy, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(auto_tungsten_xy, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(daylight_xy, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(cloudy_xy, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(flu_w_xy, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(flu_n_xy, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(flu_d_xy, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(tungsten_xy, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(flash_xy, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(cwb_xy, kSource, ALG_LOG_LEVEL_YELLOW),
+    TRACE(k_xy, kSource, ALG_LOG_LEVEL_YELLOW),
     TRACE_STYLE("color_style", color_style, kResult, ALG_LOG_LEVEL_CYAN),
     TRACE_STYLE("(off_color)cs_color_off_color", cs_color_off_color, kResult, ALG_LOG_LEVEL_CYAN),
     TRACE_COLOR_STYLE("(C1)", SM_COLOR_STYLE_C1, ALG_LOG_LEVEL_YELLOW),
     TRACE_COLOR_STYLE("(C4)", SM_COLOR_STYLE_C4, ALG_LOG_LEVEL_CYAN),
-    TRACE(smart_filter, kBoth, PLAIN),
-    TRACE(flash, kBoth, PLAIN),
-    TRACE(flash_ev, kBoth, PLAIN),
-    TRACE(af_mode, kBoth, PLAIN),
-    TRACE(af_area, kBoth, PLAIN),
-    TRACE(photosize, kBoth, PLAIN),
-    TRACE(touch_af, kBoth, PLAIN),
-    TRACE(selection_af_pos_x, kBoth, PLAIN),
-    TRACE(selection_af_pos_y, kBoth, PLAIN),
-    TRACE(selection_af_width, kBoth, PLAIN),
-    TRACE(selection_af_height, kBoth, PLAIN),
-    TRACE(selection_af_box_size, kBoth, PLAIN),
-    TRACE(multi_af_pos_x, kCameraOnly, PLAIN),
-    TRACE(multi_af_pos_y, kCameraOnly, PLAIN),
-    TRACE(multi_af_width, kCameraOnly, PLAIN),
-    TRACE(multi_af_height, kCameraOnly, PLAIN),
-    TRACE(multi_af_box_size, kCameraOnly, PLAIN),
-    TRACE(timer_time, kBoth, PLAIN),
-    TRACE(timer_count, kBoth, PLAIN),
-    TRACE(timer_interval, kBoth, PLAIN),
-    TRACE(counti_h_frame, kBoth, PLAIN),
-    TRACE(counti_n_frame, kBoth, PLAIN),
-    TRACE(burst_frame, kBoth, PLAIN),
-    TRACE(drive_set_conti, kBoth, PLAIN),
-    TRACE(quality, kBoth, PLAIN),
-    TRACE(bulb, kBoth, PLAIN),
+    TRACE(smart_filter, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(flash, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(flash_ev, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(af_mode, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(af_area, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(photosize, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(touch_af, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(selection_af_pos_x, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(selection_af_pos_y, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(selection_af_width, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(selection_af_height, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(selection_af_box_size, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(multi_af_pos_x, kCameraOnly, ALG_LOG_LEVEL_PLAIN),
+    TRACE(multi_af_pos_y, kCameraOnly, ALG_LOG_LEVEL_PLAIN),
+    TRACE(multi_af_width, kCameraOnly, ALG_LOG_LEVEL_PLAIN),
+    TRACE(multi_af_height, kCameraOnly, ALG_LOG_LEVEL_PLAIN),
+    TRACE(multi_af_box_size, kCameraOnly, ALG_LOG_LEVEL_PLAIN),
+    TRACE(timer_time, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(timer_count, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(timer_interval, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(counti_h_frame, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(counti_n_frame, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(burst_frame, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(drive_set_conti, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(quality, kBoth, ALG_LOG_LEVEL_PLAIN),
+    TRACE(bulb, kBoth, ALG_LOG_LEVEL_PLAIN),
 };
-static_assert(sizeof kTrace / sizeof kTrace[0] == 69,
-              "each trace has 71 lines, two of them before the table");
+static_assert(sizeof kTrace / sizeof kTrace[0] == 69, "each trace has 71 lines, two of them before the table");
 
 void log_field(alg_log_level level, const TraceFormat& format, const TraceLine& line, const void* source,
                const void* result) {
@@ -201,7 +196,7 @@ void log_conversion_to_phone(const tag_custom_info& camera, const sm_tag_custom_
     ALG_LOG_YELLOW("*ShotMentor*\t  ADE_PRO_CreateProFilm \n");
     ALG_LOG_CYAN("*made_id :(0x%x)\n", static_cast<unsigned>(phone.made_id));
     for (const TraceLine& line : kTrace) {
-        log_field(line.to_phone_level, kToPhoneFormats[line.form], line, &camera, &phone);
+        log_field(line.to_phone_level, kTraceFormats[line.form][kToPhone], line, &camera, &phone);
     }
 }
 
@@ -209,21 +204,20 @@ void log_conversion_to_camera(const sm_tag_custom_info& phone, const tag_custom_
     ALG_LOG_GREEN("*ShotMentor*\t  ADE_PRO_CreateSysCustom \n");
     ALG_LOG_CYAN("*made_id :(0x%x)\n", static_cast<unsigned>(camera.made_id));
     for (const TraceLine& line : kTrace) {
-        log_field(ALG_LOG_LEVEL_PLAIN, kToCameraFormats[line.form], line, &phone, &camera);
+        log_field(ALG_LOG_LEVEL_PLAIN, kTraceFormats[line.form][kToCamera], line, &phone, &camera);
     }
 }
 
 template<class Record>
 void log_identities(const Record& record) {
-    ALG_LOG_PLAIN("title : " TITLE_FORMAT
-                  " preset_num : %d custom_id : %d applocal_id : %d server_id : %d made_id : %d\n",
-                  record.title, record.preset_num, record.custom_id, record.applocal_id, record.server_id,
-                  record.made_id);
+    ALG_LOG_PLAIN(
+        "title : " TITLE_FORMAT " preset_num : %d custom_id : %d applocal_id : %d server_id : %d made_id : %d\n",
+        record.title, record.preset_num, record.custom_id, record.applocal_id, record.server_id, record.made_id);
 }
 
 } // namespace
 
-// ---- Camera to phone --------------------------------------------------------------------------------------
+// ---- Camera to phone ------------------------------------------------------------------------------------------------
 
 int ADE_ShotMentor_Conv2ProFilmStruct(const tag_custom_info* camera, sm_tag_custom_info* phone) {
     memcpy(phone, camera, sizeof *camera);
@@ -297,7 +291,7 @@ void ADE_PRO_CreateProFilm(const tag_custom_info* camera, sm_tag_custom_info* ph
     log_conversion_to_phone(*camera, *phone);
 }
 
-// ---- Phone to camera --------------------------------------------------------------------------------------
+// ---- Phone to camera ------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -330,8 +324,7 @@ const SearchRange& range_of(const SearchRange (&ranges)[count], int value) {
     return *range;
 }
 
-// Returns the position that find_in_range finds, or 0: a failed search cannot be told from a match at
-// position 0.
+// Returns the position that find_in_range finds, or 0: a failed search cannot be told from a match at position 0.
 template<size_t count>
 int search(const int32_t (&table)[count], int value, int first, int last) {
     const int position = find_in_range(table, value, first, last);
@@ -364,8 +357,8 @@ int ADE_ShotMentor_Conv2SysCustomStruct(const sm_tag_custom_info* phone, tag_cus
     memcpy(camera, phone, sizeof *camera);
     ALG_LOG(ALG_LOG_LEVEL_PLAIN, MANAGER_LOG_TAG,
             "sm_tag_custom : %d => tag_custom : %d title : " TITLE_FORMAT " custom_id : %d server_id : %d\n",
-            static_cast<int>(sizeof *phone), static_cast<int>(sizeof *camera), camera->title,
-            camera->custom_id, camera->server_id);
+            static_cast<int>(sizeof *phone), static_cast<int>(sizeof *camera), camera->title, camera->custom_id,
+            camera->server_id);
     log_identities(*camera);
     return SM_RETURN_TRUE;
 }
@@ -388,8 +381,7 @@ void ADE_PRO_InitializeSysCustom(tag_custom_info* camera) {
         ALG_LOG_YELLOW("no KT => curSysInfo->cs_info.color_style : %d \n", camera->cs_info.color_style);
     } else if (is_korvel_made(camera->made_id) && camera->smart_filter != 0) {
         camera->made_id &= SM_MADE_LESS_KIND;
-        ALG_LOG_YELLOW("korvel&smartfilter => *curSysInfo->made_id* : 0x%x \n",
-                       static_cast<unsigned>(camera->made_id));
+        ALG_LOG_YELLOW("korvel&smartfilter => *curSysInfo->made_id* : 0x%x \n", static_cast<unsigned>(camera->made_id));
     } else if (is_korvel_made(camera->made_id)) {
         force_style_c4(camera->cs_info);
         ALG_LOG_YELLOW("korvel made => curSysInfo->cs_info.color_style : %d \n", camera->cs_info.color_style);
@@ -413,8 +405,7 @@ int ADE_PRO_Convert2SysCustomAV(int phone_aperture) {
     int position = ADE_PRO_SearchCommonAV(phone_aperture, range.first, range.last);
     ALG_LOG_PLAIN("(AV)search_val:(%d)\n", position);
     if (is_missing(tKT7_APEX_AV, position, SM_STEP_MISSING)) {
-        // A position of AV_LUT, taken as one of tPRO_COMMON_AV. The two scales part at 102, and AV_LUT is
-        // longer.
+        // A position of AV_LUT, taken as one of tPRO_COMMON_AV. The two scales part at 102, and AV_LUT is longer.
         position = ADE_PRO_ConvertApproxAV(phone_aperture);
     }
     if (position >= SM_AV_STEPS) {

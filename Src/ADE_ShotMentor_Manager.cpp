@@ -1,5 +1,5 @@
-// Phone message manager: reassembles requests, runs them against the camera's preset store, and keeps every
-// reply until its send has been confirmed.
+// Phone message manager: reassembles requests, runs them against the camera's preset store, and keeps every reply until
+// its send has been confirmed.
 
 #define ALG_LOG_TAG "ALG_SMM"
 
@@ -25,8 +25,8 @@ namespace {
 
 constexpr char kModel[SM_MODEL_SIZE] = "KT7";
 
-// A request that is too short for its command reads zeros, the same on every run: as many as the longest
-// fixed layout needs, a header and a phone record, with some slack.
+// A request that is too short for its command reads zeros, the same on every run: as many as the longest fixed layout
+// needs, a header and a phone record, with some slack.
 constexpr size_t kZeroedRequestBytes = 760;
 static_assert(kZeroedRequestBytes >= sizeof(sm_frame) + sizeof(sm_tag_custom_info));
 
@@ -51,7 +51,7 @@ void log_refused_allocation(int size) {
 
 } // namespace
 
-// ---- Requests ---------------------------------------------------------------------------------------------
+// ---- Requests -------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -144,8 +144,7 @@ int ADE_ShotMentor_Combine_BTData(const void* data, int length) {
         ALG_LOG_ERROR("ERR ADE_ShotMentor_Combine_BTData \n");
         return SM_RETURN_FAIL;
     }
-    ALG_LOG_GREEN("ADE_ShotMentor_Combine_BTData length=%d, sm_BT_combine_length=%d\n", length,
-                  sm_BT_combine_length);
+    ALG_LOG_GREEN("ADE_ShotMentor_Combine_BTData length=%d, sm_BT_combine_length=%d\n", length, sm_BT_combine_length);
     return SM_RETURN_TRUE;
 }
 
@@ -153,8 +152,7 @@ int ADE_ShotMentor_Receive_Function(const void* data, int length) {
     const int function = word_at(data, offsetof(sm_frame, function));
     const unsigned char* const payload = payload_of(data);
     const int payload_length = length_without(length, sizeof(sm_frame));
-    ALG_LOG_GREEN("ADE_ShotMentor_Receive_Manager funcNum=%X, length=%d\n", static_cast<unsigned>(function),
-                  length);
+    ALG_LOG_GREEN("ADE_ShotMentor_Receive_Manager funcNum=%X, length=%d\n", static_cast<unsigned>(function), length);
     switch (function) {
     case SM_FUNCTION_STATE_OFF:
         __ui_set_shotmentor_state(0);
@@ -179,12 +177,12 @@ int ADE_ShotMentor_Receive_Function(const void* data, int length) {
     }
 }
 
-// ---- Replies ----------------------------------------------------------------------------------------------
+// ---- Replies --------------------------------------------------------------------------------------------------------
 
 namespace {
 
-// Moves a reply that is still unconfirmed into the queue. A full queue loses its newest entry, which is never
-// freed: the service may still be reading it, and the queue does not grow.
+// Moves a reply that is still unconfirmed into the queue. A full queue loses its newest entry, which is never freed:
+// the service may still be reading it, and the queue does not grow.
 void park_reply() {
     if (shotmentor_p_FullData == nullptr) {
         return;
@@ -200,23 +198,31 @@ void park_reply() {
     ++shotmentor_p_Full_Q_NUM;
 }
 
-// Makes a cleared buffer the current reply. Returns false when it was refused: there is then no current
-// reply.
-bool allocate_reply(int size) {
+// Makes a cleared buffer the current reply. When it was refused there is no current reply.
+void allocate_reply(int size) {
     shotmentor_p_FullData = static_cast<unsigned char*>(allocate_cleared(size));
-    return shotmentor_p_FullData != nullptr;
 }
 
-// Begins a reply of at most SM_MALLOC_SIZE bytes. Returns false when there is no memory for it and nothing to
-// send.
+// Whether the buffer of so many bytes is there. Without it there is nothing to send.
+bool has_reply(int size) {
+    if (shotmentor_p_FullData == nullptr) {
+        log_refused_allocation(size);
+        return false;
+    }
+    return true;
+}
+
+// Begins a reply of at most SM_MALLOC_SIZE bytes. Returns false when there is no memory for it.
 bool begin_reply() {
     park_reply();
-    const bool allocated = allocate_reply(SM_MALLOC_SIZE);
+    allocate_reply(SM_MALLOC_SIZE);
     ALG_LOG_PLAIN("malloc(SM_MALLOC_SIZE) add=%p\n", static_cast<void*>(shotmentor_p_FullData));
-    if (!allocated) {
-        log_refused_allocation(SM_MALLOC_SIZE);
-    }
-    return allocated;
+    return has_reply(SM_MALLOC_SIZE);
+}
+
+// The frame of a reply to a request with this function number.
+sm_frame reply_frame(int function, int total_length) {
+    return {SM_REPLY + function, total_length};
 }
 
 // Writes a reply's head, or the whole of a short reply, to the start of the current reply.
@@ -234,15 +240,14 @@ void send_reply(int length) {
     bt_send_msgs(&shotmentor_BT_info);
 }
 
-// Frees the oldest queued reply and closes the gap. The last slot keeps its pointer; only the count tells
-// what is queued.
+// Frees the oldest queued reply and closes the gap. The last slot keeps its pointer; only the count tells what is
+// queued.
 void release_oldest_queued_reply() {
     --shotmentor_p_Full_Q_NUM;
     ALG_LOG_ERROR("late receive EVT_BT_APP_SEND_RESULT => add=%p, sum # of QUEUE=%d\n",
                   static_cast<void*>(shotmentor_p_Full_Q[0]), shotmentor_p_Full_Q_NUM);
     free(shotmentor_p_Full_Q[0]);
-    memmove(&shotmentor_p_Full_Q[0], &shotmentor_p_Full_Q[1],
-            (SM_REPLY_QUEUE - 1) * sizeof shotmentor_p_Full_Q[0]);
+    memmove(&shotmentor_p_Full_Q[0], &shotmentor_p_Full_Q[1], (SM_REPLY_QUEUE - 1) * sizeof shotmentor_p_Full_Q[0]);
 }
 
 } // namespace
@@ -263,7 +268,7 @@ int ADE_ShotMentor_Result_Manager(const void*, int) {
     return SM_RETURN_TRUE;
 }
 
-// ---- Function 0: link state off ---------------------------------------------------------------------------
+// ---- Function 0: link state off -------------------------------------------------------------------------------------
 
 int ADE_SM_State_Off(const void* data, int length) {
     const int return_BT = word_at(data, 0);
@@ -289,7 +294,7 @@ int ADE_SM_State_Off(const void* data, int length) {
     }
 }
 
-// ---- Function 1: preset list ------------------------------------------------------------------------------
+// ---- Function 1: preset list ----------------------------------------------------------------------------------------
 
 namespace {
 
@@ -349,8 +354,8 @@ void fetch_presets(PresetLists& lists) {
     }
 }
 
-// Marks the presets that the custom modes use. A preset that both use ends with CUSTOM2. The number is not
-// compared with the count: a mark beyond the list falls on a working record that is not sent.
+// Marks the presets that the custom modes use. A preset that both use ends with CUSTOM2. The number is not compared
+// with the count: a mark beyond the list falls on a working record that is not sent.
 void mark_linked_presets(PresetLists& lists) {
     for (int mode = kCustom1; mode < kCustomModes; ++mode) {
         const int number = __ui_get_linked_preseet_num_for_phone(mode);
@@ -364,8 +369,7 @@ void mark_linked_presets(PresetLists& lists) {
 // Copies the phone's list to an offset of the current reply.
 void write_presets(const PresetLists& lists, size_t offset) {
     if (lists.count > 0) {
-        memcpy(shotmentor_p_FullData + offset, lists.phone,
-               static_cast<size_t>(lists.count) * sizeof *lists.phone);
+        memcpy(shotmentor_p_FullData + offset, lists.phone, static_cast<size_t>(lists.count) * sizeof *lists.phone);
     }
 }
 
@@ -380,7 +384,7 @@ int send_list(const PresetLists& lists) {
         return SM_RETURN_FAIL;
     }
     sm_list_reply head = {};
-    head.frame = {SM_REPLY + SM_FUNCTION_SEND_LIST, length_with_presets<sm_list_reply>(lists.count)};
+    head.frame = reply_frame(SM_FUNCTION_SEND_LIST, length_with_presets<sm_list_reply>(lists.count));
     memcpy(head.SM_MODEL, kModel, sizeof head.SM_MODEL);
     head.SM_STRUCT_VER = SM_LAYOUT_VERSION;
     head.num_Preset = lists.count;
@@ -410,7 +414,7 @@ int ADE_SM_Send_List() {
     return send_list(lists);
 }
 
-// ---- Function 2: picture of a preset ----------------------------------------------------------------------
+// ---- Function 2: picture of a preset --------------------------------------------------------------------------------
 
 namespace {
 
@@ -422,43 +426,49 @@ constexpr int kScreennailErrorBytes = 20;
 // JPEG streams in a screennail file that the phone does not get: all from this one on.
 constexpr int kFirstUnsentStream = 3;
 
-// The screennail file of a preset, while it is being sent.
+// The screennail file of a preset, open as long as this is.
 struct Screennail {
-    char path[SM_SCREENNAIL_PATH_SIZE + 1]; // the record's path may fill its field without a NUL
-    FILE* file;                             // null when it could not be opened
-    int size;                               // bytes of the picture
-    bool failed;
+    char path[SM_SCREENNAIL_PATH_SIZE + 1] = {}; // the record's path may fill its field without a NUL
+    FILE* file = nullptr;                        // null when it could not be opened
+    int size = 0;                                // bytes of the picture
+    bool failed = false;
+
+    Screennail() = default;
+    Screennail(const Screennail&) = delete;
+    Screennail& operator=(const Screennail&) = delete;
+    ~Screennail() {
+        if (file != nullptr) {
+            fclose(file);
+        }
+    }
 };
 
-// Answers with a result code in the place of the custom id. The error reply does not park a reply that is
-// still unconfirmed but takes its place, and the Bluetooth service is handed the length 0.
+// Answers with a result code in the place of the custom id. The error reply does not park a reply that is still
+// unconfirmed but takes its place, and the Bluetooth service is handed the length 0.
 void send_screennail_error(int result, const char* name) {
-    if (!allocate_reply(kScreennailErrorBytes)) {
-        log_refused_allocation(kScreennailErrorBytes);
+    allocate_reply(kScreennailErrorBytes);
+    if (!has_reply(kScreennailErrorBytes)) {
         return;
     }
-    const sm_frame frame = {SM_REPLY + SM_FUNCTION_SEND_PRESET, sizeof(sm_screennail_reply)};
+    const sm_frame frame = reply_frame(SM_FUNCTION_SEND_PRESET, sizeof(sm_screennail_reply));
     write_head(sm_screennail_reply{frame, result});
     ALG_LOG_ERROR("%s\n", name);
     send_reply(0);
 }
 
-// Opens a preset's screennail and finds its size. A file whose reply would not fit an int counts as
-// unreadable.
-Screennail open_screennail(const tag_custom_info& preset) {
-    Screennail picture = {};
+// Opens a preset's screennail and finds its size. A file whose reply would not fit an int counts as unreadable.
+void open_screennail(Screennail& picture, const tag_custom_info& preset) {
     memcpy(picture.path, preset.screennail_path, sizeof preset.screennail_path);
     picture.file = fopen(picture.path, "rb");
     if (picture.file == nullptr) {
         picture.failed = true;
-        return picture;
+        return;
     }
     fseek(picture.file, 0, SEEK_END);
     const long size = ftell(picture.file);
     fseek(picture.file, 0, SEEK_SET);
     picture.failed = size > INT_MAX - kScreennailExtraBytes;
     picture.size = size > 0 && !picture.failed ? static_cast<int>(size) : 0;
-    return picture;
 }
 
 // Reads the picture into the current reply. One that cannot be read has the size 0 from then on.
@@ -466,8 +476,7 @@ void read_screennail(Screennail& picture) {
     if (!picture.failed) {
         unsigned char* const image = shotmentor_p_FullData + sizeof(sm_screennail_reply);
         // Bytes that a short read leaves out are sent as zeros.
-        [[maybe_unused]] const size_t items =
-            fread(image, static_cast<size_t>(picture.size), 1, picture.file);
+        [[maybe_unused]] const size_t items = fread(image, static_cast<size_t>(picture.size), 1, picture.file);
         picture.failed = ferror(picture.file) != 0;
     }
     ALG_LOG_PLAIN("open file: %s image size : %d", picture.path, picture.size);
@@ -477,14 +486,8 @@ void read_screennail(Screennail& picture) {
     }
 }
 
-void close_screennail(const Screennail& picture) {
-    if (picture.file != nullptr) {
-        fclose(picture.file);
-    }
-}
-
-// Returns the offset of the first JPEG stream that is not sent, or the size when there is none. A stream
-// starts with the start-of-image marker and a define-quantisation-table marker.
+// Returns the offset of the first JPEG stream that is not sent, or the size when there is none. A stream starts with
+// the start-of-image marker and a define-quantisation-table marker.
 int trimmed_size(const unsigned char* image, int size) {
     constexpr unsigned char kStreamStart[] = {0xFF, 0xD8, 0xFF, 0xDB};
     static_assert(sizeof kStreamStart - 1 <= kScreennailSpareBytes);
@@ -504,21 +507,30 @@ int trimmed_size(const unsigned char* image, int size) {
 bool begin_screennail_reply(int picture_size) {
     const int size = picture_size + kScreennailExtraBytes;
     park_reply();
-    const bool allocated = allocate_reply(size);
-    ALG_LOG_PLAIN("malloc(SM_MALLOC_SIZE) size=%d, add=%p\n", size,
-                  static_cast<void*>(shotmentor_p_FullData));
-    if (!allocated) {
-        log_refused_allocation(size);
+    allocate_reply(size);
+    ALG_LOG_PLAIN("malloc(SM_MALLOC_SIZE) size=%d, add=%p\n", size, static_cast<void*>(shotmentor_p_FullData));
+    return has_reply(size);
+}
+
+constexpr int kNoReply = -1;
+
+// Begins the reply and reads a preset's picture into it. The file is sized first, then an unconfirmed reply is parked,
+// then the buffer is allocated. Returns the picture's size, or kNoReply when there is no memory for it.
+int read_into_reply(const tag_custom_info& preset) {
+    Screennail picture;
+    open_screennail(picture, preset);
+    if (!begin_screennail_reply(picture.size)) {
+        return kNoReply;
     }
-    return allocated;
+    read_screennail(picture);
+    return picture.size;
 }
 
 // Sends the picture that the current reply holds.
 void send_screennail(int custom_id, int picture_size) {
     const int sent = trimmed_size(shotmentor_p_FullData + sizeof(sm_screennail_reply), picture_size);
     ALG_LOG_PLAIN("trim screennail image size : %d", sent);
-    const sm_frame frame = {SM_REPLY + SM_FUNCTION_SEND_PRESET,
-                            static_cast<int>(sizeof(sm_screennail_reply)) + sent};
+    const sm_frame frame = reply_frame(SM_FUNCTION_SEND_PRESET, static_cast<int>(sizeof(sm_screennail_reply)) + sent);
     write_head(sm_screennail_reply{frame, custom_id});
     ALG_LOG_PLAIN("ADE_ShotMentor_SEND preset funcNum=%X, sendlength=%d, custom_ID=%d\n",
                   static_cast<unsigned>(frame.function), frame.total_length, custom_id);
@@ -541,20 +553,14 @@ int ADE_SM_Send_Preset(int custom_ID, int applocal_ID) {
         return SM_RETURN_TRUE;
     }
     ALG_LOG_PLAIN("__ui_get_preset_info() \n");
-    // The file is sized first, then an unconfirmed reply is parked, then the buffer is allocated.
-    Screennail picture = open_screennail(preset);
-    const bool begun = begin_screennail_reply(picture.size);
-    if (begun) {
-        read_screennail(picture);
-    }
-    close_screennail(picture);
-    if (begun) {
-        send_screennail(preset.custom_id, picture.size);
+    const int picture_size = read_into_reply(preset);
+    if (picture_size != kNoReply) {
+        send_screennail(preset.custom_id, picture_size);
     }
     return SM_RETURN_TRUE;
 }
 
-// ---- Function 3: store a preset ---------------------------------------------------------------------------
+// ---- Function 3: store a preset -------------------------------------------------------------------------------------
 
 namespace {
 
@@ -569,7 +575,7 @@ int reply_to_receive(int result, const tag_custom_info& preset) {
     if (!begin_reply()) {
         return result;
     }
-    const sm_frame frame = {SM_REPLY + SM_FUNCTION_RECEIVE_PRESET, sizeof(sm_receive_reply)};
+    const sm_frame frame = reply_frame(SM_FUNCTION_RECEIVE_PRESET, sizeof(sm_receive_reply));
     const sm_receive_reply reply = {frame, result, preset.preset_num, preset.custom_id, preset.applocal_id};
     write_head(reply);
     ALG_LOG_PLAIN("ADE_ShotMentor_SEND funcNum=%X, sendlength=%d, return=%d, preset_num=%d, custom_id=%d, "
@@ -594,8 +600,8 @@ int ADE_SM_Receive_Preset(const void* data, int length) {
     } else {
         ALG_LOG_ERROR("SM_RETURN_STRUCT_ERR\n");
     }
-    // A payload too short for its record is too short for a picture, too: the phone is told of the picture,
-    // and the record's fault shows in the log alone.
+    // A payload too short for its record is too short for a picture, too: the phone is told of the picture, and the
+    // record's fault shows in the log alone.
     int result = SM_RETURN_JPG_ERR;
     if (holds(length, record_size + kSmallestPicture)) {
         const unsigned char* const picture = static_cast<const unsigned char*>(data) + record_size;
@@ -606,7 +612,7 @@ int ADE_SM_Receive_Preset(const void* data, int length) {
     return reply_to_receive(result, camera);
 }
 
-// ---- Function 4: update a preset --------------------------------------------------------------------------
+// ---- Function 4: update a preset ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -614,10 +620,9 @@ int reply_to_update(int result) {
     if (!begin_reply()) {
         return result;
     }
-    const sm_frame frame = {SM_REPLY + SM_FUNCTION_UPDATE_PRESET, sizeof(sm_update_reply)};
+    const sm_frame frame = reply_frame(SM_FUNCTION_UPDATE_PRESET, sizeof(sm_update_reply));
     write_head(sm_update_reply{frame, result});
-    ALG_LOG_PLAIN("ADE_ShotMentor_SEND funcNum=%X, return=%d\n", static_cast<unsigned>(frame.function),
-                  result);
+    ALG_LOG_PLAIN("ADE_ShotMentor_SEND funcNum=%X, return=%d\n", static_cast<unsigned>(frame.function), result);
     send_reply(frame.total_length);
     return result;
 }
@@ -626,12 +631,11 @@ int reply_to_update(int result) {
 
 int ADE_SM_Update_Preset(const void* data, int length) {
     sm_tag_custom_info phone;
-    memcpy(&phone, data,
-           sizeof phone); // before the length is checked: the log line below shows what there is
+    memcpy(&phone, data, sizeof phone); // before the length is checked: the line below shows what there is
     char title[SM_TITLE_SIZE + 1] = {}; // with a NUL behind a title that fills its field
     memcpy(title, phone.title, sizeof phone.title);
-    ALG_LOG_CYAN("ADE_SM_Update_Preset() custom_id=%d, server_id=%d, title=%s\n", phone.custom_id,
-                 phone.server_id, title);
+    ALG_LOG_CYAN("ADE_SM_Update_Preset() custom_id=%d, server_id=%d, title=%s\n", phone.custom_id, phone.server_id,
+                 title);
     int result = SM_RETURN_STRUCT_ERR;
     if (!holds(length, sizeof phone)) {
         ALG_LOG_ERROR("SM_RETURN_STRUCT_ERR\n");
@@ -644,7 +648,7 @@ int ADE_SM_Update_Preset(const void* data, int length) {
     return reply_to_update(result);
 }
 
-// ---- Function 5: delete presets ---------------------------------------------------------------------------
+// ---- Function 5: delete presets -------------------------------------------------------------------------------------
 
 namespace {
 
@@ -654,8 +658,7 @@ constexpr int kNone = -1;
 constexpr unsigned kMostDeletePairs = (SM_REQUEST_LIMIT - sizeof(sm_frame)) / sizeof(sm_delete_pair);
 static_assert(kMostDeletePairs == 74999);
 
-// A preset that was not deleted because a custom mode uses it; or the impossible number that the UI service
-// reported.
+// A preset that was not deleted because a custom mode uses it; or the impossible number that the UI service reported.
 struct KeptPreset {
     int preset_num = kNone;
     int custom_id = kNone;
@@ -665,6 +668,7 @@ struct Deletion {
     const unsigned char* pairs = nullptr;
     unsigned pair_count = 0;
     int result = SM_RETURN_FAIL;
+    bool is_refused = false; // for a fault: nothing is deleted, and the result says which it was
     int delete_flags[SM_DELETE_FLAGS] = {};
     KeptPreset kept[kCustomModes];
 };
@@ -676,12 +680,12 @@ sm_delete_pair pair_at(const Deletion& deletion, unsigned index) {
 }
 
 void refuse_pair(Deletion& deletion) {
+    deletion.is_refused = true;
     deletion.result = SM_RETURN_STRUCT_ERR;
     ALG_LOG_ERROR("SM_RETURN_STRUCT_ERR\n");
 }
 
-// Marks come before the range test. Only a request without any fault is acted on, so a fault's mark has no
-// effect.
+// Marks come before the range test. Only a request without any fault is acted on, so a fault's mark has no effect.
 void mark_for_deletion(Deletion& deletion, int del_preset) {
     const int index = del_preset < 0 ? 0 : del_preset;
     if (index < SM_DELETE_FLAGS) {
@@ -709,7 +713,7 @@ void check_pair(Deletion& deletion, sm_delete_pair pair) {
     }
 }
 
-// Logs and checks the request. Leaves the result as it is when it may be acted on.
+// Logs and checks the request.
 void check_pairs(Deletion& deletion) {
     ALG_LOG_CYAN("ADE_SM_Delete_Preset() del_num=%d", static_cast<int>(deletion.pair_count));
     if (deletion.pair_count > kMostDeletePairs) {
@@ -722,6 +726,7 @@ void check_pairs(Deletion& deletion) {
         ALG_LOG_PLAIN("%d: del_preset = %d, del_id = %d", first_word, pair.del_preset, pair.del_id);
     }
     if (deletion.pair_count < 1) {
+        deletion.is_refused = true;
         deletion.result = SM_RETURN_DATA_ERR;
         ALG_LOG_ERROR("SM_RETURN_DATA_ERR\n");
     }
@@ -742,8 +747,7 @@ int identity_given_for(const Deletion& deletion, int preset_num) {
     return identity;
 }
 
-// Keeps the preset that a custom mode uses. The highest number taken for a link is one more than a preset can
-// have.
+// Keeps the preset that a custom mode uses. The highest number taken for a link is one more than a preset can have.
 void keep_linked_preset(Deletion& deletion, int mode) {
     const int custom = mode + 1;
     const int number = __ui_get_linked_preseet_num_for_phone(mode);
@@ -757,15 +761,14 @@ void keep_linked_preset(Deletion& deletion, int mode) {
         ALG_LOG_ERROR("CUSTOM%d DEL FAIL - BT del index: %d\n", custom, number);
         deletion.delete_flags[number] = 0;
         deletion.kept[mode] = {number, identity_given_for(deletion, number)};
-        deletion.result =
-            deletion.result == SM_RETURN_OPENED_ERR ? SM_RETURN_OPENED_BOTH_ERR : SM_RETURN_OPENED_ERR;
+        deletion.result = deletion.result == SM_RETURN_OPENED_ERR ? SM_RETURN_OPENED_BOTH_ERR : SM_RETURN_OPENED_ERR;
     } else {
         ALG_LOG_PLAIN("CUSTOM%d DEL SUCCESS - not including custom%d: %d\n", custom, custom, number);
     }
 }
 
-// Looks the kept presets' numbers up again, by identity, because the deletion renumbers the list. A mode that
-// kept none looks for the identity -1 like any other.
+// Looks the kept presets' numbers up again, by identity, because the deletion renumbers the list. A mode that kept none
+// looks for the identity -1 like any other.
 void renumber_kept_presets(Deletion& deletion, const PresetLists& lists) {
     for (int number = 0; number < lists.count; ++number) {
         const sm_tag_custom_info& preset = lists.phone[number];
@@ -777,8 +780,8 @@ void renumber_kept_presets(Deletion& deletion, const PresetLists& lists) {
     }
 }
 
-// Deletes all marked presets but those in use, and lists what is left. Returns false when there is no memory
-// for the list.
+// Deletes all marked presets but those in use, and lists what is left. Returns false when there is no memory for the
+// list.
 bool delete_and_list(Deletion& deletion, PresetLists& lists) {
     deletion.result = SM_RETURN_TRUE;
     keep_linked_preset(deletion, kCustom1);
@@ -807,9 +810,8 @@ struct KeptWords {
     int32_t preset_num1, custom_id1, preset_num2, custom_id2;
 };
 
-// Writes the kept-preset words where the camera has always put them: the end of the records in bytes, taken
-// as an index of words. That is beyond what is sent, and from 11 presets on beyond the buffer, where they are
-// left out.
+// Writes the kept-preset words where the camera has always put them: the end of the records in bytes, taken as an index
+// of words. That is beyond what is sent, and from 11 presets on beyond the buffer, where they are left out.
 KeptWords write_kept_words(const Deletion& deletion, size_t end_of_records) {
     const KeptPreset& custom2 = deletion.kept[kCustom2];
     const KeptPreset& first = deletion.kept[kCustom1].preset_num != kNone ? deletion.kept[kCustom1] : custom2;
@@ -826,16 +828,15 @@ int reply_to_deletion(const Deletion& deletion, const PresetLists& lists) {
         return deletion.result;
     }
     const int end_of_records = length_with_presets<sm_delete_reply>(lists.count);
-    const sm_frame frame = {SM_REPLY + SM_FUNCTION_DELETE_PRESET, end_of_records + trailing_bytes(deletion)};
+    const sm_frame frame = reply_frame(SM_FUNCTION_DELETE_PRESET, end_of_records + trailing_bytes(deletion));
     const sm_delete_reply head = {frame, deletion.result, SM_LAYOUT_VERSION, lists.count};
     write_head(head);
     write_presets(lists, sizeof head);
     const KeptWords kept = write_kept_words(deletion, static_cast<size_t>(end_of_records));
     ALG_LOG_PLAIN("ADE_ShotMentor_SEND funcNum=%X, return=%d, SM_STRUCT_VER=%d, num_Preset=%d\n",
                   static_cast<unsigned>(frame.function), head.result, head.SM_STRUCT_VER, head.num_Preset);
-    ALG_LOG_PLAIN(
-        "sendlength=%d, open_preset_num1=%d, open_custom_id1=%d, open_preset_num2=%d, open_custom_id2=%d\n",
-        frame.total_length, kept.preset_num1, kept.custom_id1, kept.preset_num2, kept.custom_id2);
+    ALG_LOG_PLAIN("sendlength=%d, open_preset_num1=%d, open_custom_id1=%d, open_preset_num2=%d, open_custom_id2=%d\n",
+                  frame.total_length, kept.preset_num1, kept.custom_id1, kept.preset_num2, kept.custom_id2);
     send_reply(frame.total_length);
     return deletion.result;
 }
@@ -848,7 +849,7 @@ int ADE_SM_Delete_Preset(const void* data, int length) {
     deletion.pair_count = static_cast<unsigned>(length) / unsigned{sizeof(sm_delete_pair)};
     check_pairs(deletion);
     PresetLists lists;
-    if (deletion.result == SM_RETURN_FAIL && !delete_and_list(deletion, lists)) {
+    if (!deletion.is_refused && !delete_and_list(deletion, lists)) {
         return deletion.result;
     }
     return reply_to_deletion(deletion, lists);

@@ -1,4 +1,4 @@
-// Words of what travels, at any address. Internal to the library.
+// Reads a word of a frame or record from a memory image, wherever it lies. Internal to the library.
 #ifndef ADE_SHOTMENTOR_WORDS_H
 #define ADE_SHOTMENTOR_WORDS_H
 
@@ -7,8 +7,7 @@
 #include <stdint.h>
 #include <string.h>
 
-static_assert(std::endian::native == std::endian::little,
-              "records and frames are exchanged as memory images");
+static_assert(std::endian::native == std::endian::little, "records and frames are exchanged as memory images");
 
 inline int32_t word_at(const void* data, size_t offset) {
     int32_t word;

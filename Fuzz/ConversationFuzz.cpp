@@ -1,6 +1,6 @@
-// Whole conversations: packets cut anywhere, confirmations, services that answer anything, refused
-// allocations and dropped links. A second, plain model of intake, commands and reply queue says before each
-// step what must come out of it, down to the bytes of every reply.
+// Whole conversations: packets cut anywhere, confirmations, services that answer anything, refused allocations and
+// dropped links. A second, plain model of intake, commands and reply queue says before each step what must come out of
+// it, down to the bytes of every reply.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -29,8 +29,7 @@ constexpr int reply_size = 30000;
 constexpr int picture_head = 12;
 constexpr int picture_extra = 50;
 constexpr int error_reply_size = 20;
-constexpr size_t filled_size =
-    32768; // of a new block: every reply without a picture, not all of a request's 600000
+constexpr size_t filled_size = 32768; // of a new block: every reply without a picture, not all of a request's 600000
 
 int32_t word_at(const Bytes& bytes, size_t offset) {
     int32_t word;
@@ -83,8 +82,7 @@ std::string path_of(int choice) {
 }
 
 bool is_picture_path(const tag_custom_info& preset) {
-    const auto* const end =
-        std::find(std::begin(preset.screennail_path), std::end(preset.screennail_path), '\0');
+    const auto* const end = std::find(std::begin(preset.screennail_path), std::end(preset.screennail_path), '\0');
     return std::string(std::begin(preset.screennail_path), end) == path_of(INT_MAX);
 }
 
@@ -248,8 +246,7 @@ Expected Model::list() {
     Expected expected;
     expected.result = 1;
     const Bytes model = {'K', 'T', '7', 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    send(expected,
-         words({0x1001, 28 + 744 * count}) + model + words({1, count}) + converted_presets(count, 0));
+    send(expected, words({0x1001, 28 + 744 * count}) + model + words({1, count}) + converted_presets(count, 0));
     return expected;
 }
 
@@ -282,8 +279,7 @@ Expected Model::picture(int custom_id) {
     if (begin_reply()) {
         const Bytes part = sent_part(file);
         const int length = picture_head + static_cast<int>(part.size());
-        expected.sent = {length, file.size() + picture_extra,
-                         words({0x1002, length, script.found.custom_id}) + part};
+        expected.sent = {length, file.size() + picture_extra, words({0x1002, length, script.found.custom_id}) + part};
     }
     return expected;
 }
@@ -315,8 +311,7 @@ Expected Model::store(const Bytes& request, int total) {
         PROMISE(heard.saved.empty());
     }
     if (begin_reply()) {
-        send(expected,
-             words({0x1003, 24, expected.result, camera.preset_num, camera.custom_id, camera.applocal_id}));
+        send(expected, words({0x1003, 24, expected.result, camera.preset_num, camera.custom_id, camera.applocal_id}));
     }
     return expected;
 }
@@ -721,8 +716,7 @@ class Conversation {
     // One whose first bytes are made up; a short one leaves the rest as it was.
     tag_custom_info camera_record(tag_custom_info changed) {
         const Bytes bytes = record();
-        std::copy_n(bytes.begin(), std::min(bytes.size(), sizeof changed),
-                    reinterpret_cast<uint8_t*>(&changed));
+        std::copy_n(bytes.begin(), std::min(bytes.size(), sizeof changed), reinterpret_cast<uint8_t*>(&changed));
         return changed;
     }
 

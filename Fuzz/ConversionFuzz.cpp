@@ -1,5 +1,5 @@
-// Any record in both directions, under every model code and whatever an earlier conversion left behind. What
-// is promised of every field is checked against rules of its own.
+// Any record in both directions, under every model code and whatever an earlier conversion left behind. What is
+// promised of every field is checked against rules of its own.
 
 #include <climits>
 

@@ -1,5 +1,5 @@
-// Hands each request over in three packets, cut at every pair of positions, and expects what it leads to as
-// one packet. These are some hundred thousand conversations: too many for a host that writes a transcript.
+// Hands each request over in three packets, cut at every pair of positions, and expects what it leads to as one packet.
+// These are some hundred thousand conversations: too many for a host that writes a transcript.
 #include <initializer_list>
 #include <string>
 

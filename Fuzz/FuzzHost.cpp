@@ -172,8 +172,7 @@ int bt_send_msgs(bt_msg_info* message) {
     PROMISE(message == &shotmentor_BT_info && std::memcmp(message, &expected, sizeof expected) == 0);
     PROMISE(message->data == shotmentor_p_FullData);
     const size_t size = library_heap::size_of(message->data);
-    PROMISE(message->length >= 0 && static_cast<size_t>(message->length) <= size &&
-            fuzz::error_reply_size <= size);
+    PROMISE(message->length >= 0 && static_cast<size_t>(message->length) <= size && fuzz::error_reply_size <= size);
     const auto* const first = static_cast<const uint8_t*>(message->data);
     const auto length = message->length == 0 ? fuzz::error_reply_size : static_cast<size_t>(message->length);
     PROMISE(library_heap::first_unwritten(first, length) == nullptr);

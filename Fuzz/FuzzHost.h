@@ -1,5 +1,5 @@
-// A host that answers the library's services from a script and remembers the calls that matter, without the
-// cost of a transcript: the conversations that a fuzzer makes up are checked thousands of times a second.
+// A host that answers the library's services from a script and remembers the calls that matter, without the cost of a
+// transcript: the conversations that a fuzzer makes up are checked thousands of times a second.
 #pragma once
 
 #include "ADE_ShotMentor.h"

@@ -1,5 +1,5 @@
-// What every command does when the allocator refuses it memory: it says how much it asked for, sends nothing,
-// gives back what it has, and serves the next request as if nothing had happened.
+// What every command does when the allocator refuses it memory: it says how much it asked for, sends nothing, gives
+// back what it has, and serves the next request as if nothing had happened.
 #include <functional>
 #include <string>
 #include <vector>
@@ -33,8 +33,7 @@ struct Command {
 };
 
 int run(const Command& command) {
-    const Bytes whole =
-        request(command.function, command.payload) + zeros(760); // the dispatcher may read 760 bytes
+    const Bytes whole = request(command.function, command.payload) + zeros(760); // the dispatcher may read 760 bytes
     return ADE_ShotMentor_Receive_Function(whole.data(), static_cast<int>(8 + command.payload.size()));
 }
 
@@ -57,8 +56,7 @@ Command list() {
     const Transcript asked = {"CYAN ALG_SMM ADE_SM_Send_List()", "__ui_get_bt_state_for_phone()"};
     const Transcript read =
         joined({asked,
-                {"__ui_get_custom_mode_list_info()",
-                 "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 1"},
+                {"__ui_get_custom_mode_list_info()", "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 1"},
                 converted_to_phone("Preset 100", 100),
                 {"__ui_get_linked_preseet_num_for_phone(0)", "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
                  "__ui_get_linked_preseet_num_for_phone(1)", "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1"}});
@@ -82,8 +80,7 @@ Command screennail() {
 
 Command screennail_of_a_refused_identity() {
     const Transcript asked = {"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=0, applocal_ID=5"};
-    return {"screennail of identity 0",           store_nothing, 2, words({0, 5}), 1, 1,
-            {{joined({asked, {refused(20)}}), 1}}};
+    return {"screennail of identity 0", store_nothing, 2, words({0, 5}), 1, 1, {{joined({asked, {refused(20)}}), 1}}};
 }
 
 Command screennail_of_an_unknown_preset() {
@@ -99,17 +96,16 @@ Command store() {
     record.made_id = 0x44;
     record.custom_id = 6;
     put_text(record.title, "Dusk");
-    return {
-        "store",
-        [](FakeHost& host) { host.save = [](tag_custom_info&) { return 77; }; },
-        3,
-        image(record) + zeros(100),
-        77,
-        1,
-        {{{"CYAN ALG_SMM ADE_SM_Receive_Preset() length=844, sizeof(sm_tag_custom_info)=744",
-           "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Dusk custom_id : 6 server_id : 0",
-           "__ui_save_downloaded_preset(100)", no_buffer, refused(30000)},
-          77}}};
+    return {"store",
+            [](FakeHost& host) { host.save = [](tag_custom_info&) { return 77; }; },
+            3,
+            image(record) + zeros(100),
+            77,
+            1,
+            {{{"CYAN ALG_SMM ADE_SM_Receive_Preset() length=844, sizeof(sm_tag_custom_info)=744",
+               "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Dusk custom_id : 6 server_id : 0",
+               "__ui_save_downloaded_preset(100)", no_buffer, refused(30000)},
+              77}}};
 }
 
 Command refused_store() {
@@ -120,8 +116,7 @@ Command refused_store() {
             -4,
             1,
             {{{"CYAN ALG_SMM ADE_SM_Receive_Preset() length=0, sizeof(sm_tag_custom_info)=744",
-               "ERROR ALG_SMM SM_RETURN_STRUCT_ERR", "ERROR ALG_SMM SM_RETURN_JPG_ERR", no_buffer,
-               refused(30000)},
+               "ERROR ALG_SMM SM_RETURN_STRUCT_ERR", "ERROR ALG_SMM SM_RETURN_JPG_ERR", no_buffer, refused(30000)},
               -4}}};
 }
 
@@ -167,8 +162,7 @@ Command deletion() {
                                 "__ui_preset_delete_form_phone(0)"};
     const Transcript read =
         joined({deleted,
-                {"__ui_get_custom_mode_list_info()",
-                 "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 1"},
+                {"__ui_get_custom_mode_list_info()", "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 1"},
                 converted_to_phone("Preset 101", 101),
                 {"__ui_get_linked_preseet_num_for_phone(0)", "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: 0",
                  "__ui_get_linked_preseet_num_for_phone(1)", "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1"}});
@@ -184,16 +178,15 @@ Command deletion() {
 }
 
 Command refused_deletion() {
-    return {
-        "refused deletion",
-        store_two_presets,
-        5,
-        words({40, 100}),
-        -3,
-        1,
-        {{{"CYAN ALG_SMM ADE_SM_Delete_Preset() del_num=1", "PLAIN ALG_SMM 0: del_preset = 40, del_id = 100",
-           "ERROR ALG_SMM SM_RETURN_STRUCT_ERR", "__ui_get_preset_info(100, -1)", no_buffer, refused(30000)},
-          -3}}};
+    return {"refused deletion",
+            store_two_presets,
+            5,
+            words({40, 100}),
+            -3,
+            1,
+            {{{"CYAN ALG_SMM ADE_SM_Delete_Preset() del_num=1", "PLAIN ALG_SMM 0: del_preset = 40, del_id = 100",
+               "ERROR ALG_SMM SM_RETURN_STRUCT_ERR", "__ui_get_preset_info(100, -1)", no_buffer, refused(30000)},
+              -3}}};
 }
 
 // Commands that need no memory of their own.
@@ -263,8 +256,7 @@ TEST(Allocation, RefusedToACommandIsReportedAndNothingIsSent) {
     for (const Command& command : all_commands()) {
         for (size_t index = 0; index < command.refusals.size(); ++index) {
             for (const bool for_good : {false, true}) {
-                SCOPED_TRACE(command.name + ", allocation " + std::to_string(index + 1) +
-                             (for_good ? " on" : ""));
+                SCOPED_TRACE(command.name + ", allocation " + std::to_string(index + 1) + (for_good ? " on" : ""));
                 FakeHost host;
                 command.set_up(host);
                 host.refuse_allocation(static_cast<int>(index) + 1, for_good);
@@ -282,8 +274,7 @@ TEST(Allocation, RefusedToACommandEndsTheWholeRequest) {
     for (const Command& command : all_commands()) {
         for (size_t index = 0; index < command.refusals.size(); ++index) {
             for (const bool for_good : {false, true}) {
-                SCOPED_TRACE(command.name + ", allocation " + std::to_string(index + 2) +
-                             (for_good ? " on" : ""));
+                SCOPED_TRACE(command.name + ", allocation " + std::to_string(index + 2) + (for_good ? " on" : ""));
                 FakeHost host;
                 command.set_up(host);
                 host.refuse_allocation(static_cast<int>(index) + 2, for_good); // the first is the request's
@@ -308,14 +299,14 @@ TEST(Allocation, RefusedToARequestLeavesItIncompleteUntilTheHostRecovers) {
             host.refuse_allocation(1, for_good);
             const Bytes whole = request(command.function, command.payload);
             EXPECT_EQ(host.receive(whole), -1);
-            EXPECT_EQ(host.transcript, (Transcript{
-                                           "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=" +
-                                               std::to_string(command.function),
-                                           "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=" +
-                                               std::to_string(whole.size()),
-                                           "PLAIN ALG_SMM shotmentor_p_ReceiveData add=null",
-                                           "ERROR ALG_SMM ERR ADE_ShotMentor_Combine_BTData ",
-                                       }));
+            EXPECT_EQ(
+                host.transcript,
+                (Transcript{
+                    "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=" + std::to_string(command.function),
+                    "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=" + std::to_string(whole.size()),
+                    "PLAIN ALG_SMM shotmentor_p_ReceiveData add=null",
+                    "ERROR ALG_SMM ERR ADE_ShotMentor_Combine_BTData ",
+                }));
             expect_nothing_owned(host);
             host.settle();
             expect_success(host, command);
@@ -339,12 +330,11 @@ TEST(Allocation, RefusedToAReplyKeepsTheParkedReplyUntilALaterOneIsCurrent) {
     const Transcript send = command_lines(host.transcript);
     host.refuse_allocation(2);
     host.receive(request(5));
-    EXPECT_EQ(
-        command_lines(host.transcript),
-        joined({send,
-                {"CYAN ALG_SMM ADE_SM_Delete_Preset() del_num=0", "ERROR ALG_SMM SM_RETURN_DATA_ERR",
-                 "ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
-                 no_buffer, refused(30000)}}));
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({send,
+                      {"CYAN ALG_SMM ADE_SM_Delete_Preset() del_num=0", "ERROR ALG_SMM SM_RETURN_DATA_ERR",
+                       "ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
+                       no_buffer, refused(30000)}}));
     EXPECT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(shotmentor_p_FullData, nullptr);
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 1);

@@ -1,5 +1,5 @@
-// Which step a camera model sets in place of one that it does not support: the nearest, the lower one of two
-// that are equally near. And what the search for it writes to the log.
+// Which step a camera model sets in place of one that it does not support: the nearest, the lower one of two that are
+// equally near. And what the search for it writes to the log.
 
 #include <gtest/gtest.h>
 
@@ -63,17 +63,15 @@ struct Steps {
         return next == supported.end() ? std::nullopt : std::optional(*next);
     }
 
-    bool supports(int position) const {
-        return std::binary_search(supported.begin(), supported.end(), position);
-    }
+    bool supports(int position) const { return std::binary_search(supported.begin(), supported.end(), position); }
 };
 
 // What the search must find and log, decided from the two nearest supported steps.
 //
-// Nothing is logged for a supported step, for one whose lower neighbour is supported and for the last one:
-// there is nothing to look for above. Otherwise the size is logged, then what the look upwards found: (1) the
-// upper neighbour, which ends the search, (2) a step farther up, (3) nothing up to the last position. Last
-// comes the decision between the two distances.
+// Nothing is logged for a supported step, for one whose lower neighbour is supported and for the last one: there is
+// nothing to look for above. Otherwise the size is logged, then what the look upwards found: (1) the upper neighbour,
+// which ends the search, (2) a step farther up, (3) nothing up to the last position. Last comes the decision between
+// the two distances.
 Outcome searched(const Steps& steps, int position) {
     if (steps.supports(position)) {
         return {position, {}};
@@ -137,12 +135,10 @@ constexpr int unknown_models[] = {3, 4, -1, INT_MAX, INT_MIN};
 
 const Steps shutter_steps[] = {Steps(TV_SET_ENABLE_ZE), Steps(TV_SET_ENABLE_RH), Steps(TV_SET_ENABLE_KT7)};
 const Steps aperture_steps[] = {Steps(AV_SET_ENABLE_ZE), Steps(AV_SET_ENABLE_RH), Steps(AV_SET_ENABLE_KT7)};
-const Steps sensitivity_steps[] = {Steps(SV_SET_ENABLE_ZE), Steps(SV_SET_ENABLE_RH),
-                                   Steps(SV_SET_ENABLE_KT7)};
+const Steps sensitivity_steps[] = {Steps(SV_SET_ENABLE_ZE), Steps(SV_SET_ENABLE_RH), Steps(SV_SET_ENABLE_KT7)};
 const Steps third_steps[] = {Steps(SV_1_3_SET_ENABLE_KT7, 26), Steps(SV_1_3_SET_ENABLE_KT7, 26),
                              Steps(SV_1_3_SET_ENABLE_KT7, 31)};
-const Steps compensation_steps[] = {Steps(EV_SET_ENABLE_ZE), Steps(EV_SET_ENABLE_RH),
-                                    Steps(EV_SET_ENABLE_KT7)};
+const Steps compensation_steps[] = {Steps(EV_SET_ENABLE_ZE), Steps(EV_SET_ENABLE_RH), Steps(EV_SET_ENABLE_KT7)};
 
 Outcome with_line(Outcome outcome, const std::string& line) {
     outcome.log.push_back(line);
@@ -160,8 +156,7 @@ TEST_F(Approximation, EveryShutterTimeOfEveryModelGivesItsNearestSupportedOne) {
     for (const int model : every_model) {
         for (int position = 0; position < shutter_steps[model].size; ++position) {
             if (position < 103 || position > 107) {
-                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, position, model),
-                          expected_shutter(model, position))
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, position, model), expected_shutter(model, position))
                     << "model " << model << " position " << position;
             }
         }
@@ -194,8 +189,7 @@ Outcome expected_aperture(int model, int aperture) {
 TEST_F(Approximation, EveryApertureOfEveryModelGivesItsNearestSupportedOne) {
     for (const int model : every_model) {
         for (const int aperture : AV_LUT) {
-            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, aperture, model),
-                      expected_aperture(model, aperture))
+            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, aperture, model), expected_aperture(model, aperture))
                 << "model " << model << " aperture " << aperture;
         }
     }
@@ -204,8 +198,7 @@ TEST_F(Approximation, EveryApertureOfEveryModelGivesItsNearestSupportedOne) {
 TEST_F(Approximation, EveryNumberFrom0To1000IsTakenForTheNearestAperture) {
     for (const int model : every_model) {
         for (int aperture = 0; aperture <= 1000; ++aperture) {
-            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, aperture, model),
-                      expected_aperture(model, aperture))
+            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, aperture, model), expected_aperture(model, aperture))
                 << "model " << model << " aperture " << aperture;
         }
     }
@@ -263,14 +256,12 @@ TEST_F(Approximation, ASupportedLowerNeighbourWinsAtOnce) {
 TEST_F(Approximation, ASupportedLowerNeighbourWinsOverTheUpperOne) {
     // Model RH supports the apertures at 22 and 24, and not the one between.
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, 32, SM_CAMERA_RH),
-              gives(22, {yellow("(AV_LUT)arr_size :(151)"), cyan("approx_av :(22)"),
-                         cyan("convertedIndex :(31)")}));
+              gives(22, {yellow("(AV_LUT)arr_size :(151)"), cyan("approx_av :(22)"), cyan("convertedIndex :(31)")}));
 }
 
 TEST_F(Approximation, ASupportedUpperNeighbourWinsOverALowerStepFartherAway) {
-    EXPECT_EQ(
-        outcome_of(ADE_PRO_ConvertApproxSV, 5),
-        gives(6, {cyan("TotalSize:31"), cyan("rstartpt(1)rstep:1\t result:6"), cyan("Converted SV :(6)")}));
+    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV, 5),
+              gives(6, {cyan("TotalSize:31"), cyan("rstartpt(1)rstep:1\t result:6"), cyan("Converted SV :(6)")}));
 }
 
 TEST_F(Approximation, TheLastStepIsSupported) {
@@ -278,45 +269,44 @@ TEST_F(Approximation, TheLastStepIsSupported) {
 }
 
 TEST_F(Approximation, FromTheLastStepTheSearchLooksDownOnly) {
-    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, 100, SM_CAMERA_RH),
-              gives(70, {cyan("Converted EV :(70)")}));
+    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, 100, SM_CAMERA_RH), gives(70, {cyan("Converted EV :(70)")}));
 }
 
 TEST_F(Approximation, FromTheFirstStepTheSearchLooksUpOnly) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, 0, SM_CAMERA_RH),
-              gives(30, {cyan("TotalSize:101"), cyan("rstartpt(2)rstep:30\t result:30"),
-                         yellow("rstep:30\t result:30"), cyan("Converted EV :(30)")}));
+              gives(30, {cyan("TotalSize:101"), cyan("rstartpt(2)rstep:30\t result:30"), yellow("rstep:30\t result:30"),
+                         cyan("Converted EV :(30)")}));
 }
 
 TEST_F(Approximation, WhereNothingIsSupportedBelowTheStepAboveIsTaken) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, 2, SM_CAMERA_RH),
-              gives(30, {cyan("TotalSize:101"), cyan("rstartpt(2)rstep:28\t result:30"),
-                         yellow("rstep:28\t result:30"), cyan("Converted EV :(30)")}));
+              gives(30, {cyan("TotalSize:101"), cyan("rstartpt(2)rstep:28\t result:30"), yellow("rstep:28\t result:30"),
+                         cyan("Converted EV :(30)")}));
 }
 
 TEST_F(Approximation, WhereNothingIsSupportedAboveTheStepBelowIsTaken) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, 97, SM_CAMERA_RH),
-              gives(70, {cyan("TotalSize:101"), cyan("rstartpt(3)rstep:3\t result:100"),
-                         yellow("fstep:27\t result:70"), cyan("Converted EV :(70)")}));
+              gives(70, {cyan("TotalSize:101"), cyan("rstartpt(3)rstep:3\t result:100"), yellow("fstep:27\t result:70"),
+                         cyan("Converted EV :(70)")}));
 }
 
 TEST_F(Approximation, OfTwoEquallyNearStepsTheLowerOneIsTaken) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, 2),
-              gives(0, {cyan("TotalSize:101"), cyan("rstartpt(2)rstep:2\t result:4"),
-                        yellow("fstep:2\t rstep:2"), cyan("Converted EV :(0)")}));
+              gives(0, {cyan("TotalSize:101"), cyan("rstartpt(2)rstep:2\t result:4"), yellow("fstep:2\t rstep:2"),
+                        cyan("Converted EV :(0)")}));
 }
 
 TEST_F(Approximation, TheNearerOfTwoStepsIsTakenAbove) {
     // Model KT7 supports the shutter times at 28 and 38.
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 34),
-              gives(38, {cyan("TotalSize:110"), cyan("rstartpt(2)rstep:4\t result:38"),
-                         yellow("rstep:4\t result:38"), cyan("[TV]convertedIndex::(38)")}));
+              gives(38, {cyan("TotalSize:110"), cyan("rstartpt(2)rstep:4\t result:38"), yellow("rstep:4\t result:38"),
+                         cyan("[TV]convertedIndex::(38)")}));
 }
 
 TEST_F(Approximation, TheNearerOfTwoStepsIsTakenBelow) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 32),
-              gives(28, {cyan("TotalSize:110"), cyan("rstartpt(2)rstep:6\t result:38"),
-                         yellow("fstep:4\t result:28"), cyan("[TV]convertedIndex::(28)")}));
+              gives(28, {cyan("TotalSize:110"), cyan("rstartpt(2)rstep:6\t result:38"), yellow("fstep:4\t result:28"),
+                         cyan("[TV]convertedIndex::(28)")}));
 }
 
 // ---- Shutter time
@@ -340,16 +330,15 @@ TEST_F(Approximation, TheShutterTimesBesideTheFixedAnswersAreSearched) {
 }
 
 TEST_F(Approximation, TheFirstShutterTimeOfModelKt7GivesItsUpperNeighbour) {
-    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 0),
-              gives(1, {cyan("TotalSize:110"), cyan("rstartpt(1)rstep:1\t result:1"),
-                        cyan("[TV]convertedIndex::(1)")}));
+    EXPECT_EQ(
+        outcome_of(ADE_PRO_ConvertApproxTV, 0),
+        gives(1, {cyan("TotalSize:110"), cyan("rstartpt(1)rstep:1\t result:1"), cyan("[TV]convertedIndex::(1)")}));
 }
 
 TEST_F(Approximation, AShutterTimeOutsideTheScaleStartsAtItsNearestEnd) {
     for (const int position : {-1, -2, -1000, INT_MIN}) {
         for (const int model : every_model) {
-            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, position, model), expected_shutter(model, 0))
-                << position;
+            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, position, model), expected_shutter(model, 0)) << position;
         }
     }
     for (const int position : {110, 111, 1000, INT_MAX}) {
@@ -362,10 +351,8 @@ TEST_F(Approximation, AShutterTimeOutsideTheScaleStartsAtItsNearestEnd) {
 }
 
 TEST_F(Approximation, ShutterTime108LiesBehindTheScalesOfModelsZeAndRh) {
-    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 108, SM_CAMERA_ZE),
-              gives(102, {cyan("[TV]convertedIndex::(102)")}));
-    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 108, SM_CAMERA_RH),
-              gives(107, {cyan("[TV]convertedIndex::(107)")}));
+    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 108, SM_CAMERA_ZE), gives(102, {cyan("[TV]convertedIndex::(102)")}));
+    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 108, SM_CAMERA_RH), gives(107, {cyan("[TV]convertedIndex::(107)")}));
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 109, SM_CAMERA_ZE).result, 102);
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 109, SM_CAMERA_RH).result, 107);
 }
@@ -374,29 +361,26 @@ TEST_F(Approximation, ShutterTime108LiesBehindTheScalesOfModelsZeAndRh) {
 
 TEST_F(Approximation, ASupportedApertureGivesItsPositionWithoutASearch) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, 122),
-              gives(106, {yellow("(AV_LUT)arr_size :(151)"), cyan("approx_av :(106)"),
-                          cyan("convertedIndex :(122)")}));
+              gives(106, {yellow("(AV_LUT)arr_size :(151)"), cyan("approx_av :(106)"), cyan("convertedIndex :(122)")}));
 }
 
 TEST_F(Approximation, AnApertureThatNoModelKnowsIsTakenForTheLowerOfTwoEquallyNearOnes) {
     // f/12.3 lies between f/12.2 at position 106 and f/12.4 at 107.
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, 123),
-              gives(106, {yellow("(AV_LUT)arr_size :(151)"), cyan("approx_av :(106)"),
-                          cyan("convertedIndex :(122)")}));
+              gives(106, {yellow("(AV_LUT)arr_size :(151)"), cyan("approx_av :(106)"), cyan("convertedIndex :(122)")}));
 }
 
 TEST_F(Approximation, TheLinesOfASearchedApertureStandBetweenSizeAndAnswer) {
     // f/6.6 is at position 57; f/6.3 at 54 and f/7.1 at 62 are supported.
-    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, 66),
-              gives(54, {yellow("(AV_LUT)arr_size :(151)"), cyan("TotalSize:151"),
-                         cyan("rstartpt(2)rstep:5\t result:62"), yellow("fstep:3\t result:54"),
-                         cyan("approx_av :(54)"), cyan("convertedIndex :(63)")}));
+    EXPECT_EQ(
+        outcome_of(ADE_PRO_ConvertApproxAV, 66),
+        gives(54, {yellow("(AV_LUT)arr_size :(151)"), cyan("TotalSize:151"), cyan("rstartpt(2)rstep:5\t result:62"),
+                   yellow("fstep:3\t result:54"), cyan("approx_av :(54)"), cyan("convertedIndex :(63)")}));
 }
 
 TEST_F(Approximation, AperturesBehindThePhonesScaleAreAnsweredOnTheScaleOfAllModels) {
-    const std::pair<int, int> answers[] = {{113, 101}, {120, 104}, {164, 128}, {170, 129},
-                                           {178, 130}, {184, 135}, {500, 145}, {570, 145},
-                                           {640, 147}, {720, 147}, {800, 150}, {900, 150}};
+    const std::pair<int, int> answers[] = {{113, 101}, {120, 104}, {164, 128}, {170, 129}, {178, 130}, {184, 135},
+                                           {500, 145}, {570, 145}, {640, 147}, {720, 147}, {800, 150}, {900, 150}};
     for (const auto& [aperture, position] : answers) {
         EXPECT_EQ(ADE_PRO_ConvertApproxAV(aperture), position) << aperture;
     }
@@ -405,12 +389,10 @@ TEST_F(Approximation, AperturesBehindThePhonesScaleAreAnsweredOnTheScaleOfAllMod
 TEST_F(Approximation, WildAperturesAreTakenForTheFirstOrTheLastOne) {
     for (const int model : every_model) {
         for (const int aperture : {-1, -900, -1000000, INT_MIN, INT_MIN + 1}) {
-            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, aperture, model), expected_aperture(model, 0))
-                << aperture;
+            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, aperture, model), expected_aperture(model, 0)) << aperture;
         }
         for (const int aperture : {901, 65535, 1000000, INT_MAX, INT_MAX - 1}) {
-            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, aperture, model), expected_aperture(model, 900))
-                << aperture;
+            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, aperture, model), expected_aperture(model, 900)) << aperture;
         }
     }
 }
@@ -435,10 +417,8 @@ TEST_F(Approximation, ASensitivityOutsideTheScaleBecomesAutomaticWithoutASearch)
 
 TEST_F(Approximation, SensitivitiesBehindTheScaleOfAModelStartAtItsEnd) {
     for (int position = 26; position <= 30; ++position) {
-        EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV, position, SM_CAMERA_ZE),
-                  gives(25, {cyan("Converted SV :(25)")}));
-        EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV, position, SM_CAMERA_RH),
-                  gives(16, {cyan("Converted SV :(16)")}));
+        EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV, position, SM_CAMERA_ZE), gives(25, {cyan("Converted SV :(25)")}));
+        EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV, position, SM_CAMERA_RH), gives(16, {cyan("Converted SV :(16)")}));
         EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV_1_3step, position, SM_CAMERA_ZE),
                   gives(25, {cyan("Converted SV :(25)")}));
         EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV_1_3step, position, SM_CAMERA_RH),
@@ -448,14 +428,11 @@ TEST_F(Approximation, SensitivitiesBehindTheScaleOfAModelStartAtItsEnd) {
 
 TEST_F(Approximation, ThirdStepsOfModelsZeAndRhEndAtPosition25) {
     for (const int model : {SM_CAMERA_ZE, SM_CAMERA_RH}) {
-        EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV_1_3step, 25, model),
-                  gives(25, {cyan("Converted SV :(25)")}));
+        EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV_1_3step, 25, model), gives(25, {cyan("Converted SV :(25)")}));
         EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV_1_3step, 2, model),
-                  gives(3, {cyan("TotalSize:26"), cyan("rstartpt(1)rstep:1\t result:3"),
-                            cyan("Converted SV :(3)")}));
+                  gives(3, {cyan("TotalSize:26"), cyan("rstartpt(1)rstep:1\t result:3"), cyan("Converted SV :(3)")}));
     }
-    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV_1_3step, 30, SM_CAMERA_KT7),
-              gives(30, {cyan("Converted SV :(30)")}));
+    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV_1_3step, 30, SM_CAMERA_KT7), gives(30, {cyan("Converted SV :(30)")}));
 }
 
 // ---- Compensation
@@ -463,12 +440,10 @@ TEST_F(Approximation, ThirdStepsOfModelsZeAndRhEndAtPosition25) {
 TEST_F(Approximation, ACompensationOutsideTheScaleStartsAtItsNearestEnd) {
     for (const int model : every_model) {
         for (const int code : {-1, -10, -1000, INT_MIN}) {
-            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, code, model), expected_compensation(model, 0))
-                << code;
+            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, code, model), expected_compensation(model, 0)) << code;
         }
         for (const int code : {101, 110, 1000, INT_MAX}) {
-            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, code, model), expected_compensation(model, 100))
-                << code;
+            EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, code, model), expected_compensation(model, 100)) << code;
         }
     }
 }

@@ -18,9 +18,8 @@ inline Transcript joined(std::initializer_list<Transcript> parts) {
     return all;
 }
 
-// Leaves out the trace of the conversions, which has tests of its own. What remains of a conversion is the
-// line that the record copy logs under the manager's tag and, towards the phone, the question for the ISO
-// steps.
+// Leaves out the trace of the conversions, which has tests of its own. What remains of a conversion is the line that
+// the record copy logs under the manager's tag and, towards the phone, the question for the ISO steps.
 inline Transcript without_conversions(const Transcript& transcript) {
     Transcript rest;
     std::copy_if(transcript.begin(), transcript.end(), std::back_inserter(rest),
@@ -39,14 +38,13 @@ inline Transcript renumbered(Transcript transcript) {
         const size_t name = first + 4;
         const size_t length = line.find_first_not_of("0123456789", name + 1) - name;
         const std::string old = line.substr(name, length);
-        line.replace(name, old.size(),
-                     names.emplace(old, "#" + std::to_string(names.size() + 1)).first->second);
+        line.replace(name, old.size(), names.emplace(old, "#" + std::to_string(names.size() + 1)).first->second);
     }
     return transcript;
 }
 
-// What a command itself logged and asked for: neither the intake of its packets nor the trace of conversions.
-// The addresses are those of replies only, so "#1" is the first reply that a line names.
+// What a command itself logged and asked for: neither the intake of its packets nor the trace of conversions. The
+// addresses are those of replies only, so "#1" is the first reply that a line names.
 inline Transcript command_lines(const Transcript& transcript) {
     static const char* const intake[] = {
         " ALG_SMM ADE_ShotMentor_Receive_Manager ",
@@ -92,8 +90,8 @@ void put_text(char (&field)[Size], const std::string& text) {
     std::memcpy(field, text.data(), std::min(Size, text.size()));
 }
 
-// Has the library list forty presets full of letters and free all that it took for it, so that
-// memory it gets afterwards holds their bytes until it clears it.
+// Has the library list forty presets full of letters and free all that it took for it, so that memory it gets
+// afterwards holds their bytes until it clears it.
 inline void leave_presets_on_the_heap(FakeHost& host) {
     host.presets = presets_from_100(40);
     for (tag_custom_info& stored : host.presets) {

@@ -1,5 +1,5 @@
-// Function 5: the phone deletes presets. How the entries are checked, which presets a custom mode keeps, what
-// the UI service is handed, and what the reply says about the presets that are left.
+// Function 5: the phone deletes presets. How the entries are checked, which presets a custom mode keeps, what the UI
+// service is handed, and what the reply says about the presets that are left.
 #include <climits>
 
 #include <gtest/gtest.h>
@@ -94,8 +94,7 @@ std::string impossible(int custom_mode) {
 // The lines from the question for the list to the marking of the custom modes' presets.
 Transcript listed(const std::vector<int>& ids, int link1 = nothing, int link2 = nothing) {
     Transcript lines = {"__ui_get_custom_mode_list_info()",
-                        "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " +
-                            std::to_string(ids.size())};
+                        "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " + std::to_string(ids.size())};
     for (const int id : ids) {
         lines = joined({lines, converted_to_phone("Preset " + std::to_string(id), id)});
     }
@@ -130,11 +129,9 @@ TEST(Delete, IsOneConversationFromThePacketToTheSend) {
             "__ui_preset_delete_form_phone(1)",
             "__ui_get_custom_mode_list_info()",
             "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 2",
-            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 100 custom_id : 100 "
-            "server_id : 0",
+            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 100 custom_id : 100 server_id : 0",
             "User_Spec_Get_Value(272)",
-            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 102 custom_id : 102 "
-            "server_id : 0",
+            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 102 custom_id : 102 server_id : 0",
             "User_Spec_Get_Value(272)",
             "__ui_get_linked_preseet_num_for_phone(0)",
             "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
@@ -142,8 +139,8 @@ TEST(Delete, IsOneConversationFromThePacketToTheSend) {
             "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
             "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
             "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1005, return=1, SM_STRUCT_VER=1, num_Preset=2",
-            "PLAIN ALG_SMM sendlength=1508, open_preset_num1=-1, open_custom_id1=-1, open_preset_num2=-1, "
-            "open_custom_id2=-1",
+            "PLAIN ALG_SMM sendlength=1508, open_preset_num1=-1, open_custom_id1=-1, "
+            "open_preset_num2=-1, open_custom_id2=-1",
             "bt_send_msgs(1508)",
             "PLAIN ALG_SMM free Receive add=#1",
         }));
@@ -177,8 +174,7 @@ TEST(Delete, OfFifteenBytesHasOneEntry) {
     host.presets = presets_from_100(3);
     EXPECT_EQ(host.receive(request(5, slice(words({1, 101, 2, 102}), 0, 15))), 1);
     const Transcript lines = command_lines(host.transcript);
-    EXPECT_EQ(Transcript(lines.begin(), lines.begin() + 3),
-              (Transcript{begins(1), entry(0, 1, 101), looked_up(101)}));
+    EXPECT_EQ(Transcript(lines.begin(), lines.begin() + 3), (Transcript{begins(1), entry(0, 1, 101), looked_up(101)}));
     ASSERT_EQ(host.presets.size(), 2u);
     EXPECT_EQ(host.presets[1].custom_id, 102);
 }
@@ -187,24 +183,22 @@ TEST(Delete, CountsItsEntriesInWordsInTheLog) {
     FakeHost host;
     host.presets = presets_from_100(4);
     EXPECT_EQ(host.receive(request(5, words({3, 103, 0, 100, 2, 102}))), 1);
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(3), entry(0, 3, 103), entry(2, 0, 100), entry(4, 2, 102), looked_up(103),
-                       looked_up(100), looked_up(102)},
-                      settled(1, not_opened(1), -1),
-                      settled(2, not_opened(2), -1),
-                      {"__ui_preset_delete_form_phone(0 2 3)"},
-                      listed({101}),
-                      sent(764, 1, 1)}));
+    EXPECT_EQ(command_lines(host.transcript), joined({{begins(3), entry(0, 3, 103), entry(2, 0, 100), entry(4, 2, 102),
+                                                       looked_up(103), looked_up(100), looked_up(102)},
+                                                      settled(1, not_opened(1), -1),
+                                                      settled(2, not_opened(2), -1),
+                                                      {"__ui_preset_delete_form_phone(0 2 3)"},
+                                                      listed({101}),
+                                                      sent(764, 1, 1)}));
 }
 
 TEST(Delete, OfIdentity0FailsAndDeletesNothingEvenAmongGoodEntries) {
     FakeHost host;
     host.presets = presets_from_100(3);
     EXPECT_EQ(host.receive(request(5, words({1, 101, 2, 0, 0, 100}))), -3);
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(3), entry(0, 1, 101), entry(2, 2, 0), entry(4, 0, 100), looked_up(101), faulty,
-                       looked_up(0), faulty, looked_up(100)},
-                      sent(20, -3, 0)}));
+    EXPECT_EQ(command_lines(host.transcript), joined({{begins(3), entry(0, 1, 101), entry(2, 2, 0), entry(4, 0, 100),
+                                                       looked_up(101), faulty, looked_up(0), faulty, looked_up(100)},
+                                                      sent(20, -3, 0)}));
     EXPECT_EQ(host.presets.size(), 3u);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, head(20, -3, 0));
@@ -235,9 +229,9 @@ TEST(Delete, OfANumberOutside0To39FailsAndDeletesNothing) {
         FakeHost host;
         host.presets = presets_from_100(3);
         EXPECT_EQ(host.receive(request(5, words({number, 100, 1, 101}))), -3);
-        EXPECT_EQ(command_lines(host.transcript), joined({{begins(2), entry(0, number, 100), entry(2, 1, 101),
-                                                           faulty, looked_up(100), looked_up(101)},
-                                                          sent(20, -3, 0)}));
+        EXPECT_EQ(command_lines(host.transcript),
+                  joined({{begins(2), entry(0, number, 100), entry(2, 1, 101), faulty, looked_up(100), looked_up(101)},
+                          sent(20, -3, 0)}));
         EXPECT_EQ(host.presets.size(), 3u);
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, head(20, -3, 0));
@@ -311,9 +305,7 @@ TEST(Delete, CalledWithANegativeLengthIsRefusedUnread) {
         FakeHost host;
         host.presets = presets_from_100(3);
         const Bytes payload = words({1, 101});
-        EXPECT_EQ(
-            host.call([&payload, length = length] { return ADE_SM_Delete_Preset(payload.data(), length); }),
-            -3);
+        EXPECT_EQ(host.call([&payload, length = length] { return ADE_SM_Delete_Preset(payload.data(), length); }), -3);
         EXPECT_EQ(host.transcript, joined({{begins(entries), faulty}, sent(20, -3, 0)}));
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, head(20, -3, 0));
@@ -359,16 +351,14 @@ TEST(Delete, KeepsThePresetOfCustom1AndDeletesTheOthers) {
     host.linked[0] = 3;
     EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101, 3, 103}))), -7);
     const Kept kept = {1, 103, nothing, nothing}; // number 3 has become number 1
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(3), entry(0, 0, 100), entry(2, 1, 101), entry(4, 3, 103), looked_up(100),
-                       looked_up(101), looked_up(103)},
-                      settled(1, kept_index(1), 3),
-                      settled(2, not_opened(2), -1),
-                      {"__ui_preset_delete_form_phone(0 1)"},
-                      listed({102, 103}, 1),
-                      sent(1516, -7, 2, kept)}));
-    const Bytes reply =
-        head(1516, -7, 2) + phone_record(preset(102, 0)) + phone_record(preset(103, 1), 1) + zeros(8);
+    EXPECT_EQ(command_lines(host.transcript), joined({{begins(3), entry(0, 0, 100), entry(2, 1, 101), entry(4, 3, 103),
+                                                       looked_up(100), looked_up(101), looked_up(103)},
+                                                      settled(1, kept_index(1), 3),
+                                                      settled(2, not_opened(2), -1),
+                                                      {"__ui_preset_delete_form_phone(0 1)"},
+                                                      listed({102, 103}, 1),
+                                                      sent(1516, -7, 2, kept)}));
+    const Bytes reply = head(1516, -7, 2) + phone_record(preset(102, 0)) + phone_record(preset(103, 1), 1) + zeros(8);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, reply);
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, kept));
@@ -402,14 +392,13 @@ TEST(Delete, KeepsThePresetsOfBothCustomModes) {
     host.linked[1] = 1;
     EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101, 3, 103}))), -8);
     const Kept kept = {2, 103, 0, 101};
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(3), entry(0, 0, 100), entry(2, 1, 101), entry(4, 3, 103), looked_up(100),
-                       looked_up(101), looked_up(103)},
-                      settled(1, kept_index(1), 3),
-                      settled(2, kept_index(2), 1),
-                      {"__ui_preset_delete_form_phone(0)"},
-                      listed({101, 102, 103}, 2, 0),
-                      sent(2268, -8, 3, kept)}));
+    EXPECT_EQ(command_lines(host.transcript), joined({{begins(3), entry(0, 0, 100), entry(2, 1, 101), entry(4, 3, 103),
+                                                       looked_up(100), looked_up(101), looked_up(103)},
+                                                      settled(1, kept_index(1), 3),
+                                                      settled(2, kept_index(2), 1),
+                                                      {"__ui_preset_delete_form_phone(0)"},
+                                                      listed({101, 102, 103}, 2, 0),
+                                                      sent(2268, -8, 3, kept)}));
     const Bytes reply = head(2268, -8, 3) + phone_record(preset(101, 0), 2) + phone_record(preset(102, 1)) +
                         phone_record(preset(103, 2), 1) + zeros(16);
     ASSERT_EQ(host.replies.size(), 1u);
@@ -494,8 +483,7 @@ TEST(Delete, ReportsAStoredPresetWithIdentityMinus1AsKeptForBothCustomModes) {
                                                       {"__ui_preset_delete_form_phone(0)"},
                                                       listed({101, -1}),
                                                       sent(1524, 1, 2, kept)}));
-    const Bytes reply =
-        head(1524, 1, 2) + phone_record(preset(101, 0)) + phone_record(preset(-1, 1)) + zeros(16);
+    const Bytes reply = head(1524, 1, 2) + phone_record(preset(101, 0)) + phone_record(preset(-1, 1)) + zeros(16);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, reply);
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, kept));
@@ -647,8 +635,7 @@ TEST(Delete, TakesAnImpossibleCountForTheNearestPossibleOne) {
         host.reported_count = reported;
         EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
         EXPECT_EQ(command_lines(host.transcript)[9],
-                  "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " +
-                      std::to_string(reported));
+                  "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " + std::to_string(reported));
         Bytes records;
         for (int number = 0; number < taken; ++number) {
             records = records + phone_record(preset(100 + number, number));
@@ -725,8 +712,7 @@ TEST(Delete, ReportsEveryPresetWhenTheServiceDeletesNone) {
     host.deletes = false;
     EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes,
-              head(1508, 1, 2) + phone_record(preset(100, 0)) + phone_record(preset(101, 1)));
+    EXPECT_EQ(host.replies[0].bytes, head(1508, 1, 2) + phone_record(preset(100, 0)) + phone_record(preset(101, 1)));
 }
 
 TEST(Delete, OwnsNothingButTheReplyWhenItHasBeenSent) {
@@ -753,14 +739,12 @@ TEST(Delete, ParksAReplyThatIsStillUnconfirmed) {
     const Transcript refused = {begins(0), "ERROR ALG_SMM SM_RETURN_DATA_ERR"};
     Transcript second = sent(20, -2, 0);
     second[0] = "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2";
-    EXPECT_EQ(
-        command_lines(host.transcript),
-        joined(
-            {refused,
-             sent(20, -2, 0),
-             refused,
-             {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1"},
-             second}));
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({refused,
+                      sent(20, -2, 0),
+                      refused,
+                      {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1"},
+                      second}));
 }
 
 TEST(Delete, DoesNotAskWhetherThePhoneLinkIsUp) {

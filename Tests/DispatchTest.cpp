@@ -1,5 +1,5 @@
-// The dispatcher: which command serves which function number, how the link state follows, what the numbers
-// that nobody serves lead to, and the values of the two vocabularies that phone and camera share.
+// The dispatcher: which command serves which function number, how the link state follows, what the numbers that nobody
+// serves lead to, and the values of the two vocabularies that phone and camera share.
 #include <climits>
 #include <cstdio>
 #include <string>
@@ -25,10 +25,8 @@ Transcript request_of(int function, int total, const Transcript& dispatched) {
             "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=" + std::to_string(function),
             "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=" + length,
             "PLAIN ALG_SMM shotmentor_p_ReceiveData add=#1",
-            "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=" + length +
-                ", sm_BT_combine_length=" + length,
-            "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=" + hexadecimal(function) +
-                ", length=" + length,
+            "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=" + length + ", sm_BT_combine_length=" + length,
+            "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=" + hexadecimal(function) + ", length=" + length,
         },
         dispatched,
         {"PLAIN ALG_SMM free Receive add=#1"},
@@ -58,23 +56,22 @@ TEST(Dispatch, SetsTheLinkStateOffAndHandsThePayloadOfFunction0ToTheCommand) {
 TEST(Dispatch, SetsTheLinkStateOnAndRunsTheListCommandForFunction1) {
     FakeHost host;
     EXPECT_EQ(host.receive(request(1)), 1);
-    EXPECT_EQ(host.transcript,
-              request_of(1, 8,
-                         {
-                             "__ui_set_shotmentor_state(1)",
-                             "CYAN ALG_SMM ADE_SM_Send_List()",
-                             "__ui_get_bt_state_for_phone()",
-                             "__ui_get_custom_mode_list_info()",
-                             "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 0",
-                             "__ui_get_linked_preseet_num_for_phone(0)",
-                             "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
-                             "__ui_get_linked_preseet_num_for_phone(1)",
-                             "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
-                             "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
-                             "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=28, SM_MODEL=KT7, "
-                             "SM_STRUCT_VER=1, num_Preset=0",
-                             "bt_send_msgs(28)",
-                         }));
+    EXPECT_EQ(host.transcript, request_of(1, 8,
+                                          {
+                                              "__ui_set_shotmentor_state(1)",
+                                              "CYAN ALG_SMM ADE_SM_Send_List()",
+                                              "__ui_get_bt_state_for_phone()",
+                                              "__ui_get_custom_mode_list_info()",
+                                              "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 0",
+                                              "__ui_get_linked_preseet_num_for_phone(0)",
+                                              "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
+                                              "__ui_get_linked_preseet_num_for_phone(1)",
+                                              "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
+                                              "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
+                                              "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=28, "
+                                              "SM_MODEL=KT7, SM_STRUCT_VER=1, num_Preset=0",
+                                              "bt_send_msgs(28)",
+                                          }));
 }
 
 TEST(Dispatch, SetsTheLinkStateOnEvenWhenTheListThenFails) {
@@ -129,15 +126,14 @@ TEST(Dispatch, HandsThePayloadOfFunction4ToTheUpdateCommand) {
     FakeHost host;
     host.update_answer = 77;
     EXPECT_EQ(host.receive(request(4, image(record))), 77);
-    EXPECT_EQ(host.transcript,
-              request_of(4, 752,
-                         {
-                             "CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Sun",
-                             "__ui_preset_update_comfirm(3, 9, \"Sun\")",
-                             "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
-                             "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1004, return=77",
-                             "bt_send_msgs(12)",
-                         }));
+    EXPECT_EQ(host.transcript, request_of(4, 752,
+                                          {
+                                              "CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Sun",
+                                              "__ui_preset_update_comfirm(3, 9, \"Sun\")",
+                                              "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
+                                              "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1004, return=77",
+                                              "bt_send_msgs(12)",
+                                          }));
 }
 
 TEST(Dispatch, HandsThePayloadOfFunction5ToTheDeleteCommand) {
@@ -151,8 +147,7 @@ TEST(Dispatch, HandsThePayloadOfFunction5ToTheDeleteCommand) {
                              "__ui_get_preset_info(7, -1)",
                              "ERROR ALG_SMM SM_RETURN_STRUCT_ERR",
                              "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
-                             "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1005, return=-3, SM_STRUCT_VER=1, "
-                             "num_Preset=0",
+                             "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1005, return=-3, SM_STRUCT_VER=1, num_Preset=0",
                              "PLAIN ALG_SMM sendlength=20, open_preset_num1=-1, open_custom_id1=-1, "
                              "open_preset_num2=-1, open_custom_id2=-1",
                              "bt_send_msgs(20)",
@@ -164,8 +159,7 @@ TEST(Dispatch, SetsTheLinkStateOnForFunction255AndDoesNothingElse) {
         SCOPED_TRACE(payload);
         FakeHost host;
         EXPECT_EQ(host.receive(request(255, pattern(payload))), -1);
-        EXPECT_EQ(host.transcript,
-                  request_of(255, static_cast<int>(8 + payload), {"__ui_set_shotmentor_state(1)"}));
+        EXPECT_EQ(host.transcript, request_of(255, static_cast<int>(8 + payload), {"__ui_set_shotmentor_state(1)"}));
         EXPECT_TRUE(host.replies.empty());
     }
 }
@@ -217,12 +211,12 @@ TEST(Dispatch, RefusesNegativeAndLargeNumbersWhenCalledDirectly) {
         SCOPED_TRACE(each.function);
         FakeHost host;
         EXPECT_EQ(dispatch(host, words({each.function, 8}), 8), -1);
-        EXPECT_EQ(host.transcript, (Transcript{
-                                       std::string("GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=") +
-                                           each.hexadecimal + ", length=8",
-                                       "ERROR ALG_SMM ERROR ADE_ShotMentor_Receive_Function funcN=" +
-                                           std::to_string(each.function),
-                                   }));
+        EXPECT_EQ(
+            host.transcript,
+            (Transcript{
+                std::string("GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=") + each.hexadecimal + ", length=8",
+                "ERROR ALG_SMM ERROR ADE_ShotMentor_Receive_Function funcN=" + std::to_string(each.function),
+            }));
     }
 }
 
@@ -242,14 +236,14 @@ TEST(Dispatch, ReadsTheIdentifiersOfFunction2WithoutLookingAtTheLength) {
         SCOPED_TRACE(length);
         FakeHost host;
         EXPECT_EQ(dispatch(host, words({2, 8, 11, -22}), length), 1);
-        EXPECT_EQ(host.transcript, (Transcript{
-                                       "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=2, length=" +
-                                           std::to_string(length),
-                                       "CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=11, applocal_ID=-22",
-                                       "__ui_get_preset_info(11, -22)",
-                                       "ERROR ALG_SMM SM_RETURN_LOCALN_ERR",
-                                       "bt_send_msgs(0)",
-                                   }));
+        EXPECT_EQ(host.transcript,
+                  (Transcript{
+                      "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=2, length=" + std::to_string(length),
+                      "CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=11, applocal_ID=-22",
+                      "__ui_get_preset_info(11, -22)",
+                      "ERROR ALG_SMM SM_RETURN_LOCALN_ERR",
+                      "bt_send_msgs(0)",
+                  }));
     }
 }
 

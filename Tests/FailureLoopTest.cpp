@@ -1,6 +1,6 @@
-// Whatever a service answers and whichever allocation is refused, in the middle of any conversation: no reply
-// is lost that a phone's own requests do not lose, every reply says how long it is, results stay within their
-// numbers, and the library is ready for the next request.
+// Whatever a service answers and whichever allocation is refused, in the middle of any conversation: no reply is lost
+// that a phone's own requests do not lose, every reply says how long it is, results stay within their numbers, and the
+// library is ready for the next request.
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -87,8 +87,8 @@ const std::vector<Named>& requests() {
 }
 
 const Bytes& named(const std::string& name) {
-    const auto found = std::find_if(requests().begin(), requests().end(),
-                                    [&name](const Named& entry) { return entry.name == name; });
+    const auto found =
+        std::find_if(requests().begin(), requests().end(), [&name](const Named& entry) { return entry.name == name; });
     EXPECT_NE(found, requests().end()) << name;
     return found->request;
 }
@@ -109,11 +109,11 @@ std::vector<Conversation> conversations() {
     all.push_back({"an error reply behind a queued list",
                    {list, update, unknown_picture, confirmation, confirmation, confirmation}});
     all.push_back({"a visit",
-                   {named("link state on"), list, confirmation, picture, confirmation, named("store"),
-                    confirmation, deletion, confirmation, named("link state off")}});
+                   {named("link state on"), list, confirmation, picture, confirmation, named("store"), confirmation,
+                    deletion, confirmation, named("link state off")}});
     all.push_back({"late confirmations",
-                   {picture, deletion, list, confirmation, named("store"), confirmation, confirmation,
-                    confirmation, confirmation}});
+                   {picture, deletion, list, confirmation, named("store"), confirmation, confirmation, confirmation,
+                    confirmation}});
     all.push_back({"two deletions", {named("deletion of one"), deletion, confirmation, confirmation}});
     Conversation overflow = {"more replies than the queue holds", std::vector<Bytes>(12, update)};
     overflow.steps.push_back(unknown_picture);
@@ -379,8 +379,8 @@ void add_list_faults(std::vector<Fault>& faults, size_t step, const StepRecord& 
     EXPECT_LE(entry.lists, 1);
     for (const int count : {INT_MIN, -1, 41, INT_MAX}) {
         if (entry.lists > 0) {
-            faults.push_back({"a list of " + std::to_string(count), step,
-                              [count](FakeHost& host) { host.reported_count = count; }});
+            faults.push_back(
+                {"a list of " + std::to_string(count), step, [count](FakeHost& host) { host.reported_count = count; }});
         }
     }
 }
@@ -392,8 +392,8 @@ void add_link_faults(std::vector<Fault>& faults, size_t step, const StepRecord& 
             std::deque<int> answers(entry.true_links.begin(),
                                     entry.true_links.begin() + static_cast<std::ptrdiff_t>(call));
             answers.push_back(link);
-            faults.push_back({"link " + std::to_string(link) + " at question " + std::to_string(call + 1),
-                              step, [answers](FakeHost& host) { host.linked_answers = answers; }});
+            faults.push_back({"link " + std::to_string(link) + " at question " + std::to_string(call + 1), step,
+                              [answers](FakeHost& host) { host.linked_answers = answers; }});
         }
     }
 }
@@ -425,9 +425,8 @@ void add_look_up_faults(std::vector<Fault>& faults, size_t step, const StepRecor
 void add_answer_faults(std::vector<Fault>& faults, size_t step, const StepRecord& entry) {
     for (const int answer : {INT_MIN, INT_MAX}) {
         if (entry.saves > 0) {
-            faults.push_back({"saving answers " + std::to_string(answer), step, [answer](FakeHost& host) {
-                                  host.save = [answer](tag_custom_info&) { return answer; };
-                              }});
+            faults.push_back({"saving answers " + std::to_string(answer), step,
+                              [answer](FakeHost& host) { host.save = [answer](tag_custom_info&) { return answer; }; }});
         }
         if (entry.updates > 0) {
             faults.push_back({"updating answers " + std::to_string(answer), step,
@@ -472,8 +471,8 @@ TEST_P(FailureLoop, KeepsItsPromisesWhicheverAnswerOrAllocationFails) {
 std::string test_name(const testing::TestParamInfo<Conversation>& info) {
     std::string name = info.param.name;
     std::replace_if(
-        name.begin(), name.end(),
-        [](char letter) { return std::isalnum(static_cast<unsigned char>(letter)) == 0; }, '_');
+        name.begin(), name.end(), [](char letter) { return std::isalnum(static_cast<unsigned char>(letter)) == 0; },
+        '_');
     return name;
 }
 
@@ -520,8 +519,7 @@ std::vector<size_t> cut_positions(size_t size) {
             positions.insert(position);
         }
     } else {
-        for (const size_t border :
-             {size_t{0}, size_t{4}, size_t{8}, size_t{60}, size_t{748}, size_t{752}, size}) {
+        for (const size_t border : {size_t{0}, size_t{4}, size_t{8}, size_t{60}, size_t{748}, size_t{752}, size}) {
             for (const size_t position : {border - 1, border, border + 1}) {
                 if (position > 0 && position < size) { // border 0 less 1 is huge
                     positions.insert(position);

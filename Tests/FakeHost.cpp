@@ -80,8 +80,7 @@ std::string level_of(const LogLine& line) {
 std::string message_of(const std::string& text) {
     const size_t first = text.find('m');
     const size_t end = text.rfind(color_reset);
-    if (text.empty() || text[0] != '\033' || first == std::string::npos || end == std::string::npos ||
-        end <= first) {
+    if (text.empty() || text[0] != '\033' || first == std::string::npos || end == std::string::npos || end <= first) {
         return text;
     }
     return text.substr(first + 1, end - first - 1);
@@ -164,8 +163,8 @@ uint64_t digest(const Bytes& bytes) {
     return sum;
 }
 
-// The file of the running test in the folder that SHOTMENTOR_TRANSCRIPTS names; builds are compared by these
-// files. Null without such a folder.
+// The file of the running test in the folder that SHOTMENTOR_TRANSCRIPTS names; builds are compared by these files.
+// Null without such a folder.
 std::FILE* transcript_file() {
     static std::string last_test;
     const char* const folder = std::getenv("SHOTMENTOR_TRANSCRIPTS");
@@ -175,8 +174,7 @@ std::FILE* transcript_file() {
     }
     std::string name = std::string(test->test_suite_name()) + "." + test->name();
     std::replace(name.begin(), name.end(), '/', '.');
-    std::FILE* const file =
-        std::fopen((std::string(folder) + "/" + name).c_str(), name == last_test ? "a" : "w");
+    std::FILE* const file = std::fopen((std::string(folder) + "/" + name).c_str(), name == last_test ? "a" : "w");
     EXPECT_NE(file, nullptr) << "SHOTMENTOR_TRANSCRIPTS names a folder that cannot be written to";
     last_test = name;
     return file;
@@ -198,8 +196,7 @@ void keep_transcript(const FakeHost& host) {
         std::fprintf(file, "%s\n", with_named_folder(event, host.folder).c_str());
     }
     for (const Reply& reply : host.replies) {
-        std::fprintf(file, "reply of %zu bytes, digest %016" PRIx64 "\n", reply.bytes.size(),
-                     digest(reply.bytes));
+        std::fprintf(file, "reply of %zu bytes, digest %016" PRIx64 "\n", reply.bytes.size(), digest(reply.bytes));
     }
     std::fclose(file);
 }
@@ -221,8 +218,7 @@ int __dlog_print(int buffer, int priority, const char* tag, const char* format, 
         line.text = text_of(format, arguments);
     }
     va_end(arguments);
-    current->transcript.push_back(level_of(line) + " " + line.tag + " " +
-                                  with_named_addresses(message_of(line.text)));
+    current->transcript.push_back(level_of(line) + " " + line.tag + " " + with_named_addresses(message_of(line.text)));
     current->lines.push_back(std::move(line));
     return 0;
 }
@@ -302,8 +298,8 @@ int bt_send_msgs(bt_msg_info* message) {
     const auto* const first = static_cast<const unsigned char*>(message->data);
     EXPECT_EQ(library_heap::first_unwritten(first, static_cast<size_t>(message->length)), nullptr)
         << "a byte is sent that nobody wrote";
-    current->replies.push_back({*message, Bytes(first, first + message->length),
-                                Bytes(first, first + library_heap::size_of(message->data))});
+    current->replies.push_back(
+        {*message, Bytes(first, first + message->length), Bytes(first, first + library_heap::size_of(message->data))});
     reply_is_freed.push_back(false);
     return 0;
 }

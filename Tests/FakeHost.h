@@ -1,5 +1,4 @@
-// A host for the library that plays every service of the camera from a script and writes down all that
-// happens.
+// A host for the library that plays every service of the camera from a script and writes down all that happens.
 //
 //     FakeHost host;                             // the library is idle, the camera stores no preset
 //     host.presets = {preset(1)};                // what the camera stores
@@ -30,8 +29,9 @@ struct LogLine {
     std::string file;     // empty where the line carries no call site
     std::string function; // empty where the line carries no call site
     int line;             // 0 where the line carries no call site
-    std::string text; // the last string argument: colour, message, colour reset; or, when the caller's own
-                      // format arrived, what it makes of its arguments
+    // The last string argument: colour, message, colour reset. Or, when the caller's own format arrived, what it makes
+    // of its arguments.
+    std::string text;
 };
 
 // One call of bt_send_msgs.
@@ -58,33 +58,30 @@ class FakeHost {
     // ---- What the services answer -------------------------------------------------------------------------
 
     bool link_up = true;
-    std::vector<tag_custom_info> presets;   // at most 40
-    std::optional<int> reported_count;      // the count that the list reports, if not presets.size()
-    int linked[2] = {-1, -1};               // the preset numbers that CUSTOM1 and CUSTOM2 use
-    bool reports_count = true;              // whether the list writes a count at all
-    std::deque<int> linked_answers;         // answers given before `linked` is asked, one for each call
-    std::optional<bool> preset_info_answer; // if not whether `presets` holds the custom_id
+    std::vector<tag_custom_info> presets;                   // at most 40
+    std::optional<int> reported_count;                      // the count that the list reports, if not presets.size()
+    int linked[2] = {-1, -1};                               // the preset numbers that CUSTOM1 and CUSTOM2 use
+    bool reports_count = true;                              // whether the list writes a count at all
+    std::deque<int> linked_answers;                         // answers given before `linked` is asked, one for each call
+    std::optional<bool> preset_info_answer;                 // if not whether `presets` holds the custom_id
     std::function<void(tag_custom_info&)> fill_preset_info; // changes the record that a look-up answers
     std::function<int(tag_custom_info&)> save;              // if not 1
     int update_answer = 1;
-    bool deletes = true; // whether a deletion takes effect on `presets` (the rest is renumbered) and `linked`
+    bool deletes = true;    // whether a deletion takes effect on `presets` (the rest is renumbered) and `linked`
     int iso_step_value = 1; // 1: full steps
 
-    // Refuses the n-th allocation (from 1) that the library makes from now on, and with `for_good` all after
-    // it.
+    // Refuses the n-th allocation (from 1) that the library makes from now on, and with `for_good` all after it.
     void refuse_allocation(int n, bool for_good = false);
     // Allocations that the library asked for since then (or since the host was made).
     int allocations_asked() const;
 
     // ---- What the host does -------------------------------------------------------------------------------
 
-    // Hands one packet over, in memory of exactly its size (but at least 8 bytes), and returns the entry's
-    // result.
+    // Hands one packet over, in memory of exactly its size (but at least 8 bytes), and returns the entry's result.
     int receive(const Bytes& packet);
     // Hands a packet over with another length than it has.
     int receive_with_length(const Bytes& packet, int length);
-    // Hands a request over in packets of these sizes, and the rest of it in one more. Returns the last
-    // result.
+    // Hands a request over in packets of these sizes, and the rest of it in one more. Returns the last result.
     int receive_in_packets(const Bytes& request, const std::vector<size_t>& sizes);
     // Confirms one send.
     int confirm();
@@ -97,17 +94,14 @@ class FakeHost {
 
     // ---- What was written down ----------------------------------------------------------------------------
 
-    // Every event in order, one line each. A log line is its level, tag and message without colours and
-    // without the newline at its end: "GREEN ALG_SMM ADE_ShotMentor_Result_Manager result". A service call is
-    // its name and arguments: "__ui_set_shotmentor_state(1)", "__ui_get_custom_mode_list_info()",
-    // "__ui_get_preset_info(7, 5)" (custom id, applocal_id of the record), "__ui_save_downloaded_preset(100)"
-    // (length), "bt_send_msgs(28)",
-    // "__ui_preset_update_comfirm(3, 9, \"Title\")", "__ui_preset_delete_form_phone(0 2)" (the marked
-    // numbers),
-    // "__ui_get_linked_preseet_num_for_phone(0)", "__ui_get_bt_state_for_phone()",
-    // "User_Spec_Get_Value(272)". Addresses in log lines ("add=...") are replaced: "#1" is the first block
-    // seen, "#2" the second, "null" null. When the environment has SHOTMENTOR_TRANSCRIPTS, the transcript
-    // also goes to a file of the test's name in that folder.
+    // Every event in order, one line each. A log line is its level, tag and message without colours and without the
+    // newline at its end: "GREEN ALG_SMM ADE_ShotMentor_Result_Manager result". A service call is its name and
+    // arguments: "__ui_set_shotmentor_state(1)", "__ui_get_custom_mode_list_info()", "__ui_get_preset_info(7, 5)"
+    // (custom id, applocal_id of the record), "__ui_save_downloaded_preset(100)" (length), "bt_send_msgs(28)",
+    // "__ui_preset_update_comfirm(3, 9, \"Title\")", "__ui_preset_delete_form_phone(0 2)" (the marked numbers),
+    // "__ui_get_linked_preseet_num_for_phone(0)", "__ui_get_bt_state_for_phone()", "User_Spec_Get_Value(272)".
+    // Addresses in log lines ("add=...") are replaced: "#1" is the first block seen, "#2" the second, "null" null. When
+    // the environment has SHOTMENTOR_TRANSCRIPTS, the transcript also goes to a file of the test's name in that folder.
     Transcript transcript;
     bool is_on_file = true;   // false for what is not the same text everywhere
     std::string folder;       // whose name differs from run to run; on file it is called FOLDER
@@ -125,6 +119,5 @@ class FakeHost {
     size_t bytes_owned() const;
 };
 
-// A camera record with a title "Preset <id>", custom_id `id`, preset_num `number`, origin 0x144 and all other
-// fields 0.
+// A camera record with a title "Preset <id>", custom_id `id`, preset_num `number`, origin 0x144 and all other fields 0.
 tag_custom_info preset(int id, int number = 0);

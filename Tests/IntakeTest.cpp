@@ -1,5 +1,5 @@
-// The intake of packets: how a request is put together from packets, which packets and requests are refused
-// and how that is told, what happens to requests that never end, and what a host can do about them.
+// The intake of packets: how a request is put together from packets, which packets and requests are refused and how
+// that is told, what happens to requests that never end, and what a host can do about them.
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
@@ -48,8 +48,7 @@ std::string refused_function_line(int function) {
 }
 
 std::string refused_total_line(int total) {
-    return "ERROR ALG_SMM ERR : RESULT ADE_ShotMentor_Receive_Manager sm_total_length=" +
-           std::to_string(total);
+    return "ERROR ALG_SMM ERR : RESULT ADE_ShotMentor_Receive_Manager sm_total_length=" + std::to_string(total);
 }
 
 // The lines of a first packet whose buffer was allocated, before anything is appended.
@@ -73,10 +72,9 @@ void expect_in_reassembly(int total, int sum) {
 void expect_next_request_runs(FakeHost& host) {
     host.forget();
     EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), 1);
-    EXPECT_EQ(host.calls(),
-              (Transcript{"__ui_set_shotmentor_state(1)", "__ui_get_bt_state_for_phone()",
-                          "__ui_get_custom_mode_list_info()", "__ui_get_linked_preseet_num_for_phone(0)",
-                          "__ui_get_linked_preseet_num_for_phone(1)", "bt_send_msgs(28)"}));
+    EXPECT_EQ(host.calls(), (Transcript{"__ui_set_shotmentor_state(1)", "__ui_get_bt_state_for_phone()",
+                                        "__ui_get_custom_mode_list_info()", "__ui_get_linked_preseet_num_for_phone(0)",
+                                        "__ui_get_linked_preseet_num_for_phone(1)", "bt_send_msgs(28)"}));
     expect_idle();
 }
 
@@ -129,28 +127,25 @@ TEST(Intake, IsIdleWhenTheLibraryIsLoaded) {
 TEST(Intake, RunsARequestThatFitsInOnePacketBeforeTheCallReturns) {
     FakeHost host;
     EXPECT_EQ(host.receive(words({1, 8})), 1);
-    EXPECT_EQ(
-        host.transcript,
-        joined(
-            {first_packet(1, 8),
-             {
-                 append_line(8, 8),
-                 "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=1, length=8",
-                 "__ui_set_shotmentor_state(1)",
-                 "CYAN ALG_SMM ADE_SM_Send_List()",
-                 "__ui_get_bt_state_for_phone()",
-                 "__ui_get_custom_mode_list_info()",
-                 "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 0",
-                 "__ui_get_linked_preseet_num_for_phone(0)",
-                 "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
-                 "__ui_get_linked_preseet_num_for_phone(1)",
-                 "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
-                 "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
-                 "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=28, SM_MODEL=KT7, SM_STRUCT_VER=1, "
-                 "num_Preset=0",
-                 "bt_send_msgs(28)",
-                 request_freed,
-             }}));
+    EXPECT_EQ(host.transcript, joined({first_packet(1, 8),
+                                       {
+                                           append_line(8, 8),
+                                           "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=1, length=8",
+                                           "__ui_set_shotmentor_state(1)",
+                                           "CYAN ALG_SMM ADE_SM_Send_List()",
+                                           "__ui_get_bt_state_for_phone()",
+                                           "__ui_get_custom_mode_list_info()",
+                                           "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 0",
+                                           "__ui_get_linked_preseet_num_for_phone(0)",
+                                           "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
+                                           "__ui_get_linked_preseet_num_for_phone(1)",
+                                           "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
+                                           "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
+                                           "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=28, "
+                                           "SM_MODEL=KT7, SM_STRUCT_VER=1, num_Preset=0",
+                                           "bt_send_msgs(28)",
+                                           request_freed,
+                                       }}));
     expect_idle();
 }
 
@@ -188,16 +183,14 @@ TEST(Intake, PutsARequestOf1000BytesTogetherFromThreePackets) {
     EXPECT_EQ(host.receive(slice(all, 400, 400)), -1);
     expect_in_reassembly(1000, 800);
     EXPECT_EQ(stored(0, 800), slice(all, 0, 800));
-    EXPECT_EQ(host.transcript,
-              joined({first_packet(3, 1000), {append_line(400, 400), append_line(400, 800)}}));
+    EXPECT_EQ(host.transcript, joined({first_packet(3, 1000), {append_line(400, 400), append_line(400, 800)}}));
 
     host.forget();
     EXPECT_EQ(host.receive(slice(all, 800, 200)), 42);
     ASSERT_GE(host.transcript.size(), 3u);
     EXPECT_EQ(host.transcript[0], append_line(200, 1000));
     EXPECT_EQ(host.transcript[1], "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=3, length=1000");
-    EXPECT_EQ(host.transcript[2],
-              "CYAN ALG_SMM ADE_SM_Receive_Preset() length=992, sizeof(sm_tag_custom_info)=744");
+    EXPECT_EQ(host.transcript[2], "CYAN ALG_SMM ADE_SM_Receive_Preset() length=992, sizeof(sm_tag_custom_info)=744");
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_STREQ(host.saved[0].record.title, "Sea");
     EXPECT_EQ(host.saved[0].record.metering, 3);
@@ -223,14 +216,13 @@ TEST(Intake, RunsTheLongestRequestThatFits) {
 TEST(Intake, RunsTheLongestRequestInOnePacket) {
     FakeHost host;
     EXPECT_EQ(host.receive(request(255, Bytes(599992))), -1);
-    EXPECT_EQ(host.transcript,
-              joined({first_packet(255, 600000),
-                      {
-                          append_line(600000, 600000),
-                          "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=FF, length=600000",
-                          "__ui_set_shotmentor_state(1)",
-                          request_freed,
-                      }}));
+    EXPECT_EQ(host.transcript, joined({first_packet(255, 600000),
+                                       {
+                                           append_line(600000, 600000),
+                                           "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=FF, length=600000",
+                                           "__ui_set_shotmentor_state(1)",
+                                           request_freed,
+                                       }}));
     expect_idle();
 }
 
@@ -378,17 +370,16 @@ TEST(Intake, AcceptsAFirstPacketWithAFunctionNumberThatNobodyServesUpTo256) {
         EXPECT_EQ(host.receive(slice(all, 0, 8)), -1);
         expect_in_reassembly(12, 8);
         EXPECT_EQ(host.receive(slice(all, 8, 4)), -1);
-        EXPECT_EQ(host.transcript,
-                  joined({first_packet(each.function, 12),
-                          {
-                              append_line(8, 8),
-                              append_line(4, 12),
-                              std::string("GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=") +
-                                  each.hexadecimal + ", length=12",
-                              "ERROR ALG_SMM ERROR ADE_ShotMentor_Receive_Function funcN=" +
-                                  std::to_string(each.function),
-                              request_freed,
-                          }}));
+        EXPECT_EQ(host.transcript, joined({first_packet(each.function, 12),
+                                           {
+                                               append_line(8, 8),
+                                               append_line(4, 12),
+                                               std::string("GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=") +
+                                                   each.hexadecimal + ", length=12",
+                                               "ERROR ALG_SMM ERROR ADE_ShotMentor_Receive_Function funcN=" +
+                                                   std::to_string(each.function),
+                                               request_freed,
+                                           }}));
         expect_idle();
     }
 }
@@ -402,8 +393,8 @@ TEST(Intake, NeverCompletesARequestWhoseFirstPacketOvershootsItsTotal) {
         EXPECT_EQ(host.receive(words({1, total})), -1);
         EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON)), -1);
         EXPECT_EQ(host.receive({9, 9, 9}), -1);
-        EXPECT_EQ(host.transcript, joined({first_packet(1, total),
-                                           {append_line(8, 8), append_line(8, 16), append_line(3, 19)}}));
+        EXPECT_EQ(host.transcript,
+                  joined({first_packet(1, total), {append_line(8, 8), append_line(8, 16), append_line(3, 19)}}));
         expect_in_reassembly(total, 19);
         EXPECT_EQ(stored(0, 19), words({1, total, 255, 8}) + Bytes({9, 9, 9}));
     }
@@ -433,8 +424,7 @@ TEST(Intake, RefusesANegativeTotalAtOnceWithoutAllocating) {
         SCOPED_TRACE(total);
         FakeHost host;
         EXPECT_EQ(host.receive(words({1, total})), -1);
-        EXPECT_EQ(host.transcript,
-                  (Transcript{function_line(1), total_line(total), refused_total_line(total)}));
+        EXPECT_EQ(host.transcript, (Transcript{function_line(1), total_line(total), refused_total_line(total)}));
         EXPECT_EQ(host.allocations_asked(), 0);
         expect_idle();
         expect_next_request_runs(host);

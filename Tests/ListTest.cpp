@@ -1,5 +1,5 @@
-// The preset list: what the phone gets for function 1, how the presets of the custom modes are marked, and
-// what the library makes of impossible answers of the UI service.
+// The preset list: what the phone gets for function 1, how the presets of the custom modes are marked, and what the
+// library makes of impossible answers of the UI service.
 #include <climits>
 
 #include <gtest/gtest.h>
@@ -48,25 +48,21 @@ TEST(PresetList, IsOneConversationFromThePacketToTheSend) {
             "__ui_get_bt_state_for_phone()",
             "__ui_get_custom_mode_list_info()",
             "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 2",
-            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 7 custom_id : 7 server_id "
-            ": 0",
+            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 7 custom_id : 7 server_id : 0",
             "User_Spec_Get_Value(272)",
-            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 8 custom_id : 8 server_id "
-            ": 0",
+            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 8 custom_id : 8 server_id : 0",
             "User_Spec_Get_Value(272)",
             "__ui_get_linked_preseet_num_for_phone(0)",
             "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: 1",
             "__ui_get_linked_preseet_num_for_phone(1)",
             "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
             "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
-            "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=1516, SM_MODEL=KT7, SM_STRUCT_VER=1, "
-            "num_Preset=2",
+            "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=1516, SM_MODEL=KT7, SM_STRUCT_VER=1, num_Preset=2",
             "bt_send_msgs(1516)",
             "PLAIN ALG_SMM free Receive add=#1",
         }));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes,
-              list_head(2) + phone_record(preset(7, 0)) + phone_record(preset(8, 1), 1));
+    EXPECT_EQ(host.replies[0].bytes, list_head(2) + phone_record(preset(7, 0)) + phone_record(preset(8, 1), 1));
 }
 
 TEST(PresetList, OfFortyPresetsFills29788Bytes) {
@@ -129,8 +125,8 @@ TEST(PresetList, ShowsALinkThatMarksNothingInTheLogOnly) {
                            "__ui_get_linked_preseet_num_for_phone(1)",
                            "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: " + std::to_string(link),
                            "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1",
-                           "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=772, SM_MODEL=KT7, "
-                           "SM_STRUCT_VER=1, num_Preset=1",
+                           "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=772, "
+                           "SM_MODEL=KT7, SM_STRUCT_VER=1, num_Preset=1",
                            "bt_send_msgs(772)"}}));
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, list_head(1) + phone_record(preset(1)));
@@ -179,27 +175,22 @@ TEST(PresetList, ParksAListThatIsStillUnconfirmed) {
     EXPECT_EQ(host.receive(request(1)), 1);
     EXPECT_EQ(host.receive(request(1)), 1);
     const Transcript until_the_buffer = {
-        "CYAN ALG_SMM ADE_SM_Send_List()",
-        "__ui_get_bt_state_for_phone()",
-        "__ui_get_custom_mode_list_info()",
-        "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 0",
-        "__ui_get_linked_preseet_num_for_phone(0)",
-        "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
-        "__ui_get_linked_preseet_num_for_phone(1)",
-        "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
+        "CYAN ALG_SMM ADE_SM_Send_List()",          "__ui_get_bt_state_for_phone()",
+        "__ui_get_custom_mode_list_info()",         "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 0",
+        "__ui_get_linked_preseet_num_for_phone(0)", "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
+        "__ui_get_linked_preseet_num_for_phone(1)", "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
     };
-    const Transcript send = {"PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=28, SM_MODEL=KT7, "
-                             "SM_STRUCT_VER=1, num_Preset=0",
-                             "bt_send_msgs(28)"};
-    EXPECT_EQ(
-        command_lines(host.transcript),
-        joined({until_the_buffer,
-                {"PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1"},
-                send,
-                until_the_buffer,
-                {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
-                 "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2"},
-                send}));
+    const Transcript send = {
+        "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=28, SM_MODEL=KT7, SM_STRUCT_VER=1, num_Preset=0",
+        "bt_send_msgs(28)"};
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({until_the_buffer,
+                      {"PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1"},
+                      send,
+                      until_the_buffer,
+                      {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
+                       "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2"},
+                      send}));
     ASSERT_EQ(host.replies.size(), 2u);
     EXPECT_EQ(shotmentor_p_Full_Q[0], host.replies[0].message.data);
     EXPECT_EQ(shotmentor_p_FullData, host.replies[1].message.data);
@@ -248,19 +239,17 @@ TEST(PresetList, TakesAnImpossibleCountForTheNearestPossibleOne) {
             records = records + phone_record(preset(id, number));
         }
         const std::string length = std::to_string(28 + 744 * taken);
-        EXPECT_EQ(
-            command_lines(host.transcript),
-            joined({{"CYAN ALG_SMM ADE_SM_Send_List()", "__ui_get_bt_state_for_phone()",
-                     "__ui_get_custom_mode_list_info()",
-                     "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " +
-                         std::to_string(reported)},
-                    conversions,
-                    {"__ui_get_linked_preseet_num_for_phone(0)", "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
-                     "__ui_get_linked_preseet_num_for_phone(1)", "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
-                     "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1",
-                     "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=" + length +
-                         ", SM_MODEL=KT7, SM_STRUCT_VER=1, num_Preset=" + std::to_string(taken),
-                     "bt_send_msgs(" + length + ")"}}));
+        EXPECT_EQ(command_lines(host.transcript),
+                  joined({{"CYAN ALG_SMM ADE_SM_Send_List()", "__ui_get_bt_state_for_phone()",
+                           "__ui_get_custom_mode_list_info()",
+                           "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " + std::to_string(reported)},
+                          conversions,
+                          {"__ui_get_linked_preseet_num_for_phone(0)", "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
+                           "__ui_get_linked_preseet_num_for_phone(1)", "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
+                           "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1",
+                           "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=" + length +
+                               ", SM_MODEL=KT7, SM_STRUCT_VER=1, num_Preset=" + std::to_string(taken),
+                           "bt_send_msgs(" + length + ")"}}));
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, list_head(taken) + records);
     }
@@ -281,8 +270,8 @@ TEST(PresetList, KeepsTheOrderOfTheService) {
     host.presets = {preset(30, 2), preset(10, 0), preset(20, 1)};
     host.receive(request(1));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, list_head(3) + phone_record(preset(30, 2)) +
-                                         phone_record(preset(10, 0)) + phone_record(preset(20, 1)));
+    EXPECT_EQ(host.replies[0].bytes,
+              list_head(3) + phone_record(preset(30, 2)) + phone_record(preset(10, 0)) + phone_record(preset(20, 1)));
 }
 
 // A preset whose exposure and colours read differently on the two sides.

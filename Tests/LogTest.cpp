@@ -1,5 +1,5 @@
-// The log facility: what one line looks like in the system log and on standard error, at each of the six
-// levels and under any tag, and that the library's own lines are made with it.
+// The log facility: what one line looks like in the system log and on standard error, at each of the six levels and
+// under any tag, and that the library's own lines are made with it.
 #include <algorithm>
 #include <cstdio>
 #include <functional>
@@ -37,8 +37,7 @@ std::string written_to_standard_error(const std::function<void()>& action) {
     return testing::internal::GetCapturedStderr();
 }
 
-// Logs one finished message and returns how it arrived. The copies of errors stay out of the test's own
-// output.
+// Logs one finished message and returns how it arrived. The copies of errors stay out of the test's own output.
 LogLine logged(alg_log_level level, const char* tag, const std::string& message) {
     FakeHost host;
     written_to_standard_error([&] { ALG_LOG(level, tag, "%s", message.c_str()); });
@@ -83,8 +82,8 @@ TEST(Log, OffersEachLevelByNameUnderTheTagOfItsUnit) {
         ALG_LOG_WARN("%d\n", 5);
         ALG_LOG_ERROR("%d\n", 6);
     });
-    EXPECT_EQ(host.transcript, (Transcript{"PLAIN ALG_SMM 1", "GREEN ALG_SMM 2", "YELLOW ALG_SMM 3",
-                                           "CYAN ALG_SMM 4", "WARN ALG_SMM 5", "ERROR ALG_SMM 6"}));
+    EXPECT_EQ(host.transcript, (Transcript{"PLAIN ALG_SMM 1", "GREEN ALG_SMM 2", "YELLOW ALG_SMM 3", "CYAN ALG_SMM 4",
+                                           "WARN ALG_SMM 5", "ERROR ALG_SMM 6"}));
     EXPECT_EQ(copy, "[ALG_SMM   ] \033[31m6\033[m\n");
 }
 
@@ -145,8 +144,7 @@ TEST(Log, TakesExactlyOneNewlineOffTheEndOfAMessage) {
     for (const Level& level : levels) {
         for (const Case& each : cases) {
             SCOPED_TRACE(std::string(level.name) + ", " + each.name);
-            EXPECT_EQ(logged(level.level, "ALG_SM", each.message).text,
-                      level.color + each.kept + color_reset);
+            EXPECT_EQ(logged(level.level, "ALG_SM", each.message).text, level.color + each.kept + color_reset);
         }
     }
 }
@@ -204,8 +202,7 @@ TEST(Log, CopiesErrorsAndNothingElseToStandardError) {
     for (const Level& level : levels) {
         SCOPED_TRACE(level.name);
         FakeHost host;
-        const std::string copy =
-            written_to_standard_error([&] { ALG_LOG(level.level, "ALG_SM", "no %s\n", "film"); });
+        const std::string copy = written_to_standard_error([&] { ALG_LOG(level.level, "ALG_SM", "no %s\n", "film"); });
         EXPECT_EQ(copy, level.level == ALG_LOG_LEVEL_ERROR ? "[ALG_SM    ] \033[31mno film\033[m\n" : "");
     }
 }
@@ -258,8 +255,8 @@ TEST(Log, HandsTheCallersFormatAndArgumentsOverUnderATagWithBTLOG) {
             }
             SCOPED_TRACE(std::string(tag) + ", " + level.name);
             FakeHost host;
-            const std::string copy = written_to_standard_error(
-                [&] { ALG_LOG(level.level, tag, "%s has %d bytes\n\n", "packet", 20); });
+            const std::string copy =
+                written_to_standard_error([&] { ALG_LOG(level.level, tag, "%s has %d bytes\n\n", "packet", 20); });
             ASSERT_EQ(host.lines.size(), 1u);
             EXPECT_EQ(host.lines[0].buffer, 3);
             EXPECT_EQ(host.lines[0].priority, 4);
@@ -284,8 +281,7 @@ TEST(Log, FormatsErrorsUnderATagWithBTLOGToo) {
     for (const char* tag : {"BTLOG", "X_BTLOG_Y", "BTLOGPERF"}) {
         SCOPED_TRACE(tag);
         FakeHost host;
-        const std::string copy =
-            written_to_standard_error([&] { ALG_LOG(ALG_LOG_LEVEL_ERROR, tag, "lost %d\n", 3); });
+        const std::string copy = written_to_standard_error([&] { ALG_LOG(ALG_LOG_LEVEL_ERROR, tag, "lost %d\n", 3); });
         ASSERT_EQ(host.lines.size(), 1u);
         EXPECT_EQ(host.lines[0].buffer, 3);
         EXPECT_EQ(host.lines[0].priority, 6);

@@ -1,6 +1,6 @@
-// It does not matter how a request is cut into packets: every cut gives the same result, the same calls of
-// the camera's services and the same replies, byte for byte. The log differs in the lines that report the
-// appended packets, and in nothing else.
+// It does not matter how a request is cut into packets: every cut gives the same result, the same calls of the camera's
+// services and the same replies, byte for byte. The log differs in the lines that report the appended packets, and in
+// nothing else.
 #include <cctype>
 #include <cstring>
 #include <string>
@@ -72,8 +72,8 @@ struct Outcome {
     std::vector<tag_custom_info> presets;
 };
 
-// Hands one packet over. The header words of a first packet are read in any case, so a shorter one lies in
-// memory that holds the rest of the header behind it.
+// Hands one packet over. The header words of a first packet are read in any case, so a shorter one lies in memory that
+// holds the rest of the header behind it.
 int hand_over(FakeHost& host, const Bytes& all, size_t first, size_t size) {
     if (first == 0 && size < sizeof(sm_frame)) {
         return host.receive_with_length(slice(all, 0, sizeof(sm_frame)), static_cast<int>(size));
@@ -130,8 +130,7 @@ Transcript append_lines_for(const Sizes& sizes) {
     size_t sum = 0;
     for (const size_t size : sizes) {
         sum += size;
-        expected.push_back(append_line_start + std::to_string(size) +
-                           ", sm_BT_combine_length=" + std::to_string(sum));
+        expected.push_back(append_line_start + std::to_string(size) + ", sm_BT_combine_length=" + std::to_string(sum));
     }
     return expected;
 }

@@ -1,5 +1,5 @@
-// The layout of the two preset records: where every field lies, that the phone's record begins as the
-// camera's does, and which bytes both conversions carry without looking at them.
+// The layout of the two preset records: where every field lies, that the phone's record begins as the camera's does,
+// and which bytes both conversions carry without looking at them.
 
 #include <gtest/gtest.h>
 
@@ -33,7 +33,7 @@ struct Word {
     size_t offset;
 };
 
-#define WORD(name, offset)                                                                                   \
+#define WORD(name, offset)                                                                                             \
     { #name, &tag_custom_info::name, &sm_tag_custom_info::name, offset }
 
 const Word record_words[] = {
@@ -111,9 +111,9 @@ struct Block {
     size_t bytes;
 };
 
-#define BLOCK(name, offset, bytes)                                                                           \
-    Block(#name, offsetof(tag_custom_info, name), offsetof(sm_tag_custom_info, name),                        \
-          sizeof(tag_custom_info::name), sizeof(sm_tag_custom_info::name), offset, bytes)
+#define BLOCK(name, offset, bytes)                                                                                     \
+    Block(#name, offsetof(tag_custom_info, name), offsetof(sm_tag_custom_info, name), sizeof(tag_custom_info::name),   \
+          sizeof(sm_tag_custom_info::name), offset, bytes)
 
 const Block record_blocks[] = {
     BLOCK(title, 0, 52),
@@ -122,14 +122,13 @@ const Block record_blocks[] = {
     BLOCK(screennail_path, 688, 52),
 };
 
-#define STYLE_BLOCK(name, offset, bytes)                                                                     \
-    Block(#name, offsetof(tag_custom_info, cs_info.name), offsetof(sm_tag_custom_info, cs_info.name),        \
+#define STYLE_BLOCK(name, offset, bytes)                                                                               \
+    Block(#name, offsetof(tag_custom_info, cs_info.name), offsetof(sm_tag_custom_info, cs_info.name),                  \
           sizeof(sm_cs_info::name), sizeof(sm_cs_info::name), offset, bytes)
 
 const Block style_blocks[] = {
-    STYLE_BLOCK(color_style, 152, 4),   STYLE_BLOCK(cs_color_off_color, 156, 4),
-    STYLE_BLOCK(cs_color, 160, 156),    STYLE_BLOCK(cs_saturation, 316, 56),
-    STYLE_BLOCK(cs_sharpness, 372, 56), STYLE_BLOCK(cs_contrast, 428, 56),
+    STYLE_BLOCK(color_style, 152, 4),    STYLE_BLOCK(cs_color_off_color, 156, 4), STYLE_BLOCK(cs_color, 160, 156),
+    STYLE_BLOCK(cs_saturation, 316, 56), STYLE_BLOCK(cs_sharpness, 372, 56),      STYLE_BLOCK(cs_contrast, 428, 56),
     STYLE_BLOCK(cs_hue, 484, 56),
 };
 
@@ -189,8 +188,7 @@ TEST_F(Records, EveryWordIsReadByItsNameFromItsOffsetInBothRecords) {
 TEST_F(Records, EveryWordIsWrittenByItsNameToItsOffsetAndNowhereElse) {
     for (const Word& word : record_words) {
         Bytes expected(camera_size);
-        std::fill_n(expected.begin() + static_cast<std::ptrdiff_t>(word.offset), 4,
-                    static_cast<unsigned char>(0xFF));
+        std::fill_n(expected.begin() + static_cast<std::ptrdiff_t>(word.offset), 4, static_cast<unsigned char>(0xFF));
         tag_custom_info camera{};
         camera.*word.camera = -1;
         EXPECT_EQ(image(camera), expected) << word.name;
@@ -306,8 +304,7 @@ TEST_F(Records, BytesBehindTheNulOfATitleAreCarriedToo) {
     std::memcpy(camera.title, "Dusk\0left over", 15);
     const Bytes title = slice(image(camera), 0, 52);
     EXPECT_EQ(slice(converted_to_phone(camera), 0, 52), title);
-    EXPECT_EQ(slice(converted_to_camera(record_of<sm_tag_custom_info>(image(camera) + words({0}))), 0, 52),
-              title);
+    EXPECT_EQ(slice(converted_to_camera(record_of<sm_tag_custom_info>(image(camera) + words({0}))), 0, 52), title);
 }
 
 TEST_F(Records, LogLinesStopAtTheEndOfATitleWithoutANul) {
@@ -406,8 +403,7 @@ TEST_F(Records, HighBitsOfAnOriginCodeAreCarriedToTheCameraUnlessAKorvelSmartFil
         sm_tag_custom_info phone{};
         phone.made_id = static_cast<int32_t>(row.phone);
         phone.smart_filter = row.smart_filter;
-        EXPECT_EQ(word_at(converted_to_camera(phone), 684), static_cast<int32_t>(row.camera))
-            << std::hex << row.phone;
+        EXPECT_EQ(word_at(converted_to_camera(phone), 684), static_cast<int32_t>(row.camera)) << std::hex << row.phone;
     }
 }
 

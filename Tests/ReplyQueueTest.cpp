@@ -1,5 +1,5 @@
-// How replies are sent and how long they live: the frame and the send record, the queue of replies whose
-// confirmation is late, and what a confirmation frees.
+// How replies are sent and how long they live: the frame and the send record, the queue of replies whose confirmation
+// is late, and what a confirmation frees.
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -37,8 +37,8 @@ std::string allocated(const std::string& address) {
     return "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=" + address;
 }
 
-// Sends one reply whose result word is `number`: 0x1004, 12, number. No other buffer is involved, so that the
-// addresses in the log are those of replies alone, "#1" for the first.
+// Sends one reply whose result word is `number`: 0x1004, 12, number. No other buffer is involved, so that the addresses
+// in the log are those of replies alone, "#1" for the first.
 void send_reply(FakeHost& host, int number) {
     sm_tag_custom_info record{};
     record.custom_id = 3;
@@ -59,16 +59,14 @@ Transcript sending(int number, const std::string& address, const Transcript& par
         {"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=0, title=",
          "__ui_preset_update_comfirm(3, 0, \"\")"},
         park_line,
-        {allocated(address),
-         "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1004, return=" + std::to_string(number),
+        {allocated(address), "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1004, return=" + std::to_string(number),
          "bt_send_msgs(12)"},
     });
 }
 
 // The log lines of a transcript.
 Transcript without_calls(Transcript transcript) {
-    std::erase_if(transcript,
-                  [](const std::string& event) { return event.find(" ALG_SMM ") == std::string::npos; });
+    std::erase_if(transcript, [](const std::string& event) { return event.find(" ALG_SMM ") == std::string::npos; });
     return transcript;
 }
 
@@ -100,8 +98,7 @@ void free_lost(const FakeHost& host, size_t index) {
 // The state as the library is loaded, taken before the first host of the tests touches it.
 const unsigned char* const current_at_load = shotmentor_p_FullData;
 const int32_t count_at_load = shotmentor_p_Full_Q_NUM;
-const std::vector<const unsigned char*> queue_at_load(std::begin(shotmentor_p_Full_Q),
-                                                      std::end(shotmentor_p_Full_Q));
+const std::vector<const unsigned char*> queue_at_load(std::begin(shotmentor_p_Full_Q), std::end(shotmentor_p_Full_Q));
 
 TEST(ReplyQueue, IsEmptyWhenTheLibraryIsLoaded) {
     EXPECT_EQ(current_at_load, nullptr);

@@ -1,5 +1,5 @@
-// Function 2: the phone asks for the screennail picture of a preset. Where the picture is cut, what becomes
-// of files that cannot be read, and the peculiar replies to requests that are refused.
+// Function 2: the phone asks for the screennail picture of a preset. Where the picture is cut, what becomes of files
+// that cannot be read, and the peculiar replies to requests that are refused.
 #include <climits>
 #include <cstdlib>
 #include <dirent.h>
@@ -74,8 +74,7 @@ class Screennail : public testing::Test {
     std::string write(const Bytes& content, const std::string& name = "nail.jpg") {
         const std::string path = directory + "/" + name;
         std::ofstream file(path, std::ios::binary);
-        file.write(reinterpret_cast<const char*>(content.data()),
-                   static_cast<std::streamsize>(content.size()));
+        file.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
         EXPECT_TRUE(file.good()) << path;
         written.push_back(path);
         return path;
@@ -100,20 +99,19 @@ class Screennail : public testing::Test {
     // Asks for preset 7, which the phone calls 5, and expects the success that it always gets.
     void ask() { EXPECT_EQ(host.receive(request(2, words({7, 5}))), 1); }
 
-    // What the command logs and calls for preset 7: the size and the path of its file as they were found,
-    // whether the file could not be read, and the size of the picture that is sent.
+    // What the command logs and calls for preset 7: the size and the path of its file as they were found, whether the
+    // file could not be read, and the size of the picture that is sent.
     static Transcript sent(long size, const std::string& path, bool is_unreadable, long sent_size) {
         const Transcript error = is_unreadable ? Transcript{"ERROR ALG_SMM JPG open error"} : Transcript{};
         const std::string length = std::to_string(12 + sent_size);
-        return joined(
-            {{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5", "__ui_get_preset_info(7, 5)",
-              "PLAIN ALG_SMM __ui_get_preset_info() ",
-              "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) size=" + std::to_string(size + 50) + ", add=#1",
-              "PLAIN ALG_SMM open file: " + path + " image size : " + std::to_string(size)},
-             error,
-             {"PLAIN ALG_SMM trim screennail image size : " + std::to_string(sent_size),
-              "PLAIN ALG_SMM ADE_ShotMentor_SEND preset funcNum=1002, sendlength=" + length + ", custom_ID=7",
-              "bt_send_msgs(" + length + ")", "PLAIN ALG_SMM shotmentor_p_Full_Q_NUM : 0"}});
+        return joined({{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5", "__ui_get_preset_info(7, 5)",
+                        "PLAIN ALG_SMM __ui_get_preset_info() ",
+                        "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) size=" + std::to_string(size + 50) + ", add=#1",
+                        "PLAIN ALG_SMM open file: " + path + " image size : " + std::to_string(size)},
+                       error,
+                       {"PLAIN ALG_SMM trim screennail image size : " + std::to_string(sent_size),
+                        "PLAIN ALG_SMM ADE_ShotMentor_SEND preset funcNum=1002, sendlength=" + length + ", custom_ID=7",
+                        "bt_send_msgs(" + length + ")", "PLAIN ALG_SMM shotmentor_p_Full_Q_NUM : 0"}});
     }
 
     // Asks for a picture and expects this part of it.
@@ -128,8 +126,7 @@ class Screennail : public testing::Test {
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, picture_reply(7, slice(content, 0, sent_size)));
         EXPECT_EQ(host.replies[0].buffer, picture_reply(7, slice(content, 0, sent_size)) +
-                                              slice(content, sent_size, content.size() - sent_size) +
-                                              zeros(spare));
+                                              slice(content, sent_size, content.size() - sent_size) + zeros(spare));
     }
 
     // Asks for a picture that cannot be read.
@@ -153,24 +150,23 @@ TEST_F(Screennail, IsOneConversationFromThePacketToTheSend) {
     store_picture(mark + pattern(96));
     ask();
     const std::string path = written[0];
-    EXPECT_EQ(host.transcript,
-              (Transcript{
-                  "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=2",
-                  "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=16",
-                  "PLAIN ALG_SMM shotmentor_p_ReceiveData add=#1",
-                  "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=16, sm_BT_combine_length=16",
-                  "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=2, length=16",
-                  "CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5",
-                  "__ui_get_preset_info(7, 5)",
-                  "PLAIN ALG_SMM __ui_get_preset_info() ",
-                  "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) size=150, add=#2",
-                  "PLAIN ALG_SMM open file: " + path + " image size : 100",
-                  "PLAIN ALG_SMM trim screennail image size : 100",
-                  "PLAIN ALG_SMM ADE_ShotMentor_SEND preset funcNum=1002, sendlength=112, custom_ID=7",
-                  "bt_send_msgs(112)",
-                  "PLAIN ALG_SMM shotmentor_p_Full_Q_NUM : 0",
-                  "PLAIN ALG_SMM free Receive add=#1",
-              }));
+    EXPECT_EQ(host.transcript, (Transcript{
+                                   "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=2",
+                                   "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=16",
+                                   "PLAIN ALG_SMM shotmentor_p_ReceiveData add=#1",
+                                   "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=16, sm_BT_combine_length=16",
+                                   "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=2, length=16",
+                                   "CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5",
+                                   "__ui_get_preset_info(7, 5)",
+                                   "PLAIN ALG_SMM __ui_get_preset_info() ",
+                                   "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) size=150, add=#2",
+                                   "PLAIN ALG_SMM open file: " + path + " image size : 100",
+                                   "PLAIN ALG_SMM trim screennail image size : 100",
+                                   "PLAIN ALG_SMM ADE_ShotMentor_SEND preset funcNum=1002, sendlength=112, custom_ID=7",
+                                   "bt_send_msgs(112)",
+                                   "PLAIN ALG_SMM shotmentor_p_Full_Q_NUM : 0",
+                                   "PLAIN ALG_SMM free Receive add=#1",
+                               }));
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, picture_reply(7, mark + pattern(96)));
 }
@@ -247,8 +243,8 @@ TEST_F(Screennail, OfAnEmptyPathIsTheHeadAlone) {
     expect_empty("", 0, true);
 }
 
-// What lies in a directory's place depends on the file system: one reports a size that no buffer can have,
-// one a size that cannot be read, one no size at all, and then there is nothing to read either.
+// What lies in a directory's place depends on the file system: one reports a size that no buffer can have, one a size
+// that cannot be read, one no size at all, and then there is nothing to read either.
 TEST_F(Screennail, OfADirectoryIsTheHeadAlone) {
     host.is_on_file = false; // whether it can be read is up to the file system, and to an emulator
     for (const std::string& path : {directory, std::string("/dev/shm"), std::string("/proc")}) {
@@ -265,8 +261,7 @@ TEST_F(Screennail, OfADirectoryIsTheHeadAlone) {
 }
 
 TEST_F(Screennail, OfAFileWhoseReadFailsIsTheHeadAlone) {
-    const std::string path =
-        "/sys/class/net/lo/speed"; // the loopback has none: it has a size, but cannot be read
+    const std::string path = "/sys/class/net/lo/speed"; // the loopback has none: it has a size, but cannot be read
     if (told_size(path) <= 0 || !reading_fails(path)) {
         GTEST_SKIP() << path << " does not fail here";
     }
@@ -288,8 +283,7 @@ TEST_F(Screennail, OfAFileWithLessContentThanItsSizeIsFilledWithZeros) {
     ask();
     EXPECT_EQ(command_lines(host.transcript), sent(size, path, false, size));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes,
-              picture_reply(7, content + zeros(static_cast<size_t>(size) - content.size())));
+    EXPECT_EQ(host.replies[0].bytes, picture_reply(7, content + zeros(static_cast<size_t>(size) - content.size())));
 }
 
 TEST_F(Screennail, OfAFileTooLargeForAnyReplyIsTheHeadAlone) {
@@ -324,8 +318,8 @@ TEST_F(Screennail, OfTheLargestFileThatAReplyCanHoldAsksForThatBuffer) {
     host.refuse_allocation(1); // two gigabytes are asked for, not used
     EXPECT_EQ(host.call([] { return ADE_SM_Send_Preset(7, 5); }), 1);
     EXPECT_EQ(command_lines(host.transcript),
-              (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5",
-                          "__ui_get_preset_info(7, 5)", "PLAIN ALG_SMM __ui_get_preset_info() ",
+              (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5", "__ui_get_preset_info(7, 5)",
+                          "PLAIN ALG_SMM __ui_get_preset_info() ",
                           "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) size=2147483647, add=null",
                           "ERROR ALG_SMM malloc ERR size=2147483647"}));
 }
@@ -395,10 +389,9 @@ TEST_F(Screennail, OfTheLargestIdentitiesIsAskedFor) {
 
 TEST_F(Screennail, OfAPresetThatTheCameraDoesNotHaveIsAnError) {
     EXPECT_EQ(host.receive(request(2, words({7, 5}))), 1);
-    EXPECT_EQ(
-        command_lines(host.transcript),
-        (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5",
-                    "__ui_get_preset_info(7, 5)", "ERROR ALG_SMM SM_RETURN_LOCALN_ERR", "bt_send_msgs(0)"}));
+    EXPECT_EQ(command_lines(host.transcript),
+              (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5", "__ui_get_preset_info(7, 5)",
+                          "ERROR ALG_SMM SM_RETURN_LOCALN_ERR", "bt_send_msgs(0)"}));
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_TRUE(host.replies[0].bytes.empty());
     EXPECT_EQ(host.replies[0].buffer, words({0x1002, 12, -6, 0, 0}));
@@ -411,8 +404,7 @@ TEST_F(Screennail, OfAnIdentityThatIsNotPositiveIsAnErrorWithoutALookUp) {
         host.forget();
         EXPECT_EQ(host.receive(request(2, words({id, 5}))), 1);
         EXPECT_EQ(command_lines(host.transcript),
-                  (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=" + std::to_string(id) +
-                                  ", applocal_ID=5",
+                  (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=" + std::to_string(id) + ", applocal_ID=5",
                               "ERROR ALG_SMM SM_RETURN_PRESETN_ERR", "bt_send_msgs(0)"}));
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_TRUE(host.replies[0].bytes.empty());
@@ -440,9 +432,8 @@ TEST_F(Screennail, ParksAReplyThatIsStillUnconfirmed) {
     ask();
     ask();
     Transcript second = sent(10, path, false, 10);
-    second.insert(
-        second.begin() + 3,
-        "ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1");
+    second.insert(second.begin() + 3,
+                  "ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1");
     second[4] = "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) size=60, add=#2";
     second.back() = "PLAIN ALG_SMM shotmentor_p_Full_Q_NUM : 1";
     EXPECT_EQ(command_lines(host.transcript), joined({sent(10, path, false, 10), second}));

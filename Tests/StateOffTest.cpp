@@ -1,5 +1,5 @@
-// Request 0, with which the phone leaves the feature: it carries the phone's own result code, which is
-// logged and never answered.
+// Request 0, with which the phone leaves the feature: it carries the phone's own result code, which is logged and never
+// answered.
 #include <climits>
 #include <string>
 
@@ -9,8 +9,7 @@
 
 namespace {
 
-// The whole conversation of one request 0 in one packet; `code_line` is the log line for the phone's code, if
-// any.
+// The whole conversation of one request 0 in one packet; `code_line` is the log line for the phone's code, if any.
 Transcript leaving(int payload_length, int code, const std::string& code_line = "") {
     const std::string total = std::to_string(payload_length + 8);
     Transcript expected = {
@@ -20,8 +19,7 @@ Transcript leaving(int payload_length, int code, const std::string& code_line = 
         "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=" + total + ", sm_BT_combine_length=" + total,
         "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=0, length=" + total,
         "__ui_set_shotmentor_state(0)",
-        "CYAN ALG_SMM ADE_SM_Off() length=" + std::to_string(payload_length) +
-            ", return_BT=" + std::to_string(code),
+        "CYAN ALG_SMM ADE_SM_Off() length=" + std::to_string(payload_length) + ", return_BT=" + std::to_string(code),
     };
     if (!code_line.empty()) {
         expected.push_back(code_line);
@@ -50,8 +48,7 @@ TEST(StateOff, LogsEachCodeThatThePhoneMayReportAndReturns1) {
 }
 
 TEST(StateOff, RefusesEveryOtherCodeWithoutAFurtherLine) {
-    for (const int code :
-         {0, 2, -1, -2, -3, -4, -5, -6, -7, -8, -9, -13, 10, 11, 12, 255, INT_MAX, INT_MIN}) {
+    for (const int code : {0, 2, -1, -2, -3, -4, -5, -6, -7, -8, -9, -13, 10, 11, 12, 255, INT_MAX, INT_MIN}) {
         SCOPED_TRACE(code);
         FakeHost host;
         EXPECT_EQ(host.receive(request(0, words({code}))), -1);
@@ -76,8 +73,7 @@ TEST(StateOff, IgnoresWhatFollowsTheCode) {
         SCOPED_TRACE(behind);
         FakeHost host;
         EXPECT_EQ(host.receive(request(0, words({-10}) + pattern(behind))), 1);
-        EXPECT_EQ(host.transcript,
-                  leaving(static_cast<int>(4 + behind), -10, "ERROR ALG_SMM SM_RETURN_BT_RES_ERR"));
+        EXPECT_EQ(host.transcript, leaving(static_cast<int>(4 + behind), -10, "ERROR ALG_SMM SM_RETURN_BT_RES_ERR"));
     }
 }
 
@@ -114,8 +110,7 @@ TEST(StateOff, ComparesTheLengthAsASignedNumberWhenCalledDirectly) {
         FakeHost host;
         const int result = host.call([&] { return ADE_SM_State_Off(payload.data(), each.length); });
         EXPECT_EQ(result, each.result);
-        Transcript expected = {"CYAN ALG_SMM ADE_SM_Off() length=" + std::to_string(each.length) +
-                               ", return_BT=1"};
+        Transcript expected = {"CYAN ALG_SMM ADE_SM_Off() length=" + std::to_string(each.length) + ", return_BT=1"};
         if (each.result == 1) {
             expected.push_back("PLAIN ALG_SMM SM_RETURN_TRUE");
         }

@@ -1,5 +1,5 @@
-// Function 3: the phone stores a preset, record and picture. Which lengths are converted and saved, what the
-// UI service is handed, and how the new preset's identity travels back.
+// Function 3: the phone stores a preset, record and picture. Which lengths are converted and saved, what the UI service
+// is handed, and how the new preset's identity travels back.
 #include <climits>
 
 #include <gtest/gtest.h>
@@ -8,8 +8,7 @@
 
 namespace {
 
-// An automatic preset of a KT camera of another maker: its conversion leaves every word but `ev_step` as it
-// is.
+// An automatic preset of a KT camera of another maker: its conversion leaves every word but `ev_step` as it is.
 sm_tag_custom_info automatic_preset() {
     sm_tag_custom_info phone{};
     put_text(phone.title, "Harbour");
@@ -44,8 +43,7 @@ Bytes store_reply(int32_t result, int32_t preset_num, int32_t custom_id, int32_t
 }
 
 std::string begins(int length) {
-    return "CYAN ALG_SMM ADE_SM_Receive_Preset() length=" + std::to_string(length) +
-           ", sizeof(sm_tag_custom_info)=744";
+    return "CYAN ALG_SMM ADE_SM_Receive_Preset() length=" + std::to_string(length) + ", sizeof(sm_tag_custom_info)=744";
 }
 
 const std::string converted =
@@ -72,12 +70,11 @@ TEST(Store, IsOneConversationFromThePacketToTheSend) {
                   "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=852, sm_BT_combine_length=852",
                   "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=3, length=852",
                   "CYAN ALG_SMM ADE_SM_Receive_Preset() length=844, sizeof(sm_tag_custom_info)=744",
-                  "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Harbour custom_id : 6 "
-                  "server_id : 8",
+                  "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Harbour custom_id : 6 server_id : 8",
                   "__ui_save_downloaded_preset(100)",
                   "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
-                  "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1003, sendlength=24, return=1, preset_num=5, "
-                  "custom_id=6, applocal_id=7",
+                  "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1003, sendlength=24, return=1, "
+                  "preset_num=5, custom_id=6, applocal_id=7",
                   "bt_send_msgs(24)",
                   "PLAIN ALG_SMM free Receive add=#1",
               }));
@@ -122,8 +119,8 @@ TEST(Store, WithFewerThan100BytesOfPictureIsConvertedButNotSaved) {
         SCOPED_TRACE(length);
         FakeHost host;
         EXPECT_EQ(host.receive(store_request(static_cast<size_t>(length))), -4);
-        EXPECT_EQ(command_lines(host.transcript), (Transcript{begins(length), converted, no_picture,
-                                                              allocated, send_line(-4, 5, 6, 7), send_call}));
+        EXPECT_EQ(command_lines(host.transcript),
+                  (Transcript{begins(length), converted, no_picture, allocated, send_line(-4, 5, 6, 7), send_call}));
         EXPECT_TRUE(host.saved.empty());
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, store_reply(-4, 5, 6, 7));
@@ -140,9 +137,8 @@ TEST(Store, ReportsTheIdentityThatTheServiceGaveThePreset) {
         return 1;
     };
     EXPECT_EQ(host.receive(store_request(844)), 1);
-    EXPECT_EQ(command_lines(host.transcript),
-              (Transcript{begins(844), converted, "__ui_save_downloaded_preset(100)", allocated,
-                          send_line(1, 12, -34, 56), send_call}));
+    EXPECT_EQ(command_lines(host.transcript), (Transcript{begins(844), converted, "__ui_save_downloaded_preset(100)",
+                                                          allocated, send_line(1, 12, -34, 56), send_call}));
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, store_reply(1, 12, -34, 56));
 }
@@ -200,9 +196,8 @@ TEST(Store, HandsATitleWithoutANulOverAndLogs52CharactersOfIt) {
     host.receive(request(3, image(phone) + pattern(100)));
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_EQ(slice(image(host.saved[0].record), 0, 56), slice(image(phone), 0, 56));
-    EXPECT_EQ(command_lines(host.transcript)[1],
-              "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : " + fifty_two_characters +
-                  " custom_id : 6 server_id : 8");
+    EXPECT_EQ(command_lines(host.transcript)[1], "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : " +
+                                                     fifty_two_characters + " custom_id : 6 server_id : 8");
 }
 
 TEST(Store, TakesALongPictureInManyPackets) {
@@ -229,12 +224,10 @@ TEST(Store, ThatAnnouncesLessThanItsHeaderHandsANegativePictureLengthOver) {
     host.save = [](tag_custom_info&) { return -2; };
     // Four bytes are the whole request: the payload's length is -4, that of the picture -4 - 744.
     EXPECT_EQ(host.receive_with_length(words({3, 4}), 4), -2);
-    EXPECT_EQ(
-        command_lines(host.transcript),
-        (Transcript{
-            begins(-4),
-            "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title :  custom_id : 0 server_id : 0",
-            "__ui_save_downloaded_preset(-748)", allocated, send_line(-2, 0, 0, 0), send_call}));
+    EXPECT_EQ(command_lines(host.transcript),
+              (Transcript{begins(-4),
+                          "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title :  custom_id : 0 server_id : 0",
+                          "__ui_save_downloaded_preset(-748)", allocated, send_line(-2, 0, 0, 0), send_call}));
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_EQ(host.saved[0].length, -748);
 }
@@ -248,13 +241,10 @@ TEST(Store, CalledWithANegativeLengthCountsItAsLong) {
     for (const auto& [length, picture] : cases) {
         SCOPED_TRACE(length);
         FakeHost host;
-        EXPECT_EQ(
-            host.call([&payload, length = length] { return ADE_SM_Receive_Preset(payload.data(), length); }),
-            1);
+        EXPECT_EQ(host.call([&payload, length = length] { return ADE_SM_Receive_Preset(payload.data(), length); }), 1);
         EXPECT_EQ(command_lines(host.transcript),
-                  (Transcript{begins(length), converted,
-                              "__ui_save_downloaded_preset(" + std::to_string(picture) + ")", allocated,
-                              send_line(1, 5, 6, 7), send_call}));
+                  (Transcript{begins(length), converted, "__ui_save_downloaded_preset(" + std::to_string(picture) + ")",
+                              allocated, send_line(1, 5, 6, 7), send_call}));
         ASSERT_EQ(host.saved.size(), 1u);
         EXPECT_EQ(host.saved[0].length, picture);
         EXPECT_EQ(image(host.saved[0].record), image(automatic_preset_of_camera()));
@@ -273,13 +263,11 @@ TEST(Store, ParksAReplyThatIsStillUnconfirmed) {
     FakeHost host;
     host.receive(store_request(844));
     host.receive(store_request(743));
-    EXPECT_EQ(
-        command_lines(host.transcript),
-        (Transcript{
-            begins(844), converted, "__ui_save_downloaded_preset(100)", allocated, send_line(1, 5, 6, 7),
-            send_call, begins(743), too_short, no_picture,
-            "ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
-            "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2", send_line(-4, 0, 0, 0), send_call}));
+    EXPECT_EQ(command_lines(host.transcript),
+              (Transcript{begins(844), converted, "__ui_save_downloaded_preset(100)", allocated, send_line(1, 5, 6, 7),
+                          send_call, begins(743), too_short, no_picture,
+                          "ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
+                          "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2", send_line(-4, 0, 0, 0), send_call}));
     ASSERT_EQ(host.replies.size(), 2u);
     EXPECT_EQ(shotmentor_p_Full_Q[0], host.replies[0].message.data);
     EXPECT_EQ(shotmentor_p_FullData, host.replies[1].message.data);

@@ -1,6 +1,5 @@
-// Small domains from end to end, against the same rules worked out another way: a code's position by an index
-// of the whole table, the nearest step by comparing all of them, digits by division, and wrapping arithmetic
-// in 64 bits.
+// Small domains from end to end, against the same rules worked out another way: a code's position by an index of the
+// whole table, the nearest step by comparing all of them, digits by division, and wrapping arithmetic in 64 bits.
 #include <algorithm>
 #include <climits>
 #include <cmath>
@@ -291,8 +290,8 @@ Origin initialized(uint32_t made_id, int32_t color_style, int32_t smart_filter) 
     camera.cs_info.color_style = color_style;
     camera.cs_info.cs_color_off_color = off_color_of_the_phone;
     ADE_PRO_InitializeSysCustom(&camera);
-    return {static_cast<uint32_t>(camera.made_id), camera.cs_info.color_style,
-            camera.cs_info.cs_color_off_color, pro_custom04_state};
+    return {static_cast<uint32_t>(camera.made_id), camera.cs_info.color_style, camera.cs_info.cs_color_off_color,
+            pro_custom04_state};
 }
 
 TEST_F(Sweep, EveryOriginInEveryColourStyleWithAndWithoutASmartFilter) {

@@ -1,5 +1,5 @@
-// The camera model and its step tables. Every table is held twice: as a list of what it contains, and by the
-// rule that its contents follow.
+// The camera model and its step tables. Every table is held twice: as a list of what it contains, and by the rule that
+// its contents follow.
 
 #include <gtest/gtest.h>
 
@@ -88,8 +88,7 @@ Values positions_without(const Values& table, int mark) {
 
 Values entries_without(const Values& table, int mark) {
     Values all;
-    std::copy_if(table.begin(), table.end(), std::back_inserter(all),
-                 [=](int entry) { return entry != mark; });
+    std::copy_if(table.begin(), table.end(), std::back_inserter(all), [=](int entry) { return entry != mark; });
     return all;
 }
 
@@ -131,18 +130,17 @@ Values apertures_10_to_110_and(const std::string& rest) {
 
 TEST_F(Tables, ThePhonesAperturesAre128) {
     const Values expected = apertures_10_to_110_and(
-        "120, 124, 130, 139, 140, 150, 153, 160, 164, 170, 178, 180, 200, 220, 250, 290, 320, "
-        "360, 400, 450, 500, 570, 640, 720, 800, 900");
+        "120, 124, 130, 139, 140, 150, 153, 160, 164, 170, 178, 180, 200, 220, 250, 290, 320, 360, 400, "
+        "450, 500, 570, 640, 720, 800, 900");
     EXPECT_EQ(expected.size(), 128u);
     EXPECT_EQ(values(tPRO_COMMON_AV), expected);
 }
 
 TEST_F(Tables, TheAperturesOfAllModelsAre151) {
-    const Values expected = apertures_10_to_110_and("113, 116, 119, 120, 122, 124, 125, 127, 129, 130, 131, "
-                                                    "134, 136, 139, 140, 142, 145, 148, 150, 152, 153, 156, "
-                                                    "159, 160, 163, 164, 167, 170, 173, 176, 178, 179, 180, "
-                                                    "182, 184, 200, 220, 250, 290, 320, 360, 400, 450, 500, "
-                                                    "570, 640, 720, 800, 900");
+    const Values expected = apertures_10_to_110_and(
+        "113, 116, 119, 120, 122, 124, 125, 127, 129, 130, 131, 134, 136, 139, 140, 142, 145, 148, 150, 152, 153, 156, "
+        "159, 160, 163, 164, 167, 170, 173, 176, 178, 179, 180, 182, 184, 200, 220, 250, 290, 320, 360, 400, "
+        "450, 500, 570, 640, 720, 800, 900");
     EXPECT_EQ(expected.size(), 151u);
     EXPECT_EQ(values(AV_LUT), expected);
 }
@@ -172,8 +170,8 @@ TEST_F(Tables, ThePhonesSensitivitiesAre31) {
     EXPECT_EQ(
         values(tPRO_COMMON_SV),
         parse_runs(
-            "0, 50, 80, 100, 125, 160, 200, 250, 320, 400, 500, 640, 800, 1000, 1250, 1600, 2000, 2500, "
-            "3200, 4000, 5000, 6400, 8000, 10000, 12800, 16000, 20000, 25600, 32000, 40000, 51200"));
+            "0, 50, 80, 100, 125, 160, 200, 250, 320, 400, 500, 640, 800, 1000, 1250, 1600, 2000, 2500, 3200, 4000, "
+            "5000, 6400, 8000, 10000, 12800, 16000, 20000, 25600, 32000, 40000, 51200"));
     EXPECT_TRUE(rises(values(tPRO_COMMON_SV)));
 }
 
@@ -188,11 +186,9 @@ TEST_F(Tables, SensitivitiesFromPosition2OnAreThirdsOfAStop) {
 }
 
 TEST_F(Tables, ThePhonesCompensationsAre31) {
-    EXPECT_EQ(
-        values(tPRO_COMMON_EV),
-        parse_runs(
-            "0, 4, 7, 10, 14, 17, 20, 24, 27, 30, 34, 37, 40, 44, 47, 50, 53, 56, 60, 63, 66, 70, 73, 76, "
-            "80, 83, 86, 90, 93, 96, 100"));
+    EXPECT_EQ(values(tPRO_COMMON_EV),
+              parse_runs("0, 4, 7, 10, 14, 17, 20, 24, 27, 30, 34, 37, 40, 44, 47, 50, 53, 56, 60, 63, 66, 70, 73, "
+                         "76, 80, 83, 86, 90, 93, 96, 100"));
 }
 
 TEST_F(Tables, CompensationsAreTenthsOfAStopCutTowardsNoneAndMirroredThere) {
@@ -206,14 +202,11 @@ TEST_F(Tables, CompensationsAreTenthsOfAStopCutTowardsNoneAndMirroredThere) {
 // ---- The camera's codes
 
 TEST_F(Tables, TheCamerasApertureCodesAre128) {
-    const Values expected =
-        parse_runs("0, 0, 5, 11, 65535, 16, 65535, 21, 65535, 27, 65535, 32, 65535, 37, 65535, 65535, 43, "
-                   "65535, 65535, 48, "
-                   "65535, 65535, 65535, 53, 65535, 65535, 59, 65535 x4, 64, 65535 x4, 69, 65535 x4, 75, "
-                   "65535 x5, 80, 65535 x6, "
-                   "85, 65535 x7, 91, 65535 x8, 96, 65535 x9, 101, 65535 x9, 107, 65535 x9, 112, 65535, "
-                   "65535, 117, 65535, 123, "
-                   "65535, 65535, 128, 65535 x3, 133, 139, 144, 149, 155, 160, 165, 171, 176, 65535 x6");
+    const Values expected = parse_runs(
+        "0, 0, 5, 11, 65535, 16, 65535, 21, 65535, 27, 65535, 32, 65535, 37, 65535, 65535, 43, 65535, 65535, 48, "
+        "65535, 65535, 65535, 53, 65535, 65535, 59, 65535 x4, 64, 65535 x4, 69, 65535 x4, 75, 65535 x5, 80, 65535 x6, "
+        "85, 65535 x7, 91, 65535 x8, 96, 65535 x9, 101, 65535 x9, 107, 65535 x9, 112, 65535, 65535, 117, 65535, 123, "
+        "65535, 65535, 128, 65535 x3, 133, 139, 144, 149, 155, 160, 165, 171, 176, 65535 x6");
     EXPECT_EQ(expected.size(), 128u);
     EXPECT_EQ(values(tKT7_APEX_AV), expected);
 }
@@ -236,15 +229,12 @@ TEST_F(Tables, ApertureCodesStandAtTheirFNumbers) {
 }
 
 TEST_F(Tables, TheCamerasShutterCodesAre110) {
-    const Values expected = parse_runs("65535, 65440, 65456, 65535 x4, 65461, 65535 x4, 65467, 65535 x4, "
-                                       "65472, 65535, 65477, 65535, 65535, 65483, "
-                                       "65535, 65488, 65535, 65493, 65499, 65504, 65535 x9, 65509, 65535 x4, "
-                                       "65515, 65535 x4, 65520, 65535 x3, 65525, "
-                                       "65535, 65535, 65531, 65535, 65535, 0, 65535, 5, 65535, 11, 16, 21, "
-                                       "27, 65535 x3, 32, 37, 43, 48, 53, 59, 64, "
-                                       "69, 75, 80, 85, 91, 96, 101, 107, 112, 117, 65535, 123, 128, 133, "
-                                       "139, 144, 149, 155, 160, 165, 171, 176, "
-                                       "181, 187, 192, 197, 203, 65535 x5, 208, 213");
+    const Values expected = parse_runs(
+        "65535, 65440, 65456, 65535 x4, 65461, 65535 x4, 65467, 65535 x4, 65472, 65535, 65477, 65535, 65535, 65483, "
+        "65535, 65488, 65535, 65493, 65499, 65504, 65535 x9, 65509, 65535 x4, 65515, 65535 x4, 65520, 65535 x3, 65525, "
+        "65535, 65535, 65531, 65535, 65535, 0, 65535, 5, 65535, 11, 16, 21, 27, 65535 x3, 32, 37, 43, 48, 53, 59, 64, "
+        "69, 75, 80, 85, 91, 96, 101, 107, 112, 117, 65535, 123, 128, 133, 139, 144, 149, 155, 160, 165, 171, 176, "
+        "181, 187, 192, 197, 203, 65535 x5, 208, 213");
     EXPECT_EQ(expected.size(), 110u);
     EXPECT_EQ(values(tKT7_APEX_TV), expected);
 }
@@ -266,20 +256,20 @@ TEST_F(Tables, FullSensitivityStepsStandAtEveryThirdPosition) {
         EXPECT_EQ(tKT7_APEX_SV[position], position % 3 == 0 ? position / 3 : -1) << position;
     }
     EXPECT_EQ(values(tKT7_APEX_SV),
-              parse_runs("0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1, 5, -1, -1, 6, "
-                         "-1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1, 10"));
+              parse_runs("0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1, 5, -1, -1, 6, -1, -1, 7, "
+                         "-1, -1, 8, -1, -1, 9, -1, -1, 10"));
 }
 
 TEST_F(Tables, ThirdSensitivityStepsStandAtEveryPositionFrom3On) {
     EXPECT_EQ(values(tKT7_APEX_SV_1_3),
-              parse_runs("0, -1, -1, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, "
-                         "17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28"));
+              parse_runs("0, -1, -1, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, "
+                         "21, 22, 23, 24, 25, 26, 27, 28"));
 }
 
 TEST_F(Tables, CompensationStepsStandAtThePhonesCodes) {
     const Values codes =
-        parse_runs("0, 4, 7, 10, 14, 17, 20, 24, 27, 30, 34, 37, 40, 44, 47, 50, 53, 56, 60, 63, 66, "
-                   "70, 73, 76, 80, 83, 86, 90, 93, 96, 100");
+        parse_runs("0, 4, 7, 10, 14, 17, 20, 24, 27, 30, 34, 37, 40, 44, 47, 50, 53, 56, 60, 63, 66, 70, 73, "
+                   "76, 80, 83, 86, 90, 93, 96, 100");
     Values expected(101, -1);
     for (size_t step = 0; step < codes.size(); ++step) {
         expected[static_cast<size_t>(codes[step])] = static_cast<int>(step);
@@ -301,18 +291,15 @@ TEST_F(Tables, EnableTablesHoldTheSupportedPositions) {
     const EnableTable tables[] = {
         {"AV_SET_ENABLE_ZE", values(AV_SET_ENABLE_ZE), 151, "0-91, 101, 137-150"},
         {"AV_SET_ENABLE_RH", values(AV_SET_ENABLE_RH), 151,
-         "0, 22, 24, 26, 28, 30, 35, 40, 45, 49, 54, 79, 84, 90, 96, 101-104, 106, 108-110, 112-114, "
-         "117-119, 121, "
+         "0, 22, 24, 26, 28, 30, 35, 40, 45, 49, 54, 79, 84, 90, 96, 101-104, 106, 108-110, 112-114, 117-119, 121, "
          "123-124, 126, 128, 130-131, 133, 135-136"},
         {"AV_SET_ENABLE_KT7", values(AV_SET_ENABLE_KT7), 151,
-         "0-3, 5, 7, 9, 11, 13, 16, 19, 23, 26, 31, 36, 41, 47, 54, 62, 71, 81, 91, 101, 104, 106, 109, "
-         "113-121, "
+         "0-3, 5, 7, 9, 11, 13, 16, 19, 23, 26, 31, 36, 41, 47, 54, 62, 71, 81, 91, 101, 104, 106, 109, 113-121, "
          "128-130, 135, 140, 145, 147, 150"},
         {"TV_SET_ENABLE_ZE", values(TV_SET_ENABLE_ZE), 108,
          "0-2, 7, 12, 17, 19, 22, 24, 26-28, 38, 43, 48, 52, 55, 58, 60, 62-65, 69-102"},
         {"TV_SET_ENABLE_RH", values(TV_SET_ENABLE_RH), 108,
-         "0, 16-22, 24, 26, 28, 38, 48, 53, 58, 61, 63, 68-69, 71-73, 75-76, 78, 81, 84, 86, 88, 91, 94, 97, "
-         "103-107"},
+         "0, 16-22, 24, 26, 28, 38, 48, 53, 58, 61, 63, 68-69, 71-73, 75-76, 78, 81, 84, 86, 88, 91, 94, 97, 103-107"},
         {"TV_SET_ENABLE_KT7", values(TV_SET_ENABLE_KT7), 110,
          "1-2, 7, 12, 17, 19, 22, 24, 26-28, 38, 43, 48, 52, 55, 58, 60, 62-65, 69-85, 87-102, 108-109"},
         {"SV_SET_ENABLE_ZE", values(SV_SET_ENABLE_ZE), 26, "0-25"},
@@ -321,36 +308,30 @@ TEST_F(Tables, EnableTablesHoldTheSupportedPositions) {
         {"SV_1_3_SET_ENABLE_KT7", values(SV_1_3_SET_ENABLE_KT7), 31, "0, 3-30"},
         {"EV_SET_ENABLE_ZE", values(EV_SET_ENABLE_ZE), 101,
          "20, 24, 27, 30, 34, 37, 40, 44, 47, 50, 53, 56, 60, 63, 66, 70, 73, 76, 80"},
-        {"EV_SET_ENABLE_RH", values(EV_SET_ENABLE_RH), 101,
-         "30, 33, 37, 40, 43, 47, 50, 53, 57, 60, 63, 67, 70"},
+        {"EV_SET_ENABLE_RH", values(EV_SET_ENABLE_RH), 101, "30, 33, 37, 40, 43, 47, 50, 53, 57, 60, 63, 67, 70"},
         {"EV_SET_ENABLE_KT7", values(EV_SET_ENABLE_KT7), 101,
-         "0, 4, 7, 10, 14, 17, 20, 24, 27, 30, 34, 37, 40, 44, 47, 50, 53, 56, 60, 63, 66, 70, 73, 76, 80, "
-         "83, 86, 90, "
-         "93, 96, 100"},
+         "0, 4, 7, 10, 14, 17, 20, 24, 27, 30, 34, 37, 40, 44, 47, 50, 53, 56, 60, 63, 66, 70, 73, "
+         "76, 80, 83, 86, 90, 93, 96, 100"},
     };
     for (const EnableTable& row : tables) {
         EXPECT_EQ(row.table.size(), row.length) << row.name;
         EXPECT_EQ(positions_of_ones(row.table), parse_positions(row.positions)) << row.name;
-        EXPECT_TRUE(std::all_of(row.table.begin(), row.table.end(), [](int entry) {
-            return entry == 0 || entry == 1;
-        })) << row.name;
+        EXPECT_TRUE(std::all_of(row.table.begin(), row.table.end(), [](int entry) { return entry == 0 || entry == 1; }))
+            << row.name;
     }
 }
 
 TEST_F(Tables, ModelKt7SupportsExactlyTheStepsThatItHasCodesFor) {
     EXPECT_EQ(positions_of_ones(values(TV_SET_ENABLE_KT7)), positions_without(values(tKT7_APEX_TV), missing));
     EXPECT_EQ(positions_of_ones(values(SV_SET_ENABLE_KT7)), positions_without(values(tKT7_APEX_SV), -1));
-    EXPECT_EQ(positions_of_ones(values(SV_1_3_SET_ENABLE_KT7)),
-              positions_without(values(tKT7_APEX_SV_1_3), -1));
+    EXPECT_EQ(positions_of_ones(values(SV_1_3_SET_ENABLE_KT7)), positions_without(values(tKT7_APEX_SV_1_3), -1));
     EXPECT_EQ(positions_of_ones(values(EV_SET_ENABLE_KT7)), positions_without(values(tKT7_APEX_EV_1_3), -1));
 }
 
 TEST_F(Tables, ModelKt7MarksTheAperturesThatItHasCodesForAtThePhonesPositions) {
-    // Also from 102 on, where the positions belong to the other scale: 113 to 121 are the phone's f/18 to
-    // f/45.
+    // Also from 102 on, where the positions belong to the other scale: 113 to 121 are the phone's f/18 to f/45.
     Values marked = positions_of_ones(values(AV_SET_ENABLE_KT7));
-    marked.resize(
-        static_cast<size_t>(std::count_if(marked.begin(), marked.end(), [](int p) { return p < 128; })));
+    marked.resize(static_cast<size_t>(std::count_if(marked.begin(), marked.end(), [](int p) { return p < 128; })));
     EXPECT_EQ(marked, positions_without(values(tKT7_APEX_AV), missing));
 }
 

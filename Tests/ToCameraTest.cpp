@@ -1,6 +1,6 @@
-// How a phone's preset becomes a camera's: which fields are carried as they are, how exposure values, white
-// balance and colours are converted, what a preset's origin decides, what the conversion writes to the log
-// and which state it reads and leaves behind.
+// How a phone's preset becomes a camera's: which fields are carried as they are, how exposure values, white balance and
+// colours are converted, what a preset's origin decides, what the conversion writes to the log and which state it reads
+// and leaves behind.
 
 #include <gtest/gtest.h>
 
@@ -96,8 +96,7 @@ class ToCamera : public testing::Test {
         return converted(phone).cs_info.cs_color[7].cs_color_b;
     }
 
-    static tag_custom_info converted_origin(int32_t made_id, int32_t smart_filter = 0,
-                                            int32_t color_style = 5) {
+    static tag_custom_info converted_origin(int32_t made_id, int32_t smart_filter = 0, int32_t color_style = 5) {
         sm_tag_custom_info phone = plain_phone();
         phone.made_id = made_id;
         phone.smart_filter = smart_filter;
@@ -117,8 +116,8 @@ class ToCamera : public testing::Test {
 
 // ---- The whole conversion
 
-// A record that holds a different value in every field, each exposure value one that the camera can set. It
-// was made elsewhere and names a colour temperature, so origin and white balance change it.
+// A record that holds a different value in every field, each exposure value one that the camera can set. It was made
+// elsewhere and names a colour temperature, so origin and white balance change it.
 sm_tag_custom_info phone_with_distinct_fields() {
     sm_tag_custom_info phone = numbered_phone();
     phone.mode = 3;
@@ -139,10 +138,9 @@ sm_tag_custom_info phone_with_distinct_fields() {
 TEST_F(ToCamera, WritesBothRecordsToTheLogLineByLine) {
     (void)converted(phone_with_distinct_fields());
     const Transcript expected = {
-        "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Harbour custom_id : 1672 server_id : "
-        "1680",
-        "PLAIN ALG_SM title : Harbour preset_num : 1668 custom_id : 1672 applocal_id : 1676 server_id : 1680"
-        " made_id : 1572",
+        "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Harbour custom_id : 1672 server_id : 1680",
+        "PLAIN ALG_SM title : Harbour preset_num : 1668 custom_id : 1672 applocal_id : 1676 "
+        "server_id : 1680 made_id : 1572",
         "YELLOW ALG_SM *curSysInfo->made_id* : 0x624 ",
         "YELLOW ALG_SM no KT => curSysInfo->cs_info.color_style : 13 ",
         "PLAIN ALG_SM (AV)search_val:(19)",
@@ -329,10 +327,9 @@ TEST_F(ToCamera, TheCopyLogsTwoLinesTheFirstUnderTheManagersTag) {
     EXPECT_EQ(
         host.transcript,
         (Transcript{
-            "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Plain custom_id : -31 server_id : "
-            "90210",
-            "PLAIN ALG_SM title : Plain preset_num : 7 custom_id : -31 applocal_id : 55 server_id : 90210"
-            " made_id : 324",
+            "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Plain custom_id : -31 server_id : 90210",
+            "PLAIN ALG_SM title : Plain preset_num : 7 custom_id : -31 applocal_id : 55 "
+            "server_id : 90210 made_id : 324",
         }));
 }
 
@@ -451,10 +448,9 @@ const Aperture coded_apertures[] = {
     {290, 117, 155}, {320, 118, 160}, {360, 119, 165}, {400, 120, 171}, {450, 121, 176},
 };
 
-// Those that it has none for, with the code of the step that is set instead. From 120 on the approximation's
-// answer is a position among the apertures of all models, and is read as one among the phone's: these codes
-// are not the nearest ones. Where the answer lies behind the phone's scale (164, 170, 178, 500 to 900) the
-// nearest code is taken.
+// Those that it has none for, with the code of the step that is set instead. From 120 on the approximation's answer is
+// a position among the apertures of all models, and is read as one among the phone's: these codes are not the nearest
+// ones. Where the answer lies behind the phone's scale (164, 170, 178, 500 to 900) the nearest code is taken.
 const Aperture approximated_apertures[] = {
     {13, 4, 11},     {15, 6, 16},     {17, 8, 21},     {19, 10, 27},    {21, 12, 32},    {23, 14, 37},
     {24, 15, 43},    {26, 17, 43},    {27, 18, 48},    {29, 20, 48},    {30, 21, 48},    {31, 22, 53},
@@ -480,8 +476,7 @@ std::string search_line(int position) {
 
 TEST_F(ToCamera, AnApertureThatTheCameraHasACodeForIsLookedUp) {
     for (const Aperture& row : coded_apertures) {
-        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomAV, row.phone),
-                  gives(row.code, {search_line(row.position)}))
+        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomAV, row.phone), gives(row.code, {search_line(row.position)}))
             << row.phone;
     }
 }
@@ -530,8 +525,7 @@ TEST_F(ToCamera, AperturesAtTheBordersOfTheSearchRangesAreFound) {
                                           {57, 48},  {72, 63},  {73, 64},   {88, 79},   {89, 80},
                                           {104, 95}, {105, 96}, {170, 111}, {178, 112}, {900, 127}};
     for (const auto& [aperture, position] : positions) {
-        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomAV, aperture).log.at(0), search_line(position))
-            << aperture;
+        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomAV, aperture).log.at(0), search_line(position)) << aperture;
     }
 }
 
@@ -596,7 +590,7 @@ const int shutter_codes[] = {
     37,    43,    48,    53,    59,    64,    69,    75,    80,    85,    // 70
     91,    96,    101,   107,   112,   117,   117,   123,   128,   133,   // 80
     139,   144,   149,   155,   160,   165,   171,   176,   181,   187,   // 90
-    192,   197,   203,   91,    107,   133,   155,   171,   208,   213, // 100; 103 to 107 have fixed answers
+    192,   197,   203,   91,    107,   133,   155,   171,   208,   213,   // 100; 103 to 107 have fixed answers
 };
 
 TEST_F(ToCamera, EveryShutterPositionGivesItsCodeOrTheNearestOne) {
@@ -675,8 +669,7 @@ TEST_F(ToCamera, IsoNumbersBetweenFullStepsAreHandedOnAndBecomeAutomatic) {
     const int numbers[] = {50,   80,   125,  160,  250,  320,   500,   640,   1000,  1250,
                            2000, 2500, 4000, 5000, 8000, 10000, 16000, 20000, 32000, 40000};
     for (const int iso : numbers) {
-        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomSV, iso), gives(0, {"CYAN ALG_SM Converted SV :(0)"}))
-            << iso;
+        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomSV, iso), gives(0, {"CYAN ALG_SM Converted SV :(0)"})) << iso;
     }
 }
 
@@ -704,8 +697,7 @@ TEST_F(ToCamera, EveryThirdStepPositionGivesItsCodeOrTheNearestOne) {
 
 TEST_F(ToCamera, AThirdStepPositionOutsideTheScaleBecomesAutomatic) {
     for (const int position : {-1, 31, 32, 100, 125, 51200, INT_MAX, INT_MIN}) {
-        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomSV_1_3, position),
-                  gives(0, {"CYAN ALG_SM Converted SV :(0)"}))
+        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomSV_1_3, position), gives(0, {"CYAN ALG_SM Converted SV :(0)"}))
             << position;
     }
 }
@@ -757,12 +749,10 @@ TEST_F(ToCamera, OnlyACompensationWithoutAStepIsApproximated) {
 
 TEST_F(ToCamera, ACompensationOutsideTheScaleGivesItsNearestEnd) {
     for (const int code : {-1, -2, -10, -50, INT_MIN}) {
-        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomEV, code), gives(0, {"CYAN ALG_SM Converted EV :(0)"}))
-            << code;
+        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomEV, code), gives(0, {"CYAN ALG_SM Converted EV :(0)"})) << code;
     }
     for (const int code : {101, 102, 110, 1000, INT_MAX}) {
-        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomEV, code),
-                  gives(30, {"CYAN ALG_SM Converted EV :(100)"}))
+        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomEV, code), gives(30, {"CYAN ALG_SM Converted EV :(100)"}))
             << code;
     }
 }
@@ -1007,8 +997,7 @@ TEST_F(ToCamera, TheOriginDecidesOnColourStyleOriginCodeAndCustomStyleC4) {
             pro_custom04_state = state_before;
             const tag_custom_info camera =
                 converted_origin(static_cast<int32_t>(row.made_id), row.smart_filter, row.color_style);
-            SCOPED_TRACE(testing::Message()
-                         << std::hex << row.made_id << " with smart filter " << row.smart_filter);
+            SCOPED_TRACE(testing::Message() << std::hex << row.made_id << " with smart filter " << row.smart_filter);
             EXPECT_EQ(camera.made_id, static_cast<int32_t>(row.expected_made_id));
             EXPECT_EQ(camera.cs_info.color_style, row.expected_color_style);
             EXPECT_EQ(camera.cs_info.cs_color_off_color, row.expected_off_color);
@@ -1020,8 +1009,7 @@ TEST_F(ToCamera, TheOriginDecidesOnColourStyleOriginCodeAndCustomStyleC4) {
 }
 
 TEST_F(ToCamera, TheWhiteBalanceLooksAtThePhonesOriginCode) {
-    // The camera's code loses its upper bits here; the family digit that counts is the phone's, which is the
-    // same.
+    // The camera's code loses its upper bits here; the family digit that counts is the phone's, which is the same.
     sm_tag_custom_info phone = plain_phone();
     phone.made_id = 0x10144;
     phone.smart_filter = 1;

@@ -1,5 +1,5 @@
-// How a camera's preset becomes a phone's: which fields are carried as they are, how mode, exposure values
-// and colours are converted, what the conversion writes to the log and which state it leaves behind.
+// How a camera's preset becomes a phone's: which fields are carried as they are, how mode, exposure values and colours
+// are converted, what the conversion writes to the log and which state it leaves behind.
 
 #include <gtest/gtest.h>
 
@@ -94,10 +94,9 @@ tag_custom_info camera_with_distinct_fields() {
 TEST_F(ToPhone, WritesBothRecordsToTheLogLineByLine) {
     (void)converted(camera_with_distinct_fields());
     const Transcript expected = {
-        "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Harbour custom_id : 1672 server_id : "
-        "1680",
-        "PLAIN ALG_SM title : Harbour preset_num : 1668 custom_id : 1672 applocal_id : 1676 server_id : 1680"
-        " made_id : 1684",
+        "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Harbour custom_id : 1672 server_id : 1680",
+        "PLAIN ALG_SM title : Harbour preset_num : 1668 custom_id : 1672 applocal_id : 1676 "
+        "server_id : 1680 made_id : 1684",
         "User_Spec_Get_Value(272)",
         "YELLOW ALG_SM *IsoStep-state* : 0 ",
         "YELLOW ALG_SM *ShotMentor*\t  ADE_PRO_CreateProFilm ",
@@ -267,10 +266,9 @@ TEST_F(ToPhone, TheCopyLogsTwoLinesTheFirstUnderTheManagersTag) {
     EXPECT_EQ(
         host.transcript,
         (Transcript{
-            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 31 custom_id : 31 "
-            "server_id : 90210",
-            "PLAIN ALG_SM title : Preset 31 preset_num : 7 custom_id : 31 applocal_id : -5 server_id : 90210"
-            " made_id : 324",
+            "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : Preset 31 custom_id : 31 server_id : 90210",
+            "PLAIN ALG_SM title : Preset 31 preset_num : 7 custom_id : 31 applocal_id : -5 "
+            "server_id : 90210 made_id : 324",
         }));
 }
 
@@ -390,14 +388,13 @@ TEST_F(ToPhone, SensitivityIsCarriedInEveryMode) {
 
 // ---- Aperture
 
-// The camera's aperture codes and what they are on the phone, f-number times ten.
+// The camera's aperture codes and what they are on the phone, f-number times ten. 65535 marks a missing step and is
+// taken for the first that is missing.
 const std::map<int, int> apertures = {
-    {0, 0},     {5, 11},    {11, 12},    {16, 14},   {21, 16},   {27, 18},   {32, 20},   {37, 22},
-    {43, 25},   {48, 28},   {53, 32},    {59, 35},   {64, 40},   {69, 45},   {75, 50},   {80, 56},
-    {85, 63},   {91, 71},   {96, 80},    {101, 90},  {107, 100}, {112, 110}, {117, 130}, {123, 140},
-    {128, 160}, {133, 180}, {139, 200},  {144, 220}, {149, 250}, {155, 290}, {160, 320}, {165, 360},
-    {171, 400}, {176, 450}, {65535, 13}, // the mark of a missing step, taken for the first step that is
-                                         // missing
+    {0, 0},     {5, 11},    {11, 12},   {16, 14},   {21, 16},   {27, 18},   {32, 20},   {37, 22},    {43, 25},
+    {48, 28},   {53, 32},   {59, 35},   {64, 40},   {69, 45},   {75, 50},   {80, 56},   {85, 63},    {91, 71},
+    {96, 80},   {101, 90},  {107, 100}, {112, 110}, {117, 130}, {123, 140}, {128, 160}, {133, 180},  {139, 200},
+    {144, 220}, {149, 250}, {155, 290}, {160, 320}, {165, 360}, {171, 400}, {176, 450}, {65535, 13},
 };
 
 TEST_F(ToPhone, EveryApertureCodeGivesItsFNumberAndEveryOtherNumberGives0) {
@@ -430,16 +427,15 @@ TEST_F(ToPhone, TheApertureIsConvertedInModes2And4Only) {
 
 // ---- Shutter time
 
-// The camera's shutter codes and the phone's positions.
+// The camera's shutter codes and the phone's positions. The mark of a missing step, 65535, stands at position 0 first.
 const std::map<int, int> shutter_times = {
-    {65440, 1},  {65456, 2},  {65461, 7},  {65467, 12}, {65472, 17}, {65477, 19}, {65483, 22}, {65488, 24},
-    {65493, 26}, {65499, 27}, {65504, 28}, {65509, 38}, {65515, 43}, {65520, 48}, {65525, 52}, {65531, 55},
-    {0, 58},     {5, 60},     {11, 62},    {16, 63},    {21, 64},    {27, 65},    {32, 69},    {37, 70},
-    {43, 71},    {48, 72},    {53, 73},    {59, 74},    {64, 75},    {69, 76},    {75, 77},    {80, 78},
-    {85, 79},    {91, 80},    {96, 81},    {101, 82},   {107, 83},   {112, 84},   {117, 85},   {123, 87},
-    {128, 88},   {133, 89},   {139, 90},   {144, 91},   {149, 92},   {155, 93},   {160, 94},   {165, 95},
-    {171, 96},   {176, 97},   {181, 98},   {187, 99},   {192, 100},  {197, 101},  {203, 102},  {208, 108},
-    {213, 109},  {65535, 0}, // the mark of a missing step stands at position 0 first
+    {65440, 1},  {65456, 2},  {65461, 7},  {65467, 12}, {65472, 17}, {65477, 19}, {65483, 22}, {65488, 24}, {65493, 26},
+    {65499, 27}, {65504, 28}, {65509, 38}, {65515, 43}, {65520, 48}, {65525, 52}, {65531, 55}, {0, 58},     {5, 60},
+    {11, 62},    {16, 63},    {21, 64},    {27, 65},    {32, 69},    {37, 70},    {43, 71},    {48, 72},    {53, 73},
+    {59, 74},    {64, 75},    {69, 76},    {75, 77},    {80, 78},    {85, 79},    {91, 80},    {96, 81},    {101, 82},
+    {107, 83},   {112, 84},   {117, 85},   {123, 87},   {128, 88},   {133, 89},   {139, 90},   {144, 91},   {149, 92},
+    {155, 93},   {160, 94},   {165, 95},   {171, 96},   {176, 97},   {181, 98},   {187, 99},   {192, 100},  {197, 101},
+    {203, 102},  {208, 108},  {213, 109},  {65535, 0},
 };
 
 TEST_F(ToPhone, EveryShutterCodeGivesItsPositionAndEveryOtherNumberGives0) {
@@ -476,10 +472,9 @@ TEST_F(ToPhone, TheShutterTimeIsConvertedInModes3And4Only) {
 // ---- Sensitivity
 
 TEST_F(ToPhone, EveryFullIsoStepGivesItsNumberAndEveryOtherCodeGives0) {
-    const std::map<int, int> numbers = {{0, 0},      {1, 100},  {2, 200},  {3, 400},   {4, 800},
-                                        {5, 1600},   {6, 3200}, {7, 6400}, {8, 12800}, {9, 25600},
-                                        {10, 51200}, {-1, 50}}; // the mark of a missing step, taken for the
-                                                                // first that is missing
+    // -1 marks a missing step and is taken for the first that is missing.
+    const std::map<int, int> numbers = {{0, 0},    {1, 100},  {2, 200},   {3, 400},   {4, 800},    {5, 1600},
+                                        {6, 3200}, {7, 6400}, {8, 12800}, {9, 25600}, {10, 51200}, {-1, 50}};
     for (int code = -50; code <= 200; ++code) {
         EXPECT_EQ(ADE_PRO_Convert2ProFilmSV(code), numbers.contains(code) ? numbers.at(code) : 0) << code;
     }
@@ -489,12 +484,11 @@ TEST_F(ToPhone, EveryFullIsoStepGivesItsNumberAndEveryOtherCodeGives0) {
 }
 
 TEST_F(ToPhone, EveryThirdIsoStepGivesItsNumberAndEveryOtherCodeGives0) {
-    const std::map<int, int> numbers = {
-        {0, 0},      {1, 100},    {2, 125},    {3, 160},    {4, 200},    {5, 250},    {6, 320},
-        {7, 400},    {8, 500},    {9, 640},    {10, 800},   {11, 1000},  {12, 1250},  {13, 1600},
-        {14, 2000},  {15, 2500},  {16, 3200},  {17, 4000},  {18, 5000},  {19, 6400},  {20, 8000},
-        {21, 10000}, {22, 12800}, {23, 16000}, {24, 20000}, {25, 25600}, {26, 32000}, {27, 40000},
-        {28, 51200}, {-1, 50}}; // the mark of a missing step, taken for the first that is missing
+    const std::map<int, int> numbers = {{0, 0},      {1, 100},    {2, 125},    {3, 160},    {4, 200},    {5, 250},
+                                        {6, 320},    {7, 400},    {8, 500},    {9, 640},    {10, 800},   {11, 1000},
+                                        {12, 1250},  {13, 1600},  {14, 2000},  {15, 2500},  {16, 3200},  {17, 4000},
+                                        {18, 5000},  {19, 6400},  {20, 8000},  {21, 10000}, {22, 12800}, {23, 16000},
+                                        {24, 20000}, {25, 25600}, {26, 32000}, {27, 40000}, {28, 51200}, {-1, 50}};
     for (int code = -50; code <= 200; ++code) {
         EXPECT_EQ(ADE_PRO_Convert2ProFilmSV_1_3(code), numbers.contains(code) ? numbers.at(code) : 0) << code;
     }
@@ -591,10 +585,9 @@ TEST_F(ToPhone, SingleValuesAreConvertedWithoutALine) {
 // ---- Colours
 
 TEST_F(ToPhone, ColoursAreScaledFrom200To255) {
-    const std::map<int, int> expected = {{-1000, 0}, {-1, 0},    {0, 0},     {1, 1},     {2, 2},
-                                         {3, 3},     {50, 64},   {99, 127},  {100, 128}, {101, 129},
-                                         {150, 192}, {196, 252}, {197, 253}, {198, 254}, {199, 255},
-                                         {200, 255}, {201, 255}, {1000, 255}};
+    const std::map<int, int> expected = {{-1000, 0}, {-1, 0},    {0, 0},     {1, 1},     {2, 2},     {3, 3},
+                                         {50, 64},   {99, 127},  {100, 128}, {101, 129}, {150, 192}, {196, 252},
+                                         {197, 253}, {198, 254}, {199, 255}, {200, 255}, {201, 255}, {1000, 255}};
     for (const auto& [camera, phone] : expected) {
         EXPECT_EQ(converted_colour(camera), phone) << camera;
     }

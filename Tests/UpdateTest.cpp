@@ -1,5 +1,5 @@
-// Function 4: the phone changes a preset's title and server identity. Which requests reach the UI service,
-// what it is handed, and what the phone hears.
+// Function 4: the phone changes a preset's title and server identity. Which requests reach the UI service, what it is
+// handed, and what the phone hears.
 #include <climits>
 
 #include <gtest/gtest.h>
@@ -23,27 +23,25 @@ Bytes update_reply(int32_t result) {
 // From the reply buffer to the send, for a reply that goes out while none is unconfirmed.
 Transcript sent(int result) {
     return {"PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1",
-            "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1004, return=" + std::to_string(result),
-            "bt_send_msgs(12)"};
+            "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1004, return=" + std::to_string(result), "bt_send_msgs(12)"};
 }
 
 TEST(Update, IsOneConversationFromThePacketToTheSend) {
     FakeHost host;
     EXPECT_EQ(host.receive(request(4, image(update_of(3, 9, "Dusk")))), 1);
-    EXPECT_EQ(host.transcript,
-              (Transcript{
-                  "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=4",
-                  "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=752",
-                  "PLAIN ALG_SMM shotmentor_p_ReceiveData add=#1",
-                  "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=752, sm_BT_combine_length=752",
-                  "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=4, length=752",
-                  "CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Dusk",
-                  "__ui_preset_update_comfirm(3, 9, \"Dusk\")",
-                  "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
-                  "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1004, return=1",
-                  "bt_send_msgs(12)",
-                  "PLAIN ALG_SMM free Receive add=#1",
-              }));
+    EXPECT_EQ(host.transcript, (Transcript{
+                                   "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=4",
+                                   "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=752",
+                                   "PLAIN ALG_SMM shotmentor_p_ReceiveData add=#1",
+                                   "GREEN ALG_SMM ADE_ShotMentor_Combine_BTData length=752, sm_BT_combine_length=752",
+                                   "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=4, length=752",
+                                   "CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Dusk",
+                                   "__ui_preset_update_comfirm(3, 9, \"Dusk\")",
+                                   "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
+                                   "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1004, return=1",
+                                   "bt_send_msgs(12)",
+                                   "PLAIN ALG_SMM free Receive add=#1",
+                               }));
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, update_reply(1));
     EXPECT_EQ(host.replies[0].buffer, update_reply(1) + zeros(30000 - 12));
@@ -77,11 +75,10 @@ TEST(Update, OfANegativeIdIsRefusedAsFaultyData) {
         SCOPED_TRACE(id);
         FakeHost host;
         EXPECT_EQ(host.receive(request(4, image(update_of(id, 9, "Dusk")))), -2);
-        EXPECT_EQ(command_lines(host.transcript),
-                  joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=" + std::to_string(id) +
-                               ", server_id=9, title=Dusk",
-                           "ERROR ALG_SMM SM_RETURN_DATA_ERR"},
-                          sent(-2)}));
+        EXPECT_EQ(command_lines(host.transcript), joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=" +
+                                                               std::to_string(id) + ", server_id=9, title=Dusk",
+                                                           "ERROR ALG_SMM SM_RETURN_DATA_ERR"},
+                                                          sent(-2)}));
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, update_reply(-2));
     }
@@ -133,11 +130,11 @@ TEST(Update, PassesAnyServerIdentityOn) {
         SCOPED_TRACE(number);
         FakeHost host;
         EXPECT_EQ(host.receive(request(4, image(update_of(INT_MAX, server_id, "Dusk")))), 1);
-        EXPECT_EQ(command_lines(host.transcript),
-                  joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=2147483647, server_id=" + number +
-                               ", title=Dusk",
-                           "__ui_preset_update_comfirm(2147483647, " + number + ", \"Dusk\")"},
-                          sent(1)}));
+        EXPECT_EQ(
+            command_lines(host.transcript),
+            joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=2147483647, server_id=" + number + ", title=Dusk",
+                     "__ui_preset_update_comfirm(2147483647, " + number + ", \"Dusk\")"},
+                    sent(1)}));
     }
 }
 
@@ -147,13 +144,11 @@ TEST(Update, HandsATitleWithoutANulOverWithANulBehindIt) {
     record.mode = 0x41414141; // the bytes behind the title are not NULs
     EXPECT_EQ(host.receive(request(4, image(record))), 1);
     EXPECT_EQ(command_lines(host.transcript),
-              joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=" +
-                           fifty_two_characters,
+              joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=" + fifty_two_characters,
                        "__ui_preset_update_comfirm(3, 9, \"" + fifty_two_characters + "\")"},
                       sent(1)}));
     ASSERT_EQ(host.updated_titles.size(), 1u);
-    EXPECT_EQ(host.updated_titles[0],
-              Bytes(fifty_two_characters.begin(), fifty_two_characters.end()) + Bytes{0});
+    EXPECT_EQ(host.updated_titles[0], Bytes(fifty_two_characters.begin(), fifty_two_characters.end()) + Bytes{0});
 }
 
 TEST(Update, HandsAll52BytesOfATitleOver) {
@@ -194,8 +189,7 @@ TEST(Update, CalledWithANegativeLengthCountsItAsLong) {
         SCOPED_TRACE(length);
         FakeHost host;
         EXPECT_EQ(host.call([&] { return ADE_SM_Update_Preset(payload.data(), length); }), 1);
-        EXPECT_EQ(host.calls(),
-                  (Transcript{"__ui_preset_update_comfirm(3, 9, \"Dusk\")", "bt_send_msgs(12)"}));
+        EXPECT_EQ(host.calls(), (Transcript{"__ui_preset_update_comfirm(3, 9, \"Dusk\")", "bt_send_msgs(12)"}));
     }
 }
 
@@ -203,10 +197,9 @@ TEST(Update, CalledWithoutLengthReadsTheRecordAllTheSame) {
     FakeHost host;
     const Bytes payload = image(update_of(3, 9, "Dusk"));
     EXPECT_EQ(host.call([&] { return ADE_SM_Update_Preset(payload.data(), 0); }), -3);
-    EXPECT_EQ(host.transcript,
-              joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Dusk",
-                       "ERROR ALG_SMM SM_RETURN_STRUCT_ERR"},
-                      sent(-3)}));
+    EXPECT_EQ(host.transcript, joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Dusk",
+                                        "ERROR ALG_SMM SM_RETURN_STRUCT_ERR"},
+                                       sent(-3)}));
 }
 
 TEST(Update, ParksAReplyThatIsStillUnconfirmed) {
@@ -216,14 +209,13 @@ TEST(Update, ParksAReplyThatIsStillUnconfirmed) {
     host.receive(update);
     const Transcript asked = {"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Dusk",
                               "__ui_preset_update_comfirm(3, 9, \"Dusk\")"};
-    EXPECT_EQ(
-        command_lines(host.transcript),
-        joined({asked,
-                sent(1),
-                asked,
-                {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
-                 "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
-                 "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1004, return=1", "bt_send_msgs(12)"}}));
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({asked,
+                      sent(1),
+                      asked,
+                      {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
+                       "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",
+                       "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1004, return=1", "bt_send_msgs(12)"}}));
 }
 
 } // namespace

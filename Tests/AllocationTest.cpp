@@ -246,7 +246,7 @@ TEST(Allocation, IsNeededAsOftenAsTheseTestsRefuseIt) {
         SCOPED_TRACE(command.name);
         FakeHost host;
         command.set_up(host);
-        EXPECT_EQ(host.call([&] { return run(command); }), command.result);
+        EXPECT_EQ(run(command), command.result);
         EXPECT_EQ(host.allocations_asked(), static_cast<int>(command.refusals.size()));
         EXPECT_EQ(host.replies.size(), command.replies);
     }
@@ -261,7 +261,7 @@ TEST(Allocation, RefusedToACommandIsReportedAndNothingIsSent) {
                 command.set_up(host);
                 host.refuse_allocation(static_cast<int>(index) + 1, for_good);
                 const Refusal& refusal = command.refusals[index];
-                EXPECT_EQ(host.call([&] { return run(command); }), refusal.result);
+                EXPECT_EQ(run(command), refusal.result);
                 EXPECT_EQ(command_lines(host.transcript), refusal.lines);
                 expect_nothing_owned(host);
                 expect_success(host, command);
@@ -298,7 +298,7 @@ TEST(Allocation, RefusedToARequestLeavesItIncompleteUntilTheHostRecovers) {
             command.set_up(host);
             host.refuse_allocation(1, for_good);
             const Bytes whole = request(command.function, command.payload);
-            EXPECT_EQ(host.receive(whole), -1);
+            EXPECT_EQ(host.receive(whole), SM_RETURN_FAIL);
             EXPECT_EQ(
                 host.transcript,
                 (Transcript{
@@ -317,19 +317,19 @@ TEST(Allocation, RefusedToARequestLeavesItIncompleteUntilTheHostRecovers) {
 TEST(Allocation, RefusedToAReplyLeavesNothingToConfirm) {
     FakeHost host;
     host.refuse_allocation(2);
-    host.receive(request(5));
+    host.receive(delete_request({}));
     host.forget();
-    EXPECT_EQ(host.confirm(), -1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, (Transcript{"GREEN ALG_SMM ADE_ShotMentor_Result_Manager result",
                                            "ERROR ALG_SMM ERR ADE_ShotMentor_Result_Manager NULL pointer "}));
 }
 
 TEST(Allocation, RefusedToAReplyKeepsTheParkedReplyUntilALaterOneIsCurrent) {
     FakeHost host;
-    host.receive(request(5));
+    host.receive(delete_request({}));
     const Transcript send = command_lines(host.transcript);
     host.refuse_allocation(2);
-    host.receive(request(5));
+    host.receive(delete_request({}));
     EXPECT_EQ(command_lines(host.transcript),
               joined({send,
                       {"CYAN ALG_SMM ADE_SM_Delete_Preset() del_num=0", "ERROR ALG_SMM SM_RETURN_DATA_ERR",
@@ -339,26 +339,26 @@ TEST(Allocation, RefusedToAReplyKeepsTheParkedReplyUntilALaterOneIsCurrent) {
     EXPECT_EQ(shotmentor_p_FullData, nullptr);
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 1);
     EXPECT_EQ(host.blocks_owned(), 1u);
-    EXPECT_EQ(host.confirm(), -1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
 
-    host.receive(request(5));
+    host.receive(delete_request({}));
     EXPECT_EQ(host.replies.size(), 2u);
-    EXPECT_EQ(host.confirm(), 1);
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(host.freed, (std::vector<int>{0, 1}));
     EXPECT_EQ(host.blocks_owned(), 0u);
 }
 
 TEST(Allocation, RefusedToALaterListLeavesAnUnconfirmedReplyCurrent) {
     FakeHost host;
-    host.receive(request(1));
+    host.receive(list_request());
     for (const int array : {2, 3}) {
         host.refuse_allocation(array);
-        EXPECT_EQ(host.receive(request(1)), -1);
+        EXPECT_EQ(host.receive(list_request()), SM_RETURN_FAIL);
         EXPECT_EQ(shotmentor_p_FullData, host.replies[0].message.data);
         EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
     }
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(host.freed, std::vector<int>{0});
 }
 

@@ -97,7 +97,7 @@ inline void leave_presets_on_the_heap(FakeHost& host) {
     for (tag_custom_info& stored : host.presets) {
         std::memset(&stored, 'x', sizeof stored);
     }
-    host.receive(request(1));
+    host.receive(list_request());
     host.confirm();
     host.presets.clear();
     host.forget();

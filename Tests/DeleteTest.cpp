@@ -110,7 +110,7 @@ Transcript listed(const std::vector<int>& ids, int link1 = nothing, int link2 = 
 TEST(Delete, IsOneConversationFromThePacketToTheSend) {
     FakeHost host;
     host.presets = presets_from_100(3);
-    EXPECT_EQ(host.receive(request(5, words({1, 101}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{1, 101}})), SM_RETURN_TRUE);
     EXPECT_EQ(
         without_conversions(host.transcript),
         (Transcript{
@@ -144,7 +144,7 @@ TEST(Delete, IsOneConversationFromThePacketToTheSend) {
             "bt_send_msgs(1508)",
             "PLAIN ALG_SMM free Receive add=#1",
         }));
-    const Bytes reply = head(1508, 1, 2) + phone_record(preset(100, 0)) + phone_record(preset(102, 1));
+    const Bytes reply = head(1508, SM_RETURN_TRUE, 2) + phone_record(preset(100, 0)) + phone_record(preset(102, 1));
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, reply);
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, Kept{}));
@@ -153,26 +153,26 @@ TEST(Delete, IsOneConversationFromThePacketToTheSend) {
 TEST(Delete, OfSevenBytesHasNoEntryAndIsRefusedAsFaultyData) {
     FakeHost host;
     host.presets = presets_from_100(3);
-    EXPECT_EQ(host.receive(request(5, slice(words({1, 101}), 0, 7))), -2);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_DELETE_PRESET, slice(words({1, 101}), 0, 7))), SM_RETURN_DATA_ERR);
     EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(0), "ERROR ALG_SMM SM_RETURN_DATA_ERR"}, sent(20, -2, 0)}));
+              joined({{begins(0), "ERROR ALG_SMM SM_RETURN_DATA_ERR"}, sent(20, SM_RETURN_DATA_ERR, 0)}));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, head(20, -2, 0));
-    EXPECT_EQ(host.replies[0].buffer, whole_buffer(head(20, -2, 0), 0, Kept{}));
+    EXPECT_EQ(host.replies[0].bytes, head(20, SM_RETURN_DATA_ERR, 0));
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(head(20, SM_RETURN_DATA_ERR, 0), 0, Kept{}));
 }
 
 TEST(Delete, WithoutAPayloadIsRefusedAsFaultyData) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(5)), -2);
+    EXPECT_EQ(host.receive(delete_request({})), SM_RETURN_DATA_ERR);
     EXPECT_EQ(host.calls(), (Transcript{"bt_send_msgs(20)"}));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, head(20, -2, 0));
+    EXPECT_EQ(host.replies[0].bytes, head(20, SM_RETURN_DATA_ERR, 0));
 }
 
 TEST(Delete, OfFifteenBytesHasOneEntry) {
     FakeHost host;
     host.presets = presets_from_100(3);
-    EXPECT_EQ(host.receive(request(5, slice(words({1, 101, 2, 102}), 0, 15))), 1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_DELETE_PRESET, slice(words({1, 101, 2, 102}), 0, 15))), SM_RETURN_TRUE);
     const Transcript lines = command_lines(host.transcript);
     EXPECT_EQ(Transcript(lines.begin(), lines.begin() + 3), (Transcript{begins(1), entry(0, 1, 101), looked_up(101)}));
     ASSERT_EQ(host.presets.size(), 2u);
@@ -182,44 +182,44 @@ TEST(Delete, OfFifteenBytesHasOneEntry) {
 TEST(Delete, CountsItsEntriesInWordsInTheLog) {
     FakeHost host;
     host.presets = presets_from_100(4);
-    EXPECT_EQ(host.receive(request(5, words({3, 103, 0, 100, 2, 102}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{3, 103}, {0, 100}, {2, 102}})), SM_RETURN_TRUE);
     EXPECT_EQ(command_lines(host.transcript), joined({{begins(3), entry(0, 3, 103), entry(2, 0, 100), entry(4, 2, 102),
                                                        looked_up(103), looked_up(100), looked_up(102)},
                                                       settled(1, not_opened(1), -1),
                                                       settled(2, not_opened(2), -1),
                                                       {"__ui_preset_delete_form_phone(0 2 3)"},
                                                       listed({101}),
-                                                      sent(764, 1, 1)}));
+                                                      sent(764, SM_RETURN_TRUE, 1)}));
 }
 
 TEST(Delete, OfIdentity0FailsAndDeletesNothingEvenAmongGoodEntries) {
     FakeHost host;
     host.presets = presets_from_100(3);
-    EXPECT_EQ(host.receive(request(5, words({1, 101, 2, 0, 0, 100}))), -3);
+    EXPECT_EQ(host.receive(delete_request({{1, 101}, {2, 0}, {0, 100}})), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(command_lines(host.transcript), joined({{begins(3), entry(0, 1, 101), entry(2, 2, 0), entry(4, 0, 100),
                                                        looked_up(101), faulty, looked_up(0), faulty, looked_up(100)},
-                                                      sent(20, -3, 0)}));
+                                                      sent(20, SM_RETURN_STRUCT_ERR, 0)}));
     EXPECT_EQ(host.presets.size(), 3u);
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, head(20, -3, 0));
-    EXPECT_EQ(host.replies[0].buffer, whole_buffer(head(20, -3, 0), 0, Kept{}));
+    EXPECT_EQ(host.replies[0].bytes, head(20, SM_RETURN_STRUCT_ERR, 0));
+    EXPECT_EQ(host.replies[0].buffer, whole_buffer(head(20, SM_RETURN_STRUCT_ERR, 0), 0, Kept{}));
 }
 
 TEST(Delete, OfIdentity0FailsEvenWhereTheServiceKnowsIt) {
     FakeHost host;
     host.presets = {preset(0)};
-    EXPECT_EQ(host.receive(request(5, words({0, 0}))), -3);
+    EXPECT_EQ(host.receive(delete_request({{0, 0}})), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(1), entry(0, 0, 0), faulty, looked_up(0)}, sent(20, -3, 0)}));
+              joined({{begins(1), entry(0, 0, 0), faulty, looked_up(0)}, sent(20, SM_RETURN_STRUCT_ERR, 0)}));
     EXPECT_EQ(host.presets.size(), 1u);
 }
 
 TEST(Delete, OfAPresetThatTheCameraDoesNotHaveFails) {
     FakeHost host;
     host.presets = presets_from_100(3);
-    EXPECT_EQ(host.receive(request(5, words({1, 999}))), -3);
+    EXPECT_EQ(host.receive(delete_request({{1, 999}})), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(1), entry(0, 1, 999), looked_up(999), faulty}, sent(20, -3, 0)}));
+              joined({{begins(1), entry(0, 1, 999), looked_up(999), faulty}, sent(20, SM_RETURN_STRUCT_ERR, 0)}));
     EXPECT_EQ(host.presets.size(), 3u);
 }
 
@@ -228,29 +228,30 @@ TEST(Delete, OfANumberOutside0To39FailsAndDeletesNothing) {
         SCOPED_TRACE(number);
         FakeHost host;
         host.presets = presets_from_100(3);
-        EXPECT_EQ(host.receive(request(5, words({number, 100, 1, 101}))), -3);
+        EXPECT_EQ(host.receive(delete_request({{number, 100}, {1, 101}})), SM_RETURN_STRUCT_ERR);
         EXPECT_EQ(command_lines(host.transcript),
                   joined({{begins(2), entry(0, number, 100), entry(2, 1, 101), faulty, looked_up(100), looked_up(101)},
-                          sent(20, -3, 0)}));
+                          sent(20, SM_RETURN_STRUCT_ERR, 0)}));
         EXPECT_EQ(host.presets.size(), 3u);
         ASSERT_EQ(host.replies.size(), 1u);
-        EXPECT_EQ(host.replies[0].bytes, head(20, -3, 0));
+        EXPECT_EQ(host.replies[0].bytes, head(20, SM_RETURN_STRUCT_ERR, 0));
     }
 }
 
 TEST(Delete, ReportsEveryFaultOfAnEntry) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(5, words({40, 0}))), -3);
+    EXPECT_EQ(host.receive(delete_request({{40, 0}})), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(1), entry(0, 40, 0), faulty, faulty, looked_up(0), faulty}, sent(20, -3, 0)}));
+              joined({{begins(1), entry(0, 40, 0), faulty, faulty, looked_up(0), faulty},
+                      sent(20, SM_RETURN_STRUCT_ERR, 0)}));
 }
 
 TEST(Delete, RunsAfterAFaultyRequestAsIfThatHadNeverBeen) {
     FakeHost host;
     host.presets = presets_from_100(3);
-    host.receive(request(5, words({2, 102, 0, 0})));
+    host.receive(delete_request({{2, 102}, {0, 0}}));
     host.forget();
-    EXPECT_EQ(host.receive(request(5, words({1, 101}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{1, 101}})), SM_RETURN_TRUE);
     EXPECT_EQ(host.calls()[3], "__ui_preset_delete_form_phone(1)");
 }
 
@@ -258,7 +259,7 @@ TEST(Delete, AsksForTheExistenceOfEachPresetWithAFreshLocalIdentity) {
     FakeHost host;
     host.presets = presets_from_100(2);
     host.fill_preset_info = [](tag_custom_info& record) { record.applocal_id = 77; };
-    EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, 101}})), SM_RETURN_TRUE);
     const Transcript calls = host.calls();
     EXPECT_EQ((Transcript{calls[0], calls[1]}), (Transcript{looked_up(100), looked_up(101)}));
 }
@@ -266,7 +267,7 @@ TEST(Delete, AsksForTheExistenceOfEachPresetWithAFreshLocalIdentity) {
 TEST(Delete, TakesTheSamePresetTwice) {
     FakeHost host;
     host.presets = presets_from_100(2);
-    EXPECT_EQ(host.receive(request(5, words({1, 101, 1, 101}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{1, 101}, {1, 101}})), SM_RETURN_TRUE);
     EXPECT_EQ(host.calls()[4], "__ui_preset_delete_form_phone(1)");
     EXPECT_EQ(host.presets.size(), 1u);
 }
@@ -274,21 +275,21 @@ TEST(Delete, TakesTheSamePresetTwice) {
 TEST(Delete, OfAllPresetsLeavesAnEmptyList) {
     FakeHost host;
     host.presets = presets_from_100(1);
-    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, head(20, 1, 0));
+    EXPECT_EQ(host.replies[0].bytes, head(20, SM_RETURN_TRUE, 0));
 }
 
 TEST(Delete, OfFortyPresetsMarksThemAll) {
     FakeHost host;
     host.presets = presets_from_100(40);
-    Bytes all;
+    std::vector<sm_delete_pair> all;
     std::string numbers;
     for (int number = 0; number < 40; ++number) {
-        all = all + words({number, 100 + number});
+        all.push_back({number, 100 + number});
         numbers += (number == 0 ? "" : " ") + std::to_string(number);
     }
-    EXPECT_EQ(host.receive(request(5, all)), 1);
+    EXPECT_EQ(host.receive(delete_request(all)), SM_RETURN_TRUE);
     EXPECT_EQ(host.calls()[42], "__ui_preset_delete_form_phone(" + numbers + ")");
     EXPECT_TRUE(host.presets.empty());
 }
@@ -305,36 +306,32 @@ TEST(Delete, CalledWithANegativeLengthIsRefusedUnread) {
         FakeHost host;
         host.presets = presets_from_100(3);
         const Bytes payload = words({1, 101});
-        EXPECT_EQ(host.call([&payload, length = length] { return ADE_SM_Delete_Preset(payload.data(), length); }), -3);
-        EXPECT_EQ(host.transcript, joined({{begins(entries), faulty}, sent(20, -3, 0)}));
+        EXPECT_EQ(ADE_SM_Delete_Preset(payload.data(), length), SM_RETURN_STRUCT_ERR);
+        EXPECT_EQ(host.transcript, joined({{begins(entries), faulty}, sent(20, SM_RETURN_STRUCT_ERR, 0)}));
         ASSERT_EQ(host.replies.size(), 1u);
-        EXPECT_EQ(host.replies[0].bytes, head(20, -3, 0));
-        EXPECT_EQ(host.replies[0].buffer, whole_buffer(head(20, -3, 0), 0, Kept{}));
+        EXPECT_EQ(host.replies[0].bytes, head(20, SM_RETURN_STRUCT_ERR, 0));
+        EXPECT_EQ(host.replies[0].buffer, whole_buffer(head(20, SM_RETURN_STRUCT_ERR, 0), 0, Kept{}));
     }
 }
 
 TEST(Delete, ThatAnnouncesLessThanItsHeaderIsRefusedUnread) {
     FakeHost host;
-    EXPECT_EQ(host.receive_with_length(words({5, 4}), 4), -3);
-    EXPECT_EQ(command_lines(host.transcript), joined({{begins(536870911), faulty}, sent(20, -3, 0)}));
+    EXPECT_EQ(host.receive_with_length(header(SM_FUNCTION_DELETE_PRESET, 4), 4), SM_RETURN_STRUCT_ERR);
+    EXPECT_EQ(command_lines(host.transcript), joined({{begins(536870911), faulty}, sent(20, SM_RETURN_STRUCT_ERR, 0)}));
 }
 
 TEST(Delete, CalledWith75000EntriesIsRefusedUnread) {
     FakeHost host;
     const Bytes payload = zeros(600000);
-    EXPECT_EQ(host.call([&] { return ADE_SM_Delete_Preset(payload.data(), 600000); }), -3);
-    EXPECT_EQ(host.transcript, joined({{begins(75000), faulty}, sent(20, -3, 0)}));
+    EXPECT_EQ(ADE_SM_Delete_Preset(payload.data(), 600000), SM_RETURN_STRUCT_ERR);
+    EXPECT_EQ(host.transcript, joined({{begins(75000), faulty}, sent(20, SM_RETURN_STRUCT_ERR, 0)}));
 }
 
 TEST(Delete, OfTheLongestRequestReadsAll74999Entries) {
     FakeHost host;
     host.presets = presets_from_100(2);
-    Bytes all(599992);
-    const Bytes first = words({1, 101});
-    for (size_t at = 0; at < all.size(); at += first.size()) {
-        std::copy(first.begin(), first.end(), all.begin() + static_cast<long>(at));
-    }
-    EXPECT_EQ(host.receive(request(5, all)), 1);
+    const std::vector<sm_delete_pair> all(74999, {1, 101});
+    EXPECT_EQ(host.receive(delete_request(all)), SM_RETURN_TRUE);
     const Transcript lines = command_lines(host.transcript);
     ASSERT_GT(lines.size(), 2u * 74999u);
     EXPECT_EQ(lines[0], begins(74999));
@@ -349,7 +346,7 @@ TEST(Delete, KeepsThePresetOfCustom1AndDeletesTheOthers) {
     FakeHost host;
     host.presets = presets_from_100(4);
     host.linked[0] = 3;
-    EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101, 3, 103}))), -7);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, 101}, {3, 103}})), SM_RETURN_OPENED_ERR);
     const Kept kept = {1, 103, nothing, nothing}; // number 3 has become number 1
     EXPECT_EQ(command_lines(host.transcript), joined({{begins(3), entry(0, 0, 100), entry(2, 1, 101), entry(4, 3, 103),
                                                        looked_up(100), looked_up(101), looked_up(103)},
@@ -357,8 +354,9 @@ TEST(Delete, KeepsThePresetOfCustom1AndDeletesTheOthers) {
                                                       settled(2, not_opened(2), -1),
                                                       {"__ui_preset_delete_form_phone(0 1)"},
                                                       listed({102, 103}, 1),
-                                                      sent(1516, -7, 2, kept)}));
-    const Bytes reply = head(1516, -7, 2) + phone_record(preset(102, 0)) + phone_record(preset(103, 1), 1) + zeros(8);
+                                                      sent(1516, SM_RETURN_OPENED_ERR, 2, kept)}));
+    const Bytes reply =
+        head(1516, SM_RETURN_OPENED_ERR, 2) + phone_record(preset(102, 0)) + phone_record(preset(103, 1), 1) + zeros(8);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, reply);
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, kept));
@@ -369,7 +367,7 @@ TEST(Delete, KeepsThePresetOfCustom2AndDeletesTheOthers) {
     host.presets = presets_from_100(4);
     host.linked[0] = 2;
     host.linked[1] = 3;
-    EXPECT_EQ(host.receive(request(5, words({0, 100, 3, 103}))), -7);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}, {3, 103}})), SM_RETURN_OPENED_ERR);
     const Kept kept = {2, 103, 2, 103}; // with none kept for CUSTOM1 both pairs tell of CUSTOM2
     EXPECT_EQ(command_lines(host.transcript),
               joined({{begins(2), entry(0, 0, 100), entry(2, 3, 103), looked_up(100), looked_up(103)},
@@ -377,9 +375,9 @@ TEST(Delete, KeepsThePresetOfCustom2AndDeletesTheOthers) {
                       settled(2, kept_index(2), 3),
                       {"__ui_preset_delete_form_phone(0)"},
                       listed({101, 102, 103}, 1, 2),
-                      sent(2260, -7, 3, kept)}));
-    const Bytes reply = head(2260, -7, 3) + phone_record(preset(101, 0)) + phone_record(preset(102, 1), 1) +
-                        phone_record(preset(103, 2), 2) + zeros(8);
+                      sent(2260, SM_RETURN_OPENED_ERR, 3, kept)}));
+    const Bytes reply = head(2260, SM_RETURN_OPENED_ERR, 3) + phone_record(preset(101, 0)) +
+                        phone_record(preset(102, 1), 1) + phone_record(preset(103, 2), 2) + zeros(8);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, reply);
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 3, kept));
@@ -390,7 +388,7 @@ TEST(Delete, KeepsThePresetsOfBothCustomModes) {
     host.presets = presets_from_100(4);
     host.linked[0] = 3;
     host.linked[1] = 1;
-    EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101, 3, 103}))), -8);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, 101}, {3, 103}})), SM_RETURN_OPENED_BOTH_ERR);
     const Kept kept = {2, 103, 0, 101};
     EXPECT_EQ(command_lines(host.transcript), joined({{begins(3), entry(0, 0, 100), entry(2, 1, 101), entry(4, 3, 103),
                                                        looked_up(100), looked_up(101), looked_up(103)},
@@ -398,9 +396,9 @@ TEST(Delete, KeepsThePresetsOfBothCustomModes) {
                                                       settled(2, kept_index(2), 1),
                                                       {"__ui_preset_delete_form_phone(0)"},
                                                       listed({101, 102, 103}, 2, 0),
-                                                      sent(2268, -8, 3, kept)}));
-    const Bytes reply = head(2268, -8, 3) + phone_record(preset(101, 0), 2) + phone_record(preset(102, 1)) +
-                        phone_record(preset(103, 2), 1) + zeros(16);
+                                                      sent(2268, SM_RETURN_OPENED_BOTH_ERR, 3, kept)}));
+    const Bytes reply = head(2268, SM_RETURN_OPENED_BOTH_ERR, 3) + phone_record(preset(101, 0), 2) +
+                        phone_record(preset(102, 1)) + phone_record(preset(103, 2), 1) + zeros(16);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, reply);
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 3, kept));
@@ -410,7 +408,7 @@ TEST(Delete, KeepsThePresetThatBothCustomModesUseOnBehalfOfCustom1) {
     FakeHost host;
     host.presets = presets_from_100(3);
     host.linked[0] = host.linked[1] = 1;
-    EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101}))), -7);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, 101}})), SM_RETURN_OPENED_ERR);
     const Kept kept = {0, 101, nothing, nothing};
     EXPECT_EQ(command_lines(host.transcript),
               joined({{begins(2), entry(0, 0, 100), entry(2, 1, 101), looked_up(100), looked_up(101)},
@@ -418,19 +416,19 @@ TEST(Delete, KeepsThePresetThatBothCustomModesUseOnBehalfOfCustom1) {
                       settled(2, not_included(2), 1),
                       {"__ui_preset_delete_form_phone(0)"},
                       listed({101, 102}, 0, 0),
-                      sent(1516, -7, 2, kept)}));
+                      sent(1516, SM_RETURN_OPENED_ERR, 2, kept)}));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes,
-              head(1516, -7, 2) + phone_record(preset(101, 0), 2) + phone_record(preset(102, 1)) + zeros(8));
+    EXPECT_EQ(host.replies[0].bytes, head(1516, SM_RETURN_OPENED_ERR, 2) + phone_record(preset(101, 0), 2) +
+                                         phone_record(preset(102, 1)) + zeros(8));
 }
 
 TEST(Delete, HandsAnEmptyTableOverWhenEveryPresetIsKept) {
     FakeHost host;
     host.presets = presets_from_100(1);
     host.linked[0] = 0;
-    EXPECT_EQ(host.receive(request(5, words({0, 100}))), -7);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_OPENED_ERR);
     EXPECT_EQ(host.calls()[3], "__ui_preset_delete_form_phone()");
-    const Bytes reply = head(772, -7, 1) + phone_record(preset(100, 0), 1) + zeros(8);
+    const Bytes reply = head(772, SM_RETURN_OPENED_ERR, 1) + phone_record(preset(100, 0), 1) + zeros(8);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, reply);
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 1, Kept{0, 100, nothing, nothing}));
@@ -440,7 +438,7 @@ TEST(Delete, LooksAKeptPresetUpByTheIdentityThatThePhoneGave) {
     FakeHost host;
     host.presets = presets_from_100(4);
     host.linked[0] = 3;
-    EXPECT_EQ(host.receive(request(5, words({0, 100, 3, 102}))), -7);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}, {3, 102}})), SM_RETURN_OPENED_ERR);
     // Number 3 is kept, but the phone called it 102, and preset 102 is number 1 now.
     EXPECT_EQ(command_lines(host.transcript),
               joined({{begins(2), entry(0, 0, 100), entry(2, 3, 102), looked_up(100), looked_up(102)},
@@ -448,16 +446,16 @@ TEST(Delete, LooksAKeptPresetUpByTheIdentityThatThePhoneGave) {
                       settled(2, not_opened(2), -1),
                       {"__ui_preset_delete_form_phone(0)"},
                       listed({101, 102, 103}, 2),
-                      sent(2260, -7, 3, Kept{1, 102, nothing, nothing})}));
+                      sent(2260, SM_RETURN_OPENED_ERR, 3, Kept{1, 102, nothing, nothing})}));
 }
 
 TEST(Delete, TakesTheIdentityOfTheLastEntryThatNamesAKeptPreset) {
     FakeHost host;
     host.presets = presets_from_100(4);
     host.linked[1] = 2;
-    EXPECT_EQ(host.receive(request(5, words({2, 100, 2, 103, 2, 101}))), -7);
+    EXPECT_EQ(host.receive(delete_request({{2, 100}, {2, 103}, {2, 101}})), SM_RETURN_OPENED_ERR);
     const Transcript lines = command_lines(host.transcript);
-    const Transcript end = sent(3004, -7, 4, Kept{1, 101, 1, 101});
+    const Transcript end = sent(3004, SM_RETURN_OPENED_ERR, 4, Kept{1, 101, 1, 101});
     EXPECT_EQ(Transcript(lines.end() - 4, lines.end()), end);
 }
 
@@ -466,24 +464,25 @@ TEST(Delete, KeepsTheOldNumberOfAPresetThatTheListNoLongerNames) {
     host.presets = presets_from_100(4);
     host.linked[0] = 3;
     // The phone calls number 3 by the identity of number 0, which is deleted.
-    EXPECT_EQ(host.receive(request(5, words({0, 100, 3, 100}))), -7);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}, {3, 100}})), SM_RETURN_OPENED_ERR);
     const Transcript lines = command_lines(host.transcript);
-    const Transcript end = sent(2260, -7, 3, Kept{3, 100, nothing, nothing});
+    const Transcript end = sent(2260, SM_RETURN_OPENED_ERR, 3, Kept{3, 100, nothing, nothing});
     EXPECT_EQ(Transcript(lines.end() - 4, lines.end()), end);
 }
 
 TEST(Delete, ReportsAStoredPresetWithIdentityMinus1AsKeptForBothCustomModes) {
     FakeHost host;
     host.presets = {preset(100, 0), preset(101, 1), preset(-1, 2)};
-    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
     const Kept kept = {1, -1, 1, -1};
     EXPECT_EQ(command_lines(host.transcript), joined({{begins(1), entry(0, 0, 100), looked_up(100)},
                                                       settled(1, not_opened(1), -1),
                                                       settled(2, not_opened(2), -1),
                                                       {"__ui_preset_delete_form_phone(0)"},
                                                       listed({101, -1}),
-                                                      sent(1524, 1, 2, kept)}));
-    const Bytes reply = head(1524, 1, 2) + phone_record(preset(101, 0)) + phone_record(preset(-1, 1)) + zeros(16);
+                                                      sent(1524, SM_RETURN_TRUE, 2, kept)}));
+    const Bytes reply =
+        head(1524, SM_RETURN_TRUE, 2) + phone_record(preset(101, 0)) + phone_record(preset(-1, 1)) + zeros(16);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, reply);
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, kept));
@@ -497,15 +496,15 @@ TEST(Delete, ReportsAnImpossibleLinkAndStillDeletes) {
         FakeHost host;
         host.presets = presets_from_100(2);
         host.linked_answers = {link, -1, -1, -1};
-        EXPECT_EQ(host.receive(request(5, words({0, 100}))), 0);
+        EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_SYSTEM_DATA_ERR);
         const Kept kept = {link, nothing, nothing, nothing};
         EXPECT_EQ(command_lines(host.transcript), joined({{begins(1), entry(0, 0, 100), looked_up(100)},
                                                           settled(1, impossible(1), link),
                                                           settled(2, not_opened(2), -1),
                                                           {"__ui_preset_delete_form_phone(0)"},
                                                           listed({101}),
-                                                          sent(772, 0, 1, kept)}));
-        const Bytes reply = head(772, 0, 1) + phone_record(preset(101, 0)) + zeros(8);
+                                                          sent(772, SM_RETURN_SYSTEM_DATA_ERR, 1, kept)}));
+        const Bytes reply = head(772, SM_RETURN_SYSTEM_DATA_ERR, 1) + phone_record(preset(101, 0)) + zeros(8);
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, reply);
         EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 1, kept));
@@ -518,15 +517,15 @@ TEST(Delete, ReportsAnImpossibleLinkOfCustom2InBothPairs) {
         FakeHost host;
         host.presets = presets_from_100(1);
         host.linked_answers = {-1, link, -1, -1};
-        EXPECT_EQ(host.receive(request(5, words({0, 100}))), 0);
+        EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_SYSTEM_DATA_ERR);
         const Kept kept = {link, nothing, link, nothing};
         EXPECT_EQ(command_lines(host.transcript), joined({{begins(1), entry(0, 0, 100), looked_up(100)},
                                                           settled(1, not_opened(1), -1),
                                                           settled(2, impossible(2), link),
                                                           {"__ui_preset_delete_form_phone(0)"},
                                                           listed({}),
-                                                          sent(28, 0, 0, kept)}));
-        const Bytes reply = head(28, 0, 0) + zeros(8);
+                                                          sent(28, SM_RETURN_SYSTEM_DATA_ERR, 0, kept)}));
+        const Bytes reply = head(28, SM_RETURN_SYSTEM_DATA_ERR, 0) + zeros(8);
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, reply);
         EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 0, kept));
@@ -537,15 +536,15 @@ TEST(Delete, TakesLink40ForAPresetThatWasNotAskedFor) {
     FakeHost host;
     host.presets = presets_from_100(2);
     host.linked_answers = {40, 40, 40, 40};
-    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
     EXPECT_EQ(command_lines(host.transcript), joined({{begins(1), entry(0, 0, 100), looked_up(100)},
                                                       settled(1, not_included(1), 40),
                                                       settled(2, not_included(2), 40),
                                                       {"__ui_preset_delete_form_phone(0)"},
                                                       listed({101}, 40, 40),
-                                                      sent(764, 1, 1)}));
+                                                      sent(764, SM_RETURN_TRUE, 1)}));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, head(764, 1, 1) + phone_record(preset(101, 0)));
+    EXPECT_EQ(host.replies[0].bytes, head(764, SM_RETURN_TRUE, 1) + phone_record(preset(101, 0)));
 }
 
 TEST(Delete, MarksNoPresetForALinkOutside0To39) {
@@ -554,9 +553,9 @@ TEST(Delete, MarksNoPresetForALinkOutside0To39) {
         FakeHost host;
         host.presets = presets_from_100(2);
         host.linked_answers = {-1, -1, link, link};
-        EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+        EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
         ASSERT_EQ(host.replies.size(), 1u);
-        EXPECT_EQ(host.replies[0].bytes, head(764, 1, 1) + phone_record(preset(101, 0)));
+        EXPECT_EQ(host.replies[0].bytes, head(764, SM_RETURN_TRUE, 1) + phone_record(preset(101, 0)));
         EXPECT_EQ(host.replies[0].buffer, whole_buffer(host.replies[0].bytes, 1, Kept{}));
     }
 }
@@ -566,7 +565,7 @@ TEST(Delete, MarksTheLastOfFortyPresets) {
     host.presets = presets_from_100(40);
     host.deletes = false;
     host.linked[1] = 39;
-    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
     ASSERT_EQ(host.replies.size(), 1u);
     ASSERT_EQ(host.replies[0].bytes.size(), 29780u);
     EXPECT_EQ(slice(host.replies[0].bytes, 20 + 39 * 744, 744), phone_record(preset(139, 39), 2));
@@ -604,7 +603,7 @@ TEST(Delete, WeighsTheLinksOfBothCustomModes) {
             host.deletes = false;
             host.linked_answers = {first.link, second.link, -1, -1};
             const int result = result_of(first.meaning, second.meaning);
-            EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101}))), result);
+            EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, 101}})), result);
 
             std::string marked = first.meaning == asked_for ? "" : "0";
             if (second.meaning != asked_for) {
@@ -633,7 +632,7 @@ TEST(Delete, TakesAnImpossibleCountForTheNearestPossibleOne) {
         host.presets = presets_from_100(40);
         host.deletes = false;
         host.reported_count = reported;
-        EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+        EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
         EXPECT_EQ(command_lines(host.transcript)[9],
                   "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " + std::to_string(reported));
         Bytes records;
@@ -641,7 +640,7 @@ TEST(Delete, TakesAnImpossibleCountForTheNearestPossibleOne) {
             records = records + phone_record(preset(100 + number, number));
         }
         ASSERT_EQ(host.replies.size(), 1u);
-        EXPECT_EQ(host.replies[0].bytes, head(20 + 744 * taken, 1, taken) + records);
+        EXPECT_EQ(host.replies[0].bytes, head(20 + 744 * taken, SM_RETURN_TRUE, taken) + records);
     }
 }
 
@@ -650,9 +649,9 @@ TEST(Delete, SendsZerosForAPresetThatTheServiceCountedButDidNotWrite) {
     leave_presets_on_the_heap(host);
     host.presets = presets_from_100(2);
     host.reported_count = 2;
-    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, head(1508, 1, 2) + phone_record(preset(101, 0)) + zeros(744));
+    EXPECT_EQ(host.replies[0].bytes, head(1508, SM_RETURN_TRUE, 2) + phone_record(preset(101, 0)) + zeros(744));
 }
 
 // ---- The reply ------------------------------------------------------------------------------------------------------
@@ -663,13 +662,13 @@ TEST(Delete, PlacesTheWordsAboutKeptPresetsFarBehindTheReplyWhileTheyFitTheBuffe
         FakeHost host;
         host.presets = presets_from_100(presets);
         host.linked[0] = 0;
-        EXPECT_EQ(host.receive(request(5, words({0, 100}))), -7);
+        EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_OPENED_ERR);
         const Kept kept = {0, 100, nothing, nothing};
         const int length = 20 + 744 * presets + 8;
         const Transcript lines = command_lines(host.transcript);
-        EXPECT_EQ(Transcript(lines.end() - 4, lines.end()), sent(length, -7, presets, kept));
+        EXPECT_EQ(Transcript(lines.end() - 4, lines.end()), sent(length, SM_RETURN_OPENED_ERR, presets, kept));
 
-        Bytes reply = head(length, -7, presets) + phone_record(preset(100, 0), 1);
+        Bytes reply = head(length, SM_RETURN_OPENED_ERR, presets) + phone_record(preset(100, 0), 1);
         for (int number = 1; number < presets; ++number) {
             reply = reply + phone_record(preset(100 + number, number));
         }
@@ -685,7 +684,7 @@ TEST(Delete, PlacesTheWordsAboutKeptPresetsOfTenAtTheBytes29840To29855) {
     host.presets = presets_from_100(10);
     host.linked[0] = 4;
     host.linked[1] = 7;
-    EXPECT_EQ(host.receive(request(5, words({4, 104, 7, 107}))), -8);
+    EXPECT_EQ(host.receive(delete_request({{4, 104}, {7, 107}})), SM_RETURN_OPENED_BOTH_ERR);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes.size(), 7476u);
     EXPECT_EQ(slice(host.replies[0].buffer, 29840, 16), words({4, 104, 7, 107}));
@@ -698,9 +697,9 @@ TEST(Delete, SendsZerosInTheTrailingBytesWhateverTheHeapHeldBefore) {
     host.presets = presets_from_100(2);
     host.linked[0] = 0;
     host.linked[1] = 1;
-    EXPECT_EQ(host.receive(request(5, words({0, 100, 1, 101}))), -8);
-    const Bytes reply =
-        head(1524, -8, 2) + phone_record(preset(100, 0), 1) + phone_record(preset(101, 1), 2) + zeros(16);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, 101}})), SM_RETURN_OPENED_BOTH_ERR);
+    const Bytes reply = head(1524, SM_RETURN_OPENED_BOTH_ERR, 2) + phone_record(preset(100, 0), 1) +
+                        phone_record(preset(101, 1), 2) + zeros(16);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, reply);
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, Kept{0, 100, 1, 101}));
@@ -710,38 +709,39 @@ TEST(Delete, ReportsEveryPresetWhenTheServiceDeletesNone) {
     FakeHost host;
     host.presets = presets_from_100(2);
     host.deletes = false;
-    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, head(1508, 1, 2) + phone_record(preset(100, 0)) + phone_record(preset(101, 1)));
+    EXPECT_EQ(host.replies[0].bytes,
+              head(1508, SM_RETURN_TRUE, 2) + phone_record(preset(100, 0)) + phone_record(preset(101, 1)));
 }
 
 TEST(Delete, OwnsNothingButTheReplyWhenItHasBeenSent) {
     FakeHost host;
     host.presets = presets_from_100(40);
-    host.receive(request(5, words({0, 100})));
+    host.receive(delete_request({{0, 100}}));
     EXPECT_EQ(host.blocks_owned(), 1u);
     EXPECT_EQ(host.bytes_owned(), 30000u);
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(host.blocks_owned(), 0u);
 }
 
 TEST(Delete, AllocatesTheReplyAloneWhenItIsRefused) {
     FakeHost host;
     const Bytes payload = words({0, 0});
-    EXPECT_EQ(host.call([&] { return ADE_SM_Delete_Preset(payload.data(), 8); }), -3);
+    EXPECT_EQ(ADE_SM_Delete_Preset(payload.data(), 8), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(host.allocations_asked(), 1);
 }
 
 TEST(Delete, ParksAReplyThatIsStillUnconfirmed) {
     FakeHost host;
-    host.receive(request(5));
-    host.receive(request(5));
+    host.receive(delete_request({}));
+    host.receive(delete_request({}));
     const Transcript refused = {begins(0), "ERROR ALG_SMM SM_RETURN_DATA_ERR"};
-    Transcript second = sent(20, -2, 0);
+    Transcript second = sent(20, SM_RETURN_DATA_ERR, 0);
     second[0] = "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2";
     EXPECT_EQ(command_lines(host.transcript),
               joined({refused,
-                      sent(20, -2, 0),
+                      sent(20, SM_RETURN_DATA_ERR, 0),
                       refused,
                       {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1"},
                       second}));
@@ -751,7 +751,7 @@ TEST(Delete, DoesNotAskWhetherThePhoneLinkIsUp) {
     FakeHost host;
     host.link_up = false;
     host.presets = presets_from_100(1);
-    EXPECT_EQ(host.receive(request(5, words({0, 100}))), 1);
+    EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
     EXPECT_EQ(host.replies.size(), 1u);
 }
 

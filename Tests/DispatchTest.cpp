@@ -34,16 +34,16 @@ Transcript request_of(int function, int total, const Transcript& dispatched) {
 }
 
 // Runs the dispatcher on memory as large as it asks for, which holds the request's bytes and then zeros.
-int dispatch(FakeHost& host, Bytes request_bytes, int length) {
+int dispatch(Bytes request_bytes, int length) {
     request_bytes.resize(760);
-    return host.call([&] { return ADE_ShotMentor_Receive_Function(request_bytes.data(), length); });
+    return ADE_ShotMentor_Receive_Function(request_bytes.data(), length);
 }
 
 // ---- The numbers that are served ------------------------------------------------------------------------------------
 
 TEST(Dispatch, SetsTheLinkStateOffAndHandsThePayloadOfFunction0ToTheCommand) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(0, words({1}))), 1);
+    EXPECT_EQ(host.receive(state_off_request(SM_RETURN_TRUE)), SM_RETURN_TRUE);
     EXPECT_EQ(host.transcript, request_of(0, 12,
                                           {
                                               "__ui_set_shotmentor_state(0)",
@@ -55,7 +55,7 @@ TEST(Dispatch, SetsTheLinkStateOffAndHandsThePayloadOfFunction0ToTheCommand) {
 
 TEST(Dispatch, SetsTheLinkStateOnAndRunsTheListCommandForFunction1) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(1)), 1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
     EXPECT_EQ(host.transcript, request_of(1, 8,
                                           {
                                               "__ui_set_shotmentor_state(1)",
@@ -77,7 +77,7 @@ TEST(Dispatch, SetsTheLinkStateOnAndRunsTheListCommandForFunction1) {
 TEST(Dispatch, SetsTheLinkStateOnEvenWhenTheListThenFails) {
     FakeHost host;
     host.link_up = false;
-    EXPECT_EQ(host.receive(request(1)), -1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, request_of(1, 8,
                                           {
                                               "__ui_set_shotmentor_state(1)",
@@ -90,7 +90,7 @@ TEST(Dispatch, SetsTheLinkStateOnEvenWhenTheListThenFails) {
 
 TEST(Dispatch, HandsTheTwoWordsOfFunction2ToThePictureCommand) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(2, words({7, 5}))), 1);
+    EXPECT_EQ(host.receive(picture_request(7, 5)), SM_RETURN_TRUE);
     EXPECT_EQ(host.transcript, request_of(2, 16,
                                           {
                                               "CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5",
@@ -102,7 +102,7 @@ TEST(Dispatch, HandsTheTwoWordsOfFunction2ToThePictureCommand) {
 
 TEST(Dispatch, HandsThePayloadOfFunction3ToTheStoreCommand) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(3, pattern(5))), -4);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_RECEIVE_PRESET, pattern(5))), SM_RETURN_JPG_ERR);
     EXPECT_EQ(host.transcript,
               request_of(3, 13,
                          {
@@ -125,7 +125,7 @@ TEST(Dispatch, HandsThePayloadOfFunction4ToTheUpdateCommand) {
     record.server_id = 9;
     FakeHost host;
     host.update_answer = 77;
-    EXPECT_EQ(host.receive(request(4, image(record))), 77);
+    EXPECT_EQ(host.receive(update_request(record)), 77);
     EXPECT_EQ(host.transcript, request_of(4, 752,
                                           {
                                               "CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Sun",
@@ -138,7 +138,7 @@ TEST(Dispatch, HandsThePayloadOfFunction4ToTheUpdateCommand) {
 
 TEST(Dispatch, HandsThePayloadOfFunction5ToTheDeleteCommand) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(5, words({2, 7}))), -3);
+    EXPECT_EQ(host.receive(delete_request({{2, 7}})), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(host.transcript,
               request_of(5, 16,
                          {
@@ -158,7 +158,7 @@ TEST(Dispatch, SetsTheLinkStateOnForFunction255AndDoesNothingElse) {
     for (const size_t payload : {0u, 1u, 4u, 744u, 1000u}) {
         SCOPED_TRACE(payload);
         FakeHost host;
-        EXPECT_EQ(host.receive(request(255, pattern(payload))), -1);
+        EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON, pattern(payload))), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, request_of(255, static_cast<int>(8 + payload), {"__ui_set_shotmentor_state(1)"}));
         EXPECT_TRUE(host.replies.empty());
     }
@@ -181,7 +181,7 @@ TEST(Dispatch, RefusesANumberThatNoCommandServes) {
     for (const int function : {6, 7, 128, 200, 254, 256}) {
         SCOPED_TRACE(function);
         FakeHost host;
-        EXPECT_EQ(host.receive(request(function, words({1}))), -1);
+        EXPECT_EQ(host.receive(request(function, words({1}))), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, request_of(function, 12,
                                               {"ERROR ALG_SMM ERROR ADE_ShotMentor_Receive_Function funcN=" +
                                                std::to_string(function)}));
@@ -210,7 +210,7 @@ TEST(Dispatch, RefusesNegativeAndLargeNumbersWhenCalledDirectly) {
     for (const Case& each : cases) {
         SCOPED_TRACE(each.function);
         FakeHost host;
-        EXPECT_EQ(dispatch(host, words({each.function, 8}), 8), -1);
+        EXPECT_EQ(dispatch(request(each.function), 8), SM_RETURN_FAIL);
         EXPECT_EQ(
             host.transcript,
             (Transcript{
@@ -224,7 +224,7 @@ TEST(Dispatch, RefusesNegativeAndLargeNumbersWhenCalledDirectly) {
 
 TEST(Dispatch, ShowsTheLengthThatItWasHandedNotTheOneInTheHeader) {
     FakeHost host;
-    EXPECT_EQ(dispatch(host, words({255, 8}), 1234), -1);
+    EXPECT_EQ(dispatch(header(SM_FUNCTION_STATE_ON, 8), 1234), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, (Transcript{
                                    "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=FF, length=1234",
                                    "__ui_set_shotmentor_state(1)",
@@ -235,7 +235,7 @@ TEST(Dispatch, ReadsTheIdentifiersOfFunction2WithoutLookingAtTheLength) {
     for (const int length : {8, 12, 15, 16, 0, -1}) {
         SCOPED_TRACE(length);
         FakeHost host;
-        EXPECT_EQ(dispatch(host, words({2, 8, 11, -22}), length), 1);
+        EXPECT_EQ(dispatch(picture_request(11, -22), length), SM_RETURN_TRUE);
         EXPECT_EQ(host.transcript,
                   (Transcript{
                       "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=2, length=" + std::to_string(length),
@@ -249,7 +249,7 @@ TEST(Dispatch, ReadsTheIdentifiersOfFunction2WithoutLookingAtTheLength) {
 
 TEST(Dispatch, HandsALengthThatIsShorterThanTheHeaderOnAsANegativeOne) {
     FakeHost host;
-    EXPECT_EQ(dispatch(host, words({0, 8, 1}), 3), -1);
+    EXPECT_EQ(dispatch(state_off_request(SM_RETURN_TRUE), 3), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, (Transcript{
                                    "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=0, length=3",
                                    "__ui_set_shotmentor_state(0)",
@@ -264,7 +264,7 @@ TEST(Dispatch, LeavesTheRequestsBufferToItsCaller) {
         Bytes bytes = request(function, pattern(1000));
         const Bytes before = bytes;
         const int length = static_cast<int>(bytes.size());
-        host.call([&] { return ADE_ShotMentor_Receive_Function(bytes.data(), length); });
+        ADE_ShotMentor_Receive_Function(bytes.data(), length);
         EXPECT_EQ(bytes, before);
         EXPECT_EQ(shotmentor_p_ReceiveData, nullptr);
         EXPECT_EQ(sm_BT_total_length, -1);

@@ -39,13 +39,13 @@ void start(FakeHost& host) {
     host.linked[1] = -1;
 }
 
-Bytes record_of(int32_t custom_id) {
+sm_tag_custom_info record_of(int32_t custom_id) {
     sm_tag_custom_info record = {};
     put_text(record.title, fifty_two_characters);
     record.mode = 4;
     record.av_index = 900;
     record.custom_id = custom_id;
-    return image(record);
+    return record;
 }
 
 struct Named {
@@ -56,32 +56,32 @@ struct Named {
 // Each kind of request, in the forms that are served and in those that are refused.
 const std::vector<Named>& requests() {
     static const std::vector<Named> all = {
-        {"link state off", request(0, words({1}))},
-        {"link state off with an error", request(0, words({-10}))},
-        {"link state off with an unknown code", request(0, words({7}))},
-        {"link state off without a code", request(0)},
-        {"link state on", request(255)},
+        {"link state off", state_off_request(SM_RETURN_TRUE)},
+        {"link state off with an error", state_off_request(SM_RETURN_BT_RES_ERR)},
+        {"link state off with an unknown code", state_off_request(7)},
+        {"link state off without a code", request(SM_FUNCTION_STATE_OFF)},
+        {"link state on", state_on_request()},
         {"a number that nobody serves", request(200, words({1}))},
-        {"list", request(1)},
-        {"picture", request(2, words({100, 5}))},
-        {"picture of identity 0", request(2, words({0, 5}))},
-        {"picture of identity -1", request(2, words({-1, 5}))},
-        {"picture of an unknown preset", request(2, words({77, 5}))},
-        {"picture without an identity", request(2)},
-        {"store", request(3, record_of(6) + pattern(100))},
-        {"store with too short a picture", request(3, record_of(6) + pattern(99))},
-        {"store with too short a record", request(3, pattern(20))},
-        {"update", request(4, record_of(100))},
-        {"update of a negative identity", request(4, record_of(-1))},
-        {"update with too short a record", request(4, pattern(20))},
-        {"deletion of one", request(5, words({0, 100}))},
-        {"deletion of a preset in use", request(5, words({1, 101}))},
-        {"deletion of all", request(5, words({2, 102, 1, 101, 0, 100}))},
-        {"deletion of nothing", request(5)},
-        {"deletion of number 40", request(5, words({0, 100, 40, 101}))},
-        {"deletion of number -1", request(5, words({-1, 100}))},
-        {"deletion of identity 0", request(5, words({0, 0}))},
-        {"deletion of an unknown identity", request(5, words({0, 100, 1, 77}))},
+        {"list", list_request()},
+        {"picture", picture_request(100, 5)},
+        {"picture of identity 0", picture_request(0, 5)},
+        {"picture of identity -1", picture_request(-1, 5)},
+        {"picture of an unknown preset", picture_request(77, 5)},
+        {"picture without an identity", request(SM_FUNCTION_SEND_PRESET)},
+        {"store", store_request(record_of(6), pattern(100))},
+        {"store with too short a picture", store_request(record_of(6), pattern(99))},
+        {"store with too short a record", request(SM_FUNCTION_RECEIVE_PRESET, pattern(20))},
+        {"update", update_request(record_of(100))},
+        {"update of a negative identity", update_request(record_of(-1))},
+        {"update with too short a record", request(SM_FUNCTION_UPDATE_PRESET, pattern(20))},
+        {"deletion of one", delete_request({{0, 100}})},
+        {"deletion of a preset in use", delete_request({{1, 101}})},
+        {"deletion of all", delete_request({{2, 102}, {1, 101}, {0, 100}})},
+        {"deletion of nothing", delete_request({})},
+        {"deletion of number 40", delete_request({{0, 100}, {40, 101}})},
+        {"deletion of number -1", delete_request({{-1, 100}})},
+        {"deletion of identity 0", delete_request({{0, 0}})},
+        {"deletion of an unknown identity", delete_request({{0, 100}, {1, 77}})},
     };
     return all;
 }
@@ -303,13 +303,13 @@ class Encounter {
         host_.linked[0] = -1;
         host_.linked[1] = 1;
         host_.replies.clear();
-        EXPECT_EQ(host_.receive(request(1)), 1);
+        EXPECT_EQ(host_.receive(list_request()), SM_RETURN_TRUE);
         ASSERT_EQ(host_.replies.size(), 1u);
         Bytes expected = words({0x1001, 28 + 2 * 744});
         expected = expected + Bytes({'K', 'T', '7'}) + zeros(9) + words({1, 2});
         expected = expected + phone_record(preset(7, 0)) + phone_record(preset(8, 1), 2);
         EXPECT_EQ(host_.replies[0].bytes, expected);
-        EXPECT_EQ(host_.confirm(), 1);
+        EXPECT_EQ(host_.confirm(), SM_RETURN_TRUE);
         EXPECT_EQ(host_.blocks_owned(), 0u);
     }
 

@@ -367,10 +367,6 @@ int FakeHost::confirm() {
     return ADE_ShotMentor_Result_Manager(nullptr, 0);
 }
 
-int FakeHost::call(const std::function<int()>& function) {
-    return function();
-}
-
 void FakeHost::settle() {
     ADE_ShotMentor_Return_To_Idle();
     for (int index = 0; index < shotmentor_p_Full_Q_NUM; ++index) {

@@ -2,7 +2,7 @@
 //
 //     FakeHost host;                             // the library is idle, the camera stores no preset
 //     host.presets = {preset(1)};                // what the camera stores
-//     EXPECT_EQ(host.receive(request(1)), 1);    // one packet
+//     EXPECT_EQ(host.receive(list_request()), 1); // one packet
 //     EXPECT_EQ(host.replies.back().bytes, ...); // what was sent
 //     EXPECT_EQ(host.transcript, ...);           // every log line, service call and send, in order
 //
@@ -17,6 +17,7 @@
 
 #include "ADE_ShotMentor.h"
 #include "Message.h"
+#include "Requests.h"
 
 using Transcript = std::vector<std::string>;
 
@@ -85,8 +86,6 @@ class FakeHost {
     int receive_in_packets(const Bytes& request, const std::vector<size_t>& sizes);
     // Confirms one send.
     int confirm();
-    // Calls a function of the library directly; allocations in it count and can be refused.
-    int call(const std::function<int()>& function);
     // Returns the reassembly to idle and frees every unconfirmed reply, as a host does when the link drops.
     void settle();
     // Forgets the record so far.

@@ -71,7 +71,7 @@ void expect_in_reassembly(int total, int sum) {
 // The next packet is read as a first packet, and its request runs.
 void expect_next_request_runs(FakeHost& host) {
     host.forget();
-    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), 1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
     EXPECT_EQ(host.calls(), (Transcript{"__ui_set_shotmentor_state(1)", "__ui_get_bt_state_for_phone()",
                                         "__ui_get_custom_mode_list_info()", "__ui_get_linked_preseet_num_for_phone(0)",
                                         "__ui_get_linked_preseet_num_for_phone(1)", "bt_send_msgs(28)"}));
@@ -126,8 +126,8 @@ TEST(Intake, IsIdleWhenTheLibraryIsLoaded) {
 
 TEST(Intake, RunsARequestThatFitsInOnePacketBeforeTheCallReturns) {
     FakeHost host;
-    EXPECT_EQ(host.receive(words({1, 8})), 1);
-    EXPECT_EQ(host.transcript, joined({first_packet(1, 8),
+    EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, 8)), SM_RETURN_TRUE);
+    EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_SEND_LIST, 8),
                                        {
                                            append_line(8, 8),
                                            "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=1, length=8",
@@ -151,7 +151,7 @@ TEST(Intake, RunsARequestThatFitsInOnePacketBeforeTheCallReturns) {
 
 TEST(Intake, FreesTheBufferOfACompletedRequest) {
     FakeHost host;
-    host.receive(request(255));
+    host.receive(state_on_request());
     EXPECT_EQ(host.allocations_asked(), 1);
     EXPECT_EQ(host.blocks_owned(), 0u);
     expect_idle();
@@ -161,7 +161,7 @@ TEST(Intake, AllocatesOneBufferOf600000BytesWhateverTheTotal) {
     for (const int total : {9, 1000, 599999, 600000, 600001, INT_MAX}) {
         SCOPED_TRACE(total);
         FakeHost host;
-        EXPECT_EQ(host.receive(words({255, total})), -1);
+        EXPECT_EQ(host.receive(header(SM_FUNCTION_STATE_ON, total)), SM_RETURN_FAIL);
         EXPECT_EQ(host.allocations_asked(), 1);
         EXPECT_EQ(host.blocks_owned(), 1u);
         EXPECT_EQ(host.bytes_owned(), 600000u);
@@ -173,17 +173,18 @@ TEST(Intake, PutsARequestOf1000BytesTogetherFromThreePackets) {
     std::strcpy(record.title, "Sea");
     record.metering = 3;
     const Bytes picture = pattern(1000 - 8 - 744);
-    const Bytes all = request(3, image(record) + picture);
+    const Bytes all = store_request(record, picture);
     ASSERT_EQ(all.size(), 1000u);
 
     FakeHost host;
     host.save = [](tag_custom_info&) { return 42; };
-    EXPECT_EQ(host.receive(slice(all, 0, 400)), -1);
+    EXPECT_EQ(host.receive(slice(all, 0, 400)), SM_RETURN_FAIL);
     expect_in_reassembly(1000, 400);
-    EXPECT_EQ(host.receive(slice(all, 400, 400)), -1);
+    EXPECT_EQ(host.receive(slice(all, 400, 400)), SM_RETURN_FAIL);
     expect_in_reassembly(1000, 800);
     EXPECT_EQ(stored(0, 800), slice(all, 0, 800));
-    EXPECT_EQ(host.transcript, joined({first_packet(3, 1000), {append_line(400, 400), append_line(400, 800)}}));
+    EXPECT_EQ(host.transcript,
+              joined({first_packet(SM_FUNCTION_RECEIVE_PRESET, 1000), {append_line(400, 400), append_line(400, 800)}}));
 
     host.forget();
     EXPECT_EQ(host.receive(slice(all, 800, 200)), 42);
@@ -200,13 +201,13 @@ TEST(Intake, PutsARequestOf1000BytesTogetherFromThreePackets) {
 
 TEST(Intake, RunsTheLongestRequestThatFits) {
     const Bytes picture = pattern(600000 - 8 - 744);
-    const Bytes all = request(3, Bytes(744) + picture);
+    const Bytes all = request(SM_FUNCTION_RECEIVE_PRESET, Bytes(744) + picture);
     ASSERT_EQ(all.size(), 600000u);
     FakeHost host;
-    EXPECT_EQ(host.receive(slice(all, 0, 300000)), -1);
-    EXPECT_EQ(host.receive(slice(all, 300000, 299999)), -1);
+    EXPECT_EQ(host.receive(slice(all, 0, 300000)), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive(slice(all, 300000, 299999)), SM_RETURN_FAIL);
     expect_in_reassembly(600000, 599999);
-    EXPECT_EQ(host.receive(slice(all, 599999, 1)), 1);
+    EXPECT_EQ(host.receive(slice(all, 599999, 1)), SM_RETURN_TRUE);
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_EQ(host.saved[0].length, 599248);
     EXPECT_TRUE(host.saved[0].image == picture);
@@ -215,8 +216,8 @@ TEST(Intake, RunsTheLongestRequestThatFits) {
 
 TEST(Intake, RunsTheLongestRequestInOnePacket) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(255, Bytes(599992))), -1);
-    EXPECT_EQ(host.transcript, joined({first_packet(255, 600000),
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON, Bytes(599992))), SM_RETURN_FAIL);
+    EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_STATE_ON, 600000),
                                        {
                                            append_line(600000, 600000),
                                            "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=FF, length=600000",
@@ -231,7 +232,7 @@ TEST(Intake, PassesTheCommandsResultBackWhateverItIs) {
         SCOPED_TRACE(answer);
         FakeHost host;
         host.update_answer = answer;
-        EXPECT_EQ(host.receive(request(4, Bytes(744))), answer);
+        EXPECT_EQ(host.receive(request(SM_FUNCTION_UPDATE_PRESET, Bytes(744))), answer);
         expect_idle();
     }
 }
@@ -241,8 +242,8 @@ TEST(Intake, RunsRequestsOneAfterAnother) {
     for (int round = 0; round < 3; ++round) {
         SCOPED_TRACE(round);
         host.forget();
-        EXPECT_EQ(host.receive(words({0, 12})), -1);
-        EXPECT_EQ(host.receive(words({1})), 1);
+        EXPECT_EQ(host.receive(header(SM_FUNCTION_STATE_OFF, 12)), SM_RETURN_FAIL);
+        EXPECT_EQ(host.receive(words({SM_RETURN_TRUE})), SM_RETURN_TRUE);
         EXPECT_EQ(host.calls(), (Transcript{"__ui_set_shotmentor_state(0)"}));
         expect_idle();
     }
@@ -261,9 +262,9 @@ TEST(Intake, BelievesATotalBelowTheHeadersOwnLength) {
         SCOPED_TRACE(each.total);
         FakeHost host;
         const std::string total = std::to_string(each.total);
-        EXPECT_EQ(host.receive_with_length(words({0, each.total}), each.total), -1);
+        EXPECT_EQ(host.receive_with_length(header(SM_FUNCTION_STATE_OFF, each.total), each.total), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript,
-                  joined({first_packet(0, each.total),
+                  joined({first_packet(SM_FUNCTION_STATE_OFF, each.total),
                           {
                               append_line(each.total, each.total),
                               "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=0, length=" + total,
@@ -280,16 +281,16 @@ TEST(Intake, BelievesATotalBelowTheHeadersOwnLength) {
 TEST(Intake, ReadsBothHeaderWordsFromAFirstPacketOfAnyLength) {
     for (int length = 1; length < 8; ++length) {
         SCOPED_TRACE(length);
-        const Bytes header = words({255, 8});
+        const Bytes all = state_on_request();
         FakeHost host;
-        EXPECT_EQ(host.receive_with_length(header, length), -1);
-        EXPECT_EQ(host.transcript, joined({first_packet(255, 8), {append_line(length, length)}}));
+        EXPECT_EQ(host.receive_with_length(all, length), SM_RETURN_FAIL);
+        EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_STATE_ON, 8), {append_line(length, length)}}));
         expect_in_reassembly(8, length);
-        EXPECT_EQ(stored(0, static_cast<size_t>(length)), slice(header, 0, static_cast<size_t>(length)));
+        EXPECT_EQ(stored(0, static_cast<size_t>(length)), slice(all, 0, static_cast<size_t>(length)));
 
         host.forget();
         const auto rest = static_cast<size_t>(8 - length);
-        EXPECT_EQ(host.receive(slice(header, static_cast<size_t>(length), rest)), -1);
+        EXPECT_EQ(host.receive(slice(all, static_cast<size_t>(length), rest)), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, (Transcript{
                                        append_line(8 - length, 8),
                                        "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=FF, length=8",
@@ -302,8 +303,8 @@ TEST(Intake, ReadsBothHeaderWordsFromAFirstPacketOfAnyLength) {
 
 TEST(Intake, RunsWhatArrivedNotWhatLayBehindTheFirstPacket) {
     FakeHost host;
-    EXPECT_EQ(host.receive_with_length(words({255, 8}), 1), -1);
-    EXPECT_EQ(host.receive({1, 0, 0, 8, 0, 0, 0}), -1); // together FF 01 00 00: function 511
+    EXPECT_EQ(host.receive_with_length(header(SM_FUNCTION_STATE_ON, 8), 1), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive({1, 0, 0, 8, 0, 0, 0}), SM_RETURN_FAIL); // together FF 01 00 00: function 511
     EXPECT_EQ(host.transcript.at(4), append_line(7, 8));
     EXPECT_EQ(host.transcript.at(5), "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=1FF, length=8");
     EXPECT_EQ(host.transcript.at(6), "ERROR ALG_SMM ERROR ADE_ShotMentor_Receive_Function funcN=511");
@@ -317,7 +318,7 @@ TEST(Intake, RefusesAPacketWithoutALengthWhileIdle) {
     for (const int length : {0, -1, -8, INT_MIN}) {
         SCOPED_TRACE(length);
         FakeHost host;
-        EXPECT_EQ(host.receive_with_length(words({1, 8}), length), -1);
+        EXPECT_EQ(host.receive_with_length(header(SM_FUNCTION_SEND_LIST, 8), length), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, (Transcript{refused_length_line(length)}));
         EXPECT_EQ(host.allocations_asked(), 0);
         expect_idle();
@@ -326,7 +327,7 @@ TEST(Intake, RefusesAPacketWithoutALengthWhileIdle) {
 
 TEST(Intake, DoesNotLookAtThePacketOfARefusedLength) {
     FakeHost host;
-    EXPECT_EQ(host.call([] { return ADE_ShotMentor_Receive_Manager(nullptr, 0); }), -1);
+    EXPECT_EQ(ADE_ShotMentor_Receive_Manager(nullptr, 0), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, (Transcript{refused_length_line(0)}));
 }
 
@@ -334,14 +335,14 @@ TEST(Intake, IsNotDisturbedByAPacketWithoutALengthInTheMiddleOfARequest) {
     for (const int length : {0, -1, INT_MIN}) {
         SCOPED_TRACE(length);
         FakeHost host;
-        EXPECT_EQ(host.receive(slice(request(0, words({1})), 0, 10)), -1);
+        EXPECT_EQ(host.receive(slice(state_off_request(SM_RETURN_TRUE), 0, 10)), SM_RETURN_FAIL);
         const Bytes before = stored(0, 10);
         host.forget();
-        EXPECT_EQ(host.receive_with_length(words({1, 8}), length), -1);
+        EXPECT_EQ(host.receive_with_length(header(SM_FUNCTION_SEND_LIST, 8), length), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, (Transcript{refused_length_line(length)}));
         expect_in_reassembly(12, 10);
         EXPECT_EQ(stored(0, 10), before);
-        EXPECT_EQ(host.receive({0, 0}), 1);
+        EXPECT_EQ(host.receive({0, 0}), SM_RETURN_TRUE);
         expect_idle();
     }
 }
@@ -350,7 +351,7 @@ TEST(Intake, RefusesAFirstPacketWithAFunctionNumberOutside0To256) {
     for (const int function : {257, -1, 1000, 0x1001, INT_MAX, INT_MIN}) {
         SCOPED_TRACE(function);
         FakeHost host;
-        EXPECT_EQ(host.receive(request(function)), -1);
+        EXPECT_EQ(host.receive(request(function)), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, (Transcript{refused_function_line(function)}));
         EXPECT_EQ(host.allocations_asked(), 0);
         expect_idle();
@@ -367,9 +368,9 @@ TEST(Intake, AcceptsAFirstPacketWithAFunctionNumberThatNobodyServesUpTo256) {
         SCOPED_TRACE(each.function);
         FakeHost host;
         const Bytes all = request(each.function, words({0}));
-        EXPECT_EQ(host.receive(slice(all, 0, 8)), -1);
+        EXPECT_EQ(host.receive(slice(all, 0, 8)), SM_RETURN_FAIL);
         expect_in_reassembly(12, 8);
-        EXPECT_EQ(host.receive(slice(all, 8, 4)), -1);
+        EXPECT_EQ(host.receive(slice(all, 8, 4)), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, joined({first_packet(each.function, 12),
                                            {
                                                append_line(8, 8),
@@ -390,30 +391,31 @@ TEST(Intake, NeverCompletesARequestWhoseFirstPacketOvershootsItsTotal) {
     for (const int total : {0, 1, 4, 7}) {
         SCOPED_TRACE(total);
         FakeHost host;
-        EXPECT_EQ(host.receive(words({1, total})), -1);
-        EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON)), -1);
-        EXPECT_EQ(host.receive({9, 9, 9}), -1);
-        EXPECT_EQ(host.transcript,
-                  joined({first_packet(1, total), {append_line(8, 8), append_line(8, 16), append_line(3, 19)}}));
+        EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, total)), SM_RETURN_FAIL);
+        EXPECT_EQ(host.receive(state_on_request()), SM_RETURN_FAIL);
+        EXPECT_EQ(host.receive({9, 9, 9}), SM_RETURN_FAIL);
+        EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_SEND_LIST, total),
+                                           {append_line(8, 8), append_line(8, 16), append_line(3, 19)}}));
         expect_in_reassembly(total, 19);
-        EXPECT_EQ(stored(0, 19), words({1, total, 255, 8}) + Bytes({9, 9, 9}));
+        EXPECT_EQ(stored(0, 19), header(SM_FUNCTION_SEND_LIST, total) + state_on_request() + Bytes({9, 9, 9}));
     }
 }
 
 TEST(Intake, NeverCompletesARequestWhoseLaterPacketOvershootsItsTotal) {
     FakeHost host;
-    EXPECT_EQ(host.receive(words({1, 12})), -1);
-    EXPECT_EQ(host.receive({1, 2, 3, 4, 5}), -1);
-    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), -1);
-    EXPECT_EQ(host.transcript,
-              joined({first_packet(1, 12), {append_line(8, 8), append_line(5, 13), append_line(8, 21)}}));
+    EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, 12)), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive({1, 2, 3, 4, 5}), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_FAIL);
+    EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_SEND_LIST, 12),
+                                       {append_line(8, 8), append_line(5, 13), append_line(8, 21)}}));
     expect_in_reassembly(12, 21);
 }
 
 TEST(Intake, NeverReadsAFunctionNumberInTheMiddleOfARequest) {
     FakeHost host;
-    EXPECT_EQ(host.receive(words({0, 16})), -1);
-    EXPECT_EQ(host.receive(words({-10, 257})), 1); // 257 is payload here, not a function number
+    EXPECT_EQ(host.receive(header(SM_FUNCTION_STATE_OFF, 16)), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive(words({SM_RETURN_BT_RES_ERR, 257})),
+              SM_RETURN_TRUE); // 257 is payload here, not a function number
     expect_idle();
 }
 
@@ -423,7 +425,7 @@ TEST(Intake, RefusesANegativeTotalAtOnceWithoutAllocating) {
     for (const int total : {-1, -2, -8, -600000, INT_MIN}) {
         SCOPED_TRACE(total);
         FakeHost host;
-        EXPECT_EQ(host.receive(words({1, total})), -1);
+        EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, total)), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, (Transcript{function_line(1), total_line(total), refused_total_line(total)}));
         EXPECT_EQ(host.allocations_asked(), 0);
         expect_idle();
@@ -433,10 +435,10 @@ TEST(Intake, RefusesANegativeTotalAtOnceWithoutAllocating) {
 
 TEST(Intake, CountsTheBytesOfATooLongRequestAndRefusesItAtItsEnd) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request_announcing(600001, 1, Bytes(599992))), -1);
+    EXPECT_EQ(host.receive(request_announcing(600001, SM_FUNCTION_SEND_LIST, Bytes(599992))), SM_RETURN_FAIL);
     expect_in_reassembly(600001, 600000);
-    EXPECT_EQ(host.receive({7}), -1);
-    EXPECT_EQ(host.transcript, joined({first_packet(1, 600001),
+    EXPECT_EQ(host.receive({7}), SM_RETURN_FAIL);
+    EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_SEND_LIST, 600001),
                                        {
                                            append_line(600000, 600000),
                                            append_error,
@@ -450,8 +452,8 @@ TEST(Intake, CountsTheBytesOfATooLongRequestAndRefusesItAtItsEnd) {
 
 TEST(Intake, RefusesATooLongRequestThatArrivesInOnePacket) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(255, Bytes(599993))), -1);
-    EXPECT_EQ(host.transcript, joined({first_packet(255, 600001),
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON, Bytes(599993))), SM_RETURN_FAIL);
+    EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_STATE_ON, 600001),
                                        {
                                            append_error,
                                            refused_total_line(600001),
@@ -463,13 +465,13 @@ TEST(Intake, RefusesATooLongRequestThatArrivesInOnePacket) {
 
 TEST(Intake, StaysInStepWithATooLongRequestUntilItsLastByte) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request_announcing(600020, 1, Bytes(599992))), -1);
-    EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON)), -1); // bytes of the long request, not a request
+    EXPECT_EQ(host.receive(request_announcing(600020, SM_FUNCTION_SEND_LIST, Bytes(599992))), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive(state_on_request()), SM_RETURN_FAIL); // bytes of the long request, not a request
     expect_in_reassembly(600020, 600008);
-    EXPECT_EQ(host.receive(pattern(11)), -1);
+    EXPECT_EQ(host.receive(pattern(11)), SM_RETURN_FAIL);
     expect_in_reassembly(600020, 600019);
-    EXPECT_EQ(host.receive({0}), -1);
-    EXPECT_EQ(host.transcript, joined({first_packet(1, 600020),
+    EXPECT_EQ(host.receive({0}), SM_RETURN_FAIL);
+    EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_SEND_LIST, 600020),
                                        {
                                            append_line(600000, 600000),
                                            append_error,
@@ -484,23 +486,23 @@ TEST(Intake, StaysInStepWithATooLongRequestUntilItsLastByte) {
 
 TEST(Intake, NeverCompletesATooLongRequestThatOvershoots) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request_announcing(600001, 1, Bytes(599992))), -1);
-    EXPECT_EQ(host.receive({1, 2}), -1);
-    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), -1);
-    EXPECT_EQ(host.transcript,
-              joined({first_packet(1, 600001), {append_line(600000, 600000), append_error, append_error}}));
+    EXPECT_EQ(host.receive(request_announcing(600001, SM_FUNCTION_SEND_LIST, Bytes(599992))), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive({1, 2}), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_FAIL);
+    EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_SEND_LIST, 600001),
+                                       {append_line(600000, 600000), append_error, append_error}}));
     expect_in_reassembly(600001, 600010);
 }
 
 TEST(Intake, RefusesATotalOfTheLargestIntAtItsEnd) {
     FakeHost host;
-    EXPECT_EQ(host.receive(words({1, INT_MAX})), -1);
+    EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, INT_MAX)), SM_RETURN_FAIL);
     expect_in_reassembly(INT_MAX, 8);
     sm_BT_combine_length = INT_MAX - 10;
-    EXPECT_EQ(host.receive(pattern(9)), -1);
+    EXPECT_EQ(host.receive(pattern(9)), SM_RETURN_FAIL);
     expect_in_reassembly(INT_MAX, INT_MAX - 1);
-    EXPECT_EQ(host.receive({0}), -1);
-    EXPECT_EQ(host.transcript, joined({first_packet(1, INT_MAX),
+    EXPECT_EQ(host.receive({0}), SM_RETURN_FAIL);
+    EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_SEND_LIST, INT_MAX),
                                        {
                                            append_line(8, 8),
                                            append_error,
@@ -518,9 +520,10 @@ TEST(Intake, StoresWhatFitsOfAPacketAndCountsAllOfIt) {
     for (const int total : {600000, 600001, 700000, INT_MAX}) {
         SCOPED_TRACE(total);
         FakeHost host;
-        EXPECT_EQ(host.receive(request_announcing(total, 1, Bytes(599996 - 8, 0xEE))), -1);
+        EXPECT_EQ(host.receive(request_announcing(total, SM_FUNCTION_SEND_LIST, Bytes(599996 - 8, 0xEE))),
+                  SM_RETURN_FAIL);
         host.forget();
-        EXPECT_EQ(host.receive({1, 2, 3, 4, 5, 6, 7, 8}), -1);
+        EXPECT_EQ(host.receive({1, 2, 3, 4, 5, 6, 7, 8}), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, (Transcript{append_error}));
         expect_in_reassembly(total, 600004);
         EXPECT_EQ(stored(599994, 6), (Bytes{0xEE, 0xEE, 1, 2, 3, 4}));
@@ -529,31 +532,31 @@ TEST(Intake, StoresWhatFitsOfAPacketAndCountsAllOfIt) {
 
 TEST(Intake, StoresNothingOnceTheBufferIsFull) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request_announcing(700000, 1, Bytes(599992, 0xEE))), -1);
-    EXPECT_EQ(host.receive({1, 2, 3}), -1);
+    EXPECT_EQ(host.receive(request_announcing(700000, SM_FUNCTION_SEND_LIST, Bytes(599992, 0xEE))), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive({1, 2, 3}), SM_RETURN_FAIL);
     expect_in_reassembly(700000, 600003);
     sm_BT_combine_length = 650000;
-    EXPECT_EQ(host.receive({4, 5, 6}), -1);
+    EXPECT_EQ(host.receive({4, 5, 6}), SM_RETURN_FAIL);
     expect_in_reassembly(700000, 650003);
     EXPECT_EQ(stored(599990, 10), Bytes(10, 0xEE));
 }
 
 TEST(Intake, FillsTheBufferToItsLastByteWithoutAnError) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request_announcing(700000, 1, Bytes(599991, 0xEE))), -1);
+    EXPECT_EQ(host.receive(request_announcing(700000, SM_FUNCTION_SEND_LIST, Bytes(599991, 0xEE))), SM_RETURN_FAIL);
     host.forget();
-    EXPECT_EQ(host.receive({0xAB}), -1);
+    EXPECT_EQ(host.receive({0xAB}), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, (Transcript{append_line(1, 600000)}));
     EXPECT_EQ(stored(599998, 2), (Bytes{0xEE, 0xAB}));
 }
 
 TEST(Intake, StaysInReassemblyForGoodWhenALongestRequestOvershootsTheBuffer) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request_announcing(600000, 1, Bytes(599990 - 8))), -1);
-    EXPECT_EQ(host.receive(pattern(20)), -1);
-    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), -1);
-    EXPECT_EQ(host.transcript,
-              joined({first_packet(1, 600000), {append_line(599990, 599990), append_error, append_error}}));
+    EXPECT_EQ(host.receive(request_announcing(600000, SM_FUNCTION_SEND_LIST, Bytes(599990 - 8))), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive(pattern(20)), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_FAIL);
+    EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_SEND_LIST, 600000),
+                                       {append_line(599990, 599990), append_error, append_error}}));
     expect_in_reassembly(600000, 600018);
 }
 
@@ -561,24 +564,24 @@ TEST(Intake, DropsAPacketThatWouldCarryTheSumPastTheLargestInt) {
     for (const int total : {4, 600000, 600001, INT_MAX}) {
         SCOPED_TRACE(total);
         FakeHost host;
-        EXPECT_EQ(host.receive(words({1, total})), -1);
+        EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, total)), SM_RETURN_FAIL);
         sm_BT_combine_length = INT_MAX - 3;
         host.forget();
-        EXPECT_EQ(host.receive({1, 2, 3, 4}), -1);
-        EXPECT_EQ(host.receive(pattern(100)), -1);
+        EXPECT_EQ(host.receive({1, 2, 3, 4}), SM_RETURN_FAIL);
+        EXPECT_EQ(host.receive(pattern(100)), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, (Transcript{append_error, append_error}));
         expect_in_reassembly(total, INT_MAX - 3);
-        EXPECT_EQ(stored(0, 8), words({1, total}));
+        EXPECT_EQ(stored(0, 8), header(SM_FUNCTION_SEND_LIST, total));
     }
 }
 
 TEST(Intake, CountsAPacketThatCarriesTheSumToTheLargestInt) {
     FakeHost host;
-    EXPECT_EQ(host.receive(words({1, 4})), -1);
+    EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, 4)), SM_RETURN_FAIL);
     sm_BT_combine_length = INT_MAX - 3;
-    EXPECT_EQ(host.receive({1, 2, 3}), -1);
+    EXPECT_EQ(host.receive({1, 2, 3}), SM_RETURN_FAIL);
     expect_in_reassembly(4, INT_MAX);
-    EXPECT_EQ(host.receive({1}), -1);
+    EXPECT_EQ(host.receive({1}), SM_RETURN_FAIL);
     expect_in_reassembly(4, INT_MAX);
 }
 
@@ -589,8 +592,8 @@ TEST(Intake, AppendsNothingToABufferThatWasRefused) {
         SCOPED_TRACE(total);
         FakeHost host;
         host.refuse_allocation(1);
-        EXPECT_EQ(host.receive(words({1, total})), -1);
-        EXPECT_EQ(host.receive(words({1, 8})), -1);
+        EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, total)), SM_RETURN_FAIL);
+        EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, 8)), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, (Transcript{
                                        function_line(1),
                                        total_line(total),
@@ -608,7 +611,7 @@ TEST(Intake, AppendsNothingToABufferThatWasRefused) {
 TEST(Intake, DoesNotRunARequestOfTotal0WhoseBufferWasRefused) {
     FakeHost host;
     host.refuse_allocation(1);
-    EXPECT_EQ(host.receive(words({1, 0})), -1);
+    EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, 0)), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, (Transcript{
                                    function_line(1),
                                    total_line(0),
@@ -625,24 +628,24 @@ TEST(Intake, DoesNotRunARequestOfTotal0WhoseBufferWasRefused) {
 TEST(Intake, ClearsTheBuffersFirst760Bytes) {
     const DirtyHeap dirty;
     FakeHost host;
-    EXPECT_EQ(host.receive_with_length(words({4, 9}), 8), -1);
-    EXPECT_EQ(stored(0, 8), words({4, 9}));
+    EXPECT_EQ(host.receive_with_length(header(SM_FUNCTION_UPDATE_PRESET, 9), 8), SM_RETURN_FAIL);
+    EXPECT_EQ(stored(0, 8), header(SM_FUNCTION_UPDATE_PRESET, 9));
     EXPECT_EQ(stored(8, 752), Bytes(752));
 }
 
 TEST(Intake, ClearsTheBufferOfEveryRequestAnew) {
     const DirtyHeap dirty;
     FakeHost host;
-    EXPECT_EQ(host.receive(request(255, Bytes(2000, 0xEE))), -1);
-    EXPECT_EQ(host.receive(words({4, 9})), -1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON, Bytes(2000, 0xEE))), SM_RETURN_FAIL);
+    EXPECT_EQ(host.receive(header(SM_FUNCTION_UPDATE_PRESET, 9)), SM_RETURN_FAIL);
     EXPECT_EQ(stored(8, 752), Bytes(752));
 }
 
 TEST(Intake, ReadsTheMissingIdentifiersOfAPictureRequestAsZero) {
     const DirtyHeap dirty;
     FakeHost host;
-    EXPECT_EQ(host.receive(request(2)), 1);
-    EXPECT_EQ(host.transcript, joined({first_packet(2, 8),
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_PRESET)), SM_RETURN_TRUE);
+    EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_SEND_PRESET, 8),
                                        {
                                            append_line(8, 8),
                                            "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=2, length=8",
@@ -656,7 +659,7 @@ TEST(Intake, ReadsTheMissingIdentifiersOfAPictureRequestAsZero) {
 TEST(Intake, ReadsTheMissingRecordOfAnUpdateRequestAsZeros) {
     const DirtyHeap dirty;
     FakeHost host;
-    EXPECT_EQ(host.receive(request(4)), -3);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_UPDATE_PRESET)), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(host.transcript.at(5), "CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=0, server_id=0, title=");
     EXPECT_EQ(host.transcript.at(6), "ERROR ALG_SMM SM_RETURN_STRUCT_ERR");
 }
@@ -664,21 +667,21 @@ TEST(Intake, ReadsTheMissingRecordOfAnUpdateRequestAsZeros) {
 TEST(Intake, ReadsTheMissingCodeOfALeavingPhoneAsZero) {
     const DirtyHeap dirty;
     FakeHost host;
-    EXPECT_EQ(host.receive(request(0)), -1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_OFF)), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript.at(6), "CYAN ALG_SMM ADE_SM_Off() length=0, return_BT=0");
 }
 
 // ---- The append step, called directly -------------------------------------------------------------------------------
 
-int combine(FakeHost& host, const Bytes& packet, int length) {
-    return host.call([&] { return ADE_ShotMentor_Combine_BTData(packet.data(), length); });
+int combine(const Bytes& packet, int length) {
+    return ADE_ShotMentor_Combine_BTData(packet.data(), length);
 }
 
 TEST(Combine, ReturnsMinus1WithoutABufferWhateverTheLength) {
     for (const int length : {8, 1, 0, -1, INT_MIN}) {
         SCOPED_TRACE(length);
         FakeHost host;
-        EXPECT_EQ(combine(host, words({1, 8}), length), -1);
+        EXPECT_EQ(combine(header(SM_FUNCTION_SEND_LIST, 8), length), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, (Transcript{append_error}));
         expect_idle();
     }
@@ -686,28 +689,28 @@ TEST(Combine, ReturnsMinus1WithoutABufferWhateverTheLength) {
 
 TEST(Combine, AppendsAPacketAndReturns1) {
     FakeHost host;
-    host.receive(words({1, 100}));
+    host.receive(header(SM_FUNCTION_SEND_LIST, 100));
     host.forget();
-    EXPECT_EQ(combine(host, {5, 6, 7}, 3), 1);
+    EXPECT_EQ(combine({5, 6, 7}, 3), SM_RETURN_TRUE);
     EXPECT_EQ(host.transcript, (Transcript{append_line(3, 11)}));
     expect_in_reassembly(100, 11);
-    EXPECT_EQ(stored(0, 11), words({1, 100}) + Bytes({5, 6, 7}));
+    EXPECT_EQ(stored(0, 11), header(SM_FUNCTION_SEND_LIST, 100) + Bytes({5, 6, 7}));
 }
 
 TEST(Combine, DoesNotRunTheRequestThatItCompletes) {
     FakeHost host;
-    host.receive(words({1, 12}));
+    host.receive(header(SM_FUNCTION_SEND_LIST, 12));
     host.forget();
-    EXPECT_EQ(combine(host, words({0}), 4), 1);
+    EXPECT_EQ(combine(words({0}), 4), SM_RETURN_TRUE);
     EXPECT_EQ(host.transcript, (Transcript{append_line(4, 12)}));
     expect_in_reassembly(12, 12);
 }
 
 TEST(Combine, AppendsNothingForLength0) {
     FakeHost host;
-    host.receive(words({1, 100}));
+    host.receive(header(SM_FUNCTION_SEND_LIST, 100));
     host.forget();
-    EXPECT_EQ(combine(host, words({7}), 0), 1);
+    EXPECT_EQ(combine(words({7}), 0), SM_RETURN_TRUE);
     EXPECT_EQ(host.transcript, (Transcript{append_line(0, 8)}));
     expect_in_reassembly(100, 8);
 }
@@ -716,21 +719,21 @@ TEST(Combine, RefusesANegativeLength) {
     for (const int length : {-1, -8, -100, INT_MIN}) {
         SCOPED_TRACE(length);
         FakeHost host;
-        host.receive(words({1, 100}));
+        host.receive(header(SM_FUNCTION_SEND_LIST, 100));
         host.forget();
-        EXPECT_EQ(combine(host, words({7}), length), -1);
+        EXPECT_EQ(combine(words({7}), length), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, (Transcript{append_error}));
         expect_in_reassembly(100, 8);
-        EXPECT_EQ(stored(0, 8), words({1, 100}));
+        EXPECT_EQ(stored(0, 8), header(SM_FUNCTION_SEND_LIST, 100));
     }
 }
 
 TEST(Combine, ReturnsMinus1ForAPacketThatDoesNotFit) {
     FakeHost host;
-    host.receive(words({1, 700000}));
+    host.receive(header(SM_FUNCTION_SEND_LIST, 700000));
     sm_BT_combine_length = 599998;
     host.forget();
-    EXPECT_EQ(combine(host, {1, 2, 3}, 3), -1);
+    EXPECT_EQ(combine({1, 2, 3}, 3), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, (Transcript{append_error}));
     expect_in_reassembly(700000, 600001);
     EXPECT_EQ(stored(599998, 2), (Bytes{1, 2}));
@@ -738,10 +741,10 @@ TEST(Combine, ReturnsMinus1ForAPacketThatDoesNotFit) {
 
 TEST(Combine, ReturnsMinus1ForAPacketThatWouldCarryTheSumPastTheLargestInt) {
     FakeHost host;
-    host.receive(words({1, 700000}));
+    host.receive(header(SM_FUNCTION_SEND_LIST, 700000));
     sm_BT_combine_length = INT_MAX;
     host.forget();
-    EXPECT_EQ(combine(host, {1}, 1), -1);
+    EXPECT_EQ(combine({1}, 1), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, (Transcript{append_error}));
     expect_in_reassembly(700000, INT_MAX);
 }
@@ -750,7 +753,7 @@ TEST(Combine, ReturnsMinus1ForAPacketThatWouldCarryTheSumPastTheLargestInt) {
 
 TEST(HostRecovery, EndsARequestThatBrokeOff) {
     FakeHost host;
-    host.receive(slice(request(3, pattern(2000)), 0, 500));
+    host.receive(slice(request(SM_FUNCTION_RECEIVE_PRESET, pattern(2000)), 0, 500));
     expect_in_reassembly(2008, 500);
     ADE_ShotMentor_Return_To_Idle();
     EXPECT_EQ(host.blocks_owned(), 0u);
@@ -759,7 +762,7 @@ TEST(HostRecovery, EndsARequestThatBrokeOff) {
 
 TEST(HostRecovery, EndsARequestThatOvershot) {
     FakeHost host;
-    host.receive(words({1, 4}));
+    host.receive(header(SM_FUNCTION_SEND_LIST, 4));
     expect_in_reassembly(4, 8);
     ADE_ShotMentor_Return_To_Idle();
     expect_next_request_runs(host);
@@ -768,7 +771,7 @@ TEST(HostRecovery, EndsARequestThatOvershot) {
 TEST(HostRecovery, EndsARequestWhoseBufferWasRefused) {
     FakeHost host;
     host.refuse_allocation(1);
-    host.receive(words({1, 8}));
+    host.receive(header(SM_FUNCTION_SEND_LIST, 8));
     EXPECT_EQ(sm_BT_total_length, 8);
     ADE_ShotMentor_Return_To_Idle();
     expect_next_request_runs(host);

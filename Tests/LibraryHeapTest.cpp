@@ -12,7 +12,7 @@ constexpr size_t cleared_size = 760; // of a new request's buffer; the rest is w
 
 class LibraryHeap : public testing::Test {
   protected:
-    void begin_request() { host.receive(slice(request(3, pattern(992)), 0, 20)); }
+    void begin_request() { host.receive(slice(request(SM_FUNCTION_RECEIVE_PRESET, pattern(992)), 0, 20)); }
 
     FakeHost host;
 };

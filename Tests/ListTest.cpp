@@ -24,7 +24,7 @@ std::vector<int32_t> marks(const Bytes& reply) {
 
 TEST(PresetList, OfNoPresetsIsTheHeadAlone) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(1)), 1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, list_head(0));
     EXPECT_EQ(host.replies[0].bytes.size(), 28u);
@@ -34,7 +34,7 @@ TEST(PresetList, IsOneConversationFromThePacketToTheSend) {
     FakeHost host;
     host.presets = {preset(7, 0), preset(8, 1)};
     host.linked[0] = 1;
-    EXPECT_EQ(host.receive(request(1)), 1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
     EXPECT_EQ(
         without_conversions(host.transcript),
         (Transcript{
@@ -68,7 +68,7 @@ TEST(PresetList, IsOneConversationFromThePacketToTheSend) {
 TEST(PresetList, OfFortyPresetsFills29788Bytes) {
     FakeHost host;
     host.presets = presets_from_100(40);
-    EXPECT_EQ(host.receive(request(1)), 1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
     Bytes expected = list_head(40);
     for (const tag_custom_info& stored : host.presets) {
         expected = expected + phone_record(stored);
@@ -83,7 +83,7 @@ TEST(PresetList, MarksThePresetsOfBothCustomModes) {
     host.presets = presets_from_100(5);
     host.linked[0] = 3;
     host.linked[1] = 0;
-    host.receive(request(1));
+    host.receive(list_request());
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(marks(host.replies[0].bytes), (std::vector<int32_t>{2, 0, 0, 1, 0}));
 }
@@ -92,7 +92,7 @@ TEST(PresetList, MarksAPresetOfBothCustomModesWithTwo) {
     FakeHost host;
     host.presets = presets_from_100(3);
     host.linked[0] = host.linked[1] = 1;
-    host.receive(request(1));
+    host.receive(list_request());
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(marks(host.replies[0].bytes), (std::vector<int32_t>{0, 2, 0}));
 }
@@ -101,7 +101,7 @@ TEST(PresetList, MarksTheLastOfFortyPresets) {
     FakeHost host;
     host.presets = presets_from_100(40);
     host.linked[0] = 39;
-    host.receive(request(1));
+    host.receive(list_request());
     ASSERT_EQ(host.replies.size(), 1u);
     std::vector<int32_t> expected(40);
     expected[39] = 1;
@@ -114,7 +114,7 @@ TEST(PresetList, ShowsALinkThatMarksNothingInTheLogOnly) {
         FakeHost host;
         host.presets = {preset(1)};
         host.linked[0] = host.linked[1] = link;
-        EXPECT_EQ(host.receive(request(1)), 1);
+        EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
         EXPECT_EQ(command_lines(host.transcript),
                   joined({{"CYAN ALG_SMM ADE_SM_Send_List()", "__ui_get_bt_state_for_phone()",
                            "__ui_get_custom_mode_list_info()",
@@ -138,7 +138,7 @@ TEST(PresetList, IsNotSentWhileThePhoneLinkIsDown) {
     FakeHost host;
     host.link_up = false;
     host.presets = {preset(1)};
-    EXPECT_EQ(host.receive(request(1)), -1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_FAIL);
     EXPECT_EQ(command_lines(host.transcript),
               (Transcript{"CYAN ALG_SMM ADE_SM_Send_List()", "__ui_get_bt_state_for_phone()",
                           "WARN ALG_SMM BT state : off"}));
@@ -149,15 +149,15 @@ TEST(PresetList, IsNotSentWhileThePhoneLinkIsDown) {
 TEST(PresetList, AllocatesNothingWhileThePhoneLinkIsDown) {
     FakeHost host;
     host.link_up = false;
-    EXPECT_EQ(host.call(ADE_SM_Send_List), -1);
+    EXPECT_EQ(ADE_SM_Send_List(), SM_RETURN_FAIL);
     EXPECT_EQ(host.allocations_asked(), 0);
 }
 
 TEST(PresetList, LeavesAnUnconfirmedReplyCurrentWhileThePhoneLinkIsDown) {
     FakeHost host;
-    host.receive(request(1));
+    host.receive(list_request());
     host.link_up = false;
-    EXPECT_EQ(host.receive(request(1)), -1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_FAIL);
     EXPECT_EQ(shotmentor_p_FullData, host.replies[0].message.data);
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
 }
@@ -165,15 +165,15 @@ TEST(PresetList, LeavesAnUnconfirmedReplyCurrentWhileThePhoneLinkIsDown) {
 TEST(PresetList, IgnoresAPayload) {
     FakeHost host;
     host.presets = {preset(1)};
-    EXPECT_EQ(host.receive(request(1, pattern(500))), 1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST, pattern(500))), SM_RETURN_TRUE);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, list_head(1) + phone_record(preset(1)));
 }
 
 TEST(PresetList, ParksAListThatIsStillUnconfirmed) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(1)), 1);
-    EXPECT_EQ(host.receive(request(1)), 1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
     const Transcript until_the_buffer = {
         "CYAN ALG_SMM ADE_SM_Send_List()",          "__ui_get_bt_state_for_phone()",
         "__ui_get_custom_mode_list_info()",         "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 0",
@@ -199,17 +199,17 @@ TEST(PresetList, ParksAListThatIsStillUnconfirmed) {
 TEST(PresetList, OwnsNothingButTheReplyWhenItHasBeenSent) {
     FakeHost host;
     host.presets = presets_from_100(40);
-    host.receive(request(1));
+    host.receive(list_request());
     EXPECT_EQ(host.blocks_owned(), 1u);
     EXPECT_EQ(host.bytes_owned(), 30000u);
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(host.blocks_owned(), 0u);
 }
 
 TEST(PresetList, IsHandedToTheBluetoothServiceInARecordThatIsOtherwiseZero) {
     FakeHost host;
     std::memset(&shotmentor_BT_info, 0xA5, sizeof shotmentor_BT_info);
-    host.receive(request(1));
+    host.receive(list_request());
     ASSERT_EQ(host.replies.size(), 1u);
     bt_msg_info expected;
     std::memset(&expected, 0, sizeof expected);
@@ -229,7 +229,7 @@ TEST(PresetList, TakesAnImpossibleCountForTheNearestPossibleOne) {
         FakeHost host;
         host.presets = presets_from_100(40);
         host.reported_count = reported;
-        EXPECT_EQ(host.receive(request(1)), 1);
+        EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
 
         Transcript conversions;
         Bytes records;
@@ -260,7 +260,7 @@ TEST(PresetList, SendsZerosForAPresetThatTheServiceCountedButDidNotWrite) {
     leave_presets_on_the_heap(host);
     host.presets = {preset(1)};
     host.reported_count = 3;
-    EXPECT_EQ(host.receive(request(1)), 1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, list_head(3) + phone_record(preset(1)) + zeros(2 * 744));
 }
@@ -268,7 +268,7 @@ TEST(PresetList, SendsZerosForAPresetThatTheServiceCountedButDidNotWrite) {
 TEST(PresetList, KeepsTheOrderOfTheService) {
     FakeHost host;
     host.presets = {preset(30, 2), preset(10, 0), preset(20, 1)};
-    host.receive(request(1));
+    host.receive(list_request());
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes,
               list_head(3) + phone_record(preset(30, 2)) + phone_record(preset(10, 0)) + phone_record(preset(20, 1)));
@@ -309,7 +309,7 @@ sm_tag_custom_info manual_preset_of_phone() {
 TEST(PresetList, CarriesThePhonesCodesOfAPreset) {
     FakeHost host;
     host.presets = {manual_preset()};
-    host.receive(request(1));
+    host.receive(list_request());
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, list_head(1) + image(manual_preset_of_phone()));
 }
@@ -318,7 +318,7 @@ TEST(PresetList, CarriesTheThirdStepSensitivityOfACameraThatSetsThirdSteps) {
     FakeHost host;
     host.presets = {manual_preset()};
     host.iso_step_value = 0;
-    host.receive(request(1));
+    host.receive(list_request());
     sm_tag_custom_info expected = manual_preset_of_phone();
     expected.iso = 500;
     ASSERT_EQ(host.replies.size(), 1u);
@@ -331,7 +331,7 @@ TEST(PresetList, CarriesATitleWithoutANulAndLogs52CharactersOfIt) {
     put_text(stored.title, fifty_two_characters);
     stored.mode = 1; // the byte behind the title is not a NUL
     host.presets = {stored};
-    host.receive(request(1));
+    host.receive(list_request());
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, list_head(1) + phone_record(stored));
     const Transcript lines = command_lines(host.transcript);
@@ -343,7 +343,7 @@ TEST(PresetList, IsEmptyWhenTheServiceWritesNoCount) {
     FakeHost host;
     host.presets = {preset(1)};
     host.reports_count = false;
-    host.receive(request(1));
+    host.receive(list_request());
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, list_head(0));
 }
@@ -351,7 +351,7 @@ TEST(PresetList, IsEmptyWhenTheServiceWritesNoCount) {
 TEST(PresetList, MayBeAskedForDirectly) {
     FakeHost host;
     host.presets = {preset(1)};
-    EXPECT_EQ(host.call(ADE_SM_Send_List), 1);
+    EXPECT_EQ(ADE_SM_Send_List(), SM_RETURN_TRUE);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, list_head(1) + phone_record(preset(1)));
 }

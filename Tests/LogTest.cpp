@@ -351,12 +351,12 @@ TEST(LibraryLog, WritesEveryLineWithItsCallSiteInTheColorsOfItsLevel) {
     FakeHost host;
     host.presets = {preset(1), preset(2, 1)};
     written_to_standard_error([&] {
-        host.receive(request(SM_FUNCTION_SEND_LIST));
+        host.receive(list_request());
         host.receive(request(SM_FUNCTION_RECEIVE_PRESET, pattern(744 + 100)));
-        host.receive(request(SM_FUNCTION_DELETE_PRESET, words({0, 1})));
+        host.receive(delete_request({{0, 1}}));
         host.receive(request(200));
         host.link_up = false;
-        host.receive(request(SM_FUNCTION_SEND_LIST));
+        host.receive(list_request());
     });
     ASSERT_GT(host.lines.size(), 300u); // four records are converted, 71 lines and more each
     for (const LogLine& line : host.lines) {
@@ -376,7 +376,7 @@ TEST(LibraryLog, WritesEveryLineWithItsCallSiteInTheColorsOfItsLevel) {
 
 TEST(LibraryLog, PutsTheCallSiteOfTheLibrarysSourceIntoALine) {
     FakeHost host;
-    host.receive(request(SM_FUNCTION_STATE_ON));
+    host.receive(state_on_request());
     ASSERT_FALSE(host.lines.empty());
     EXPECT_EQ(host.lines[0].text, "\033[mADE_ShotMentor_Receive_Manager funcN=255\033[m\n");
     EXPECT_EQ(host.lines[0].file.rfind("ADE_ShotMentor_", 0), 0u) << host.lines[0].file;
@@ -394,7 +394,7 @@ TEST(LibraryLog, CopiesARefusalToStandardErrorWordForWord) {
 TEST(LibraryLog, KeepsAWarningInTheSystemLogAlone) {
     FakeHost host;
     host.link_up = false;
-    const std::string copy = written_to_standard_error([&] { host.call(ADE_SM_Send_List); });
+    const std::string copy = written_to_standard_error([&] { ADE_SM_Send_List(); });
     EXPECT_EQ(copy, "");
     ASSERT_EQ(host.lines.size(), 2u);
     EXPECT_EQ(host.lines[1].priority, 4);
@@ -404,7 +404,7 @@ TEST(LibraryLog, KeepsAWarningInTheSystemLogAlone) {
 TEST(LibraryLog, NeedsNoMemoryOfItsOwnAndSoReportsAnExhaustedAllocator) {
     FakeHost host;
     host.refuse_allocation(1, true);
-    written_to_standard_error([&] { EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON)), -1); });
+    written_to_standard_error([&] { EXPECT_EQ(host.receive(state_on_request()), SM_RETURN_FAIL); });
     EXPECT_EQ(host.allocations_asked(), 1); // the request's buffer; none of the four lines asks for more
     EXPECT_EQ(host.transcript, (Transcript{
                                    "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=255",
@@ -418,8 +418,8 @@ TEST(LibraryLog, KeepsOrdinaryRequestsOffStandardError) {
     FakeHost host;
     host.presets = {preset(1)};
     const std::string copy = written_to_standard_error([&] {
-        EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_LIST)), 1);
-        EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_OFF, words({SM_RETURN_TRUE}))), 1);
+        EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
+        EXPECT_EQ(host.receive(state_off_request(SM_RETURN_TRUE)), SM_RETURN_TRUE);
     });
     EXPECT_EQ(copy, "");
     EXPECT_EQ(host.replies.size(), 1u);

@@ -34,10 +34,14 @@ int32_t word_at(const Bytes& all, size_t offset) {
     return word;
 }
 
+Bytes header(int32_t function, int32_t total) {
+    return words({function, total});
+}
+
 Bytes request(int32_t function, const Bytes& payload) {
     return request_announcing(static_cast<int32_t>(sizeof(sm_frame) + payload.size()), function, payload);
 }
 
 Bytes request_announcing(int32_t total, int32_t function, const Bytes& payload) {
-    return words({function, total}) + payload;
+    return header(function, total) + payload;
 }

@@ -31,6 +31,9 @@ Bytes slice(const Bytes& all, size_t first, size_t count);
 // The 32-bit word at a byte offset.
 int32_t word_at(const Bytes& all, size_t offset);
 
+// The header of a request alone.
+Bytes header(int32_t function, int32_t total);
+
 // A whole request: header with the right total length, then the payload.
 Bytes request(int32_t function, const Bytes& payload = {});
 

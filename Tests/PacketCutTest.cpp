@@ -48,15 +48,15 @@ sm_tag_custom_info phone_record() {
 // One request of each kind. The camera stores presets with the custom ids 1 to 3.
 std::vector<Request> requests() {
     return {
-        {"0, link state off", request(0, words({-10})), 1, 1, 0},
-        {"1, preset list", request(1), 1, 6, 1},
-        {"2, picture", request(2, words({3, 8})), 1, 2, 1},
-        {"2, picture of a preset that does not exist", request(2, words({77, 8})), 1, 2, 1},
-        {"3, store", request(3, image(phone_record()) + pattern(100)), 1, 2, 1},
-        {"3, store with too short a picture", request(3, image(phone_record()) + pattern(99)), -4, 1, 1},
-        {"4, update", request(4, image(phone_record())), 1, 2, 1},
-        {"5, delete", request(5, words({0, 1, 2, 3})), 1, 9, 1},
-        {"255, link state on", request(255, pattern(5)), -1, 1, 0},
+        {"0, link state off", state_off_request(SM_RETURN_BT_RES_ERR), 1, 1, 0},
+        {"1, preset list", list_request(), 1, 6, 1},
+        {"2, picture", picture_request(3, 8), 1, 2, 1},
+        {"2, picture of a preset that does not exist", picture_request(77, 8), 1, 2, 1},
+        {"3, store", store_request(phone_record(), pattern(100)), 1, 2, 1},
+        {"3, store with too short a picture", store_request(phone_record(), pattern(99)), -4, 1, 1},
+        {"4, update", update_request(phone_record()), 1, 2, 1},
+        {"5, delete", delete_request({{0, 1}, {2, 3}}), 1, 9, 1},
+        {"255, link state on", request(SM_FUNCTION_STATE_ON, pattern(5)), -1, 1, 0},
         {"200, a number that nobody serves", request(200, words({1})), -1, 0, 0},
     };
 }

@@ -356,7 +356,7 @@ TEST_F(Records, APresetListSetsTheLinkedCustomModeOfEveryRecord) {
     host.presets = {preset(1, 0), preset(2, 1), preset(3, 2)};
     host.linked[0] = 2;
     host.linked[1] = 0;
-    ASSERT_EQ(host.receive(request(1)), 1);
+    ASSERT_EQ(host.receive(list_request()), 1);
     const Bytes reply = host.replies.back().bytes;
     ASSERT_EQ(reply.size(), 28 + 3 * phone_size);
     EXPECT_EQ(word_at(reply, 28 + camera_size), 2);
@@ -369,7 +369,7 @@ TEST_F(Records, TheListAfterADeletionSetsTheLinkedCustomModeOfEveryRecord) {
     host.presets = {preset(1, 0), preset(2, 1), preset(3, 2)};
     host.deletes = false;
     host.linked[0] = 1;
-    ASSERT_EQ(host.receive(request(5, words({2, 3}))), 1);
+    ASSERT_EQ(host.receive(delete_request({{2, 3}})), 1);
     const Bytes reply = host.replies.back().bytes;
     ASSERT_EQ(reply.size(), 20 + 3 * phone_size);
     EXPECT_EQ(word_at(reply, 20 + camera_size), 0);

@@ -43,7 +43,7 @@ void send_reply(FakeHost& host, int number) {
     sm_tag_custom_info record{};
     record.custom_id = 3;
     host.update_answer = number;
-    const int result = host.call([&] { return ADE_SM_Update_Preset(&record, sizeof record); });
+    const int result = ADE_SM_Update_Preset(&record, sizeof record);
     EXPECT_EQ(result, number);
 }
 
@@ -108,7 +108,7 @@ TEST(ReplyQueue, IsEmptyWhenTheLibraryIsLoaded) {
 
 TEST(ReplyQueue, HasNothingToConfirmAtTheStart) {
     FakeHost host;
-    EXPECT_EQ(host.confirm(), -1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, (Transcript{confirmation_line, nothing_to_confirm}));
     EXPECT_EQ(shotmentor_p_FullData, nullptr);
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
@@ -123,12 +123,12 @@ TEST(ReplyQueue, KeepsAReplyUntilItIsConfirmed) {
     EXPECT_EQ(number_in(shotmentor_p_FullData), 1);
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
 
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(host.blocks_owned(), 0u);
     EXPECT_EQ(shotmentor_p_FullData, nullptr);
     EXPECT_EQ(host.transcript, joined({sending(1, "#1"), {confirmation_line, freed_current("#1")}}));
 
-    EXPECT_EQ(host.confirm(), -1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
     EXPECT_EQ(host.freed, (std::vector<int>{0}));
 }
 
@@ -136,7 +136,7 @@ TEST(ReplyQueue, IgnoresTheEventsData) {
     FakeHost host;
     send_reply(host, 1);
     const Bytes data = {1, 2, 3};
-    EXPECT_EQ(host.call([&] { return ADE_ShotMentor_Result_Manager(data.data(), -7); }), 1);
+    EXPECT_EQ(ADE_ShotMentor_Result_Manager(data.data(), -7), SM_RETURN_TRUE);
     EXPECT_EQ(host.freed, (std::vector<int>{0}));
 }
 
@@ -159,9 +159,11 @@ TEST(ReplyQueue, StartsEveryReplyWithTheRequestsNumberPlus0x1000AndItsLength) {
         int length;
     };
     const Case cases[] = {
-        {request(1), 0x1001, 28 + 744}, {request(2, words({7, 5})), 0x1002, 12},
-        {request(3), 0x1003, 24},       {request(4), 0x1004, 12},
-        {request(5), 0x1005, 20},
+        {list_request(), 0x1001, 28 + 744},
+        {picture_request(7, 5), 0x1002, 12},
+        {request(SM_FUNCTION_RECEIVE_PRESET), 0x1003, 24},
+        {request(SM_FUNCTION_UPDATE_PRESET), 0x1004, 12},
+        {delete_request({}), 0x1005, 20},
     };
     for (const Case& each : cases) {
         SCOPED_TRACE(each.function);
@@ -228,12 +230,12 @@ TEST(ReplyQueue, FreesTwoRepliesInTheOrderInWhichTheyWereSent) {
     EXPECT_EQ(queued(), (std::vector<int>{1}));
     EXPECT_EQ(number_in(shotmentor_p_FullData), 2);
 
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(host.freed, (std::vector<int>{0}));
     EXPECT_EQ(queued(), std::vector<int>{});
     EXPECT_EQ(number_in(shotmentor_p_FullData), 2);
 
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(host.freed, (std::vector<int>{0, 1}));
     EXPECT_EQ(shotmentor_p_FullData, nullptr);
 
@@ -247,9 +249,9 @@ TEST(ReplyQueue, FreesTwoRepliesInTheOrderInWhichTheyWereSent) {
 
 TEST(ReplyQueue, ParksTheUnconfirmedReplyBeforeItAllocatesTheNext) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(1)), 1);
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
     host.forget();
-    EXPECT_EQ(host.receive(request(5)), -2);
+    EXPECT_EQ(host.receive(delete_request({})), SM_RETURN_DATA_ERR);
     EXPECT_EQ(command_lines(host.transcript),
               (Transcript{
                   "CYAN ALG_SMM ADE_SM_Delete_Preset() del_num=0",
@@ -272,9 +274,9 @@ TEST(ReplyQueue, TakesALateConfirmationForTheOldestReply) {
     send_reply(host, 5);
     EXPECT_EQ(queued(), (std::vector<int>{2, 3, 4}));
     for (int left = 4; left > 0; --left) {
-        EXPECT_EQ(host.confirm(), 1);
+        EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     }
-    EXPECT_EQ(host.confirm(), -1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
     EXPECT_EQ(host.freed, (std::vector<int>{0, 1, 2, 3, 4}));
     EXPECT_EQ(host.blocks_owned(), 0u);
 }
@@ -299,9 +301,9 @@ TEST(ReplyQueue, HoldsTenRepliesBesideTheCurrentOne) {
     EXPECT_EQ(queued(), (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
     EXPECT_EQ(number_in(shotmentor_p_FullData), 11);
     for (int left = 11; left > 0; --left) {
-        EXPECT_EQ(host.confirm(), 1);
+        EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     }
-    EXPECT_EQ(host.confirm(), -1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
     EXPECT_EQ(host.freed, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
 }
 
@@ -337,9 +339,9 @@ TEST(ReplyQueue, FreesWhatIsLeftAfterAnOverflowInTheOrderOfTheSends) {
     FakeHost host;
     send_replies(host, 12);
     for (int left = 11; left > 0; --left) {
-        EXPECT_EQ(host.confirm(), 1);
+        EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     }
-    EXPECT_EQ(host.confirm(), -1); // twelve were sent, one was lost
+    EXPECT_EQ(host.confirm(), SM_RETURN_FAIL); // twelve were sent, one was lost
     EXPECT_EQ(host.freed, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11}));
     EXPECT_EQ(host.blocks_owned(), 1u);
     free_lost(host, 9);
@@ -351,12 +353,12 @@ TEST(ReplyQueue, KeepsThePointerOfItsLastSlotWhenItShifts) {
     const unsigned char* const tenth = shotmentor_p_Full_Q[9];
     EXPECT_EQ(number_in(tenth), 10);
 
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 9);
     EXPECT_EQ(shotmentor_p_Full_Q[8], tenth);
     EXPECT_EQ(shotmentor_p_Full_Q[9], tenth);
 
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 8);
     EXPECT_EQ(shotmentor_p_Full_Q[7], tenth);
     EXPECT_EQ(shotmentor_p_Full_Q[8], tenth);
@@ -366,11 +368,11 @@ TEST(ReplyQueue, KeepsThePointerOfItsLastSlotWhenItShifts) {
 TEST(ReplyQueue, TellsByItsCountAloneWhatItHolds) {
     FakeHost host;
     send_replies(host, 11);
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     send_reply(host, 12); // slot 9 still shows the tenth reply, but is free: nothing is lost
     EXPECT_EQ(queued(), (std::vector<int>{2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
     for (int left = 11; left > 0; --left) {
-        EXPECT_EQ(host.confirm(), 1);
+        EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     }
     EXPECT_EQ(host.freed, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
     EXPECT_EQ(host.blocks_owned(), 0u);
@@ -408,7 +410,7 @@ TEST(ReplyQueue, RefusesAConfirmationWithoutACurrentReplyAndLeavesTheQueueAlone)
     FakeHost host;
     queue_two_without_a_current_reply(host);
     host.transcript.clear();
-    EXPECT_EQ(host.confirm(), -1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, (Transcript{confirmation_line, nothing_to_confirm}));
     EXPECT_EQ(queued(), (std::vector<int>{1, 2}));
     EXPECT_EQ(host.freed, std::vector<int>{});
@@ -419,10 +421,10 @@ TEST(ReplyQueue, FreesTheQueueOnceALaterReplyIsCurrent) {
     queue_two_without_a_current_reply(host);
     send_reply(host, 4);
     EXPECT_EQ(queued(), (std::vector<int>{1, 2})); // nothing was current, so nothing was parked
-    EXPECT_EQ(host.confirm(), 1);
-    EXPECT_EQ(host.confirm(), 1);
-    EXPECT_EQ(host.confirm(), 1);
-    EXPECT_EQ(host.confirm(), -1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
+    EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
     EXPECT_EQ(host.freed, (std::vector<int>{0, 1, 2})); // the third that was sent is number 4
 }
 

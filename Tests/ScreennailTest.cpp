@@ -97,7 +97,7 @@ class Screennail : public testing::Test {
     void store_picture(const Bytes& content) { store(write(content)); }
 
     // Asks for preset 7, which the phone calls 5, and expects the success that it always gets.
-    void ask() { EXPECT_EQ(host.receive(request(2, words({7, 5}))), 1); }
+    void ask() { EXPECT_EQ(host.receive(picture_request(7, 5)), SM_RETURN_TRUE); }
 
     // What the command logs and calls for preset 7: the size and the path of its file as they were found, whether the
     // file could not be read, and the size of the picture that is sent.
@@ -316,7 +316,7 @@ TEST_F(Screennail, OfTheLargestFileThatAReplyCanHoldAsksForThatBuffer) {
     }
     store(path);
     host.refuse_allocation(1); // two gigabytes are asked for, not used
-    EXPECT_EQ(host.call([] { return ADE_SM_Send_Preset(7, 5); }), 1);
+    EXPECT_EQ(ADE_SM_Send_Preset(7, 5), SM_RETURN_TRUE);
     EXPECT_EQ(command_lines(host.transcript),
               (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5", "__ui_get_preset_info(7, 5)",
                           "PLAIN ALG_SMM __ui_get_preset_info() ",
@@ -346,7 +346,7 @@ TEST_F(Screennail, LeavesNoFileOpenWhenItsReplyIsRefused) {
     store_picture(pattern(100));
     const int before = open_files();
     host.refuse_allocation(1);
-    EXPECT_EQ(host.call([] { return ADE_SM_Send_Preset(7, 5); }), 1);
+    EXPECT_EQ(ADE_SM_Send_Preset(7, 5), SM_RETURN_TRUE);
     EXPECT_EQ(open_files(), before);
     EXPECT_EQ(host.calls(), (Transcript{"__ui_get_preset_info(7, 5)"}));
     EXPECT_EQ(host.transcript.back(), "ERROR ALG_SMM malloc ERR size=150");
@@ -369,7 +369,7 @@ TEST_F(Screennail, IsLookedUpWithARecordThatHoldsThePhonesIdentityAlone) {
     std::memset(&seen, 0xA5, sizeof seen);
     host.preset_info_answer = true;
     host.fill_preset_info = [&seen](tag_custom_info& record) { seen = record; };
-    EXPECT_EQ(host.receive(request(2, words({7, -5}))), 1);
+    EXPECT_EQ(host.receive(picture_request(7, -5)), SM_RETURN_TRUE);
     tag_custom_info expected{};
     expected.applocal_id = -5;
     EXPECT_EQ(image(seen), image(expected));
@@ -383,12 +383,12 @@ TEST_F(Screennail, OfAPresetThatTheServiceKnowsButDoesNotFillIsTheHeadAlone) {
 }
 
 TEST_F(Screennail, OfTheLargestIdentitiesIsAskedFor) {
-    EXPECT_EQ(host.receive(request(2, words({INT_MAX, INT_MIN}))), 1);
+    EXPECT_EQ(host.receive(picture_request(INT_MAX, INT_MIN)), SM_RETURN_TRUE);
     EXPECT_EQ(host.calls(), (Transcript{"__ui_get_preset_info(2147483647, -2147483648)", "bt_send_msgs(0)"}));
 }
 
 TEST_F(Screennail, OfAPresetThatTheCameraDoesNotHaveIsAnError) {
-    EXPECT_EQ(host.receive(request(2, words({7, 5}))), 1);
+    EXPECT_EQ(host.receive(picture_request(7, 5)), SM_RETURN_TRUE);
     EXPECT_EQ(command_lines(host.transcript),
               (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=7, applocal_ID=5", "__ui_get_preset_info(7, 5)",
                           "ERROR ALG_SMM SM_RETURN_LOCALN_ERR", "bt_send_msgs(0)"}));
@@ -402,7 +402,7 @@ TEST_F(Screennail, OfAnIdentityThatIsNotPositiveIsAnErrorWithoutALookUp) {
         SCOPED_TRACE(id);
         host.settle();
         host.forget();
-        EXPECT_EQ(host.receive(request(2, words({id, 5}))), 1);
+        EXPECT_EQ(host.receive(picture_request(id, 5)), SM_RETURN_TRUE);
         EXPECT_EQ(command_lines(host.transcript),
                   (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=" + std::to_string(id) + ", applocal_ID=5",
                               "ERROR ALG_SMM SM_RETURN_PRESETN_ERR", "bt_send_msgs(0)"}));
@@ -413,14 +413,14 @@ TEST_F(Screennail, OfAnIdentityThatIsNotPositiveIsAnErrorWithoutALookUp) {
 }
 
 TEST_F(Screennail, RequestWithoutAPayloadReadsIdentity0) {
-    EXPECT_EQ(host.receive(request(2)), 1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_PRESET)), SM_RETURN_TRUE);
     EXPECT_EQ(command_lines(host.transcript),
               (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=0, applocal_ID=0",
                           "ERROR ALG_SMM SM_RETURN_PRESETN_ERR", "bt_send_msgs(0)"}));
 }
 
 TEST_F(Screennail, RequestWithoutThePhonesIdentityReadsItAs0) {
-    EXPECT_EQ(host.receive(request(2, words({7}))), 1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_PRESET, words({7}))), SM_RETURN_TRUE);
     EXPECT_EQ(host.calls()[0], "__ui_get_preset_info(7, 0)");
 }
 
@@ -440,7 +440,7 @@ TEST_F(Screennail, ParksAReplyThatIsStillUnconfirmed) {
 }
 
 TEST_F(Screennail, ErrorReplacesAnUnconfirmedReplyWhichIsNeverFreed) {
-    const Bytes refused_requests[] = {request(2, words({0, 5})), request(2, words({9, 5}))};
+    const Bytes refused_requests[] = {picture_request(0, 5), picture_request(9, 5)};
     for (const Bytes& refused : refused_requests) {
         store_picture(pattern(10));
         ask();
@@ -448,8 +448,8 @@ TEST_F(Screennail, ErrorReplacesAnUnconfirmedReplyWhichIsNeverFreed) {
         EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
         ASSERT_EQ(host.replies.size(), 2u);
         EXPECT_EQ(shotmentor_p_FullData, host.replies[1].message.data);
-        EXPECT_EQ(host.confirm(), 1);
-        EXPECT_EQ(host.confirm(), -1);
+        EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
+        EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
         EXPECT_EQ(host.freed, std::vector<int>{1});
         EXPECT_EQ(host.blocks_owned(), 1u);
 
@@ -462,12 +462,12 @@ TEST_F(Screennail, ErrorLeavesTheQueueAsItIs) {
     store_picture(pattern(10));
     ask();
     ask();
-    host.receive(request(2, words({0, 5})));
+    host.receive(picture_request(0, 5));
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 1);
     ASSERT_EQ(host.replies.size(), 3u);
-    EXPECT_EQ(host.confirm(), 1);
-    EXPECT_EQ(host.confirm(), 1);
-    EXPECT_EQ(host.confirm(), -1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
+    EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
     EXPECT_EQ(host.freed, (std::vector<int>{0, 2}));
     std::free(host.replies[1].message.data);
 }
@@ -477,7 +477,7 @@ TEST_F(Screennail, OwnsNothingButTheReplyWhenItHasBeenSent) {
     ask();
     EXPECT_EQ(host.blocks_owned(), 1u);
     EXPECT_EQ(host.bytes_owned(), 1050u);
-    EXPECT_EQ(host.confirm(), 1);
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(host.blocks_owned(), 0u);
 }
 

@@ -34,15 +34,15 @@ TEST(StateOff, LogsEachCodeThatThePhoneMayReportAndReturns1) {
         const char* line;
     };
     const Case cases[] = {
-        {1, "PLAIN ALG_SMM SM_RETURN_TRUE"},
-        {-10, "ERROR ALG_SMM SM_RETURN_BT_RES_ERR"},
-        {-11, "ERROR ALG_SMM SM_RETURN_BT_DATA_ERR"},
-        {-12, "ERROR ALG_SMM SM_RETURN_BT_STRUCT_ERR"},
+        {SM_RETURN_TRUE, "PLAIN ALG_SMM SM_RETURN_TRUE"},
+        {SM_RETURN_BT_RES_ERR, "ERROR ALG_SMM SM_RETURN_BT_RES_ERR"},
+        {SM_RETURN_BT_DATA_ERR, "ERROR ALG_SMM SM_RETURN_BT_DATA_ERR"},
+        {SM_RETURN_BT_STRUCT_ERR, "ERROR ALG_SMM SM_RETURN_BT_STRUCT_ERR"},
     };
     for (const Case& each : cases) {
         SCOPED_TRACE(each.code);
         FakeHost host;
-        EXPECT_EQ(host.receive(request(0, words({each.code}))), 1);
+        EXPECT_EQ(host.receive(state_off_request(each.code)), SM_RETURN_TRUE);
         EXPECT_EQ(host.transcript, leaving(4, each.code, each.line));
     }
 }
@@ -51,20 +51,21 @@ TEST(StateOff, RefusesEveryOtherCodeWithoutAFurtherLine) {
     for (const int code : {0, 2, -1, -2, -3, -4, -5, -6, -7, -8, -9, -13, 10, 11, 12, 255, INT_MAX, INT_MIN}) {
         SCOPED_TRACE(code);
         FakeHost host;
-        EXPECT_EQ(host.receive(request(0, words({code}))), -1);
+        EXPECT_EQ(host.receive(state_off_request(code)), SM_RETURN_FAIL);
         EXPECT_EQ(host.transcript, leaving(4, code));
     }
 }
 
 TEST(StateOff, ReadsAnAbsentCodeAsZeroAndReturnsMinus1) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(0)), -1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_OFF)), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, leaving(0, 0));
 }
 
 TEST(StateOff, LogsAnIncompleteCodeButDoesNotBelieveIt) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(0, {1, 0, 0})), -1); // the fourth byte is missing and reads as zero
+    // The fourth byte is missing and reads as zero.
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_OFF, {1, 0, 0})), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript, leaving(3, 1));
 }
 
@@ -72,17 +73,18 @@ TEST(StateOff, IgnoresWhatFollowsTheCode) {
     for (const size_t behind : {1u, 4u, 1000u}) {
         SCOPED_TRACE(behind);
         FakeHost host;
-        EXPECT_EQ(host.receive(request(0, words({-10}) + pattern(behind))), 1);
+        EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_OFF, words({SM_RETURN_BT_RES_ERR}) + pattern(behind))),
+                  SM_RETURN_TRUE);
         EXPECT_EQ(host.transcript, leaving(static_cast<int>(4 + behind), -10, "ERROR ALG_SMM SM_RETURN_BT_RES_ERR"));
     }
 }
 
 TEST(StateOff, SendsNoReplyAndLeavesAnUnconfirmedOneAlone) {
     FakeHost host;
-    host.receive(request(SM_FUNCTION_SEND_LIST));
+    host.receive(list_request());
     const unsigned char* const unconfirmed = shotmentor_p_FullData;
     ASSERT_NE(unconfirmed, nullptr);
-    EXPECT_EQ(host.receive(request(0, words({1}))), 1);
+    EXPECT_EQ(host.receive(state_off_request(SM_RETURN_TRUE)), SM_RETURN_TRUE);
     EXPECT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(shotmentor_p_FullData, unconfirmed);
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
@@ -90,9 +92,9 @@ TEST(StateOff, SendsNoReplyAndLeavesAnUnconfirmedOneAlone) {
 
 TEST(StateOff, RecordsTheLinkStateAsOffEvenForACodeThatItRefuses) {
     FakeHost host;
-    host.receive(request(SM_FUNCTION_STATE_ON));
+    host.receive(state_on_request());
     host.forget();
-    EXPECT_EQ(host.receive(request(0, words({-2}))), -1);
+    EXPECT_EQ(host.receive(state_off_request(SM_RETURN_DATA_ERR)), SM_RETURN_FAIL);
     EXPECT_EQ(host.calls(), (Transcript{"__ui_set_shotmentor_state(0)"}));
 }
 
@@ -108,7 +110,7 @@ TEST(StateOff, ComparesTheLengthAsASignedNumberWhenCalledDirectly) {
     for (const Case& each : cases) {
         SCOPED_TRACE(each.length);
         FakeHost host;
-        const int result = host.call([&] { return ADE_SM_State_Off(payload.data(), each.length); });
+        const int result = ADE_SM_State_Off(payload.data(), each.length);
         EXPECT_EQ(result, each.result);
         Transcript expected = {"CYAN ALG_SMM ADE_SM_Off() length=" + std::to_string(each.length) + ", return_BT=1"};
         if (each.result == 1) {

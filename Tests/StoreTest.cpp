@@ -33,9 +33,9 @@ tag_custom_info automatic_preset_of_camera() {
     return camera;
 }
 
-Bytes store_request(size_t payload_length) {
+Bytes store_request_of(size_t payload_length) {
     const Bytes whole = image(automatic_preset()) + pattern(payload_length);
-    return request(3, slice(whole, 0, payload_length));
+    return request(SM_FUNCTION_RECEIVE_PRESET, slice(whole, 0, payload_length));
 }
 
 Bytes store_reply(int32_t result, int32_t preset_num, int32_t custom_id, int32_t applocal_id) {
@@ -61,7 +61,7 @@ std::string send_line(int result, int preset_num, int custom_id, int applocal_id
 
 TEST(Store, IsOneConversationFromThePacketToTheSend) {
     FakeHost host;
-    EXPECT_EQ(host.receive(store_request(844)), 1);
+    EXPECT_EQ(host.receive(store_request_of(844)), SM_RETURN_TRUE);
     EXPECT_EQ(without_conversions(host.transcript),
               (Transcript{
                   "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=3",
@@ -79,13 +79,13 @@ TEST(Store, IsOneConversationFromThePacketToTheSend) {
                   "PLAIN ALG_SMM free Receive add=#1",
               }));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, store_reply(1, 5, 6, 7));
-    EXPECT_EQ(host.replies[0].buffer, store_reply(1, 5, 6, 7) + zeros(30000 - 24));
+    EXPECT_EQ(host.replies[0].bytes, store_reply(SM_RETURN_TRUE, 5, 6, 7));
+    EXPECT_EQ(host.replies[0].buffer, store_reply(SM_RETURN_TRUE, 5, 6, 7) + zeros(30000 - 24));
 }
 
 TEST(Store, HandsTheConvertedRecordAndThePictureToTheService) {
     FakeHost host;
-    host.receive(store_request(844));
+    host.receive(store_request_of(844));
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_EQ(image(host.saved[0].record), image(automatic_preset_of_camera()));
     EXPECT_EQ(host.saved[0].length, 100);
@@ -94,37 +94,37 @@ TEST(Store, HandsTheConvertedRecordAndThePictureToTheService) {
 
 TEST(Store, Of743BytesLogsBothErrorsAndReportsTheMissingPicture) {
     FakeHost host;
-    EXPECT_EQ(host.receive(store_request(743)), -4);
+    EXPECT_EQ(host.receive(store_request_of(743)), SM_RETURN_JPG_ERR);
     // The conversion's own trace would show that it ran; there is none.
     const Transcript all = host.transcript;
     EXPECT_EQ(all, without_conversions(all));
-    EXPECT_EQ(command_lines(all),
-              (Transcript{begins(743), too_short, no_picture, allocated, send_line(-4, 0, 0, 0), send_call}));
+    EXPECT_EQ(command_lines(all), (Transcript{begins(743), too_short, no_picture, allocated,
+                                              send_line(SM_RETURN_JPG_ERR, 0, 0, 0), send_call}));
     EXPECT_TRUE(host.saved.empty());
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, store_reply(-4, 0, 0, 0));
+    EXPECT_EQ(host.replies[0].bytes, store_reply(SM_RETURN_JPG_ERR, 0, 0, 0));
 }
 
 TEST(Store, WithoutAPayloadLogsBothErrorsAndReportsTheMissingPicture) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(3)), -4);
-    EXPECT_EQ(command_lines(host.transcript),
-              (Transcript{begins(0), too_short, no_picture, allocated, send_line(-4, 0, 0, 0), send_call}));
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_RECEIVE_PRESET)), SM_RETURN_JPG_ERR);
+    EXPECT_EQ(command_lines(host.transcript), (Transcript{begins(0), too_short, no_picture, allocated,
+                                                          send_line(SM_RETURN_JPG_ERR, 0, 0, 0), send_call}));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, store_reply(-4, 0, 0, 0));
+    EXPECT_EQ(host.replies[0].bytes, store_reply(SM_RETURN_JPG_ERR, 0, 0, 0));
 }
 
 TEST(Store, WithFewerThan100BytesOfPictureIsConvertedButNotSaved) {
     for (const int length : {744, 843}) {
         SCOPED_TRACE(length);
         FakeHost host;
-        EXPECT_EQ(host.receive(store_request(static_cast<size_t>(length))), -4);
-        EXPECT_EQ(command_lines(host.transcript),
-                  (Transcript{begins(length), converted, no_picture, allocated, send_line(-4, 5, 6, 7), send_call}));
+        EXPECT_EQ(host.receive(store_request_of(static_cast<size_t>(length))), SM_RETURN_JPG_ERR);
+        EXPECT_EQ(command_lines(host.transcript), (Transcript{begins(length), converted, no_picture, allocated,
+                                                              send_line(SM_RETURN_JPG_ERR, 5, 6, 7), send_call}));
         EXPECT_TRUE(host.saved.empty());
         ASSERT_EQ(host.replies.size(), 1u);
-        EXPECT_EQ(host.replies[0].bytes, store_reply(-4, 5, 6, 7));
-        EXPECT_EQ(host.replies[0].buffer, store_reply(-4, 5, 6, 7) + zeros(30000 - 24));
+        EXPECT_EQ(host.replies[0].bytes, store_reply(SM_RETURN_JPG_ERR, 5, 6, 7));
+        EXPECT_EQ(host.replies[0].buffer, store_reply(SM_RETURN_JPG_ERR, 5, 6, 7) + zeros(30000 - 24));
     }
 }
 
@@ -136,11 +136,12 @@ TEST(Store, ReportsTheIdentityThatTheServiceGaveThePreset) {
         record.applocal_id = 56;
         return 1;
     };
-    EXPECT_EQ(host.receive(store_request(844)), 1);
-    EXPECT_EQ(command_lines(host.transcript), (Transcript{begins(844), converted, "__ui_save_downloaded_preset(100)",
-                                                          allocated, send_line(1, 12, -34, 56), send_call}));
+    EXPECT_EQ(host.receive(store_request_of(844)), SM_RETURN_TRUE);
+    EXPECT_EQ(command_lines(host.transcript),
+              (Transcript{begins(844), converted, "__ui_save_downloaded_preset(100)", allocated,
+                          send_line(SM_RETURN_TRUE, 12, -34, 56), send_call}));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, store_reply(1, 12, -34, 56));
+    EXPECT_EQ(host.replies[0].bytes, store_reply(SM_RETURN_TRUE, 12, -34, 56));
 }
 
 TEST(Store, CarriesWhateverTheServiceAnswersToThePhone) {
@@ -148,7 +149,7 @@ TEST(Store, CarriesWhateverTheServiceAnswersToThePhone) {
         SCOPED_TRACE(answer);
         FakeHost host;
         host.save = [answer](tag_custom_info&) { return answer; };
-        EXPECT_EQ(host.receive(store_request(900)), answer);
+        EXPECT_EQ(host.receive(store_request_of(900)), answer);
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, store_reply(answer, 5, 6, 7));
         EXPECT_EQ(command_lines(host.transcript),
@@ -184,7 +185,7 @@ TEST(Store, ConvertsThePhonesCodesToTheCameras) {
     camera.cs_info.cs_color[12].cs_color_b = 199;
 
     pro_sys_mode = 4; // 3, from a list before, would leave the aperture to the camera
-    host.receive(request(3, image(phone) + pattern(100)));
+    host.receive(store_request(phone, pattern(100)));
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_EQ(image(host.saved[0].record), image(camera));
 }
@@ -193,7 +194,7 @@ TEST(Store, HandsATitleWithoutANulOverAndLogs52CharactersOfIt) {
     FakeHost host;
     sm_tag_custom_info phone = automatic_preset();
     put_text(phone.title, fifty_two_characters);
-    host.receive(request(3, image(phone) + pattern(100)));
+    host.receive(store_request(phone, pattern(100)));
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_EQ(slice(image(host.saved[0].record), 0, 56), slice(image(phone), 0, 56));
     EXPECT_EQ(command_lines(host.transcript)[1], "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : " +
@@ -202,18 +203,18 @@ TEST(Store, HandsATitleWithoutANulOverAndLogs52CharactersOfIt) {
 
 TEST(Store, TakesALongPictureInManyPackets) {
     FakeHost host;
-    const Bytes long_request = request(3, image(automatic_preset()) + pattern(5000));
-    EXPECT_EQ(host.receive_in_packets(long_request, {8, 700, 44, 1, 3000}), 1);
+    const Bytes long_request = store_request(automatic_preset(), pattern(5000));
+    EXPECT_EQ(host.receive_in_packets(long_request, {8, 700, 44, 1, 3000}), SM_RETURN_TRUE);
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_EQ(host.saved[0].length, 5000);
     EXPECT_EQ(host.saved[0].image, pattern(5000));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, store_reply(1, 5, 6, 7));
+    EXPECT_EQ(host.replies[0].bytes, store_reply(SM_RETURN_TRUE, 5, 6, 7));
 }
 
 TEST(Store, TakesThePictureOfTheLongestRequest) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(3, image(automatic_preset()) + pattern(599248))), 1);
+    EXPECT_EQ(host.receive(store_request(automatic_preset(), pattern(599248))), SM_RETURN_TRUE);
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_EQ(host.saved[0].length, 599248);
     EXPECT_TRUE(host.saved[0].image == pattern(599248));
@@ -223,7 +224,7 @@ TEST(Store, ThatAnnouncesLessThanItsHeaderHandsANegativePictureLengthOver) {
     FakeHost host;
     host.save = [](tag_custom_info&) { return -2; };
     // Four bytes are the whole request: the payload's length is -4, that of the picture -4 - 744.
-    EXPECT_EQ(host.receive_with_length(words({3, 4}), 4), -2);
+    EXPECT_EQ(host.receive_with_length(header(SM_FUNCTION_RECEIVE_PRESET, 4), 4), -2);
     EXPECT_EQ(command_lines(host.transcript),
               (Transcript{begins(-4),
                           "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title :  custom_id : 0 server_id : 0",
@@ -241,10 +242,10 @@ TEST(Store, CalledWithANegativeLengthCountsItAsLong) {
     for (const auto& [length, picture] : cases) {
         SCOPED_TRACE(length);
         FakeHost host;
-        EXPECT_EQ(host.call([&payload, length = length] { return ADE_SM_Receive_Preset(payload.data(), length); }), 1);
+        EXPECT_EQ(ADE_SM_Receive_Preset(payload.data(), length), SM_RETURN_TRUE);
         EXPECT_EQ(command_lines(host.transcript),
                   (Transcript{begins(length), converted, "__ui_save_downloaded_preset(" + std::to_string(picture) + ")",
-                              allocated, send_line(1, 5, 6, 7), send_call}));
+                              allocated, send_line(SM_RETURN_TRUE, 5, 6, 7), send_call}));
         ASSERT_EQ(host.saved.size(), 1u);
         EXPECT_EQ(host.saved[0].length, picture);
         EXPECT_EQ(image(host.saved[0].record), image(automatic_preset_of_camera()));
@@ -254,20 +255,21 @@ TEST(Store, CalledWithANegativeLengthCountsItAsLong) {
 TEST(Store, CalledWithATooShortPayloadReadsNothingBeyondIt) {
     FakeHost host;
     const Bytes payload = slice(image(automatic_preset()), 0, 743);
-    EXPECT_EQ(host.call([&] { return ADE_SM_Receive_Preset(payload.data(), 743); }), -4);
-    EXPECT_EQ(host.transcript,
-              (Transcript{begins(743), too_short, no_picture, allocated, send_line(-4, 0, 0, 0), send_call}));
+    EXPECT_EQ(ADE_SM_Receive_Preset(payload.data(), 743), SM_RETURN_JPG_ERR);
+    EXPECT_EQ(host.transcript, (Transcript{begins(743), too_short, no_picture, allocated,
+                                           send_line(SM_RETURN_JPG_ERR, 0, 0, 0), send_call}));
 }
 
 TEST(Store, ParksAReplyThatIsStillUnconfirmed) {
     FakeHost host;
-    host.receive(store_request(844));
-    host.receive(store_request(743));
-    EXPECT_EQ(command_lines(host.transcript),
-              (Transcript{begins(844), converted, "__ui_save_downloaded_preset(100)", allocated, send_line(1, 5, 6, 7),
-                          send_call, begins(743), too_short, no_picture,
-                          "ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
-                          "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2", send_line(-4, 0, 0, 0), send_call}));
+    host.receive(store_request_of(844));
+    host.receive(store_request_of(743));
+    EXPECT_EQ(
+        command_lines(host.transcript),
+        (Transcript{begins(844), converted, "__ui_save_downloaded_preset(100)", allocated,
+                    send_line(SM_RETURN_TRUE, 5, 6, 7), send_call, begins(743), too_short, no_picture,
+                    "ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
+                    "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2", send_line(SM_RETURN_JPG_ERR, 0, 0, 0), send_call}));
     ASSERT_EQ(host.replies.size(), 2u);
     EXPECT_EQ(shotmentor_p_Full_Q[0], host.replies[0].message.data);
     EXPECT_EQ(shotmentor_p_FullData, host.replies[1].message.data);

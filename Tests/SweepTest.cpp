@@ -318,7 +318,7 @@ TEST_F(Sweep, EveryIdentityFromMinus50To50IsLookedUpForAPictureFrom1On) {
     host.preset_info_answer = true;
     host.fill_preset_info = [](tag_custom_info& record) { record.custom_id = 4711; };
     for (int32_t identity = -50; identity <= 50; ++identity) {
-        ASSERT_EQ(host.receive(request(2, words({identity, 9}))), 1);
+        ASSERT_EQ(host.receive(picture_request(identity, 9)), 1);
         ASSERT_EQ(host.replies.size(), 1u);
         ASSERT_EQ(word_at(host.replies[0].buffer, 8), identity > 0 ? 4711 : -5) << identity;
         ASSERT_EQ(host.replies[0].message.length, identity > 0 ? 12 : 0) << identity;

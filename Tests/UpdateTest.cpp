@@ -28,7 +28,7 @@ Transcript sent(int result) {
 
 TEST(Update, IsOneConversationFromThePacketToTheSend) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(4, image(update_of(3, 9, "Dusk")))), 1);
+    EXPECT_EQ(host.receive(update_request(update_of(3, 9, "Dusk"))), SM_RETURN_TRUE);
     EXPECT_EQ(host.transcript, (Transcript{
                                    "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager funcN=4",
                                    "PLAIN ALG_SMM ADE_ShotMentor_Receive_Manager sm_total_length=752",
@@ -43,8 +43,8 @@ TEST(Update, IsOneConversationFromThePacketToTheSend) {
                                    "PLAIN ALG_SMM free Receive add=#1",
                                }));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, update_reply(1));
-    EXPECT_EQ(host.replies[0].buffer, update_reply(1) + zeros(30000 - 12));
+    EXPECT_EQ(host.replies[0].bytes, update_reply(SM_RETURN_TRUE));
+    EXPECT_EQ(host.replies[0].buffer, update_reply(SM_RETURN_TRUE) + zeros(30000 - 12));
 }
 
 TEST(Update, OfTitleAndIdentityAloneIgnoresAllOtherFields) {
@@ -54,60 +54,61 @@ TEST(Update, OfTitleAndIdentityAloneIgnoresAllOtherFields) {
     std::copy_n(fields.begin(), 52, payload.begin());
     std::copy_n(fields.begin() + 672, 4, payload.begin() + 672);
     std::copy_n(fields.begin() + 680, 4, payload.begin() + 680);
-    EXPECT_EQ(host.receive(request(4, payload)), 1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_UPDATE_PRESET, payload)), SM_RETURN_TRUE);
     EXPECT_EQ(host.calls(), (Transcript{"__ui_preset_update_comfirm(3, 9, \"Dusk\")", "bt_send_msgs(12)"}));
 }
 
 TEST(Update, Of743BytesIsRefusedAsTooShort) {
     FakeHost host;
     const Bytes short_payload = slice(image(update_of(3, 9, "Dusk")), 0, 743);
-    EXPECT_EQ(host.receive(request(4, short_payload)), -3);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_UPDATE_PRESET, short_payload)), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(command_lines(host.transcript),
               joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Dusk",
                        "ERROR ALG_SMM SM_RETURN_STRUCT_ERR"},
-                      sent(-3)}));
+                      sent(SM_RETURN_STRUCT_ERR)}));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, update_reply(-3));
+    EXPECT_EQ(host.replies[0].bytes, update_reply(SM_RETURN_STRUCT_ERR));
 }
 
 TEST(Update, OfANegativeIdIsRefusedAsFaultyData) {
     for (const int id : {-1, INT_MIN}) {
         SCOPED_TRACE(id);
         FakeHost host;
-        EXPECT_EQ(host.receive(request(4, image(update_of(id, 9, "Dusk")))), -2);
+        EXPECT_EQ(host.receive(update_request(update_of(id, 9, "Dusk"))), SM_RETURN_DATA_ERR);
         EXPECT_EQ(command_lines(host.transcript), joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=" +
                                                                std::to_string(id) + ", server_id=9, title=Dusk",
                                                            "ERROR ALG_SMM SM_RETURN_DATA_ERR"},
-                                                          sent(-2)}));
+                                                          sent(SM_RETURN_DATA_ERR)}));
         ASSERT_EQ(host.replies.size(), 1u);
-        EXPECT_EQ(host.replies[0].bytes, update_reply(-2));
+        EXPECT_EQ(host.replies[0].bytes, update_reply(SM_RETURN_DATA_ERR));
     }
 }
 
 TEST(Update, OfId0ReachesTheService) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(4, image(update_of(0, 9, "Dusk")))), 1);
+    EXPECT_EQ(host.receive(update_request(update_of(0, 9, "Dusk"))), SM_RETURN_TRUE);
     EXPECT_EQ(command_lines(host.transcript),
               joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=0, server_id=9, title=Dusk",
                        "__ui_preset_update_comfirm(0, 9, \"Dusk\")"},
-                      sent(1)}));
+                      sent(SM_RETURN_TRUE)}));
 }
 
 TEST(Update, ThatIsTooShortAndHasANegativeIdIsRefusedAsTooShort) {
     FakeHost host;
     const Bytes short_payload = slice(image(update_of(-1, 9, "Dusk")), 0, 743);
-    EXPECT_EQ(host.receive(request(4, short_payload)), -3);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_UPDATE_PRESET, short_payload)), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(command_lines(host.transcript),
               joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=-1, server_id=9, title=Dusk",
                        "ERROR ALG_SMM SM_RETURN_STRUCT_ERR"},
-                      sent(-3)}));
+                      sent(SM_RETURN_STRUCT_ERR)}));
     ASSERT_EQ(host.replies.size(), 1u);
-    EXPECT_EQ(host.replies[0].bytes, update_reply(-3));
+    EXPECT_EQ(host.replies[0].bytes, update_reply(SM_RETURN_STRUCT_ERR));
 }
 
 TEST(Update, MayHaveMoreBytesThanARecord) {
     FakeHost host;
-    EXPECT_EQ(host.receive(request(4, image(update_of(3, 9, "Dusk")) + pattern(300))), 1);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_UPDATE_PRESET, image(update_of(3, 9, "Dusk")) + pattern(300))),
+              SM_RETURN_TRUE);
     EXPECT_EQ(host.calls(), (Transcript{"__ui_preset_update_comfirm(3, 9, \"Dusk\")", "bt_send_msgs(12)"}));
 }
 
@@ -116,7 +117,7 @@ TEST(Update, CarriesWhateverTheServiceAnswersToThePhone) {
         SCOPED_TRACE(answer);
         FakeHost host;
         host.update_answer = answer;
-        EXPECT_EQ(host.receive(request(4, image(update_of(3, 9, "Dusk")))), answer);
+        EXPECT_EQ(host.receive(update_request(update_of(3, 9, "Dusk"))), answer);
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, update_reply(answer));
         EXPECT_EQ(host.transcript[8],
@@ -129,12 +130,12 @@ TEST(Update, PassesAnyServerIdentityOn) {
         const std::string number = std::to_string(server_id);
         SCOPED_TRACE(number);
         FakeHost host;
-        EXPECT_EQ(host.receive(request(4, image(update_of(INT_MAX, server_id, "Dusk")))), 1);
+        EXPECT_EQ(host.receive(update_request(update_of(INT_MAX, server_id, "Dusk"))), SM_RETURN_TRUE);
         EXPECT_EQ(
             command_lines(host.transcript),
             joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=2147483647, server_id=" + number + ", title=Dusk",
                      "__ui_preset_update_comfirm(2147483647, " + number + ", \"Dusk\")"},
-                    sent(1)}));
+                    sent(SM_RETURN_TRUE)}));
     }
 }
 
@@ -142,11 +143,11 @@ TEST(Update, HandsATitleWithoutANulOverWithANulBehindIt) {
     FakeHost host;
     sm_tag_custom_info record = update_of(3, 9, fifty_two_characters);
     record.mode = 0x41414141; // the bytes behind the title are not NULs
-    EXPECT_EQ(host.receive(request(4, image(record))), 1);
+    EXPECT_EQ(host.receive(update_request(record)), SM_RETURN_TRUE);
     EXPECT_EQ(command_lines(host.transcript),
               joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=" + fifty_two_characters,
                        "__ui_preset_update_comfirm(3, 9, \"" + fifty_two_characters + "\")"},
-                      sent(1)}));
+                      sent(SM_RETURN_TRUE)}));
     ASSERT_EQ(host.updated_titles.size(), 1u);
     EXPECT_EQ(host.updated_titles[0], Bytes(fifty_two_characters.begin(), fifty_two_characters.end()) + Bytes{0});
 }
@@ -155,7 +156,7 @@ TEST(Update, HandsAll52BytesOfATitleOver) {
     FakeHost host;
     sm_tag_custom_info record = update_of(3, 9, "");
     put_text(record.title, std::string("Dusk\0behind the end", 19));
-    EXPECT_EQ(host.receive(request(4, image(record))), 1);
+    EXPECT_EQ(host.receive(update_request(record)), SM_RETURN_TRUE);
     ASSERT_EQ(host.updated_titles.size(), 1u);
     EXPECT_EQ(host.updated_titles[0], slice(image(record), 0, 52) + Bytes{0});
     EXPECT_EQ(host.transcript[5], "CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Dusk");
@@ -163,24 +164,24 @@ TEST(Update, HandsAll52BytesOfATitleOver) {
 
 TEST(Update, WithoutAPayloadReadsZerosAndNotTheRequestBefore) {
     FakeHost host;
-    host.receive(request(4, image(update_of(3, 9, "Dusk"))));
+    host.receive(update_request(update_of(3, 9, "Dusk")));
     host.confirm();
     host.forget();
-    EXPECT_EQ(host.receive(request(4)), -3);
+    EXPECT_EQ(host.receive(request(SM_FUNCTION_UPDATE_PRESET)), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(command_lines(host.transcript),
               joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=0, server_id=0, title=",
                        "ERROR ALG_SMM SM_RETURN_STRUCT_ERR"},
-                      sent(-3)}));
+                      sent(SM_RETURN_STRUCT_ERR)}));
 }
 
 TEST(Update, ThatAnnouncesLessThanItsHeaderCountsAsLongAndReadsZeros) {
     FakeHost host;
     // Four bytes are the whole request: the payload's length is -4.
-    EXPECT_EQ(host.receive_with_length(words({4, 4}), 4), 1);
+    EXPECT_EQ(host.receive_with_length(header(SM_FUNCTION_UPDATE_PRESET, 4), 4), SM_RETURN_TRUE);
     EXPECT_EQ(command_lines(host.transcript),
               joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=0, server_id=0, title=",
                        "__ui_preset_update_comfirm(0, 0, \"\")"},
-                      sent(1)}));
+                      sent(SM_RETURN_TRUE)}));
 }
 
 TEST(Update, CalledWithANegativeLengthCountsItAsLong) {
@@ -188,7 +189,7 @@ TEST(Update, CalledWithANegativeLengthCountsItAsLong) {
     for (const int length : {-1, -8, INT_MIN}) {
         SCOPED_TRACE(length);
         FakeHost host;
-        EXPECT_EQ(host.call([&] { return ADE_SM_Update_Preset(payload.data(), length); }), 1);
+        EXPECT_EQ(ADE_SM_Update_Preset(payload.data(), length), SM_RETURN_TRUE);
         EXPECT_EQ(host.calls(), (Transcript{"__ui_preset_update_comfirm(3, 9, \"Dusk\")", "bt_send_msgs(12)"}));
     }
 }
@@ -196,22 +197,22 @@ TEST(Update, CalledWithANegativeLengthCountsItAsLong) {
 TEST(Update, CalledWithoutLengthReadsTheRecordAllTheSame) {
     FakeHost host;
     const Bytes payload = image(update_of(3, 9, "Dusk"));
-    EXPECT_EQ(host.call([&] { return ADE_SM_Update_Preset(payload.data(), 0); }), -3);
+    EXPECT_EQ(ADE_SM_Update_Preset(payload.data(), 0), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(host.transcript, joined({{"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Dusk",
                                         "ERROR ALG_SMM SM_RETURN_STRUCT_ERR"},
-                                       sent(-3)}));
+                                       sent(SM_RETURN_STRUCT_ERR)}));
 }
 
 TEST(Update, ParksAReplyThatIsStillUnconfirmed) {
     FakeHost host;
-    const Bytes update = request(4, image(update_of(3, 9, "Dusk")));
+    const Bytes update = update_request(update_of(3, 9, "Dusk"));
     host.receive(update);
     host.receive(update);
     const Transcript asked = {"CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=3, server_id=9, title=Dusk",
                               "__ui_preset_update_comfirm(3, 9, \"Dusk\")"};
     EXPECT_EQ(command_lines(host.transcript),
               joined({asked,
-                      sent(1),
+                      sent(SM_RETURN_TRUE),
                       asked,
                       {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
                        "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2",

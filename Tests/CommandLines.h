@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <initializer_list>
 #include <iterator>
@@ -81,6 +82,20 @@ inline std::vector<tag_custom_info> presets_from_100(int count) {
         presets.push_back(preset(100 + number, number));
     }
     return presets;
+}
+
+// The camera that every_request() speaks of.
+inline void store_presets_of_every_request(FakeHost& host) {
+    host.presets = presets_from_100(3);
+    host.linked[0] = 1;
+    host.linked[1] = -1;
+}
+
+// A text as part of a test's name: what is neither letter nor digit becomes an underscore.
+inline std::string with_underscores(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char letter) { return std::isalnum(letter) == 0; }, '_');
+    return text;
 }
 
 // Puts a text into a field of fixed size, without a NUL where it fills the field.

@@ -32,89 +32,28 @@ void PrintTo(const Conversation& conversation, std::ostream* out) {
     *out << conversation.name;
 }
 
-// The camera stores the custom ids 100 to 102 under the numbers 0 to 2; CUSTOM1 uses number 1.
-void start(FakeHost& host) {
-    host.presets = presets_from_100(3);
-    host.linked[0] = 1;
-    host.linked[1] = -1;
-}
-
-sm_tag_custom_info record_of(int32_t custom_id) {
-    sm_tag_custom_info record = {};
-    put_text(record.title, fifty_two_characters);
-    record.mode = 4;
-    record.av_index = 900;
-    record.custom_id = custom_id;
-    return record;
-}
-
-struct Named {
-    const char* name;
-    Bytes request;
-};
-
-// Each kind of request, in the forms that are served and in those that are refused.
-const std::vector<Named>& requests() {
-    static const std::vector<Named> all = {
-        {"link state off", state_off_request(SM_RETURN_TRUE)},
-        {"link state off with an error", state_off_request(SM_RETURN_BT_RES_ERR)},
-        {"link state off with an unknown code", state_off_request(7)},
-        {"link state off without a code", request(SM_FUNCTION_STATE_OFF)},
-        {"link state on", state_on_request()},
-        {"a number that nobody serves", request(200, words({1}))},
-        {"list", list_request()},
-        {"picture", picture_request(100, 5)},
-        {"picture of identity 0", picture_request(0, 5)},
-        {"picture of identity -1", picture_request(-1, 5)},
-        {"picture of an unknown preset", picture_request(77, 5)},
-        {"picture without an identity", request(SM_FUNCTION_SEND_PRESET)},
-        {"store", store_request(record_of(6), pattern(100))},
-        {"store with too short a picture", store_request(record_of(6), pattern(99))},
-        {"store with too short a record", request(SM_FUNCTION_RECEIVE_PRESET, pattern(20))},
-        {"update", update_request(record_of(100))},
-        {"update of a negative identity", update_request(record_of(-1))},
-        {"update with too short a record", request(SM_FUNCTION_UPDATE_PRESET, pattern(20))},
-        {"deletion of one", delete_request({{0, 100}})},
-        {"deletion of a preset in use", delete_request({{1, 101}})},
-        {"deletion of all", delete_request({{2, 102}, {1, 101}, {0, 100}})},
-        {"deletion of nothing", delete_request({})},
-        {"deletion of number 40", delete_request({{0, 100}, {40, 101}})},
-        {"deletion of number -1", delete_request({{-1, 100}})},
-        {"deletion of identity 0", delete_request({{0, 0}})},
-        {"deletion of an unknown identity", delete_request({{0, 100}, {1, 77}})},
-    };
-    return all;
-}
-
-const Bytes& named(const std::string& name) {
-    const auto found =
-        std::find_if(requests().begin(), requests().end(), [&name](const Named& entry) { return entry.name == name; });
-    EXPECT_NE(found, requests().end()) << name;
-    return found->request;
-}
-
 std::vector<Conversation> conversations() {
     std::vector<Conversation> all;
-    for (const Named& entry : requests()) {
-        all.push_back({entry.name, {entry.request, confirmation}});
+    for (const NamedRequest& entry : every_request()) {
+        all.push_back({entry.name, {entry.bytes, confirmation}});
     }
-    const Bytes list = named("list");
-    const Bytes picture = named("picture");
-    const Bytes no_picture = named("picture of identity 0");
-    const Bytes unknown_picture = named("picture of an unknown preset");
-    const Bytes update = named("update");
-    const Bytes deletion = named("deletion of all");
+    const Bytes list = request_named("list");
+    const Bytes picture = request_named("picture");
+    const Bytes no_picture = request_named("picture of identity 0");
+    const Bytes unknown_picture = request_named("picture of an unknown preset");
+    const Bytes update = request_named("update");
+    const Bytes deletion = request_named("deletion of all");
     all.push_back({"two lists", {list, list, confirmation, confirmation}});
     all.push_back({"an error reply that takes the place of a list", {list, no_picture, confirmation}});
     all.push_back({"an error reply behind a queued list",
                    {list, update, unknown_picture, confirmation, confirmation, confirmation}});
     all.push_back({"a visit",
-                   {named("link state on"), list, confirmation, picture, confirmation, named("store"), confirmation,
-                    deletion, confirmation, named("link state off")}});
+                   {request_named("link state on"), list, confirmation, picture, confirmation, request_named("store"),
+                    confirmation, deletion, confirmation, request_named("link state off")}});
     all.push_back({"late confirmations",
-                   {picture, deletion, list, confirmation, named("store"), confirmation, confirmation, confirmation,
-                    confirmation}});
-    all.push_back({"two deletions", {named("deletion of one"), deletion, confirmation, confirmation}});
+                   {picture, deletion, list, confirmation, request_named("store"), confirmation, confirmation,
+                    confirmation, confirmation}});
+    all.push_back({"two deletions", {request_named("deletion of one"), deletion, confirmation, confirmation}});
     Conversation overflow = {"more replies than the queue holds", std::vector<Bytes>(12, update)};
     overflow.steps.push_back(unknown_picture);
     overflow.steps.insert(overflow.steps.end(), 12, confirmation);
@@ -156,14 +95,17 @@ bool is_idle() {
 }
 
 const std::set<int>& possible_results(int32_t function) {
-    static const std::set<int> nothing_done = {-1};
+    static const std::set<int> nothing_done = {SM_RETURN_FAIL};
     static const std::map<int32_t, std::set<int>> results = {
-        {0, {1, -1}},
-        {1, {1, -1}},
-        {2, {1}},
-        {3, {1, -4, INT_MIN, INT_MAX}}, // what the service answers, too
-        {4, {1, -2, -3, INT_MIN, INT_MAX}},
-        {5, {1, 0, -2, -3, -7, -8}},
+        {SM_FUNCTION_STATE_OFF, {SM_RETURN_TRUE, SM_RETURN_FAIL}},
+        {SM_FUNCTION_SEND_LIST, {SM_RETURN_TRUE, SM_RETURN_FAIL}},
+        {SM_FUNCTION_SEND_PRESET, {SM_RETURN_TRUE}},
+        // what the service answers, too
+        {SM_FUNCTION_RECEIVE_PRESET, {SM_RETURN_TRUE, SM_RETURN_JPG_ERR, INT_MIN, INT_MAX}},
+        {SM_FUNCTION_UPDATE_PRESET, {SM_RETURN_TRUE, SM_RETURN_DATA_ERR, SM_RETURN_STRUCT_ERR, INT_MIN, INT_MAX}},
+        {SM_FUNCTION_DELETE_PRESET,
+         {SM_RETURN_TRUE, SM_RETURN_SYSTEM_DATA_ERR, SM_RETURN_DATA_ERR, SM_RETURN_STRUCT_ERR, SM_RETURN_OPENED_ERR,
+          SM_RETURN_OPENED_BOTH_ERR}},
     };
     const auto found = results.find(function);
     return found != results.end() ? found->second : nothing_done;
@@ -181,29 +123,30 @@ void expect_sound(const Reply& reply, int32_t function, int result) {
     EXPECT_EQ(word_at(reply.buffer, 0), 0x1000 + function);
     const int32_t total = word_at(reply.buffer, 4);
     if (reply.message.length == 0) {
-        EXPECT_EQ(function, 2);
+        EXPECT_EQ(function, SM_FUNCTION_SEND_PRESET);
         EXPECT_EQ(total, 12);
-        EXPECT_TRUE(word_at(reply.buffer, 8) == -5 || word_at(reply.buffer, 8) == -6);
+        EXPECT_TRUE(word_at(reply.buffer, 8) == SM_RETURN_PRESETN_ERR ||
+                    word_at(reply.buffer, 8) == SM_RETURN_LOCALN_ERR);
         return;
     }
     ASSERT_EQ(static_cast<size_t>(total), reply.bytes.size());
     EXPECT_LE(reply.bytes.size(), reply.buffer.size());
     const auto word = [&reply](size_t offset) { return word_at(reply.bytes, offset); };
     switch (function) {
-    case 1:
-        EXPECT_EQ(result, 1);
+    case SM_FUNCTION_SEND_LIST:
+        EXPECT_EQ(result, SM_RETURN_TRUE);
         expect_whole_records(total - 28, word(24));
         return;
-    case 2:
+    case SM_FUNCTION_SEND_PRESET:
         EXPECT_EQ(total, 12) << "these presets have no picture";
         return;
-    case 3:
-    case 4:
-        EXPECT_EQ(total, function == 3 ? 24 : 12);
+    case SM_FUNCTION_RECEIVE_PRESET:
+    case SM_FUNCTION_UPDATE_PRESET:
+        EXPECT_EQ(total, function == SM_FUNCTION_RECEIVE_PRESET ? 24 : 12);
         EXPECT_EQ(word(8), result);
         return;
     default:
-        ASSERT_EQ(function, 5);
+        ASSERT_EQ(function, SM_FUNCTION_DELETE_PRESET);
         EXPECT_EQ(word(8), result);
         const int32_t rest = total - 20 - word(16) * 744;
         EXPECT_TRUE(rest == 0 || rest == 8 || rest == 16) << rest;
@@ -214,7 +157,7 @@ void expect_sound(const Reply& reply, int32_t function, int result) {
 // One conversation with one fault.
 class Encounter {
   public:
-    explicit Encounter(const Fault& fault) : fault_(fault) { start(host_); }
+    explicit Encounter(const Fault& fault) : fault_(fault) { store_presets_of_every_request(host_); }
 
     void hold(const Conversation& conversation) {
         for (size_t step = 0; step < conversation.steps.size(); ++step) {
@@ -241,7 +184,7 @@ class Encounter {
     void confirm() {
         const std::vector<const void*> before = waiting_replies();
         const bool was_current = shotmentor_p_FullData != nullptr;
-        EXPECT_EQ(host_.confirm(), was_current ? 1 : -1);
+        EXPECT_EQ(host_.confirm(), was_current ? SM_RETURN_TRUE : SM_RETURN_FAIL);
         EXPECT_EQ(waiting_replies(), std::vector(before.begin() + (was_current ? 1 : 0), before.end()));
     }
 
@@ -254,14 +197,14 @@ class Encounter {
         if (!is_idle()) { // without memory for the request: it stays incomplete, until the host ends it
             EXPECT_TRUE(fault_.refuses_memory);
             EXPECT_EQ(shotmentor_p_ReceiveData, nullptr);
-            EXPECT_EQ(result, -1);
+            EXPECT_EQ(result, SM_RETURN_FAIL);
             EXPECT_TRUE(host_.replies.empty());
             ADE_ShotMentor_Return_To_Idle();
         } else {
             EXPECT_TRUE(possible_results(function).contains(result)) << result;
             expect_sound_replies(function, result);
         }
-        note_lost(before, function == 2 && was_current);
+        note_lost(before, function == SM_FUNCTION_SEND_PRESET && was_current);
     }
 
     void expect_sound_replies(int32_t function, int result) {
@@ -271,7 +214,7 @@ class Encounter {
             expect_sound(reply, function, result);
         }
         // Only a command that has a reply and the memory for it sends one.
-        const bool has_reply = function >= 1 && function <= 5;
+        const bool has_reply = function >= SM_FUNCTION_SEND_LIST && function <= SM_FUNCTION_DELETE_PRESET;
         if (!fault_.refuses_memory) {
             EXPECT_EQ(host_.replies.size(), has_reply ? 1u : 0u);
         }
@@ -339,7 +282,7 @@ int count_of(const FakeHost& host, const std::string& service) {
 // Holds a conversation in which nothing fails. Returns the allocations that it takes.
 int record(const Conversation& conversation, std::vector<StepRecord>& steps) {
     FakeHost host;
-    start(host);
+    store_presets_of_every_request(host);
     host.refuse_allocation(0);
     std::vector<void*> lost;
     for (const Bytes& step : conversation.steps) {
@@ -469,79 +412,9 @@ TEST_P(FailureLoop, KeepsItsPromisesWhicheverAnswerOrAllocationFails) {
 }
 
 std::string test_name(const testing::TestParamInfo<Conversation>& info) {
-    std::string name = info.param.name;
-    std::replace_if(
-        name.begin(), name.end(), [](char letter) { return std::isalnum(static_cast<unsigned char>(letter)) == 0; },
-        '_');
-    return name;
+    return with_underscores(info.param.name);
 }
 
 INSTANTIATE_TEST_SUITE_P(In, FailureLoop, testing::ValuesIn(conversations()), test_name);
-
-// ---- Three packets --------------------------------------------------------------------------------------------------
-
-struct Answer {
-    int result;
-    Transcript calls;
-    std::vector<Bytes> buffers; // the replies, each in its whole buffer
-    bool operator==(const Answer&) const = default;
-};
-
-// Hands bytes from `first` to `end` over. A first packet lies in memory that holds the whole header.
-int hand_over(FakeHost& host, const Bytes& whole, size_t first, size_t end) {
-    const size_t readable = first == 0 ? std::max(end, sizeof(sm_frame)) : end;
-    return host.receive_with_length(slice(whole, first, readable - first), static_cast<int>(end - first));
-}
-
-Answer answer_in_packets(const Bytes& whole, const std::vector<size_t>& cuts) {
-    FakeHost host;
-    start(host);
-    size_t first = 0;
-    for (const size_t cut : cuts) {
-        EXPECT_EQ(hand_over(host, whole, first, cut), -1);
-        EXPECT_TRUE(host.replies.empty());
-        first = cut;
-    }
-    Answer answer = {hand_over(host, whole, first, whole.size()), host.calls(), {}};
-    EXPECT_TRUE(is_idle());
-    for (const Reply& reply : host.replies) {
-        answer.buffers.push_back(reply.buffer);
-    }
-    EXPECT_EQ(host.blocks_owned(), host.replies.size());
-    return answer;
-}
-
-// Every position of a short request, and of a long one those around which something of it begins or ends.
-std::vector<size_t> cut_positions(size_t size) {
-    std::set<size_t> positions;
-    if (size <= 40) {
-        for (size_t position = 1; position < size; ++position) {
-            positions.insert(position);
-        }
-    } else {
-        for (const size_t border : {size_t{0}, size_t{4}, size_t{8}, size_t{60}, size_t{748}, size_t{752}, size}) {
-            for (const size_t position : {border - 1, border, border + 1}) {
-                if (position > 0 && position < size) { // border 0 less 1 is huge
-                    positions.insert(position);
-                }
-            }
-        }
-    }
-    return {positions.begin(), positions.end()};
-}
-
-TEST(ThreePackets, GiveTheSameAnswerAsOneWhereverARequestIsCut) {
-    for (const Named& entry : requests()) {
-        const Answer whole = answer_in_packets(entry.request, {});
-        const std::vector<size_t> cuts = cut_positions(entry.request.size());
-        EXPECT_GE(cuts.size(), 7u);
-        for (size_t first = 0; first < cuts.size(); ++first) {
-            for (size_t second = first + 1; second < cuts.size(); ++second) {
-                ASSERT_TRUE(answer_in_packets(entry.request, {cuts[first], cuts[second]}) == whole)
-                    << entry.name << ", cut at " << cuts[first] << " and " << cuts[second];
-            }
-        }
-    }
-}
 
 } // namespace

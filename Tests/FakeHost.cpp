@@ -353,14 +353,13 @@ int FakeHost::receive_with_length(const Bytes& packet, int length) {
     return ADE_ShotMentor_Receive_Manager(memory.get(), length);
 }
 
-int FakeHost::receive_in_packets(const Bytes& request, const std::vector<size_t>& sizes) {
-    int result = SM_RETURN_FAIL;
-    size_t first = 0;
-    for (const size_t size : sizes) {
-        result = receive(slice(request, first, size));
-        first += size;
-    }
-    return first < request.size() ? receive(slice(request, first, request.size() - first)) : result;
+std::vector<int> FakeHost::receive_in_packets(const Bytes& request, const std::vector<size_t>& ends) {
+    std::vector<int> results;
+    in_packets(request, ends, [&](size_t first, size_t end) {
+        const size_t readable = first == 0 ? std::max(end, sizeof(sm_frame)) : end;
+        results.push_back(receive_with_length(slice(request, first, readable - first), static_cast<int>(end - first)));
+    });
+    return results;
 }
 
 int FakeHost::confirm() {

@@ -82,8 +82,10 @@ class FakeHost {
     int receive(const Bytes& packet);
     // Hands a packet over with another length than it has.
     int receive_with_length(const Bytes& packet, int length);
-    // Hands a request over in packets of these sizes, and the rest of it in one more. Returns the last result.
-    int receive_in_packets(const Bytes& request, const std::vector<size_t>& sizes);
+    // Hands a request over in packets that end at these positions, and the rest of it in one more. A first packet that
+    // is shorter than the header lies in memory that holds the rest of the header behind it. Returns each packet's
+    // result.
+    std::vector<int> receive_in_packets(const Bytes& request, const std::vector<size_t>& ends);
     // Confirms one send.
     int confirm();
     // Returns the reassembly to idle and frees every unconfirmed reply, as a host does when the link drops.

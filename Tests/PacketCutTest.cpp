@@ -1,65 +1,22 @@
 // It does not matter how a request is cut into packets: every cut gives the same result, the same calls of the camera's
 // services and the same replies, byte for byte. The log differs in the lines that report the appended packets, and in
 // nothing else.
-#include <cctype>
-#include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "FakeHost.h"
+#include "CommandLines.h"
 
-namespace {
-
-using Sizes = std::vector<size_t>;
-
-struct Request {
-    const char* name;
-    Bytes bytes;
-    int result;           // what the camera answers to it
-    size_t service_calls; // how many calls it leads to, so that no comparison is between nothing and nothing
-    size_t replies;
-};
-
-void PrintTo(const Request& request, std::ostream* out) {
+// Where the test framework looks for it: beside the type.
+void PrintTo(const NamedRequest& request, std::ostream* out) {
     *out << request.name;
 }
 
-tag_custom_info stored_preset(int id, int number) {
-    tag_custom_info record = preset(id, number);
-    record.mode = 4;
-    record.metering = 2;
-    return record;
-}
+namespace {
 
-sm_tag_custom_info phone_record() {
-    sm_tag_custom_info record{};
-    std::strcpy(record.title, "Evening at the sea");
-    record.mode = 2;
-    record.av_index = 56;
-    record.iso = 400;
-    record.custom_id = 3;
-    record.server_id = 0x01020304;
-    record.made_id = 0x44;
-    return record;
-}
-
-// One request of each kind. The camera stores presets with the custom ids 1 to 3.
-std::vector<Request> requests() {
-    return {
-        {"0, link state off", state_off_request(SM_RETURN_BT_RES_ERR), 1, 1, 0},
-        {"1, preset list", list_request(), 1, 6, 1},
-        {"2, picture", picture_request(3, 8), 1, 2, 1},
-        {"2, picture of a preset that does not exist", picture_request(77, 8), 1, 2, 1},
-        {"3, store", store_request(phone_record(), pattern(100)), 1, 2, 1},
-        {"3, store with too short a picture", store_request(phone_record(), pattern(99)), -4, 1, 1},
-        {"4, update", update_request(phone_record()), 1, 2, 1},
-        {"5, delete", delete_request({{0, 1}, {2, 3}}), 1, 9, 1},
-        {"255, link state on", request(SM_FUNCTION_STATE_ON, pattern(5)), -1, 1, 0},
-        {"200, a number that nobody serves", request(200, words({1})), -1, 0, 0},
-    };
-}
+using Positions = std::vector<size_t>;
 
 // All that a request leads to.
 struct Outcome {
@@ -69,27 +26,14 @@ struct Outcome {
     std::vector<int> lengths;
     std::vector<Bytes> saved;
     std::vector<Bytes> titles;
-    std::vector<tag_custom_info> presets;
+    std::vector<Bytes> presets;
 };
 
-// Hands one packet over. The header words of a first packet are read in any case, so a shorter one lies in memory that
-// holds the rest of the header behind it.
-int hand_over(FakeHost& host, const Bytes& all, size_t first, size_t size) {
-    if (first == 0 && size < sizeof(sm_frame)) {
-        return host.receive_with_length(slice(all, 0, sizeof(sm_frame)), static_cast<int>(size));
-    }
-    return host.receive(slice(all, first, size));
-}
-
-Outcome converse(const Bytes& all, const Sizes& sizes) {
+Outcome converse(const Bytes& request, const Positions& ends) {
     FakeHost host;
-    host.presets = {stored_preset(1, 0), stored_preset(2, 1), stored_preset(3, 2)};
+    store_presets_of_every_request(host);
     Outcome outcome;
-    size_t first = 0;
-    for (const size_t size : sizes) {
-        outcome.results.push_back(hand_over(host, all, first, size));
-        first += size;
-    }
+    outcome.results = host.receive_in_packets(request, ends);
     outcome.transcript = host.transcript;
     for (const Reply& reply : host.replies) {
         outcome.replies.push_back(reply.buffer);
@@ -99,7 +43,9 @@ Outcome converse(const Bytes& all, const Sizes& sizes) {
         outcome.saved.push_back(image(saved.record) + saved.image);
     }
     outcome.titles = host.updated_titles;
-    outcome.presets = host.presets;
+    for (const tag_custom_info& preset : host.presets) {
+        outcome.presets.push_back(image(preset));
+    }
     return outcome;
 }
 
@@ -109,14 +55,9 @@ bool is_append_line(const std::string& line) {
     return line.rfind(append_line_start, 0) == 0;
 }
 
-Transcript append_lines_of(const Transcript& transcript) {
-    Transcript found;
-    for (const std::string& line : transcript) {
-        if (is_append_line(line)) {
-            found.push_back(line);
-        }
-    }
-    return found;
+Transcript append_lines_of(Transcript transcript) {
+    std::erase_if(transcript, [](const std::string& line) { return !is_append_line(line); });
+    return transcript;
 }
 
 Transcript without_append_lines(Transcript transcript) {
@@ -124,95 +65,127 @@ Transcript without_append_lines(Transcript transcript) {
     return transcript;
 }
 
-// The append lines of packets of these sizes.
-Transcript append_lines_for(const Sizes& sizes) {
+// The append lines of packets that end at these positions.
+Transcript append_lines_for(const Bytes& request, const Positions& ends) {
     Transcript expected;
-    size_t sum = 0;
-    for (const size_t size : sizes) {
-        sum += size;
-        expected.push_back(append_line_start + std::to_string(size) + ", sm_BT_combine_length=" + std::to_string(sum));
-    }
+    in_packets(request, ends, [&expected](size_t first, size_t end) {
+        expected.push_back(append_line_start + std::to_string(end - first) +
+                           ", sm_BT_combine_length=" + std::to_string(end));
+    });
     return expected;
 }
 
-std::vector<Bytes> images(const std::vector<tag_custom_info>& records) {
-    std::vector<Bytes> all;
-    for (const tag_custom_info& record : records) {
-        all.push_back(image(record));
-    }
-    return all;
-}
-
-void expect_same(const Outcome& whole, const Outcome& cut, const Sizes& sizes, int result) {
-    std::vector<int> results(sizes.size(), -1);
-    results.back() = result;
-    EXPECT_EQ(cut.results, results);
-    EXPECT_EQ(append_lines_of(cut.transcript), append_lines_for(sizes));
-    EXPECT_EQ(without_append_lines(cut.transcript), without_append_lines(whole.transcript));
-    EXPECT_TRUE(cut.replies == whole.replies);
-    EXPECT_EQ(cut.lengths, whole.lengths);
-    EXPECT_TRUE(cut.saved == whole.saved);
-    EXPECT_EQ(cut.titles, whole.titles);
-    EXPECT_TRUE(images(cut.presets) == images(whole.presets));
-}
-
-class PacketCut : public testing::TestWithParam<Request> {
+class PacketCut : public testing::TestWithParam<NamedRequest> {
   protected:
+    const Bytes& request = GetParam().bytes;
     // The conversation in one packet, which all others are compared with.
-    const Outcome whole = converse(GetParam().bytes, {GetParam().bytes.size()});
+    const Outcome whole = converse(request, {});
 
-    void compare(const Sizes& sizes) {
-        expect_same(whole, converse(GetParam().bytes, sizes), sizes, GetParam().result);
+    void compare(const Positions& ends) {
+        const Outcome cut = converse(request, ends);
+        std::vector<int> results(ends.size(), SM_RETURN_FAIL);
+        results.push_back(GetParam().result);
+        EXPECT_EQ(cut.results, results);
+        EXPECT_EQ(append_lines_of(cut.transcript), append_lines_for(request, ends));
+        EXPECT_EQ(without_append_lines(cut.transcript), without_append_lines(whole.transcript));
+        EXPECT_TRUE(cut.replies == whole.replies);
+        EXPECT_EQ(cut.lengths, whole.lengths);
+        EXPECT_TRUE(cut.saved == whole.saved);
+        EXPECT_EQ(cut.titles, whole.titles);
+        EXPECT_TRUE(cut.presets == whole.presets);
+    }
+
+    void compare_in_packets_of(size_t size) {
+        Positions ends;
+        for (size_t end = size; end < request.size(); end += size) {
+            ends.push_back(end);
+        }
+        compare(ends);
     }
 };
 
 TEST_P(PacketCut, HasARequestToCompareWithThatDoesWhatItIsMeantTo) {
-    const Request& request = GetParam();
-    EXPECT_EQ(whole.results, (std::vector<int>{request.result}));
-    EXPECT_EQ(append_lines_of(whole.transcript), append_lines_for({request.bytes.size()}));
-    EXPECT_EQ(whole.replies.size(), request.replies);
+    EXPECT_EQ(whole.results, (std::vector<int>{GetParam().result}));
+    EXPECT_EQ(append_lines_of(whole.transcript), append_lines_for(request, {}));
+    EXPECT_EQ(whole.replies.size(), GetParam().replies);
     size_t calls = 0;
     for (const std::string& line : whole.transcript) {
-        calls += line.find(" ALG_S") == std::string::npos ? 1u : 0u;
+        const bool is_log_line = line.find(" ALG_S") != std::string::npos;
+        calls += is_log_line || line == "User_Spec_Get_Value(272)" ? 0u : 1u;
     }
-    // The conversions of a list ask for the model's ISO steps, once for each record.
-    for (const std::string& line : whole.transcript) {
-        calls -= line == "User_Spec_Get_Value(272)" ? 1u : 0u;
-    }
-    EXPECT_EQ(calls, request.service_calls);
+    EXPECT_EQ(calls, GetParam().service_calls);
 }
 
 TEST_P(PacketCut, MakesNoDifferenceInTwoPacketsAtAnyPosition) {
-    const size_t size = GetParam().bytes.size();
-    for (size_t position = 1; position < size && !HasFailure(); ++position) {
+    for (size_t position = 1; position < request.size() && !HasFailure(); ++position) {
         SCOPED_TRACE("first packet of " + std::to_string(position) + " bytes");
-        compare({position, size - position});
+        compare({position});
     }
 }
 
 TEST_P(PacketCut, MakesNoDifferenceInPacketsOfOneByte) {
-    compare(Sizes(GetParam().bytes.size(), 1));
+    compare_in_packets_of(1);
 }
 
 TEST_P(PacketCut, MakesNoDifferenceInPacketsOfTheLinksUsualSizes) {
-    for (const size_t packet : {2u, 3u, 7u, 8u, 20u, 100u, 400u}) {
-        SCOPED_TRACE("packets of " + std::to_string(packet) + " bytes");
-        Sizes sizes(GetParam().bytes.size() / packet, packet);
-        if (const size_t rest = GetParam().bytes.size() % packet; rest > 0) {
-            sizes.push_back(rest);
+    for (const size_t size : {2u, 3u, 7u, 8u, 20u, 100u, 400u}) {
+        SCOPED_TRACE("packets of " + std::to_string(size) + " bytes");
+        compare_in_packets_of(size);
+    }
+}
+
+std::string test_name(const testing::TestParamInfo<NamedRequest>& info) {
+    return with_underscores(info.param.name);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, PacketCut, testing::ValuesIn(every_request()), test_name);
+
+// ---- Three packets --------------------------------------------------------------------------------------------------
+
+// Every position of a short request, and of a long one those around which something of it begins or ends.
+Positions cut_positions(size_t size) {
+    std::set<size_t> positions;
+    const auto add = [&](size_t position) {
+        if (position > 0 && position < size) {
+            positions.insert(position);
         }
-        compare(sizes);
+    };
+    if (size <= 40) {
+        for (size_t position = 1; position < size; ++position) {
+            add(position);
+        }
+    } else {
+        add(1);
+        for (const size_t border : {size_t{4}, size_t{8}, size_t{60}, size_t{748}, size_t{752}, size}) {
+            add(border - 1);
+            add(border);
+            add(border + 1);
+        }
     }
+    return {positions.begin(), positions.end()};
 }
 
-std::string test_name(const testing::TestParamInfo<Request>& info) {
-    std::string name;
-    for (const char letter : std::string(info.param.name)) {
-        name += std::isalnum(static_cast<unsigned char>(letter)) != 0 ? letter : '_';
-    }
-    return name;
+void expect_same_answer(const Outcome& cut, const Outcome& whole) {
+    EXPECT_EQ(cut.results.back(), whole.results.back());
+    EXPECT_EQ(without_append_lines(cut.transcript), without_append_lines(whole.transcript));
+    EXPECT_TRUE(cut.replies == whole.replies);
+    EXPECT_TRUE(cut.saved == whole.saved);
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, PacketCut, testing::ValuesIn(requests()), test_name);
+TEST(ThreePackets, GiveTheSameAnswerAsOneWhereverARequestIsCut) {
+    for (const NamedRequest& entry : every_request()) {
+        const Outcome whole = converse(entry.bytes, {});
+        const Positions cuts = cut_positions(entry.bytes.size());
+        EXPECT_GE(cuts.size(), 7u);
+        for (size_t first = 0; first < cuts.size(); ++first) {
+            for (size_t second = first + 1; second < cuts.size(); ++second) {
+                SCOPED_TRACE(std::string(entry.name) + ", cut at " + std::to_string(cuts[first]) + " and " +
+                             std::to_string(cuts[second]));
+                expect_same_answer(converse(entry.bytes, {cuts[first], cuts[second]}), whole);
+                ASSERT_FALSE(HasFailure());
+            }
+        }
+    }
+}
 
 } // namespace

@@ -204,7 +204,9 @@ TEST(Store, HandsATitleWithoutANulOverAndLogs52CharactersOfIt) {
 TEST(Store, TakesALongPictureInManyPackets) {
     FakeHost host;
     const Bytes long_request = store_request(automatic_preset(), pattern(5000));
-    EXPECT_EQ(host.receive_in_packets(long_request, {8, 700, 44, 1, 3000}), SM_RETURN_TRUE);
+    EXPECT_EQ(host.receive_in_packets(long_request, {8, 708, 752, 753, 3753}),
+              (std::vector<int>{SM_RETURN_FAIL, SM_RETURN_FAIL, SM_RETURN_FAIL, SM_RETURN_FAIL, SM_RETURN_FAIL,
+                                SM_RETURN_TRUE}));
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_EQ(host.saved[0].length, 5000);
     EXPECT_EQ(host.saved[0].image, pattern(5000));

@@ -50,6 +50,21 @@ void check_line(int buffer, int priority, const char* tag, const char* text) {
 
 } // namespace
 
+bool Script::knows(int custom_id) const {
+    const auto is_asked_for = [custom_id](const tag_custom_info& record) { return record.custom_id == custom_id; };
+    switch (known) {
+    case all:
+        return true;
+    case odd_ids:
+        return (custom_id & 1) != 0;
+    case stored_ids:
+        return std::any_of(records, records + stored, is_asked_for);
+    case none:
+        break;
+    }
+    return false;
+}
+
 void start_over() {
     script = {};
     heard = {};

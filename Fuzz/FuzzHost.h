@@ -4,6 +4,7 @@
 
 #include "ADE_ShotMentor.h"
 #include "Input.h"
+#include "Message.h"
 
 namespace fuzz {
 
@@ -14,7 +15,7 @@ struct Script {
     bool reports_count = true;
     int reported_count = 0;
     int linked[4] = {-1, -1, -1, -1}; // the answers of one command, in the order in which it asks
-    enum Known { none, all, odd_ids } known = none;
+    enum Known { none, all, odd_ids, stored_ids } known = none;
     tag_custom_info found = {}; // what a look-up fills in
     int save_result = 1;
     int saved_preset_num = 0, saved_custom_id = 0, saved_applocal_id = 0;
@@ -22,7 +23,7 @@ struct Script {
     int update_result = 1;
     int iso_step = 1;
 
-    bool knows(int custom_id) const { return known == all || (known == odd_ids && (custom_id & 1) != 0); }
+    bool knows(int custom_id) const; // whether a look-up of this identity finds a preset
 };
 
 struct Sent {
@@ -43,7 +44,7 @@ struct Updated {
     Bytes title; // up to its NUL
 };
 
-// What the library did since the last `forget`.
+// What the library did since this was emptied.
 struct Heard {
     int dispatches = 0;
     Bytes dispatched; // the first bytes of the buffer when the dispatcher began

@@ -7,26 +7,9 @@
 #include <climits>
 #include <optional>
 
-#include "ADE_ShotMentor.h"
-#include "FakeHost.h"
+#include "Conversion.h"
 
 namespace {
-
-// One call of an approximation and what it logged.
-struct Outcome {
-    int result;
-    Transcript log;
-
-    bool operator==(const Outcome&) const = default;
-};
-
-Outcome gives(int result, const Transcript& log) {
-    return {result, log};
-}
-
-void PrintTo(const Outcome& outcome, std::ostream* out) {
-    *out << outcome.result << " after " << testing::PrintToString(outcome.log);
-}
 
 std::string cyan(const std::string& text) {
     return "CYAN ALG_SM " + text;
@@ -145,8 +128,7 @@ Outcome with_line(Outcome outcome, const std::string& line) {
     return outcome;
 }
 
-// ---- Every step of every model
-
+// ---- Every step of every model --------------------------------------------------------------------------------------
 Outcome expected_shutter(int model, int position) {
     const Outcome found = searched(shutter_steps[model], position);
     return with_line(found, cyan("[TV]convertedIndex::(" + text(found.result) + ")"));
@@ -243,8 +225,7 @@ TEST_F(Approximation, EveryCompensationOfEveryModelGivesItsNearestSupportedOne) 
     }
 }
 
-// ---- The search, one case after the other
-
+// ---- The search, one case after the other ---------------------------------------------------------------------------
 TEST_F(Approximation, ASupportedStepIsItsOwnAnswer) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV, 3), gives(3, {cyan("Converted SV :(3)")}));
 }
@@ -309,8 +290,7 @@ TEST_F(Approximation, TheNearerOfTwoStepsIsTakenBelow) {
                          cyan("[TV]convertedIndex::(28)")}));
 }
 
-// ---- Shutter time
-
+// ---- Shutter time ---------------------------------------------------------------------------------------------------
 TEST_F(Approximation, FiveShutterTimesHaveFixedAnswersUnderEveryModelCodeWithoutALine) {
     const std::pair<int, int> answers[] = {{103, 80}, {104, 83}, {105, 89}, {106, 93}, {107, 96}};
     for (const int model : {0, 1, 2, 3, 4, -1, INT_MAX, INT_MIN}) {
@@ -357,8 +337,7 @@ TEST_F(Approximation, ShutterTime108LiesBehindTheScalesOfModelsZeAndRh) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 109, SM_CAMERA_RH).result, 107);
 }
 
-// ---- Aperture
-
+// ---- Aperture -------------------------------------------------------------------------------------------------------
 TEST_F(Approximation, ASupportedApertureGivesItsPositionWithoutASearch) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, 122),
               gives(106, {yellow("(AV_LUT)arr_size :(151)"), cyan("approx_av :(106)"), cyan("convertedIndex :(122)")}));
@@ -403,8 +382,7 @@ TEST_F(Approximation, NumbersBetween0AndF1AreTakenForTheNearerOne) {
     }
 }
 
-// ---- Sensitivity
-
+// ---- Sensitivity ----------------------------------------------------------------------------------------------------
 TEST_F(Approximation, ASensitivityOutsideTheScaleBecomesAutomaticWithoutASearch) {
     const Outcome automatic = {0, {cyan("Converted SV :(0)")}};
     for (const int model : every_model) {
@@ -435,8 +413,7 @@ TEST_F(Approximation, ThirdStepsOfModelsZeAndRhEndAtPosition25) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV_1_3step, 30, SM_CAMERA_KT7), gives(30, {cyan("Converted SV :(30)")}));
 }
 
-// ---- Compensation
-
+// ---- Compensation ---------------------------------------------------------------------------------------------------
 TEST_F(Approximation, ACompensationOutsideTheScaleStartsAtItsNearestEnd) {
     for (const int model : every_model) {
         for (const int code : {-1, -10, -1000, INT_MIN}) {
@@ -457,8 +434,7 @@ TEST_F(Approximation, TheEndsOfTheCompensationOfEveryModel) {
     }
 }
 
-// ---- Models
-
+// ---- Models ---------------------------------------------------------------------------------------------------------
 TEST_F(Approximation, AnUnknownModelGivesTheFailureValueOfTheQuantityWithoutALine) {
     for (const int model : unknown_models) {
         for (const int value : {0, 2, 30, 101, 108, 1000, -1}) {

@@ -105,19 +105,6 @@ void put_text(char (&field)[Size], const std::string& text) {
     std::memcpy(field, text.data(), std::min(Size, text.size()));
 }
 
-// Has the library list forty presets full of letters and free all that it took for it, so that memory it gets
-// afterwards holds their bytes until it clears it.
-inline void leave_presets_on_the_heap(FakeHost& host) {
-    host.presets = presets_from_100(40);
-    for (tag_custom_info& stored : host.presets) {
-        std::memset(&stored, 'x', sizeof stored);
-    }
-    host.receive(list_request());
-    host.confirm();
-    host.presets.clear();
-    host.forget();
-}
-
 // 52 characters: a title or a path that leaves no room for its NUL.
 inline const std::string fifty_two_characters = "A title of fifty-two characters, which has no NUL...";
 

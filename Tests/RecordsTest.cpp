@@ -166,8 +166,7 @@ class Records : public testing::Test {
     FakeHost host;
 };
 
-// ---- Layout
-
+// ---- Layout ---------------------------------------------------------------------------------------------------------
 TEST_F(Records, TheCameraRecordHas740BytesAndThePhoneRecord744) {
     EXPECT_EQ(sizeof(tag_custom_info), 740u);
     EXPECT_EQ(sizeof(sm_tag_custom_info), 744u);
@@ -289,8 +288,7 @@ TEST_F(Records, TheOriginCodeIsReadDigitByDigit) {
     EXPECT_EQ(SM_MADE_LESS_KIND, 0xFFF0);
 }
 
-// ---- Bytes that the conversions carry
-
+// ---- Bytes that the conversions carry -------------------------------------------------------------------------------
 TEST_F(Records, ATitleWithoutANulIsCarriedUnchangedToThePhone) {
     EXPECT_EQ(slice(converted_to_phone(camera_full_of_bytes()), 0, 52), Bytes(52, 'T'));
 }

@@ -116,8 +116,7 @@ class Tables : public testing::Test {
     FakeHost host;
 };
 
-// ---- The phone's scales
-
+// ---- The phone's scales ---------------------------------------------------------------------------------------------
 Values apertures_10_to_110_and(const std::string& rest) {
     Values all = {0};
     for (int aperture = 10; aperture <= 110; ++aperture) {
@@ -199,8 +198,7 @@ TEST_F(Tables, CompensationsAreTenthsOfAStopCutTowardsNoneAndMirroredThere) {
     }
 }
 
-// ---- The camera's codes
-
+// ---- The camera's codes ---------------------------------------------------------------------------------------------
 TEST_F(Tables, TheCamerasApertureCodesAre128) {
     const Values expected = parse_runs(
         "0, 0, 5, 11, 65535, 16, 65535, 21, 65535, 27, 65535, 32, 65535, 37, 65535, 65535, 43, 65535, 65535, 48, "
@@ -278,8 +276,7 @@ TEST_F(Tables, CompensationStepsStandAtThePhonesCodes) {
     EXPECT_EQ(entries_without(expected, -1).size(), 31u);
 }
 
-// ---- What the models support
-
+// ---- What the models support ----------------------------------------------------------------------------------------
 struct EnableTable {
     const char* name;
     Values table;
@@ -364,8 +361,7 @@ TEST_F(Tables, OnlyModelRhSupportsTheShutterTimesWithFixedAnswers) {
     }
 }
 
-// ---- The model and what is asked about it
-
+// ---- The model and what is asked about it ---------------------------------------------------------------------------
 TEST_F(Tables, TheModelIsZeBeforeAnyConversion) {
     EXPECT_EQ(model_at_load, 0);
     EXPECT_EQ(model_at_load, SM_CAMERA_ZE);

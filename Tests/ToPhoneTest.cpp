@@ -7,45 +7,14 @@
 #include <cstring>
 #include <map>
 
-#include "ADE_ShotMentor.h"
-#include "FakeHost.h"
-#include "Message.h"
+#include "Conversion.h"
 
 namespace {
 
-// A camera record titled "Harbour" whose word at byte offset n holds 1000 + n.
-tag_custom_info numbered_camera() {
-    Bytes bytes = words({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
-    for (int32_t offset = 52; offset < 740; offset += 4) {
-        bytes = bytes + words({1000 + offset});
-    }
-    tag_custom_info camera;
-    std::memcpy(&camera, bytes.data(), sizeof camera);
-    std::strcpy(camera.title, "Harbour");
-    return camera;
-}
-
-// The 39 colour words of either record, in record order.
-template<class Record>
-std::vector<int32_t*> colour_words(Record& record) {
-    std::vector<int32_t*> all;
-    for (sm_color& color : record.cs_info.cs_color) {
-        all.insert(all.end(), {&color.cs_color_r, &color.cs_color_g, &color.cs_color_b});
-    }
-    return all;
-}
-
 class ToPhone : public testing::Test {
   protected:
-    void SetUp() override { set_state(2, 0, 0, 0); }
-    void TearDown() override { set_state(0, 0, 0, 0); }
-
-    static void set_state(int model, int sys_mode, int film_mode, int custom04) {
-        gADE_PRO_model = model;
-        pro_sys_mode = sys_mode;
-        pro_film_mode = film_mode;
-        pro_custom04_state = custom04;
-    }
+    void SetUp() override { set_conversion_state(2, 0, 0, 0); }
+    void TearDown() override { set_conversion_state(0, 0, 0, 0); }
 
     static sm_tag_custom_info converted(const tag_custom_info& camera) {
         sm_tag_custom_info phone{};
@@ -72,11 +41,10 @@ class ToPhone : public testing::Test {
     FakeHost host;
 };
 
-// ---- The whole conversion
-
+// ---- The whole conversion -------------------------------------------------------------------------------------------
 // A record that holds a different value in every field, each exposure value one that the camera can set.
 tag_custom_info camera_with_distinct_fields() {
-    tag_custom_info camera = numbered_camera();
+    tag_custom_info camera = numbered_record<tag_custom_info>();
     camera.mode = 5;
     camera.av_index = 53;    // position 23, f/3.2
     camera.tv_index = 65483; // position 22
@@ -247,8 +215,7 @@ TEST_F(ToPhone, AsksNoServiceButTheModelSpecification) {
     EXPECT_EQ(host.calls(), Transcript{"User_Spec_Get_Value(272)"});
 }
 
-// ---- The copy that it starts with
-
+// ---- The copy that it starts with -----------------------------------------------------------------------------------
 TEST_F(ToPhone, TheCopyTakes740BytesAsTheyAre) {
     const tag_custom_info camera = camera_with_distinct_fields();
     sm_tag_custom_info phone;
@@ -273,7 +240,7 @@ TEST_F(ToPhone, TheCopyLogsTwoLinesTheFirstUnderTheManagersTag) {
 }
 
 TEST_F(ToPhone, TheCopyChangesNoState) {
-    set_state(7, 3, 5, 1);
+    set_conversion_state(7, 3, 5, 1);
     const tag_custom_info camera = preset(1);
     sm_tag_custom_info phone{};
     ADE_ShotMentor_Conv2ProFilmStruct(&camera, &phone);
@@ -283,10 +250,9 @@ TEST_F(ToPhone, TheCopyChangesNoState) {
     EXPECT_EQ(pro_custom04_state, 1);
 }
 
-// ---- State
-
+// ---- State ----------------------------------------------------------------------------------------------------------
 TEST_F(ToPhone, LeavesModel2TheSystemModeAndAClearedCustom04StateBehind) {
-    set_state(0, 1, 5, 1);
+    set_conversion_state(0, 1, 5, 1);
     (void)converted_in_mode(5);
     EXPECT_EQ(gADE_PRO_model, 2);
     EXPECT_EQ(pro_sys_mode, 4);
@@ -305,7 +271,7 @@ TEST_F(ToPhone, ConvertsAsModel2WhateverModelWasSet) {
 }
 
 TEST_F(ToPhone, InitializingTakesTheSystemModeFromTheRecordAndClearsTheCustom04State) {
-    set_state(1, 0, 5, 1);
+    set_conversion_state(1, 0, 5, 1);
     tag_custom_info camera = preset(1);
     camera.mode = 3;
     ADE_PRO_InitializeProFilm(&camera);
@@ -324,8 +290,7 @@ TEST_F(ToPhone, EachConversionReplacesTheStateOfTheOneBefore) {
     EXPECT_EQ(phone.ev_step, 50);
 }
 
-// ---- Modes
-
+// ---- Modes ----------------------------------------------------------------------------------------------------------
 TEST_F(ToPhone, Modes0And1CarryNeitherApertureNorShutterTime) {
     for (const int32_t mode : {0, 1}) {
         const sm_tag_custom_info phone = converted_in_mode(mode, 53, 53, 16);
@@ -386,8 +351,7 @@ TEST_F(ToPhone, SensitivityIsCarriedInEveryMode) {
     }
 }
 
-// ---- Aperture
-
+// ---- Aperture -------------------------------------------------------------------------------------------------------
 // The camera's aperture codes and what they are on the phone, f-number times ten. 65535 marks a missing step and is
 // taken for the first that is missing.
 const std::map<int, int> apertures = {
@@ -425,8 +389,7 @@ TEST_F(ToPhone, TheApertureIsConvertedInModes2And4Only) {
     }
 }
 
-// ---- Shutter time
-
+// ---- Shutter time ---------------------------------------------------------------------------------------------------
 // The camera's shutter codes and the phone's positions. The mark of a missing step, 65535, stands at position 0 first.
 const std::map<int, int> shutter_times = {
     {65440, 1},  {65456, 2},  {65461, 7},  {65467, 12}, {65472, 17}, {65477, 19}, {65483, 22}, {65488, 24}, {65493, 26},
@@ -469,8 +432,7 @@ TEST_F(ToPhone, TheShutterTimeIsConvertedInModes3And4Only) {
     }
 }
 
-// ---- Sensitivity
-
+// ---- Sensitivity ----------------------------------------------------------------------------------------------------
 TEST_F(ToPhone, EveryFullIsoStepGivesItsNumberAndEveryOtherCodeGives0) {
     // -1 marks a missing step and is taken for the first that is missing.
     const std::map<int, int> numbers = {{0, 0},    {1, 100},  {2, 200},   {3, 400},   {4, 800},    {5, 1600},
@@ -542,8 +504,7 @@ TEST_F(ToPhone, ChoosingTheIsoNumberLogsWhichStepsAreInForce) {
                                }));
 }
 
-// ---- Compensation
-
+// ---- Compensation ---------------------------------------------------------------------------------------------------
 TEST_F(ToPhone, EveryCompensationStepGivesItsPhoneCodeOutsideMode4) {
     const int codes[] = {0,  4,  7,  10, 14, 17, 20, 24, 27, 30, 34, 37, 40, 44, 47, 50,
                          53, 56, 60, 63, 66, 70, 73, 76, 80, 83, 86, 90, 93, 96, 100};
@@ -582,8 +543,7 @@ TEST_F(ToPhone, SingleValuesAreConvertedWithoutALine) {
     EXPECT_EQ(host.transcript, Transcript{});
 }
 
-// ---- Colours
-
+// ---- Colours --------------------------------------------------------------------------------------------------------
 TEST_F(ToPhone, ColoursAreScaledFrom200To255) {
     const std::map<int, int> expected = {{-1000, 0}, {-1, 0},    {0, 0},     {1, 1},     {2, 2},     {3, 3},
                                          {50, 64},   {99, 127},  {100, 128}, {101, 129}, {150, 192}, {196, 252},

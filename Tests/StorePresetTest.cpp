@@ -59,7 +59,7 @@ std::string send_line(int result, int preset_num, int custom_id, int applocal_id
            ", applocal_id=" + std::to_string(applocal_id);
 }
 
-TEST(Store, IsOneConversationFromThePacketToTheSend) {
+TEST(StorePreset, IsOneConversationFromThePacketToTheSend) {
     FakeHost host;
     EXPECT_EQ(host.receive(store_request_of(844)), SM_RETURN_TRUE);
     EXPECT_EQ(without_conversions(host.transcript),
@@ -83,7 +83,7 @@ TEST(Store, IsOneConversationFromThePacketToTheSend) {
     EXPECT_EQ(host.replies[0].buffer, store_reply(SM_RETURN_TRUE, 5, 6, 7) + zeros(30000 - 24));
 }
 
-TEST(Store, HandsTheConvertedRecordAndThePictureToTheService) {
+TEST(StorePreset, HandsTheConvertedRecordAndThePictureToTheService) {
     FakeHost host;
     host.receive(store_request_of(844));
     ASSERT_EQ(host.saved.size(), 1u);
@@ -92,7 +92,7 @@ TEST(Store, HandsTheConvertedRecordAndThePictureToTheService) {
     EXPECT_EQ(host.saved[0].image, pattern(100));
 }
 
-TEST(Store, Of743BytesLogsBothErrorsAndReportsTheMissingPicture) {
+TEST(StorePreset, Of743BytesLogsBothErrorsAndReportsTheMissingPicture) {
     FakeHost host;
     EXPECT_EQ(host.receive(store_request_of(743)), SM_RETURN_JPG_ERR);
     // The conversion's own trace would show that it ran; there is none.
@@ -105,7 +105,7 @@ TEST(Store, Of743BytesLogsBothErrorsAndReportsTheMissingPicture) {
     EXPECT_EQ(host.replies[0].bytes, store_reply(SM_RETURN_JPG_ERR, 0, 0, 0));
 }
 
-TEST(Store, WithoutAPayloadLogsBothErrorsAndReportsTheMissingPicture) {
+TEST(StorePreset, WithoutAPayloadLogsBothErrorsAndReportsTheMissingPicture) {
     FakeHost host;
     EXPECT_EQ(host.receive(request(SM_FUNCTION_RECEIVE_PRESET)), SM_RETURN_JPG_ERR);
     EXPECT_EQ(command_lines(host.transcript), (Transcript{begins(0), too_short, no_picture, allocated,
@@ -114,7 +114,7 @@ TEST(Store, WithoutAPayloadLogsBothErrorsAndReportsTheMissingPicture) {
     EXPECT_EQ(host.replies[0].bytes, store_reply(SM_RETURN_JPG_ERR, 0, 0, 0));
 }
 
-TEST(Store, WithFewerThan100BytesOfPictureIsConvertedButNotSaved) {
+TEST(StorePreset, WithFewerThan100BytesOfPictureIsConvertedButNotSaved) {
     for (const int length : {744, 843}) {
         SCOPED_TRACE(length);
         FakeHost host;
@@ -128,7 +128,7 @@ TEST(Store, WithFewerThan100BytesOfPictureIsConvertedButNotSaved) {
     }
 }
 
-TEST(Store, ReportsTheIdentityThatTheServiceGaveThePreset) {
+TEST(StorePreset, ReportsTheIdentityThatTheServiceGaveThePreset) {
     FakeHost host;
     host.save = [](tag_custom_info& record) {
         record.preset_num = 12;
@@ -144,7 +144,7 @@ TEST(Store, ReportsTheIdentityThatTheServiceGaveThePreset) {
     EXPECT_EQ(host.replies[0].bytes, store_reply(SM_RETURN_TRUE, 12, -34, 56));
 }
 
-TEST(Store, CarriesWhateverTheServiceAnswersToThePhone) {
+TEST(StorePreset, CarriesWhateverTheServiceAnswersToThePhone) {
     for (const int answer : {1, 0, -1, -9, 4711, INT_MAX, INT_MIN}) {
         SCOPED_TRACE(answer);
         FakeHost host;
@@ -158,7 +158,7 @@ TEST(Store, CarriesWhateverTheServiceAnswersToThePhone) {
     }
 }
 
-TEST(Store, ConvertsThePhonesCodesToTheCameras) {
+TEST(StorePreset, ConvertsThePhonesCodesToTheCameras) {
     FakeHost host;
     sm_tag_custom_info phone = automatic_preset();
     phone.mode = 4;
@@ -190,7 +190,7 @@ TEST(Store, ConvertsThePhonesCodesToTheCameras) {
     EXPECT_EQ(image(host.saved[0].record), image(camera));
 }
 
-TEST(Store, HandsATitleWithoutANulOverAndLogs52CharactersOfIt) {
+TEST(StorePreset, HandsATitleWithoutANulOverAndLogs52CharactersOfIt) {
     FakeHost host;
     sm_tag_custom_info phone = automatic_preset();
     put_text(phone.title, fifty_two_characters);
@@ -201,7 +201,7 @@ TEST(Store, HandsATitleWithoutANulOverAndLogs52CharactersOfIt) {
                                                      fifty_two_characters + " custom_id : 6 server_id : 8");
 }
 
-TEST(Store, TakesALongPictureInManyPackets) {
+TEST(StorePreset, TakesALongPictureInManyPackets) {
     FakeHost host;
     const Bytes long_request = store_request(automatic_preset(), pattern(5000));
     EXPECT_EQ(host.receive_in_packets(long_request, {8, 708, 752, 753, 3753}),
@@ -214,7 +214,7 @@ TEST(Store, TakesALongPictureInManyPackets) {
     EXPECT_EQ(host.replies[0].bytes, store_reply(SM_RETURN_TRUE, 5, 6, 7));
 }
 
-TEST(Store, TakesThePictureOfTheLongestRequest) {
+TEST(StorePreset, TakesThePictureOfTheLongestRequest) {
     FakeHost host;
     EXPECT_EQ(host.receive(store_request(automatic_preset(), pattern(599248))), SM_RETURN_TRUE);
     ASSERT_EQ(host.saved.size(), 1u);
@@ -222,7 +222,7 @@ TEST(Store, TakesThePictureOfTheLongestRequest) {
     EXPECT_TRUE(host.saved[0].image == pattern(599248));
 }
 
-TEST(Store, ThatAnnouncesLessThanItsHeaderHandsANegativePictureLengthOver) {
+TEST(StorePreset, ThatAnnouncesLessThanItsHeaderHandsANegativePictureLengthOver) {
     FakeHost host;
     host.save = [](tag_custom_info&) { return -2; };
     // Four bytes are the whole request: the payload's length is -4, that of the picture -4 - 744.
@@ -235,7 +235,7 @@ TEST(Store, ThatAnnouncesLessThanItsHeaderHandsANegativePictureLengthOver) {
     EXPECT_EQ(host.saved[0].length, -748);
 }
 
-TEST(Store, CalledWithANegativeLengthCountsItAsLong) {
+TEST(StorePreset, CalledWithANegativeLengthCountsItAsLong) {
     const Bytes payload = image(automatic_preset());
     const struct {
         int length;
@@ -254,7 +254,7 @@ TEST(Store, CalledWithANegativeLengthCountsItAsLong) {
     }
 }
 
-TEST(Store, CalledWithATooShortPayloadReadsNothingBeyondIt) {
+TEST(StorePreset, CalledWithATooShortPayloadReadsNothingBeyondIt) {
     FakeHost host;
     const Bytes payload = slice(image(automatic_preset()), 0, 743);
     EXPECT_EQ(ADE_SM_Receive_Preset(payload.data(), 743), SM_RETURN_JPG_ERR);
@@ -262,7 +262,7 @@ TEST(Store, CalledWithATooShortPayloadReadsNothingBeyondIt) {
                                            send_line(SM_RETURN_JPG_ERR, 0, 0, 0), send_call}));
 }
 
-TEST(Store, ParksAReplyThatIsStillUnconfirmed) {
+TEST(StorePreset, ParksAReplyThatIsStillUnconfirmed) {
     FakeHost host;
     host.receive(store_request_of(844));
     host.receive(store_request_of(743));

@@ -9,6 +9,8 @@
 #include <map>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include "FakeHost.h"
 
 inline Transcript joined(std::initializer_list<Transcript> parts) {
@@ -63,6 +65,12 @@ inline Transcript command_lines(const Transcript& transcript) {
     return renumbered(rest);
 }
 
+// The lines that hold a text.
+inline Transcript lines_with(const std::string& text, Transcript lines) {
+    std::erase_if(lines, [&text](const std::string& line) { return line.find(text) == std::string::npos; });
+    return lines;
+}
+
 // What is left of one conversion of a stored preset to the phone.
 inline Transcript converted_to_phone(const std::string& title, int custom_id) {
     return {"PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : " + title +
@@ -96,6 +104,14 @@ inline std::string with_underscores(std::string text) {
     std::replace_if(
         text.begin(), text.end(), [](unsigned char letter) { return std::isalnum(letter) == 0; }, '_');
     return text;
+}
+
+// The first of two replies is parked, the second is current.
+inline void expect_first_parked(const FakeHost& host) {
+    ASSERT_EQ(host.replies.size(), 2u);
+    EXPECT_EQ(shotmentor_p_Full_Q_NUM, 1);
+    EXPECT_EQ(shotmentor_p_Full_Q[0], host.replies[0].message.data);
+    EXPECT_EQ(shotmentor_p_FullData, host.replies[1].message.data);
 }
 
 // Puts a text into a field of fixed size, without a NUL where it fills the field.

@@ -105,6 +105,32 @@ Transcript listed(const std::vector<int>& ids, int link1 = nothing, int link2 = 
                     "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: " + std::to_string(link2)}});
 }
 
+// What a deletion without a fault asks the services: for each entry, for both custom modes' presets, to delete the
+// marked numbers, for the list of so many presets, for both custom modes again, and to send so many bytes.
+Transcript deletion_calls(const std::vector<int>& ids, const std::string& marked, int presets, int length) {
+    const Transcript links = {"__ui_get_linked_preseet_num_for_phone(0)", "__ui_get_linked_preseet_num_for_phone(1)"};
+    Transcript entries;
+    std::transform(ids.begin(), ids.end(), std::back_inserter(entries), looked_up);
+    return joined({entries,
+                   links,
+                   {"__ui_preset_delete_form_phone(" + marked + ")", "__ui_get_custom_mode_list_info()"},
+                   Transcript(static_cast<size_t>(presets), "User_Spec_Get_Value(272)"),
+                   links,
+                   {"bt_send_msgs(" + std::to_string(length) + ")"}});
+}
+
+// What a refused one asks: for each entry, and to send the head alone.
+Transcript refused_calls(const std::vector<int>& ids) {
+    Transcript entries;
+    std::transform(ids.begin(), ids.end(), std::back_inserter(entries), looked_up);
+    return joined({entries, {"bt_send_msgs(20)"}});
+}
+
+// The words about the kept presets in the buffer of the last reply, which has so many presets.
+Bytes kept_words_of(const FakeHost& host, size_t presets) {
+    return slice(host.replies.back().buffer, kept_position(presets), 16);
+}
+
 // ---- Which entries are acted on -------------------------------------------------------------------------------------
 
 TEST(Delete, IsOneConversationFromThePacketToTheSend) {
@@ -150,12 +176,30 @@ TEST(Delete, IsOneConversationFromThePacketToTheSend) {
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(reply, 2, Kept{}));
 }
 
+TEST(Delete, OfNothingIsOneConversation) {
+    FakeHost host;
+    EXPECT_EQ(host.receive(delete_request({})), SM_RETURN_DATA_ERR);
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(0), "ERROR ALG_SMM SM_RETURN_DATA_ERR"}, sent(20, SM_RETURN_DATA_ERR, 0)}));
+}
+
+TEST(Delete, OfFaultyEntriesIsOneConversation) {
+    FakeHost host;
+    host.presets = presets_from_100(3);
+    const Bytes deletion = delete_request({{1, 101}, {2, 0}, {40, 102}, {0, 999}});
+    EXPECT_EQ(host.receive(deletion), SM_RETURN_STRUCT_ERR);
+    // Every entry is shown before the first is checked, and every fault is reported.
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(4), entry(0, 1, 101), entry(2, 2, 0), entry(4, 40, 102), entry(6, 0, 999), looked_up(101),
+                       faulty, looked_up(0), faulty, faulty, looked_up(102), looked_up(999), faulty},
+                      sent(20, SM_RETURN_STRUCT_ERR, 0)}));
+}
+
 TEST(Delete, OfSevenBytesHasNoEntryAndIsRefusedAsFaultyData) {
     FakeHost host;
     host.presets = presets_from_100(3);
     EXPECT_EQ(host.receive(request(SM_FUNCTION_DELETE_PRESET, slice(words({1, 101}), 0, 7))), SM_RETURN_DATA_ERR);
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(0), "ERROR ALG_SMM SM_RETURN_DATA_ERR"}, sent(20, SM_RETURN_DATA_ERR, 0)}));
+    EXPECT_EQ(host.calls(), refused_calls({}));
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, head(20, SM_RETURN_DATA_ERR, 0));
     EXPECT_EQ(host.replies[0].buffer, whole_buffer(head(20, SM_RETURN_DATA_ERR, 0), 0, Kept{}));
@@ -173,8 +217,7 @@ TEST(Delete, OfFifteenBytesHasOneEntry) {
     FakeHost host;
     host.presets = presets_from_100(3);
     EXPECT_EQ(host.receive(request(SM_FUNCTION_DELETE_PRESET, slice(words({1, 101, 2, 102}), 0, 15))), SM_RETURN_TRUE);
-    const Transcript lines = command_lines(host.transcript);
-    EXPECT_EQ(Transcript(lines.begin(), lines.begin() + 3), (Transcript{begins(1), entry(0, 1, 101), looked_up(101)}));
+    EXPECT_EQ(host.calls(), deletion_calls({101}, "1", 2, 1508));
     ASSERT_EQ(host.presets.size(), 2u);
     EXPECT_EQ(host.presets[1].custom_id, 102);
 }
@@ -196,9 +239,7 @@ TEST(Delete, OfIdentity0FailsAndDeletesNothingEvenAmongGoodEntries) {
     FakeHost host;
     host.presets = presets_from_100(3);
     EXPECT_EQ(host.receive(delete_request({{1, 101}, {2, 0}, {0, 100}})), SM_RETURN_STRUCT_ERR);
-    EXPECT_EQ(command_lines(host.transcript), joined({{begins(3), entry(0, 1, 101), entry(2, 2, 0), entry(4, 0, 100),
-                                                       looked_up(101), faulty, looked_up(0), faulty, looked_up(100)},
-                                                      sent(20, SM_RETURN_STRUCT_ERR, 0)}));
+    EXPECT_EQ(host.calls(), refused_calls({101, 0, 100}));
     EXPECT_EQ(host.presets.size(), 3u);
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, head(20, SM_RETURN_STRUCT_ERR, 0));
@@ -209,8 +250,7 @@ TEST(Delete, OfIdentity0FailsEvenWhereTheServiceKnowsIt) {
     FakeHost host;
     host.presets = {preset(0)};
     EXPECT_EQ(host.receive(delete_request({{0, 0}})), SM_RETURN_STRUCT_ERR);
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(1), entry(0, 0, 0), faulty, looked_up(0)}, sent(20, SM_RETURN_STRUCT_ERR, 0)}));
+    EXPECT_EQ(host.calls(), refused_calls({0}));
     EXPECT_EQ(host.presets.size(), 1u);
 }
 
@@ -218,8 +258,7 @@ TEST(Delete, OfAPresetThatTheCameraDoesNotHaveFails) {
     FakeHost host;
     host.presets = presets_from_100(3);
     EXPECT_EQ(host.receive(delete_request({{1, 999}})), SM_RETURN_STRUCT_ERR);
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(1), entry(0, 1, 999), looked_up(999), faulty}, sent(20, SM_RETURN_STRUCT_ERR, 0)}));
+    EXPECT_EQ(host.calls(), refused_calls({999}));
     EXPECT_EQ(host.presets.size(), 3u);
 }
 
@@ -229,9 +268,7 @@ TEST(Delete, OfANumberOutside0To39FailsAndDeletesNothing) {
         FakeHost host;
         host.presets = presets_from_100(3);
         EXPECT_EQ(host.receive(delete_request({{number, 100}, {1, 101}})), SM_RETURN_STRUCT_ERR);
-        EXPECT_EQ(command_lines(host.transcript),
-                  joined({{begins(2), entry(0, number, 100), entry(2, 1, 101), faulty, looked_up(100), looked_up(101)},
-                          sent(20, SM_RETURN_STRUCT_ERR, 0)}));
+        EXPECT_EQ(host.calls(), refused_calls({100, 101}));
         EXPECT_EQ(host.presets.size(), 3u);
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, head(20, SM_RETURN_STRUCT_ERR, 0));
@@ -317,14 +354,14 @@ TEST(Delete, CalledWithANegativeLengthIsRefusedUnread) {
 TEST(Delete, ThatAnnouncesLessThanItsHeaderIsRefusedUnread) {
     FakeHost host;
     EXPECT_EQ(host.receive_with_length(header(SM_FUNCTION_DELETE_PRESET, 4), 4), SM_RETURN_STRUCT_ERR);
-    EXPECT_EQ(command_lines(host.transcript), joined({{begins(536870911), faulty}, sent(20, SM_RETURN_STRUCT_ERR, 0)}));
+    EXPECT_EQ(host.calls(), refused_calls({}));
 }
 
 TEST(Delete, CalledWith75000EntriesIsRefusedUnread) {
     FakeHost host;
     const Bytes payload = zeros(600000);
     EXPECT_EQ(ADE_SM_Delete_Preset(payload.data(), 600000), SM_RETURN_STRUCT_ERR);
-    EXPECT_EQ(host.transcript, joined({{begins(75000), faulty}, sent(20, SM_RETURN_STRUCT_ERR, 0)}));
+    EXPECT_EQ(host.calls(), refused_calls({}));
 }
 
 TEST(Delete, OfTheLongestRequestReadsAll74999Entries) {
@@ -390,13 +427,8 @@ TEST(Delete, KeepsThePresetsOfBothCustomModes) {
     host.linked[1] = 1;
     EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, 101}, {3, 103}})), SM_RETURN_OPENED_BOTH_ERR);
     const Kept kept = {2, 103, 0, 101};
-    EXPECT_EQ(command_lines(host.transcript), joined({{begins(3), entry(0, 0, 100), entry(2, 1, 101), entry(4, 3, 103),
-                                                       looked_up(100), looked_up(101), looked_up(103)},
-                                                      settled(1, kept_index(1), 3),
-                                                      settled(2, kept_index(2), 1),
-                                                      {"__ui_preset_delete_form_phone(0)"},
-                                                      listed({101, 102, 103}, 2, 0),
-                                                      sent(2268, SM_RETURN_OPENED_BOTH_ERR, 3, kept)}));
+    EXPECT_EQ(host.calls(), deletion_calls({100, 101, 103}, "0", 3, 2268));
+    EXPECT_EQ(lines_with("sendlength=", host.log()), Transcript{sent(2268, SM_RETURN_OPENED_BOTH_ERR, 3, kept)[2]});
     const Bytes reply = head(2268, SM_RETURN_OPENED_BOTH_ERR, 3) + phone_record(preset(101, 0), 2) +
                         phone_record(preset(102, 1)) + phone_record(preset(103, 2), 1) + zeros(16);
     ASSERT_EQ(host.replies.size(), 1u);
@@ -409,15 +441,9 @@ TEST(Delete, KeepsThePresetThatBothCustomModesUseOnBehalfOfCustom1) {
     host.presets = presets_from_100(3);
     host.linked[0] = host.linked[1] = 1;
     EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, 101}})), SM_RETURN_OPENED_ERR);
-    const Kept kept = {0, 101, nothing, nothing};
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(2), entry(0, 0, 100), entry(2, 1, 101), looked_up(100), looked_up(101)},
-                      settled(1, kept_index(1), 1),
-                      settled(2, not_included(2), 1),
-                      {"__ui_preset_delete_form_phone(0)"},
-                      listed({101, 102}, 0, 0),
-                      sent(1516, SM_RETURN_OPENED_ERR, 2, kept)}));
+    EXPECT_EQ(host.calls(), deletion_calls({100, 101}, "0", 2, 1516));
     ASSERT_EQ(host.replies.size(), 1u);
+    EXPECT_EQ(kept_words_of(host, 2), kept_words({0, 101, nothing, nothing}));
     EXPECT_EQ(host.replies[0].bytes, head(1516, SM_RETURN_OPENED_ERR, 2) + phone_record(preset(101, 0), 2) +
                                          phone_record(preset(102, 1)) + zeros(8));
 }
@@ -440,13 +466,8 @@ TEST(Delete, LooksAKeptPresetUpByTheIdentityThatThePhoneGave) {
     host.linked[0] = 3;
     EXPECT_EQ(host.receive(delete_request({{0, 100}, {3, 102}})), SM_RETURN_OPENED_ERR);
     // Number 3 is kept, but the phone called it 102, and preset 102 is number 1 now.
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({{begins(2), entry(0, 0, 100), entry(2, 3, 102), looked_up(100), looked_up(102)},
-                      settled(1, kept_index(1), 3),
-                      settled(2, not_opened(2), -1),
-                      {"__ui_preset_delete_form_phone(0)"},
-                      listed({101, 102, 103}, 2),
-                      sent(2260, SM_RETURN_OPENED_ERR, 3, Kept{1, 102, nothing, nothing})}));
+    EXPECT_EQ(host.calls(), deletion_calls({100, 102}, "0", 3, 2260));
+    EXPECT_EQ(kept_words_of(host, 3), kept_words({1, 102, nothing, nothing}));
 }
 
 TEST(Delete, TakesTheIdentityOfTheLastEntryThatNamesAKeptPreset) {
@@ -454,9 +475,7 @@ TEST(Delete, TakesTheIdentityOfTheLastEntryThatNamesAKeptPreset) {
     host.presets = presets_from_100(4);
     host.linked[1] = 2;
     EXPECT_EQ(host.receive(delete_request({{2, 100}, {2, 103}, {2, 101}})), SM_RETURN_OPENED_ERR);
-    const Transcript lines = command_lines(host.transcript);
-    const Transcript end = sent(3004, SM_RETURN_OPENED_ERR, 4, Kept{1, 101, 1, 101});
-    EXPECT_EQ(Transcript(lines.end() - 4, lines.end()), end);
+    EXPECT_EQ(kept_words_of(host, 4), kept_words({1, 101, 1, 101}));
 }
 
 TEST(Delete, KeepsTheOldNumberOfAPresetThatTheListNoLongerNames) {
@@ -465,9 +484,7 @@ TEST(Delete, KeepsTheOldNumberOfAPresetThatTheListNoLongerNames) {
     host.linked[0] = 3;
     // The phone calls number 3 by the identity of number 0, which is deleted.
     EXPECT_EQ(host.receive(delete_request({{0, 100}, {3, 100}})), SM_RETURN_OPENED_ERR);
-    const Transcript lines = command_lines(host.transcript);
-    const Transcript end = sent(2260, SM_RETURN_OPENED_ERR, 3, Kept{3, 100, nothing, nothing});
-    EXPECT_EQ(Transcript(lines.end() - 4, lines.end()), end);
+    EXPECT_EQ(kept_words_of(host, 3), kept_words({3, 100, nothing, nothing}));
 }
 
 TEST(Delete, ReportsAStoredPresetWithIdentityMinus1AsKeptForBothCustomModes) {
@@ -475,12 +492,7 @@ TEST(Delete, ReportsAStoredPresetWithIdentityMinus1AsKeptForBothCustomModes) {
     host.presets = {preset(100, 0), preset(101, 1), preset(-1, 2)};
     EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
     const Kept kept = {1, -1, 1, -1};
-    EXPECT_EQ(command_lines(host.transcript), joined({{begins(1), entry(0, 0, 100), looked_up(100)},
-                                                      settled(1, not_opened(1), -1),
-                                                      settled(2, not_opened(2), -1),
-                                                      {"__ui_preset_delete_form_phone(0)"},
-                                                      listed({101, -1}),
-                                                      sent(1524, SM_RETURN_TRUE, 2, kept)}));
+    EXPECT_EQ(host.calls(), deletion_calls({100}, "0", 2, 1524));
     const Bytes reply =
         head(1524, SM_RETURN_TRUE, 2) + phone_record(preset(101, 0)) + phone_record(preset(-1, 1)) + zeros(16);
     ASSERT_EQ(host.replies.size(), 1u);
@@ -537,12 +549,7 @@ TEST(Delete, TakesLink40ForAPresetThatWasNotAskedFor) {
     host.presets = presets_from_100(2);
     host.linked_answers = {40, 40, 40, 40};
     EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
-    EXPECT_EQ(command_lines(host.transcript), joined({{begins(1), entry(0, 0, 100), looked_up(100)},
-                                                      settled(1, not_included(1), 40),
-                                                      settled(2, not_included(2), 40),
-                                                      {"__ui_preset_delete_form_phone(0)"},
-                                                      listed({101}, 40, 40),
-                                                      sent(764, SM_RETURN_TRUE, 1)}));
+    EXPECT_EQ(host.calls(), deletion_calls({100}, "0", 1, 764));
     ASSERT_EQ(host.replies.size(), 1u);
     EXPECT_EQ(host.replies[0].bytes, head(764, SM_RETURN_TRUE, 1) + phone_record(preset(101, 0)));
 }
@@ -633,8 +640,6 @@ TEST(Delete, TakesAnImpossibleCountForTheNearestPossibleOne) {
         host.deletes = false;
         host.reported_count = reported;
         EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
-        EXPECT_EQ(command_lines(host.transcript)[9],
-                  "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " + std::to_string(reported));
         Bytes records;
         for (int number = 0; number < taken; ++number) {
             records = records + phone_record(preset(100 + number, number));
@@ -734,15 +739,8 @@ TEST(Delete, ParksAReplyThatIsStillUnconfirmed) {
     FakeHost host;
     host.receive(delete_request({}));
     host.receive(delete_request({}));
-    const Transcript refused = {begins(0), "ERROR ALG_SMM SM_RETURN_DATA_ERR"};
-    Transcript second = sent(20, SM_RETURN_DATA_ERR, 0);
-    second[0] = "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2";
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({refused,
-                      sent(20, SM_RETURN_DATA_ERR, 0),
-                      refused,
-                      {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1"},
-                      second}));
+    EXPECT_EQ(host.calls(), (Transcript{"bt_send_msgs(20)", "bt_send_msgs(20)"}));
+    expect_first_parked(host);
 }
 
 TEST(Delete, DoesNotAskWhetherThePhoneLinkIsUp) {

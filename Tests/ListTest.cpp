@@ -13,6 +13,15 @@ Bytes list_head(int32_t presets) {
     return words({0x1001, 28 + 744 * presets}) + model + words({1, presets});
 }
 
+// What a list of so many presets asks the services, to send so many bytes.
+Transcript list_calls(int presets, int length) {
+    return joined(
+        {{"__ui_set_shotmentor_state(1)", "__ui_get_bt_state_for_phone()", "__ui_get_custom_mode_list_info()"},
+         Transcript(static_cast<size_t>(presets), "User_Spec_Get_Value(272)"),
+         {"__ui_get_linked_preseet_num_for_phone(0)", "__ui_get_linked_preseet_num_for_phone(1)",
+          "bt_send_msgs(" + std::to_string(length) + ")"}});
+}
+
 // The word behind each record of a list reply.
 std::vector<int32_t> marks(const Bytes& reply) {
     std::vector<int32_t> found;
@@ -115,19 +124,9 @@ TEST(PresetList, ShowsALinkThatMarksNothingInTheLogOnly) {
         host.presets = {preset(1)};
         host.linked[0] = host.linked[1] = link;
         EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
-        EXPECT_EQ(command_lines(host.transcript),
-                  joined({{"CYAN ALG_SMM ADE_SM_Send_List()", "__ui_get_bt_state_for_phone()",
-                           "__ui_get_custom_mode_list_info()",
-                           "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 1"},
-                          converted_to_phone("Preset 1", 1),
-                          {"__ui_get_linked_preseet_num_for_phone(0)",
-                           "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: " + std::to_string(link),
-                           "__ui_get_linked_preseet_num_for_phone(1)",
-                           "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: " + std::to_string(link),
-                           "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1",
-                           "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=772, "
-                           "SM_MODEL=KT7, SM_STRUCT_VER=1, num_Preset=1",
-                           "bt_send_msgs(772)"}}));
+        EXPECT_EQ(lines_with("LIST- CUSTOM", host.log()),
+                  (Transcript{"PLAIN ALG_SMM LIST- CUSTOM1 MODE index: " + std::to_string(link),
+                              "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: " + std::to_string(link)}));
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, list_head(1) + phone_record(preset(1)));
         EXPECT_EQ(host.replies[0].buffer, host.replies[0].bytes + zeros(30000 - 772));
@@ -174,26 +173,7 @@ TEST(PresetList, ParksAListThatIsStillUnconfirmed) {
     FakeHost host;
     EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
     EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
-    const Transcript until_the_buffer = {
-        "CYAN ALG_SMM ADE_SM_Send_List()",          "__ui_get_bt_state_for_phone()",
-        "__ui_get_custom_mode_list_info()",         "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: 0",
-        "__ui_get_linked_preseet_num_for_phone(0)", "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
-        "__ui_get_linked_preseet_num_for_phone(1)", "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
-    };
-    const Transcript send = {
-        "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=28, SM_MODEL=KT7, SM_STRUCT_VER=1, num_Preset=0",
-        "bt_send_msgs(28)"};
-    EXPECT_EQ(command_lines(host.transcript),
-              joined({until_the_buffer,
-                      {"PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1"},
-                      send,
-                      until_the_buffer,
-                      {"ERROR ALG_SMM not receive EVT_BT_APP_SEND_RESULT => save add=#1 at QUEUE, sum # of QUEUE=1",
-                       "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#2"},
-                      send}));
-    ASSERT_EQ(host.replies.size(), 2u);
-    EXPECT_EQ(shotmentor_p_Full_Q[0], host.replies[0].message.data);
-    EXPECT_EQ(shotmentor_p_FullData, host.replies[1].message.data);
+    expect_first_parked(host);
 }
 
 TEST(PresetList, OwnsNothingButTheReplyWhenItHasBeenSent) {
@@ -231,25 +211,15 @@ TEST(PresetList, TakesAnImpossibleCountForTheNearestPossibleOne) {
         host.reported_count = reported;
         EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
 
-        Transcript conversions;
         Bytes records;
         for (int number = 0; number < taken; ++number) {
             const int id = 100 + number;
-            conversions = joined({conversions, converted_to_phone("Preset " + std::to_string(id), id)});
             records = records + phone_record(preset(id, number));
         }
-        const std::string length = std::to_string(28 + 744 * taken);
-        EXPECT_EQ(command_lines(host.transcript),
-                  joined({{"CYAN ALG_SMM ADE_SM_Send_List()", "__ui_get_bt_state_for_phone()",
-                           "__ui_get_custom_mode_list_info()",
-                           "PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " + std::to_string(reported)},
-                          conversions,
-                          {"__ui_get_linked_preseet_num_for_phone(0)", "PLAIN ALG_SMM LIST- CUSTOM1 MODE index: -1",
-                           "__ui_get_linked_preseet_num_for_phone(1)", "PLAIN ALG_SMM LIST- CUSTOM2 MODE index: -1",
-                           "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) add=#1",
-                           "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1001, length=" + length +
-                               ", SM_MODEL=KT7, SM_STRUCT_VER=1, num_Preset=" + std::to_string(taken),
-                           "bt_send_msgs(" + length + ")"}}));
+        EXPECT_EQ(
+            lines_with("list number", host.log()),
+            Transcript{"PLAIN ALG_SMM __ui_get_custom_mode_list_info() - list number: " + std::to_string(reported)});
+        EXPECT_EQ(host.calls(), list_calls(taken, 28 + 744 * taken));
         ASSERT_EQ(host.replies.size(), 1u);
         EXPECT_EQ(host.replies[0].bytes, list_head(taken) + records);
     }

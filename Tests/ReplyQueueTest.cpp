@@ -252,17 +252,7 @@ TEST(ReplyQueue, ParksTheUnconfirmedReplyBeforeItAllocatesTheNext) {
     EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
     host.forget();
     EXPECT_EQ(host.receive(delete_request({})), SM_RETURN_DATA_ERR);
-    EXPECT_EQ(command_lines(host.transcript),
-              (Transcript{
-                  "CYAN ALG_SMM ADE_SM_Delete_Preset() del_num=0",
-                  "ERROR ALG_SMM SM_RETURN_DATA_ERR",
-                  parked("#1", 1),
-                  allocated("#2"),
-                  "PLAIN ALG_SMM ADE_ShotMentor_SEND funcNum=1005, return=-2, SM_STRUCT_VER=1, num_Preset=0",
-                  "PLAIN ALG_SMM sendlength=20, open_preset_num1=-1, open_custom_id1=-1, "
-                  "open_preset_num2=-1, open_custom_id2=-1",
-                  "bt_send_msgs(20)",
-              }));
+    EXPECT_EQ(lines_with(" add=#", command_lines(host.transcript)), (Transcript{parked("#1", 1), allocated("#2")}));
 }
 
 TEST(ReplyQueue, TakesALateConfirmationForTheOldestReply) {

@@ -54,7 +54,7 @@ void Model::park() {
     if (!current_) {
         return;
     }
-    if (queue_.size() == SM_REPLY_QUEUE) {
+    if (queue_.size() == 10) {
         lost_.push_back(queue_.back());
         queue_.pop_back();
     }
@@ -98,7 +98,7 @@ static const tag_custom_info& listed(int number) {
 
 // The conversion itself has a target of its own; here it is enough that each record holds what it gives.
 Bytes Model::converted_presets(int count, int first_linked_answer) {
-    std::vector<sm_tag_custom_info> phone(SM_PRESET_LIMIT);
+    std::vector<sm_tag_custom_info> phone(40);
     for (int number = 0; number < count; ++number) {
         ADE_PRO_CreateProFilm(&listed(number), &phone[static_cast<size_t>(number)]);
     }
@@ -222,7 +222,7 @@ Expected Model::update(const Bytes& request, int total) {
 Expected Model::remove(const Bytes& request, int total) {
     const uint32_t pairs = (static_cast<uint32_t>(total) - 8) / 8;
     Expected expected;
-    std::vector<int> flags(SM_DELETE_FLAGS);
+    std::vector<int> flags(42);
     std::map<int, int> id_given; // the last one for each number
     std::vector<int> asked;
     bool faulty = pairs > 74999;
@@ -399,14 +399,14 @@ void Model::check_reassembly() const {
     PROMISE(sm_BT_combine_length == sum_);
     PROMISE((shotmentor_p_ReceiveData != nullptr) == has_buffer_);
     if (has_buffer_) {
-        PROMISE(library_heap::size_of(shotmentor_p_ReceiveData) == SM_REQUEST_LIMIT);
+        PROMISE(library_heap::size_of(shotmentor_p_ReceiveData) == 600000);
     }
     PROMISE(sm_BT_total_length >= 0 || (!has_buffer_ && sum_ == 0));
 }
 
 // Every block that the library owns has its place in the model, and what was handed over stays untouched.
 void Model::check_replies() {
-    PROMISE(shotmentor_p_Full_Q_NUM >= 0 && shotmentor_p_Full_Q_NUM <= SM_REPLY_QUEUE);
+    PROMISE(shotmentor_p_Full_Q_NUM >= 0 && shotmentor_p_Full_Q_NUM <= 10);
     PROMISE(queue_.size() == static_cast<size_t>(shotmentor_p_Full_Q_NUM));
     PROMISE(shotmentor_p_FullData == (current_ ? current_->data : nullptr));
     const auto check = [](const Reply& reply) {

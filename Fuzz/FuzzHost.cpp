@@ -20,6 +20,8 @@ constexpr char reset[] = "\033[m\n";
 constexpr char dispatcher_line[] = "\033[32mADE_ShotMentor_Receive_Manager funcNum=";
 constexpr size_t error_reply_size = 12;
 constexpr size_t zeroed_request_size = 760;
+constexpr size_t list_size = 29600; // room for 40 records of 740 bytes
+constexpr int delete_flags = 42;
 
 bool starts_with(const char* text, const char* start) {
     return std::strncmp(text, start, std::strlen(start)) == 0;
@@ -130,7 +132,7 @@ bool __ui_get_bt_state_for_phone() {
 }
 
 int __ui_get_custom_mode_list_info(tag_custom_info* presets, int* count) {
-    PROMISE(library_heap::size_of(presets) == sizeof script.records);
+    PROMISE(library_heap::size_of(presets) == fuzz::list_size);
     PROMISE(*count == 0);
     ++heard.listed;
     std::copy_n(script.records, script.stored, presets);
@@ -175,7 +177,7 @@ int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) 
 }
 
 int __ui_preset_delete_form_phone(int* flags) {
-    heard.deleted.emplace_back(flags, flags + SM_DELETE_FLAGS);
+    heard.deleted.emplace_back(flags, flags + fuzz::delete_flags);
     return 0;
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <sstream>
 
 #include "Lab/LibraryHeap.h"
@@ -17,6 +18,10 @@
 namespace {
 
 constexpr size_t smallest_packet_memory = 8; // the host's promise to the packet entry
+constexpr size_t list_size = 29600;          // room for 40 records of 740 bytes
+constexpr int delete_flags = 42;
+constexpr int iso_step_key = 272;
+constexpr size_t title_size = 53; // with the NUL behind a title that fills its field
 constexpr const char* located_format = "%s: %s(%d) > %s";
 constexpr const char* color_reset = "\033[m\n";
 
@@ -105,6 +110,18 @@ std::string with_named_addresses(std::string message) {
     return message.replace(first, end - first, name_of_address(message.substr(first, end - first)));
 }
 
+std::mutex noting; // lines may come from several threads
+
+void note(const std::string& event) {
+    {
+        const std::lock_guard<std::mutex> lock(noting);
+        current->transcript.push_back(event);
+    }
+    if (current->watch) {
+        current->watch(event);
+    }
+}
+
 template<class... Arguments>
 void note_call(const char* name, const Arguments&... arguments) {
     std::ostringstream line;
@@ -112,13 +129,33 @@ void note_call(const char* name, const Arguments&... arguments) {
     [[maybe_unused]] const char* separator = "";
     ((line << separator << arguments, separator = ", "), ...);
     line << ')';
-    current->transcript.push_back(line.str());
+    note(line.str());
 }
 
 bool is_call(const std::string& event) {
     const size_t blank = event.find(' ');
     const size_t bracket = event.find('(');
     return bracket != std::string::npos && (blank == std::string::npos || bracket < blank);
+}
+
+bool is_cleared(const void* memory, size_t size) {
+    const auto* const first = static_cast<const unsigned char*>(memory);
+    return std::all_of(first, first + size, [](unsigned char byte) { return byte == 0; });
+}
+
+// What holds of the library's state between any two calls.
+void expect_sound_state() {
+    EXPECT_GE(sm_BT_total_length, -1);
+    if (sm_BT_total_length == -1) {
+        EXPECT_EQ(sm_BT_combine_length, 0);
+        EXPECT_EQ(shotmentor_p_ReceiveData, nullptr);
+    }
+    EXPECT_TRUE(shotmentor_p_FullData == nullptr || library_heap::size_of(shotmentor_p_FullData) > 0);
+    ASSERT_GE(shotmentor_p_Full_Q_NUM, 0);
+    ASSERT_LE(shotmentor_p_Full_Q_NUM, 10);
+    for (int index = 0; index < shotmentor_p_Full_Q_NUM; ++index) {
+        EXPECT_GT(library_heap::size_of(shotmentor_p_Full_Q[index]), 0U) << "slot " << index << " holds no reply";
+    }
 }
 
 tag_custom_info* stored_preset(int custom_id) {
@@ -132,7 +169,7 @@ tag_custom_info* stored_preset(int custom_id) {
 
 // The number that a preset has after a deletion, or -1 when it is gone.
 int number_after(const int* flags, int number) {
-    if (number < 0 || number >= SM_DELETE_FLAGS) {
+    if (number < 0 || number >= delete_flags) {
         return number;
     }
     return flags[number] == 1 ? -1 : number - static_cast<int>(std::count(flags, flags + number, 1));
@@ -218,12 +255,18 @@ int __dlog_print(int buffer, int priority, const char* tag, const char* format, 
         line.text = text_of(format, arguments);
     }
     va_end(arguments);
-    current->transcript.push_back(level_of(line) + " " + line.tag + " " + with_named_addresses(message_of(line.text)));
-    current->lines.push_back(std::move(line));
+    std::string event;
+    {
+        const std::lock_guard<std::mutex> lock(noting);
+        event = level_of(line) + " " + line.tag + " " + with_named_addresses(message_of(line.text));
+        current->lines.push_back(std::move(line));
+    }
+    note(event);
     return 0;
 }
 
 int __ui_set_shotmentor_state(int state) {
+    EXPECT_TRUE(state == 0 || state == 1);
     note_call(__func__, state);
     return 0;
 }
@@ -234,6 +277,9 @@ bool __ui_get_bt_state_for_phone() {
 }
 
 int __ui_get_custom_mode_list_info(tag_custom_info* presets, int* count) {
+    EXPECT_EQ(library_heap::size_of(presets), list_size);
+    EXPECT_TRUE(is_cleared(presets, list_size));
+    EXPECT_EQ(*count, 0);
     note_call(__func__);
     std::copy(current->presets.begin(), current->presets.end(), presets);
     if (current->reports_count) {
@@ -243,6 +289,7 @@ int __ui_get_custom_mode_list_info(tag_custom_info* presets, int* count) {
 }
 
 int __ui_get_linked_preseet_num_for_phone(int custom_mode) {
+    EXPECT_TRUE(custom_mode == 0 || custom_mode == 1);
     note_call(__func__, custom_mode);
     if (current->linked_answers.empty()) {
         return current->linked[custom_mode];
@@ -253,6 +300,9 @@ int __ui_get_linked_preseet_num_for_phone(int custom_mode) {
 }
 
 bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
+    tag_custom_info asked = *preset;
+    asked.applocal_id = 0;
+    EXPECT_TRUE(is_cleared(&asked, sizeof asked)) << "a look-up hands over more than the phone's identity";
     note_call(__func__, custom_id, preset->applocal_id);
     const tag_custom_info* const stored = stored_preset(custom_id);
     const bool known = current->preset_info_answer.value_or(stored != nullptr);
@@ -275,13 +325,15 @@ int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int 
 int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) {
     note_call(__func__, custom_id, server_id, '"' + std::string(title) + '"');
     const auto* const first = reinterpret_cast<const unsigned char*>(title);
-    current->updated_titles.emplace_back(first, first + SM_TITLE_SIZE + 1);
+    EXPECT_EQ(first[title_size - 1], 0);
+    current->updated_titles.emplace_back(first, first + title_size);
     return current->update_answer;
 }
 
 int __ui_preset_delete_form_phone(int* flags) {
     std::string marked;
-    for (int number = 0; number < SM_DELETE_FLAGS; ++number) {
+    for (int number = 0; number < delete_flags; ++number) {
+        EXPECT_TRUE(flags[number] == 0 || (flags[number] == 1 && number < 40)) << number << ": " << flags[number];
         if (flags[number] != 0) {
             marked += (marked.empty() ? "" : " ") + std::to_string(number);
         }
@@ -294,6 +346,14 @@ int __ui_preset_delete_form_phone(int* flags) {
 }
 
 int bt_send_msgs(bt_msg_info* message) {
+    bt_msg_info expected = {};
+    expected.message_kind = 9;
+    expected.data = shotmentor_p_FullData;
+    expected.length = message->length;
+    EXPECT_EQ(message, &shotmentor_BT_info);
+    EXPECT_EQ(std::memcmp(message, &expected, sizeof expected), 0)
+        << "the record holds more than kind, reply and length";
+    EXPECT_LE(static_cast<size_t>(message->length), library_heap::size_of(message->data));
     note_call(__func__, message->length);
     const auto* const first = static_cast<const unsigned char*>(message->data);
     EXPECT_EQ(library_heap::first_unwritten(first, static_cast<size_t>(message->length)), nullptr)
@@ -305,6 +365,7 @@ int bt_send_msgs(bt_msg_info* message) {
 }
 
 int User_Spec_Get_Value(int key) {
+    EXPECT_EQ(key, iso_step_key);
     note_call(__func__, key);
     return current->iso_step_value;
 }
@@ -350,7 +411,9 @@ int FakeHost::receive_with_length(const Bytes& packet, int length) {
     const size_t size = std::max(packet.size(), smallest_packet_memory);
     const std::unique_ptr<unsigned char[]> memory(new unsigned char[size]());
     std::copy(packet.begin(), packet.end(), memory.get());
-    return ADE_ShotMentor_Receive_Manager(memory.get(), length);
+    const int result = ADE_ShotMentor_Receive_Manager(memory.get(), length);
+    expect_sound_state();
+    return result;
 }
 
 std::vector<int> FakeHost::receive_in_packets(const Bytes& request, const std::vector<size_t>& ends) {
@@ -363,7 +426,9 @@ std::vector<int> FakeHost::receive_in_packets(const Bytes& request, const std::v
 }
 
 int FakeHost::confirm() {
-    return ADE_ShotMentor_Result_Manager(nullptr, 0);
+    const int result = ADE_ShotMentor_Result_Manager(nullptr, 0);
+    expect_sound_state();
+    return result;
 }
 
 void FakeHost::settle() {

@@ -1,4 +1,6 @@
 // A host for the library that plays every service of the camera from a script and writes down all that happens.
+// Whatever a test is about, the host holds each call of a service to what that is promised, and the library's state to
+// what holds between calls.
 //
 //     FakeHost host;                             // the library is idle, the camera stores no preset
 //     host.presets = {preset(1)};                // what the camera stores
@@ -70,6 +72,9 @@ class FakeHost {
     int update_answer = 1;
     bool deletes = true;    // whether a deletion takes effect on `presets` (the rest is renumbered) and `linked`
     int iso_step_value = 1; // 1: full steps
+
+    // Called with each event once it is written down, before the service answers. It may look at the library's state.
+    std::function<void(const std::string& event)> watch;
 
     // Refuses the n-th allocation (from 1) that the library makes from now on, and with `for_good` all after it.
     void refuse_allocation(int n, bool for_good = false);

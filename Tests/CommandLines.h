@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <dirent.h>
 #include <initializer_list>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -99,6 +101,16 @@ inline void store_presets_of_every_request(FakeHost& host) {
     host.linked[1] = -1;
 }
 
+// Files and folders that this process holds open.
+inline int open_files() {
+    const std::unique_ptr<DIR, int (*)(DIR*)> files(opendir("/proc/self/fd"), closedir);
+    int count = 0;
+    while (files != nullptr && readdir(files.get()) != nullptr) {
+        ++count;
+    }
+    return count;
+}
+
 // A text as part of a test's name: what is neither letter nor digit becomes an underscore.
 inline std::string with_underscores(std::string text) {
     std::replace_if(
@@ -112,6 +124,15 @@ inline void expect_first_parked(const FakeHost& host) {
     EXPECT_EQ(shotmentor_p_Full_Q_NUM, 1);
     EXPECT_EQ(shotmentor_p_Full_Q[0], host.replies[0].message.data);
     EXPECT_EQ(shotmentor_p_FullData, host.replies[1].message.data);
+}
+
+// How the test framework shows a request, and names a test of one.
+inline void PrintTo(const NamedRequest& request, std::ostream* out) {
+    *out << request.name;
+}
+
+inline std::string name_of_request(const testing::TestParamInfo<NamedRequest>& info) {
+    return with_underscores(info.param.name);
 }
 
 // Puts a text into a field of fixed size, without a NUL where it fills the field.

@@ -751,4 +751,181 @@ TEST(Delete, DoesNotAskWhetherThePhoneLinkIsUp) {
     EXPECT_EQ(host.replies.size(), 1u);
 }
 
+// ---- Numbers, places and identities that are not the same -----------------------------------------------------------
+
+// Three presets whose numbers are neither their places in the list nor their identities, in another order.
+std::vector<tag_custom_info> scattered_presets() {
+    return {preset(207, 5), preset(203, 9), preset(-11, 2)};
+}
+
+TEST(Delete, MarksTheRecordAtThePlaceThatTheLinkNames) {
+    FakeHost host;
+    host.presets = scattered_presets();
+    host.deletes = false;
+    host.linked[0] = 2;
+    host.linked[1] = 0;
+    EXPECT_EQ(host.receive(delete_request({{1, 203}})), SM_RETURN_TRUE);
+    EXPECT_EQ(host.replies.back().bytes, head(20 + 3 * 744, SM_RETURN_TRUE, 3) + phone_record(preset(207, 5), 2) +
+                                             phone_record(preset(203, 9)) + phone_record(preset(-11, 2), 1));
+}
+
+TEST(Delete, TellsOfAKeptPresetByTheNumberInItsRecord) {
+    FakeHost host;
+    host.presets = scattered_presets();
+    host.deletes = false;
+    host.linked[0] = 1;
+    EXPECT_EQ(host.receive(delete_request({{0, 207}, {1, 203}})), SM_RETURN_OPENED_ERR);
+    EXPECT_EQ(host.calls()[4], "__ui_preset_delete_form_phone(0)");
+    EXPECT_EQ(kept_words_of(host, 3), kept_words({9, 203, nothing, nothing}));
+}
+
+TEST(Delete, TellsOfBothKeptPresetsByTheirOwnNumbersAndIdentities) {
+    FakeHost host;
+    host.presets = scattered_presets();
+    host.deletes = false;
+    host.linked[0] = 2;
+    host.linked[1] = 1;
+    EXPECT_EQ(host.receive(delete_request({{1, 203}, {2, -11}})), SM_RETURN_OPENED_BOTH_ERR);
+    EXPECT_EQ(kept_words_of(host, 3), kept_words({2, -11, 9, 203}));
+    EXPECT_EQ(lines_with("sendlength=", host.log()),
+              Transcript{sent(20 + 3 * 744 + 16, SM_RETURN_OPENED_BOTH_ERR, 3, Kept{2, -11, 9, 203})[2]});
+}
+
+TEST(Delete, TellsOfThePresetOfCustom2AloneInBothPairsByItsOwnNumberAndIdentity) {
+    FakeHost host;
+    host.presets = scattered_presets();
+    host.deletes = false;
+    host.linked[1] = 1;
+    EXPECT_EQ(host.receive(delete_request({{1, 203}})), SM_RETURN_OPENED_ERR);
+    EXPECT_EQ(kept_words_of(host, 3), kept_words({9, 203, 9, 203}));
+}
+
+TEST(Delete, OfANegativeIdentityIsLikeAnyOther) {
+    for (const int id : {-1, -2, -7, -65536, INT_MIN}) {
+        SCOPED_TRACE(id);
+        FakeHost host;
+        host.presets = {preset(100, 0), preset(id, 1)};
+        EXPECT_EQ(host.receive(delete_request({{1, id}})), SM_RETURN_TRUE);
+        EXPECT_EQ(host.calls(), deletion_calls({id}, "1", 1, 764));
+        ASSERT_EQ(host.presets.size(), 1u);
+        EXPECT_EQ(host.presets[0].custom_id, 100);
+    }
+}
+
+TEST(Delete, KeepsAPresetOfANegativeIdentity) {
+    FakeHost host;
+    host.presets = {preset(100, 0), preset(-7, 1)};
+    host.linked[1] = 1;
+    EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, -7}})), SM_RETURN_OPENED_ERR);
+    EXPECT_EQ(kept_words_of(host, 1), kept_words({0, -7, 0, -7}));
+}
+
+TEST(Delete, TellsIdentitiesApartThatAgreeInTheirLower16Bits) {
+    FakeHost host;
+    host.presets = {preset(65636, 0), preset(100, 1), preset(-65436, 2)};
+    host.linked[0] = 1;
+    EXPECT_EQ(host.receive(delete_request({{1, 100}})), SM_RETURN_OPENED_ERR);
+    EXPECT_EQ(kept_words_of(host, 3), kept_words({1, 100, nothing, nothing}));
+    host.settle();
+    host.forget();
+    EXPECT_EQ(host.receive(delete_request({{0, 65636}})), SM_RETURN_TRUE);
+    EXPECT_EQ(host.calls()[0], looked_up(65636));
+}
+
+// ---- Borders --------------------------------------------------------------------------------------------------------
+
+TEST(Delete, KeepsThePresetAtTheListsLastNumberOnBothPaths) {
+    for (const int mode : {0, 1}) {
+        SCOPED_TRACE(mode);
+        FakeHost host;
+        host.presets = presets_from_100(40);
+        host.linked[mode] = 39;
+        EXPECT_EQ(host.receive(delete_request({{38, 138}, {39, 139}})), SM_RETURN_OPENED_ERR);
+        EXPECT_EQ(host.calls()[4], "__ui_preset_delete_form_phone(38)");
+        ASSERT_EQ(host.presets.size(), 39u);
+        const Kept kept = mode == 0 ? Kept{38, 139, nothing, nothing} : Kept{38, 139, 38, 139};
+        EXPECT_EQ(lines_with("sendlength=", host.log()),
+                  Transcript{sent(20 + 39 * 744 + 8, SM_RETURN_OPENED_ERR, 39, kept)[2]});
+        // The last record of the list carries the mark.
+        EXPECT_EQ(slice(host.replies.back().bytes, 20 + 38 * 744, 744), phone_record(preset(139, 38), mode + 1));
+    }
+}
+
+TEST(Delete, KeepsThePresetAtTheFirstNumberForCustom2) {
+    FakeHost host;
+    host.presets = presets_from_100(2);
+    host.linked[1] = 0;
+    EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, 101}})), SM_RETURN_OPENED_ERR);
+    EXPECT_EQ(kept_words_of(host, 1), kept_words({0, 100, 0, 100}));
+}
+
+TEST(Delete, OfThePresetAtTheLastNumberIsDone) {
+    FakeHost host;
+    host.presets = presets_from_100(40);
+    EXPECT_EQ(host.receive(delete_request({{39, 139}})), SM_RETURN_TRUE);
+    EXPECT_EQ(host.calls()[3], "__ui_preset_delete_form_phone(39)");
+}
+
+TEST(Delete, OfANumberThatOnlyItsLowerBitsMakePossibleFails) {
+    for (const int number : {256, 257, 65536, 65537, 1 << 24, -256, -65535, INT_MIN + 1}) {
+        SCOPED_TRACE(number);
+        FakeHost host;
+        host.presets = presets_from_100(2);
+        EXPECT_EQ(host.receive(delete_request({{number, 101}})), SM_RETURN_STRUCT_ERR);
+        EXPECT_EQ(host.calls(), refused_calls({101}));
+    }
+}
+
+TEST(Delete, TakesEveryLinkFromMinus2DownAndFrom41UpForImpossible) {
+    for (const int link : {-2, -3, -40, -41, -128, -255, -256, -257,  -32768, -65535, -65536, INT_MIN, INT_MIN + 1, 41,
+                           42, 43, 127, 128, 255,  256,  257,  32768, 65535,  65536,  65537,  1 << 24, INT_MAX}) {
+        for (const size_t mode : {0u, 1u}) {
+            SCOPED_TRACE(std::to_string(link) + " of CUSTOM" + std::to_string(mode + 1));
+            FakeHost host;
+            host.presets = presets_from_100(3);
+            host.deletes = false;
+            host.linked_answers = {-1, -1, link, link};
+            host.linked_answers[mode] = link;
+            EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, 101}})), SM_RETURN_SYSTEM_DATA_ERR);
+            EXPECT_EQ(host.calls()[4], "__ui_preset_delete_form_phone(0 1)");
+            const Bytes presets =
+                phone_record(preset(100, 0)) + phone_record(preset(101, 1)) + phone_record(preset(102, 2));
+            EXPECT_EQ(host.replies.back().bytes,
+                      head(20 + 3 * 744 + 8, SM_RETURN_SYSTEM_DATA_ERR, 3) + presets + zeros(8));
+            EXPECT_EQ(kept_words_of(host, 3), mode == 0 ? kept_words({link, nothing, nothing, nothing})
+                                                        : kept_words({link, nothing, link, nothing}));
+        }
+    }
+}
+
+TEST(Delete, TakesCountsBeyond16BitsAsTheyAre) {
+    for (const auto& [reported, taken] : {std::pair{256, 40}, {65536, 40}, {65538, 40}, {-65534, 0}, {-256, 0}}) {
+        SCOPED_TRACE(reported);
+        FakeHost host;
+        host.presets = presets_from_100(40);
+        host.deletes = false;
+        host.reported_count = reported;
+        EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
+        EXPECT_EQ(slice(host.replies.back().bytes, 0, 20), head(20 + 744 * taken, SM_RETURN_TRUE, taken));
+    }
+}
+
+TEST(Delete, NeverWritesTheKeptWordsWhereTheyWouldReachTheBuffersEnd) {
+    // Ten records leave room for them, eleven do not: 80 + 2976 * 11 + 16 is more than 30000.
+    for (const int presets : {10, 11}) {
+        SCOPED_TRACE(presets);
+        FakeHost host;
+        host.presets = presets_from_100(presets);
+        EXPECT_EQ(host.receive(delete_request({{0, 999}})), SM_RETURN_STRUCT_ERR); // a refused one always has room
+        EXPECT_EQ(slice(host.replies.back().buffer, 80, 16), kept_words({}));
+        host.confirm();
+        host.linked[0] = 0;
+        EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_OPENED_ERR);
+        const Bytes behind = slice(host.replies.back().buffer, 20 + 744 * static_cast<size_t>(presets),
+                                   30000 - 20 - 744 * static_cast<size_t>(presets));
+        const bool has_words = std::any_of(behind.begin(), behind.end(), [](unsigned char byte) { return byte != 0; });
+        EXPECT_EQ(has_words, presets == 10);
+    }
+}
+
 } // namespace

@@ -652,4 +652,52 @@ TEST(HostRecovery, EndsARequestWhoseBufferWasRefused) {
     expect_next_request_runs(host);
 }
 
+// ---- Lengths and numbers beyond 16 bits -----------------------------------------------------------------------------
+
+TEST(Intake, RunsRequestsWhoseLengthReachesBeyond16Bits) {
+    for (const size_t payload : {65527u, 65528u, 65529u, 65536u, 131064u}) {
+        SCOPED_TRACE(payload);
+        FakeHost host;
+        const Bytes all = request(SM_FUNCTION_STATE_ON, Bytes(payload));
+        EXPECT_EQ(host.receive(slice(all, 0, all.size() - 1)), SM_RETURN_FAIL);
+        expect_in_reassembly(static_cast<int>(all.size()), static_cast<int>(all.size() - 1));
+        EXPECT_EQ(host.calls(), Transcript{});
+        EXPECT_EQ(host.receive({0}), SM_RETURN_FAIL);
+        EXPECT_EQ(host.calls(), Transcript{"__ui_set_shotmentor_state(1)"});
+        expect_idle();
+    }
+}
+
+TEST(Intake, RefusesFunctionNumbersThatOnlyTheirLowerBitsMakePossible) {
+    for (const int function : {258, 511, 65536, 65537, 1 << 24, -256, -255, -65535, INT_MIN + 1}) {
+        SCOPED_TRACE(function);
+        FakeHost host;
+        EXPECT_EQ(host.receive(request(function)), SM_RETURN_FAIL);
+        EXPECT_EQ(host.allocations_asked(), 0);
+        expect_idle();
+    }
+}
+
+TEST(Intake, RefusesTotalsThatOnlyTheirUpperBitsMakeNegative) {
+    for (const int total : {-65536, -65528, -256, INT_MIN + 8}) {
+        SCOPED_TRACE(total);
+        FakeHost host;
+        EXPECT_EQ(host.receive(header(SM_FUNCTION_SEND_LIST, total)), SM_RETURN_FAIL);
+        EXPECT_EQ(host.allocations_asked(), 0);
+        expect_idle();
+    }
+}
+
+TEST(Intake, StoresBytesBeyondTheClearedPartWhereTheyBelong) {
+    FakeHost host;
+    host.receive(request_announcing(70000, SM_FUNCTION_STATE_ON, pattern(750)));
+    for (const size_t size : {1u, 1u, 1u, 300u, 64700u}) {
+        host.receive(pattern(size));
+    }
+    EXPECT_TRUE(stored(8, 750) == pattern(750));
+    EXPECT_TRUE(stored(758, 3) == zeros(3));
+    EXPECT_TRUE(stored(761, 300) == pattern(300));
+    EXPECT_TRUE(stored(1061, 64700) == pattern(64700));
+}
+
 } // namespace

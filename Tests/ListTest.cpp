@@ -325,4 +325,72 @@ TEST(PresetList, MayBeAskedForDirectly) {
     EXPECT_EQ(host.replies[0].bytes, list_head(1) + phone_record(preset(1)));
 }
 
+// ---- Numbers, places and identities that are not the same; borders --------------------------------------------------
+
+TEST(PresetList, MarksTheRecordAtThePlaceThatTheLinkNamesWhateverItsNumberIs) {
+    FakeHost host;
+    host.presets = {preset(207, 5), preset(203, 9), preset(-11, 2)};
+    host.linked[0] = 2;
+    host.linked[1] = 1;
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
+    EXPECT_EQ(host.replies.back().bytes, list_head(3) + phone_record(preset(207, 5)) + phone_record(preset(203, 9), 2) +
+                                             phone_record(preset(-11, 2), 1));
+}
+
+TEST(PresetList, MarksNothingForALinkThatOnlyItsLowerBitsMakePossible) {
+    for (const int link : {-2, -3, -255, -256, -65535, -65536, INT_MIN, INT_MIN + 1, 40, 41, 42, 127, 128, 256, 257,
+                           65536, 65537, 1 << 24, INT_MAX}) {
+        SCOPED_TRACE(link);
+        FakeHost host;
+        host.presets = presets_from_100(40);
+        host.linked[0] = host.linked[1] = link;
+        EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
+        EXPECT_EQ(marks(host.replies.back().bytes), std::vector<int32_t>(40));
+    }
+}
+
+TEST(PresetList, MarksTheFirstAndTheLastPresetForCustom2) {
+    for (const int link : {0, 39}) {
+        FakeHost host;
+        host.presets = presets_from_100(40);
+        host.linked[1] = link;
+        EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
+        std::vector<int32_t> expected(40);
+        expected[static_cast<size_t>(link)] = 2;
+        EXPECT_EQ(marks(host.replies.back().bytes), expected);
+    }
+}
+
+TEST(PresetList, TakesCountsFrom39To41AndBeyond16BitsAsTheyAre) {
+    for (const auto& [reported, taken] : {std::pair{0, 0},
+                                          {1, 1},
+                                          {39, 39},
+                                          {40, 40},
+                                          {41, 40},
+                                          {256, 40},
+                                          {65536, 40},
+                                          {65538, 40},
+                                          {-65534, 0},
+                                          {-256, 0}}) {
+        SCOPED_TRACE(reported);
+        FakeHost host;
+        host.presets = presets_from_100(40);
+        host.reported_count = reported;
+        EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
+        EXPECT_EQ(host.replies.back().message.length, 28 + 744 * taken);
+        EXPECT_EQ(slice(host.replies.back().bytes, 0, 28), list_head(taken));
+    }
+}
+
+TEST(PresetList, LeavesRecordsBehindTheCountUnread) {
+    FakeHost host;
+    host.presets = presets_from_100(3);
+    host.reported_count = 2;
+    host.linked[0] = 2; // marks a record that is not sent
+    EXPECT_EQ(host.receive(list_request()), SM_RETURN_TRUE);
+    EXPECT_EQ(host.calls(), list_calls(2, 28 + 2 * 744));
+    EXPECT_EQ(host.replies.back().bytes, list_head(2) + phone_record(preset(100, 0)) + phone_record(preset(101, 1)));
+    EXPECT_TRUE(host.replies.back().buffer == host.replies.back().bytes + zeros(30000 - 28 - 2 * 744));
+}
+
 } // namespace

@@ -9,11 +9,6 @@
 
 #include "CommandLines.h"
 
-// Where the test framework looks for it: beside the type.
-void PrintTo(const NamedRequest& request, std::ostream* out) {
-    *out << request.name;
-}
-
 namespace {
 
 using Positions = std::vector<size_t>;
@@ -134,11 +129,7 @@ TEST_P(PacketCut, MakesNoDifferenceInPacketsOfTheLinksUsualSizes) {
     }
 }
 
-std::string test_name(const testing::TestParamInfo<NamedRequest>& info) {
-    return with_underscores(info.param.name);
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, PacketCut, testing::ValuesIn(every_request()), test_name);
+INSTANTIATE_TEST_SUITE_P(Of, PacketCut, testing::ValuesIn(every_request()), name_of_request);
 
 // ---- Three packets --------------------------------------------------------------------------------------------------
 

@@ -24,15 +24,6 @@ Bytes picture_reply(int32_t custom_id, const Bytes& picture) {
     return words({0x1002, 12 + static_cast<int32_t>(picture.size()), custom_id}) + picture;
 }
 
-int open_files() {
-    const std::unique_ptr<DIR, int (*)(DIR*)> files(opendir("/proc/self/fd"), closedir);
-    int count = 0;
-    while (files != nullptr && readdir(files.get()) != nullptr) {
-        ++count;
-    }
-    return count;
-}
-
 // The size of a file as the standard file calls report it.
 long told_size(const std::string& path) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
@@ -485,6 +476,58 @@ TEST_F(Screennail, OwnsNothingButTheReplyWhenItHasBeenSent) {
     EXPECT_EQ(host.bytes_owned(), 1050u);
     EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
     EXPECT_EQ(host.blocks_owned(), 0u);
+}
+
+// ---- Borders --------------------------------------------------------------------------------------------------------
+
+TEST_F(Screennail, IsAskedForByIdentitiesBeyond16Bits) {
+    for (const int id : {1, 255, 256, 32768, 65535, 65536, 65543, 1 << 24}) {
+        SCOPED_TRACE(id);
+        host.settle();
+        host.forget();
+        EXPECT_EQ(host.receive(picture_request(id, -id)), SM_RETURN_TRUE);
+        const std::string number = std::to_string(id);
+        EXPECT_EQ(host.calls(),
+                  (Transcript{"__ui_get_preset_info(" + number + ", -" + number + ")", "bt_send_msgs(0)"}));
+        EXPECT_EQ(host.replies.back().buffer, words({0x1002, 12, SM_RETURN_LOCALN_ERR, 0, 0}));
+    }
+}
+
+TEST_F(Screennail, OfANegativeIdentityIsRefusedWhateverItsLowerBitsAre) {
+    for (const int id : {-2, -65536, -65529, INT_MIN + 7}) {
+        SCOPED_TRACE(id);
+        host.settle();
+        host.forget();
+        EXPECT_EQ(host.receive(picture_request(id, 5)), SM_RETURN_TRUE);
+        EXPECT_EQ(host.calls(), Transcript{"bt_send_msgs(0)"});
+        EXPECT_EQ(host.replies.back().buffer, words({0x1002, 12, SM_RETURN_PRESETN_ERR, 0, 0}));
+    }
+}
+
+TEST_F(Screennail, IsCutWhereverTheThirdStreamBegins) {
+    for (const size_t between : {0u, 1u, 250u, 65520u, 65536u, 70000u}) {
+        SCOPED_TRACE(between);
+        expect_sent(mark + mark + Bytes(between, 7) + mark + pattern(5), 8 + between);
+    }
+}
+
+TEST_F(Screennail, OfEachSizeAroundTheRepliesUsualOneGetsABufferOfItsOwn) {
+    for (const size_t size : {1u, 38u, 29949u, 29950u, 29951u, 29988u, 65486u, 65535u, 65536u}) {
+        SCOPED_TRACE(size);
+        expect_sent(Bytes(size, 7), size);
+        EXPECT_EQ(host.replies.back().buffer.size(), size + 50);
+    }
+}
+
+TEST_F(Screennail, CarriesTheIdentityOfTheRecordNotTheOneThatWasAskedFor) {
+    store_picture(pattern(10));
+    host.fill_preset_info = [](tag_custom_info& record) {
+        record.custom_id = 70000;
+        record.applocal_id = 12;
+        record.preset_num = 34;
+    };
+    ask();
+    EXPECT_EQ(host.replies.back().bytes, picture_reply(70000, pattern(10)));
 }
 
 } // namespace

@@ -265,4 +265,51 @@ TEST(StorePreset, ParksAReplyThatIsStillUnconfirmed) {
     expect_first_parked(host);
 }
 
+// ---- Borders --------------------------------------------------------------------------------------------------------
+
+TEST(StorePreset, IsConvertedFrom744BytesOnAndSavedFrom844OnWhateverTheBufferHoldsBehind) {
+    for (int length = 730; length <= 860; ++length) {
+        SCOPED_TRACE(length);
+        FakeHost host;
+        const bool is_whole = length >= 744;
+        const bool is_saved = length >= 844;
+        const int result = is_saved ? SM_RETURN_TRUE : SM_RETURN_JPG_ERR;
+        EXPECT_EQ(host.receive(store_request_of(static_cast<size_t>(length))), result);
+        EXPECT_EQ(host.calls(), is_saved ? store_calls(length - 744) : Transcript{send_call});
+        EXPECT_EQ(host.replies.back().bytes, is_whole ? store_reply(result, 5, 6, 7) : store_reply(result, 0, 0, 0));
+        EXPECT_EQ(lines_with(too_short, host.log()).size(), is_whole ? 0u : 1u);
+        EXPECT_EQ(lines_with(no_picture, host.log()).size(), is_saved ? 0u : 1u);
+    }
+}
+
+TEST(StorePreset, TakesPicturesWhoseLengthReachesBeyond16Bits) {
+    for (const size_t length : {65435u, 65436u, 65535u, 65536u, 65537u, 131072u}) {
+        SCOPED_TRACE(length);
+        FakeHost host;
+        EXPECT_EQ(host.receive(store_request(automatic_preset(), pattern(length))), SM_RETURN_TRUE);
+        ASSERT_EQ(host.saved.size(), 1u);
+        EXPECT_EQ(host.saved[0].length, static_cast<int>(length));
+        EXPECT_TRUE(host.saved[0].image == pattern(length));
+    }
+}
+
+TEST(StorePreset, ReportsIdentitiesBeyond16BitsAndNegativeOnes) {
+    FakeHost host;
+    host.save = [](tag_custom_info& record) {
+        record.preset_num = 65536 + 12;
+        record.custom_id = INT_MIN;
+        record.applocal_id = -65536;
+        return -65537;
+    };
+    EXPECT_EQ(host.receive(store_request_of(844)), -65537);
+    EXPECT_EQ(host.replies.back().bytes, store_reply(-65537, 65536 + 12, INT_MIN, -65536));
+}
+
+TEST(StorePreset, ReportsTheRecordAsItCameWhereTheServiceWritesNothingIntoIt) {
+    FakeHost host;
+    host.save = [](tag_custom_info&) { return -9; };
+    EXPECT_EQ(host.receive(store_request_of(844)), -9);
+    EXPECT_EQ(host.replies.back().bytes, store_reply(-9, 5, 6, 7));
+}
+
 } // namespace

@@ -198,4 +198,43 @@ TEST(Update, ParksAReplyThatIsStillUnconfirmed) {
     expect_first_parked(host);
 }
 
+// ---- Borders --------------------------------------------------------------------------------------------------------
+
+TEST(Update, IsRefusedBelow744BytesAndReadAlikeFromThereToBeyondTheClearedPart) {
+    const Bytes payload = image(update_of(3, 9, "Dusk")) + pattern(32);
+    for (size_t length = 700; length <= payload.size(); ++length) {
+        SCOPED_TRACE(length);
+        FakeHost host;
+        const bool is_whole = length >= 744;
+        EXPECT_EQ(host.receive(request(SM_FUNCTION_UPDATE_PRESET, slice(payload, 0, length))),
+                  is_whole ? SM_RETURN_TRUE : SM_RETURN_STRUCT_ERR);
+        EXPECT_EQ(host.calls(), is_whole ? update_calls(3, 9, "Dusk") : Transcript{"bt_send_msgs(12)"});
+    }
+}
+
+TEST(Update, PassesIdentitiesBeyond16BitsOn) {
+    for (const int id : {255, 256, 32767, 32768, 65535, 65536, 65539, 1 << 24, INT_MAX}) {
+        SCOPED_TRACE(id);
+        FakeHost host;
+        EXPECT_EQ(host.receive(update_request(update_of(id, -id, "Dusk"))), SM_RETURN_TRUE);
+        EXPECT_EQ(host.calls(), update_calls(id, -id, "Dusk"));
+    }
+}
+
+TEST(Update, OfANegativeIdThatOnlyItsUpperBitsMakeNegativeIsRefused) {
+    for (const int id : {-65536, -65533, INT_MIN + 3, -256}) {
+        SCOPED_TRACE(id);
+        FakeHost host;
+        EXPECT_EQ(host.receive(update_request(update_of(id, 9, "Dusk"))), SM_RETURN_DATA_ERR);
+        EXPECT_EQ(host.calls(), Transcript{"bt_send_msgs(12)"});
+    }
+}
+
+TEST(Update, HandsATitleOf51CharactersOverWithItsNul) {
+    FakeHost host;
+    const std::string title = fifty_two_characters.substr(0, 51);
+    EXPECT_EQ(host.receive(update_request(update_of(3, 9, title))), SM_RETURN_TRUE);
+    EXPECT_EQ(host.updated_titles.at(0), Bytes(title.begin(), title.end()) + zeros(2));
+}
+
 } // namespace

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -333,6 +334,132 @@ TEST(Log, LooksForTheWordsInAConstantTagAsInOneMadeAtRunTime) {
     EXPECT_EQ(host.lines[3].file, "LogTest.cpp");
 }
 
+// ---- Lines from anywhere --------------------------------------------------------------------------------------------
+
+TEST(Log, MayBeUsedInsideTheHostsOwnLogCallback) {
+    FakeHost host;
+    host.watch = [](const std::string& event) {
+        if (event.find("inner") == std::string::npos) {
+            ALG_LOG_ERROR("inner of %zu\n", event.size());
+            ALG_LOG(ALG_LOG_LEVEL_GREEN, "PERF", "inner %s\n", std::string(300, 'x').c_str());
+        }
+    };
+    const std::string copy = written_to_standard_error([] { ALG_LOG_ERROR("outer %d\n", 7); });
+    ASSERT_EQ(host.lines.size(), 3u);
+    EXPECT_EQ(host.lines[0].text, "\033[31mouter 7\033[m\n");
+    EXPECT_EQ(host.lines[1].text, "\033[31minner of 21\033[m\n"); // "ERROR ALG_SMM outer 7" has 21 characters
+    EXPECT_EQ(host.lines[2].text, "\033[32minner " + std::string(239, 'x') + "\033[m\n");
+    EXPECT_EQ(copy, "[ALG_SMM   ] \033[31minner of 21\033[m\n[ALG_SMM   ] \033[31mouter 7\033[m\n");
+}
+
+TEST(LibraryLog, LeavesTheLibrarysLineAsItIsWhenTheCallbackLogsItself) {
+    FakeHost host;
+    host.watch = [](const std::string& event) {
+        if (event.find("inner") == std::string::npos) {
+            ALG_LOG_ERROR("inner\n");
+        }
+    };
+    const std::string copy = written_to_standard_error([&] { host.receive(request(257)); });
+    EXPECT_EQ(copy, "[ALG_SMM   ] \033[31minner\033[m\n"
+                    "[ALG_SMM   ] \033[31mERR : RESULT ADE_ShotMentor_Receive_Manager funcN=257\033[m\n");
+}
+
+std::string line_of_thread(char letter, int number) {
+    return std::string(static_cast<size_t>(20 + number % 200), letter) + std::to_string(number);
+}
+
+TEST(Log, KeepsTheLinesOfTwoThreadsApart) {
+    constexpr int lines_of_each = 2000;
+    FakeHost host;
+    host.is_on_file = false; // in which order they arrive differs from run to run
+    const auto log_lines = [](char letter) {
+        for (int number = 0; number < lines_of_each; ++number) {
+            ALG_LOG(ALG_LOG_LEVEL_GREEN, letter == 'a' ? "ALG_SM" : "ALG_SMM", "%s\n",
+                    line_of_thread(letter, number).c_str());
+        }
+    };
+    std::thread other(log_lines, 'b');
+    log_lines('a');
+    other.join();
+    int next_of_a = 0;
+    int next_of_b = 0;
+    ASSERT_EQ(host.lines.size(), 2u * lines_of_each);
+    for (const LogLine& line : host.lines) {
+        const bool is_of_a = line.tag == "ALG_SM";
+        const std::string expected = is_of_a ? line_of_thread('a', next_of_a++) : line_of_thread('b', next_of_b++);
+        ASSERT_EQ(line.text, "\033[32m" + expected + "\033[m\n");
+    }
+    EXPECT_EQ(next_of_a, lines_of_each);
+}
+
+// ---- Tags and messages that the library itself does not use ---------------------------------------------------------
+
+TEST(Log, TakesATagOfAnyLengthWhole) {
+    for (const size_t length : {11u, 255u, 256u, 300u, 5000u}) {
+        SCOPED_TRACE(length);
+        const std::string tag(length, 't');
+        FakeHost host;
+        const std::string copy =
+            written_to_standard_error([&] { ALG_LOG(ALG_LOG_LEVEL_ERROR, tag.c_str(), "text\n"); });
+        ASSERT_EQ(host.lines.size(), 1u);
+        EXPECT_EQ(host.lines[0].tag, tag);
+        EXPECT_EQ(host.lines[0].file, "LogTest.cpp");
+        EXPECT_EQ(copy, "[" + tag + "] \033[31mtext\033[m\n");
+    }
+}
+
+TEST(Log, FindsTheTwoWordsAtTheEndOfALongTag) {
+    const std::string bare = std::string(400, 't') + "BTLOG";
+    EXPECT_EQ(logged(ALG_LOG_LEVEL_PLAIN, bare.c_str(), "as it is\n").text, "as it is\n");
+    const std::string without_site = std::string(400, 't') + "PERF";
+    expect_no_call_site(logged(ALG_LOG_LEVEL_PLAIN, without_site.c_str(), "text\n"));
+}
+
+TEST(Log, TakesNeitherATagNorAMessageForAFormat) {
+    const char* const wild = "%s%n%d 100%";
+    FakeHost host;
+    const std::string copy = written_to_standard_error([&] { ALG_LOG(ALG_LOG_LEVEL_ERROR, wild, "%s\n", wild); });
+    ASSERT_EQ(host.lines.size(), 1u);
+    EXPECT_EQ(host.lines[0].tag, wild);
+    EXPECT_EQ(host.lines[0].text, std::string("\033[31m") + wild + "\033[m\n");
+    EXPECT_EQ(copy, std::string("[") + wild + "] \033[31m" + wild + "\033[m\n");
+}
+
+TEST(Log, EndsAMessageAtItsNul) {
+    for (const Level& level : levels) {
+        SCOPED_TRACE(level.name);
+        FakeHost host;
+        const std::string copy = written_to_standard_error([&] {
+            ALG_LOG(level.level, "ALG_SM", "%c", '\0');
+            ALG_LOG(level.level, "ALG_SM", "seen%cunseen\n", '\0');
+            ALG_LOG(level.level, "ALG_SM", "seen\n%cunseen", '\0');
+        });
+        ASSERT_EQ(host.lines.size(), 3u);
+        EXPECT_EQ(host.lines[0].text, level.color + color_reset);
+        EXPECT_EQ(host.lines[1].text, level.color + "seen" + color_reset);
+        EXPECT_EQ(host.lines[2].text, level.color + "seen" + color_reset);
+    }
+}
+
+TEST(Log, EndsAHandedOverMessageWhereTheHostDoes) {
+    FakeHost host;
+    ALG_LOG(ALG_LOG_LEVEL_GREEN, "BTLOG", "%c%s", '\0', "unseen");
+    ASSERT_EQ(host.lines.size(), 1u);
+    EXPECT_EQ(host.lines[0].format, "%c%s");
+    EXPECT_EQ(host.lines[0].text, std::string(1, '\0') + "unseen");
+}
+
+TEST(Log, KeepsEveryCharacterButTheLastNewline) {
+    std::string message;
+    for (int character = 1; character < 256; ++character) {
+        message += character == '%' ? '_' : static_cast<char>(character);
+    }
+    const std::string first = message.substr(0, 128);
+    const std::string second = message.substr(128);
+    EXPECT_EQ(logged(ALG_LOG_LEVEL_CYAN, "ALG_SM", first).text, "\033[36m" + first + color_reset);
+    EXPECT_EQ(logged(ALG_LOG_LEVEL_CYAN, "ALG_SM", second).text, "\033[36m" + second + color_reset);
+}
+
 // ---- The library's own lines ----------------------------------------------------------------------------------------
 
 // The level whose color a line starts with. Two levels share red; their priority tells them apart.
@@ -423,6 +550,34 @@ TEST(LibraryLog, KeepsOrdinaryRequestsOffStandardError) {
     });
     EXPECT_EQ(copy, "");
     EXPECT_EQ(host.replies.size(), 1u);
+}
+
+// ---- Files without a folder -----------------------------------------------------------------------------------------
+
+// What follows is compiled under names of its own: as a file without a folder, in a folder of the root, and deep below.
+
+// clang-format off
+#line 100 "plain.cpp"
+void log_from_a_file_without_a_folder() { ALG_LOG_PLAIN("text\n"); }
+#line 200 "/root.cpp"
+void log_from_a_file_in_the_root() { ALG_LOG_PLAIN("text\n"); }
+#line 300 "../a/b.c/deep name.cpp"
+void log_from_a_file_deep_below() { ALG_LOG_PLAIN("text\n"); }
+#line 400 "LogTest.cpp"
+// clang-format on
+
+TEST(Log, NamesAFileByWhatFollowsItsLastSlash) {
+    FakeHost host;
+    log_from_a_file_without_a_folder();
+    log_from_a_file_in_the_root();
+    log_from_a_file_deep_below();
+    ASSERT_EQ(host.lines.size(), 3u);
+    EXPECT_EQ(host.lines[0].file, "plain.cpp");
+    EXPECT_EQ(host.lines[0].line, 100);
+    EXPECT_EQ(host.lines[1].file, "root.cpp");
+    EXPECT_EQ(host.lines[1].line, 200);
+    EXPECT_EQ(host.lines[2].file, "deep name.cpp");
+    EXPECT_EQ(host.lines[2].line, 300);
 }
 
 } // namespace

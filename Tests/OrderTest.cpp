@@ -402,4 +402,65 @@ TEST(ConversionOrder, TowardsTheCameraTheStateIsSetBehindTheCopyAndC4OnceTheOrig
     }
 }
 
+TEST(ConversionOrder, TowardsThePhoneAllButTheIsoNumberIsConvertedWhenTheIsoStepsAreAskedFor) {
+    FakeHost host;
+    host.iso_step_value = 0; // thirds
+    tag_custom_info camera = preset(1);
+    camera.mode = 4;
+    camera.av_index = 48;
+    camera.tv_index = 53;
+    camera.iso = 4;
+    camera.iso_1_3 = 11;
+    camera.ev_step = 22;
+    camera.cs_info.cs_color[12].cs_color_b = 100;
+    sm_tag_custom_info phone = {};
+    sm_tag_custom_info when_asked = {};
+    host.watch = [&](const std::string& event) {
+        if (event == "User_Spec_Get_Value(272)") {
+            when_asked = phone;
+        }
+    };
+    ADE_PRO_CreateProFilm(&camera, &phone);
+    EXPECT_EQ(when_asked.iso, 800);
+    when_asked.iso = 1000;
+    EXPECT_EQ(image(when_asked), image(phone));
+}
+
+// The exposure words of a camera's record.
+std::vector<int32_t> exposure_of(const tag_custom_info& camera) {
+    return {camera.av_index, camera.tv_index, camera.iso, camera.iso_1_3, camera.ev_step};
+}
+
+TEST(ConversionOrder, TowardsTheCameraEachValueIsInTheRecordBeforeTheNextIsSearchedFor) {
+    FakeHost host;
+    sm_tag_custom_info phone = {};
+    phone.mode = 4;
+    phone.av_index = 41; // approximated to code 64
+    phone.tv_index = 86; // to code 117
+    phone.iso = 125;     // to automatic
+    phone.iso_1_3 = 2;   // to code 1
+    phone.ev_step = 52;  // to step 16
+    phone.made_id = 0x44;
+    tag_custom_info camera = {};
+    std::vector<std::vector<int32_t>> seen;
+    tag_custom_info when_traced = {};
+    host.watch = [&](const std::string& event) {
+        const bool searched = event.find("(AV)search_val") != std::string::npos;
+        if (searched || event.find("[TV]converted") != std::string::npos ||
+            event.find("Converted ") != std::string::npos) {
+            seen.push_back(exposure_of(camera));
+        } else if (event.find("ADE_PRO_CreateSysCustom") != std::string::npos) {
+            when_traced = camera;
+        }
+    };
+    ADE_PRO_CreateSysCustom(&phone, &camera);
+    EXPECT_EQ(seen, (std::vector<std::vector<int32_t>>{{41, 86, 125, 2, 52},
+                                                       {64, 86, 125, 2, 52},
+                                                       {64, 117, 125, 2, 52},
+                                                       {64, 117, 0, 2, 52},
+                                                       {64, 117, 0, 1, 52}}));
+    EXPECT_EQ(exposure_of(camera), (std::vector<int32_t>{64, 117, 0, 1, 16}));
+    EXPECT_EQ(image(when_traced), image(camera));
+}
+
 } // namespace

@@ -355,6 +355,21 @@ TEST(ReplyQueue, KeepsThePointerOfItsLastSlotWhenItShifts) {
     EXPECT_EQ(shotmentor_p_Full_Q[9], tenth);
 }
 
+TEST(ReplyQueue, ShiftsAllOfItsSlotsThoseBehindTheCountToo) {
+    FakeHost host;
+    send_replies(host, 5);
+    const auto slots = [] { return std::vector<const unsigned char*>(shotmentor_p_Full_Q, shotmentor_p_Full_Q + 10); };
+    std::vector<const unsigned char*> expected = slots();
+    while (shotmentor_p_Full_Q_NUM > 0) {
+        EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
+        expected.erase(expected.begin());
+        expected.push_back(nullptr); // the last slot was empty, and keeps what it holds
+        EXPECT_EQ(slots(), expected);
+    }
+    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE); // the current one: no slot is touched
+    EXPECT_EQ(slots(), expected);
+}
+
 TEST(ReplyQueue, TellsByItsCountAloneWhatItHolds) {
     FakeHost host;
     send_replies(host, 11);

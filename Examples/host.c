@@ -5,8 +5,7 @@
 
 #include "ADE_ShotMentor.h"
 
-/* The services. A camera's firmware has them; here the camera stores no preset and prints what it would send.
- */
+/* The services. A camera's firmware has them; here the camera stores no preset and prints what it would send. */
 
 int __dlog_print(int buffer, int priority, const char* tag, const char* format, ...) {
     (void)buffer, (void)priority, (void)tag, (void)format;

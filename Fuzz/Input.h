@@ -1,5 +1,5 @@
-// The bytes of one run, taken from the front as the decisions that they stand for. Where none are left every
-// decision is 0, so that any input is a whole run.
+// The bytes of one run, taken from the front as the decisions that they stand for. Where none are left every decision
+// is 0, so that any input is a whole run.
 #pragma once
 
 #include <algorithm>
@@ -10,14 +10,14 @@
 #include <cstring>
 #include <vector>
 
-// Ends the run when a promise is broken, also in builds that leave asserts out. It writes past the stream
-// `stderr`, which the targets point elsewhere.
-#define PROMISE(condition)                                                                                   \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            dprintf(2, "%s:%d: broken promise: %s\n", __FILE__, __LINE__, #condition);                       \
-            std::abort();                                                                                    \
-        }                                                                                                    \
+// Ends the run when a promise is broken, also in builds that leave asserts out. It writes past the stream `stderr`,
+// which the targets point elsewhere.
+#define PROMISE(condition)                                                                                             \
+    do {                                                                                                               \
+        if (!(condition)) {                                                                                            \
+            dprintf(2, "%s:%d: broken promise: %s\n", __FILE__, __LINE__, #condition);                                 \
+            std::abort();                                                                                              \
+        }                                                                                                              \
     } while (0)
 
 namespace fuzz {

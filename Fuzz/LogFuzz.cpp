@@ -1,5 +1,5 @@
-// One line of the log for each message that the input holds, at every level and under every kind of tag: what
-// reaches the system log and standard error, to the byte.
+// One line of the log for each message that the input holds, at every level and under every kind of tag: what reaches
+// the system log and standard error, to the byte.
 
 #include <cstring>
 #include <string>
@@ -52,8 +52,8 @@ void check_standard_error(bool is_error, const char* tag, const std::string& tex
 void log_message(Input& input) {
     const auto level = static_cast<alg_log_level>(input.below(ALG_LOG_LEVELS));
     const char* const tag = tags[input.below(std::size(tags))];
-    const size_t length = input.flag() ? 240 + static_cast<size_t>(input.below(16))
-                                       : input.size_below(longest_message_tried - 1);
+    const size_t length =
+        input.flag() ? 240 + static_cast<size_t>(input.below(16)) : input.size_below(longest_message_tried - 1);
     std::string message(length, 'x');
     for (char& character : message) {
         const uint8_t byte = input.empty() ? uint8_t{'x'} : input.byte();

@@ -1,5 +1,5 @@
-// Any text as a preset file. What is accepted becomes the same bytes again when it is written and read once
-// more; what is refused says so in one line for each fault.
+// Any text as a preset file. What is accepted becomes the same bytes again when it is written and read once more; what
+// is refused says so in one line for each fault.
 
 #include <cctype>
 #include <sstream>

@@ -1,5 +1,5 @@
-// Runs a target over files instead of made-up input: every file that is named, and every file of a folder.
-// Fails when there is none.
+// Runs a target over files instead of made-up input: every file that is named, and every file of a folder. Fails when
+// there is none.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>

@@ -1,5 +1,5 @@
-// Any bytes as the camera's answers: the frames do not depend on the pieces that they arrive in, and a reply
-// that is taken apart has nothing that its bytes do not hold.
+// Any bytes as the camera's answers: the frames do not depend on the pieces that they arrive in, and a reply that is
+// taken apart has nothing that its bytes do not hold.
 
 #include <optional>
 #include <string>
@@ -50,8 +50,7 @@ Outcome read(const Bytes& stream, Input cuts) {
         PROMISE(!outcome.failure.empty());
         return outcome;
     }
-    PROMISE(reader.expected() == 0 ? reader.arrived() < sizeof(sm_frame)
-                                   : reader.arrived() < reader.expected());
+    PROMISE(reader.expected() == 0 ? reader.arrived() < sizeof(sm_frame) : reader.arrived() < reader.expected());
     outcome.arrived = reader.arrived();
     outcome.expected = reader.expected();
     return outcome;
@@ -96,8 +95,7 @@ void parse(const Bytes& frame) {
     if (const auto reply = accepted(desk::parse_store_reply, frame)) {
         is_reply(0x1003);
         PROMISE(frame.size() == 24 && reply->result == desk::get_word(frame, 8));
-        PROMISE(reply->preset_num == desk::get_word(frame, 12) &&
-                reply->custom_id == desk::get_word(frame, 16));
+        PROMISE(reply->preset_num == desk::get_word(frame, 12) && reply->custom_id == desk::get_word(frame, 16));
         PROMISE(reply->applocal_id == desk::get_word(frame, 20));
     }
     if (const auto result = accepted(desk::parse_update_reply, frame)) {
@@ -128,10 +126,8 @@ Bytes make_stream(Input& input) {
             const Bytes head = input.bytes(20);
             std::copy_n(head.begin(), std::min(head.size(), part.size() - 8), part.begin() + 8);
             desk::put_word(part, 0, 0x1000 + input.below(8));
-            desk::put_word(part, 4,
-                           input.below(16) == 0 ? input.number() : static_cast<int32_t>(part.size()));
-            if (input.flag() &&
-                part.size() >= 28) { // the layout and the number of presets, of a list or what is left
+            desk::put_word(part, 4, input.below(16) == 0 ? input.number() : static_cast<int32_t>(part.size()));
+            if (input.flag() && part.size() >= 28) { // the layout and the number of presets, of a list or what is left
                 const size_t offset = input.flag() ? 20 : 12;
                 desk::put_word(part, offset, 1);
                 desk::put_word(part, offset + 4, input.below(16) == 0 ? input.number() : presets);

@@ -1,6 +1,6 @@
-// A preset store whose database, or the journal of a change that was cut off in it, was damaged. It is
-// refused with one line, or it opens and then keeps all that a store promises: numbers without gaps, links
-// that lead to presets, and changes that last. Files of others stay as they are.
+// A preset store whose database, or the journal of a change that was cut off in it, was damaged. It is refused with one
+// line, or it opens and then keeps all that a store promises: numbers without gaps, links that lead to presets, and
+// changes that last. Files of others stay as they are.
 
 #include <sqlite3.h>
 #include <unistd.h>
@@ -68,8 +68,8 @@ void make_sound_store() {
 void cut_a_change_off() {
     sqlite3* handle = nullptr;
     PROMISE(sqlite3_open(database().c_str(), &handle) == SQLITE_OK);
-    PROMISE(sqlite3_exec(handle, "BEGIN; DELETE FROM presets WHERE custom_id = 2", nullptr, nullptr,
-                         nullptr) == SQLITE_OK);
+    PROMISE(sqlite3_exec(handle, "BEGIN; DELETE FROM presets WHERE custom_id = 2", nullptr, nullptr, nullptr) ==
+            SQLITE_OK);
     PROMISE(sqlite3_db_cacheflush(handle) == SQLITE_OK);
     cut_off_database = read_file(database());
     cut_off_journal = read_file(journal());

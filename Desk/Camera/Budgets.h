@@ -1,5 +1,5 @@
-// What phones may take of this process. No phone, however many there are and whatever they send, gets more
-// than these numbers say, and what the served phone needs is set aside for it.
+// What phones may take of this process. No phone, however many there are and whatever they send, gets more than these
+// numbers say, and what the served phone needs is set aside for it.
 #pragma once
 
 #include <chrono>
@@ -12,31 +12,30 @@ namespace desk::budget {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// ---- Phones -----------------------------------------------------------------------------------------------
+// ---- Phones ---------------------------------------------------------------------------------------------------------
 
-// Phones that wait for their turn, because all before them have closed and are only to be answered yet. One
-// whose time is up is told that the camera is busy.
+// Phones that wait for their turn, because all before them have closed and are only to be answered yet. One whose time
+// is up is told that the camera is busy.
 constexpr size_t waiting_phones = 4;
 constexpr milliseconds waiting_time{2000};
 
-// Phones that were told that the camera is busy: how many may linger until they have read it, and how long.
-// The oldest goes first. What one still sends is read, so that it is not cut off from the answer, up to this.
+// Phones that were told that the camera is busy: how many may linger until they have read it, and how long. The oldest
+// goes first. What one still sends is read, so that it is not cut off from the answer, up to this.
 constexpr size_t turned_away_phones = 16;
 constexpr milliseconds turned_away_time{1000};
 constexpr size_t turned_away_bytes = size_t{1} << 20;
 
-// A phone that leaves a reply untaken, or a request in half, for so long is let go as soon as another one
-// asks.
+// A phone that leaves a reply untaken, or a request in half, for so long is let go as soon as another one asks.
 constexpr seconds stalled_time{10};
 
-// ---- Time -------------------------------------------------------------------------------------------------
+// ---- Time -----------------------------------------------------------------------------------------------------------
 
-// Between two looks at everybody else: phones taken in or turned away, and packets handed to the library. A
-// single request takes as long as it takes: the longest, a deletion of 74999 presets, a fraction of a second.
+// Between two looks at everybody else: phones taken in or turned away, and packets handed to the library. A single
+// request takes as long as it takes: the longest, a deletion of 74999 presets, a fraction of a second.
 constexpr int accepts_of_a_turn = 32;
 constexpr int packets_of_a_turn = 64;
 
-// ---- Descriptors ------------------------------------------------------------------------------------------
+// ---- Descriptors ----------------------------------------------------------------------------------------------------
 
 // The standard streams, the event loop, the store, the log, the listening socket.
 constexpr size_t descriptors_of_the_camera = 24;
@@ -46,24 +45,23 @@ constexpr size_t descriptors_of_a_request = 8;
 constexpr size_t descriptors_of_phones = 1 + waiting_phones + turned_away_phones + 1;
 constexpr size_t descriptors = descriptors_of_the_camera + descriptors_of_a_request + descriptors_of_phones;
 
-// ---- Memory -----------------------------------------------------------------------------------------------
+// ---- Memory ---------------------------------------------------------------------------------------------------------
 
-// One packet, or piece of a stream: more than the longest request. It is received into a buffer that all
-// links share, and the served phone's is kept until the library has had it.
+// One packet, or piece of a stream: more than the longest request. It is received into a buffer that all links share,
+// and the served phone's is kept until the library has had it.
 constexpr size_t received_bytes = size_t{1} << 20;
 
-// Replies that the library holds until they are confirmed: the last one, and those that it has set aside. The
-// camera confirms each before the next request, unless its options make confirmations late or lose them.
+// Replies that the library holds until they are confirmed: the last one, and those that it has set aside. The camera
+// confirms each before the next request, unless its options make confirmations late or lose them.
 constexpr size_t unconfirmed_replies = SM_REPLY_QUEUE + 1;
 // A picture reply: no longer than the request that stored it, but with some spare bytes.
 constexpr size_t longest_reply = SM_REQUEST_LIMIT + 64;
 
-// All that phones can make the camera hold: the two copies of what was received, the request in reassembly,
-// and the replies.
-constexpr size_t memory_of_phones =
-    2 * received_bytes + SM_REQUEST_LIMIT + unconfirmed_replies * longest_reply;
+// All that phones can make the camera hold: the two copies of what was received, the request in reassembly, and the
+// replies.
+constexpr size_t memory_of_phones = 2 * received_bytes + SM_REQUEST_LIMIT + unconfirmed_replies * longest_reply;
 
-// ---- Standard error and the log ---------------------------------------------------------------------------
+// ---- Standard error and the log -------------------------------------------------------------------------------------
 
 // Lines on standard error: so many at once, then so many a second. What comes on top is counted.
 constexpr int lines_at_once = 200;

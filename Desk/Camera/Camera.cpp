@@ -4,6 +4,7 @@
 #include <asio/steady_timer.hpp>
 #include <cstdio>
 
+#include "ADE_ShotMentor.h"
 #include "Budgets.h"
 #include "Lab/LibraryHeap.h"
 #include "Options.h"
@@ -16,10 +17,8 @@ namespace desk {
 
 Camera::Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services)
     : loop_(loop), listener_(listener), sends_(sends), services_(services),
-      waiting_(loop, budget::waiting_time,
-               [this](std::shared_ptr<Link> link) { waited_long_enough(std::move(link)); }),
-      turned_away_(loop, budget::turned_away_time, [](const std::shared_ptr<Link>& link) { link->close(); }) {
-}
+      waiting_(loop, budget::waiting_time, [this](std::shared_ptr<Link> link) { waited_long_enough(std::move(link)); }),
+      turned_away_(loop, budget::turned_away_time, [](const std::shared_ptr<Link>& link) { link->close(); }) {}
 
 Camera::~Camera() {
     forget_phone();
@@ -30,7 +29,7 @@ void Camera::open() {
     listener_.accept([this](std::shared_ptr<Link> link) { phone_came(std::move(link)); });
 }
 
-// ---- Phones come and go -----------------------------------------------------------------------------------
+// ---- Phones come and go ---------------------------------------------------------------------------------------------
 
 void Camera::phone_came(std::shared_ptr<Link> link) {
     let_go_if_stalled();
@@ -55,8 +54,8 @@ void Camera::waited_long_enough(std::shared_ptr<Link> link) {
     }
 }
 
-// A phone that comes back at once may be seen before its last link's end is, and before what it sent at the
-// last: that is answered first.
+// A phone that comes back at once may be seen before its last link's end is, and before what it sent at the last: that
+// is answered first.
 bool Camera::all_before_have_closed() {
     return phone_->link->phone_has_closed() && waiting_.have_all_closed();
 }
@@ -87,8 +86,8 @@ void discard_what_arrives(Link& link, size_t at_most) {
 
 } // namespace
 
-// The link stays open for a moment: a close before the phone's request has been read would take the frame
-// away from a phone that has not read it yet.
+// The link stays open for a moment: a close before the phone's request has been read would take the frame away from a
+// phone that has not read it yet.
 void Camera::turn_away(std::shared_ptr<Link> link) {
     say("a second phone was turned away");
     if (turned_away_.size() == budget::turned_away_phones) {
@@ -100,8 +99,8 @@ void Camera::turn_away(std::shared_ptr<Link> link) {
     discard_what_arrives(*link, budget::turned_away_bytes);
 }
 
-// For another phone alone: a phone that somebody has stopped in a debugger may take its time while nobody
-// else wants the camera.
+// For another phone alone: a phone that somebody has stopped in a debugger may take its time while nobody else wants
+// the camera.
 void Camera::let_go_if_stalled() {
     if (!phone_ || !is_phone_stalled()) {
         return;
@@ -130,12 +129,12 @@ void Camera::forget_phone() {
     }
     phone_->link->close();
     phone_.reset();
-    Intake::return_library_to_idle();
+    ADE_ShotMentor_Return_To_Idle();
     sends_.disconnect();
     services_.in_use = false;
 }
 
-// ---- Requests ---------------------------------------------------------------------------------------------
+// ---- Requests -------------------------------------------------------------------------------------------------------
 
 void Camera::listen_to_phone() {
     phone_->link->receive([this](std::span<const uint8_t> received) {
@@ -144,9 +143,9 @@ void Camera::listen_to_phone() {
     });
 }
 
-// Hands over what has arrived, and reads on when that is done. While a reply is on its way it does neither,
-// and is called again when it has gone: a phone that does not read its replies has to wait with its requests.
-// One that sends many at once has to let others in between, too.
+// Hands over what has arrived, and reads on when that is done. While a reply is on its way it does neither, and is
+// called again when it has gone: a phone that does not read its replies has to wait with its requests. One that sends
+// many at once has to let others in between, too.
 void Camera::serve() {
     for (int packets = 0; phone_ && sends_.is_idle(); ++packets) {
         if (packets == budget::packets_of_a_turn) {
@@ -183,7 +182,7 @@ void Camera::tell_if_stuck() {
             : "the phone sent more bytes than it announced; nothing more is answered until it leaves");
 }
 
-// ---- The loop ---------------------------------------------------------------------------------------------
+// ---- The loop -------------------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -34,14 +34,13 @@ int finished(int result, const PresetStore& store) {
 void check_number(const PresetStore& store, int number) {
     const size_t count = store.presets().size();
     if (number < 0 || static_cast<size_t>(number) >= count) {
-        throw Failure(exit_missing,
-                      "there is no preset " + std::to_string(number) +
-                          (count == 0 ? "; the store is empty"
-                                      : "; the numbers go from 0 to " + std::to_string(count - 1)));
+        throw Failure(exit_missing, "there is no preset " + std::to_string(number) +
+                                        (count == 0 ? "; the store is empty"
+                                                    : "; the numbers go from 0 to " + std::to_string(count - 1)));
     }
 }
 
-// ---- presets ----------------------------------------------------------------------------------------------
+// ---- presets --------------------------------------------------------------------------------------------------------
 
 size_t terminal_width() {
     winsize size = {};
@@ -89,7 +88,7 @@ int list_presets(const Options& options) {
     return exit_done;
 }
 
-// ---- link, unlink, remove ---------------------------------------------------------------------------------
+// ---- link, unlink, remove -------------------------------------------------------------------------------------------
 
 int link_preset(const Options& options) {
     PresetStore store = open_store(options);
@@ -110,7 +109,7 @@ int remove_preset(const Options& options) {
     return finished(store.remove(flags), store);
 }
 
-// ---- add --------------------------------------------------------------------------------------------------
+// ---- add ------------------------------------------------------------------------------------------------------------
 
 // JSON has no NUL, and 740 bytes of a record without one are hardly a record.
 bool is_raw_record(const Bytes& bytes) {
@@ -122,8 +121,7 @@ tag_custom_info read_record(const std::filesystem::path& path) {
     if (is_raw_record(bytes)) {
         return decode_camera_record(bytes);
     }
-    return camera_record_from_json({reinterpret_cast<const char*>(bytes.data()), bytes.size()},
-                                   path.string());
+    return camera_record_from_json({reinterpret_cast<const char*>(bytes.data()), bytes.size()}, path.string());
 }
 
 // What a request has room for, so that no preset comes into the store that a phone could not have sent.

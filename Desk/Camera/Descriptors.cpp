@@ -14,8 +14,8 @@
 namespace desk {
 namespace {
 
-// Whether the caller has left this open, beyond the standard streams. The camera's own are closed on
-// execution, and what is closed on execution is not inherited.
+// Whether the caller has left this open, beyond the standard streams. The camera's own are closed on execution, and
+// what is closed on execution is not inherited.
 bool is_inherited(const std::filesystem::directory_entry& entry) {
     const int descriptor = std::atoi(entry.path().filename().c_str());
     const int flags = ::fcntl(descriptor, F_GETFD);
@@ -49,9 +49,8 @@ void ensure_descriptors() {
     const rlim_t allowed = limit.rlim_max;
     limit.rlim_cur = needed;
     if (allowed < needed || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        throw Failure(exit_machine, "the camera needs " + std::to_string(needed) +
-                                        " open files, and may have " + std::to_string(allowed) +
-                                        "; raise the limit (ulimit -n)");
+        throw Failure(exit_machine, "the camera needs " + std::to_string(needed) + " open files, and may have " +
+                                        std::to_string(allowed) + "; raise the limit (ulimit -n)");
     }
 }
 

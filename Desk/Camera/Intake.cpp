@@ -1,7 +1,6 @@
 #include "Intake.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "ADE_ShotMentor.h"
 #include "Wire/Record.h"
@@ -70,9 +69,8 @@ std::optional<size_t> Intake::next_of_stream() {
     return length > 0 ? std::optional(length) : std::nullopt;
 }
 
-// Bytes of a stream that are a request's first packet: its header at least. The library refuses some headers
-// and stays idle; what such a request has announced is passed over, so that the stream goes on with the next
-// one.
+// Bytes of a stream that are a request's first packet: its header at least. The library refuses some headers and stays
+// idle; what such a request has announced is passed over, so that the stream goes on with the next one.
 size_t Intake::starting_bytes(std::span<const uint8_t> stream) {
     if (stream.size() < header_size) {
         return 0;
@@ -100,13 +98,6 @@ Intake::Stuck Intake::stuck() {
         return Stuck::no_memory;
     }
     return sm_BT_combine_length > sm_BT_total_length ? Stuck::too_many_bytes : Stuck::no;
-}
-
-void Intake::return_library_to_idle() {
-    std::free(shotmentor_p_ReceiveData);
-    shotmentor_p_ReceiveData = nullptr;
-    sm_BT_total_length = -1;
-    sm_BT_combine_length = 0;
 }
 
 } // namespace desk

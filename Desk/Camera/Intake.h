@@ -1,5 +1,4 @@
-// Between a link and the library's packet entry: hands over what a phone sends in packets as the library
-// wants them.
+// Between a link and the library's packet entry: hands over what a phone sends in packets as the library wants them.
 #pragma once
 
 #include <cstddef>
@@ -10,9 +9,9 @@
 
 namespace desk {
 
-// On a link that keeps borders a packet is handed over as it came. On a byte stream the intake finds the
-// borders of requests: the library must never get bytes of two in one packet, nor a header in halves. How far
-// a request has come is asked of the library each time, so that there is one truth about it.
+// On a link that keeps borders a packet is handed over as it came. On a byte stream the intake finds the borders of
+// requests: the library must never get bytes of two in one packet, nor a header in halves. How far a request has come
+// is asked of the library each time, so that there is one truth about it.
 class Intake {
   public:
     explicit Intake(bool keeps_borders) : keeps_borders_(keeps_borders) {}
@@ -25,13 +24,9 @@ class Intake {
     // Whether the phone has sent a request in half.
     bool is_in_request() const;
 
-    // How the request in reassembly has become one that will never be answered, which only the phone's
-    // leaving can end.
+    // How the request in reassembly has become one that will never be answered, which only the phone's leaving can end.
     enum class Stuck { no, too_many_bytes, no_memory };
     static Stuck stuck();
-
-    // Ends the request in reassembly. To be called when the phone has left.
-    static void return_library_to_idle();
 
   private:
     std::span<const uint8_t> waiting() const;

@@ -82,11 +82,11 @@ void Link::read_once() {
     }
 }
 
-// Where packets keep their borders, one without bytes is received like the end of the link. At the end the
-// phone has closed, and has left nothing to be received.
+// Where packets keep their borders, one without bytes is received like the end of the link. At the end the phone has
+// closed, and has left nothing to be received.
 bool Link::is_empty_packet() {
-    return traits_.keeps_borders && (!is_ready(socket_.native_handle(), POLLRDHUP) ||
-                                     bytes_in_kernel(socket_.native_handle(), SIOCINQ) > 0);
+    return traits_.keeps_borders &&
+           (!is_ready(socket_.native_handle(), POLLRDHUP) || bytes_in_kernel(socket_.native_handle(), SIOCINQ) > 0);
 }
 
 void Link::send(std::span<const uint8_t> bytes, Sent handler) {
@@ -101,8 +101,7 @@ void Link::send(std::span<const uint8_t> bytes, Sent handler) {
 void Link::write_on() {
     while (!unsent_.empty()) {
         const size_t piece = traits_.keeps_borders ? std::min(unsent_.size(), traits_.mtu) : unsent_.size();
-        const ssize_t length =
-            ::send(socket_.native_handle(), unsent_.data(), piece, MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t length = ::send(socket_.native_handle(), unsent_.data(), piece, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (length < 0) {
             is_worth_a_retry(errno) ? write_later() : lose(std::strerror(errno));
             return;
@@ -124,8 +123,8 @@ void Link::write_later() {
                        });
 }
 
-// The kernel tells when there is room to write on, which may take many packets. A phone that takes one now
-// and then is seen by what is left of them.
+// The kernel tells when there is room to write on, which may take many packets. A phone that takes one now and then is
+// seen by what is left of them.
 void Link::watch_what_is_untaken() {
     const int untaken = bytes_in_kernel(socket_.native_handle(), SIOCOUTQ);
     moved_ = untaken < untaken_ ? Clock::now() : moved_;

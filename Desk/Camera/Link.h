@@ -19,8 +19,8 @@ struct LinkTraits {
     size_t mtu = 0; // largest packet to send, on a link that keeps borders
 };
 
-// One receive and one send may be under way at a time. A link that breaks calls `on_lost` once, from the
-// loop, instead of their handlers; a link that was closed calls nothing more.
+// One receive and one send may be under way at a time. A link that breaks calls `on_lost` once, from the loop, instead
+// of their handlers; a link that was closed calls nothing more.
 class Link : public std::enable_shared_from_this<Link> {
   public:
     using Received = std::function<void(std::span<const uint8_t>)>;
@@ -33,11 +33,10 @@ class Link : public std::enable_shared_from_this<Link> {
     bool keeps_borders() const { return traits_.keeps_borders; }
     void on_lost(Lost handler) { lost_ = std::move(handler); }
 
-    // Waits for one packet, which may be empty, or for bytes of the stream. They are the handler's until it
-    // returns. A wait that is under way goes on.
+    // Waits for one packet, which may be empty, or for bytes of the stream. They are the handler's until it returns. A
+    // wait that is under way goes on.
     void receive(Received handler);
-    // Sends the bytes, cut into packets of the link. They are read until the handler is called: nothing is
-    // copied.
+    // Sends the bytes, cut into packets of the link. They are read until the handler is called: nothing is copied.
     void send(std::span<const uint8_t> bytes, Sent handler);
     // Whether the phone has closed its end, although what it sent before may still wait to be received.
     bool phone_has_closed();

@@ -17,8 +17,8 @@
 namespace desk {
 
 Listener::Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu)
-    : loop_(loop), endpoint_(endpoint), mtu_(mtu), socket_(loop, open_listening_socket(endpoint_)),
-      pause_(loop), buffer_(budget::received_bytes) {
+    : loop_(loop), endpoint_(endpoint), mtu_(mtu), socket_(loop, open_listening_socket(endpoint_)), pause_(loop),
+      buffer_(budget::received_bytes) {
     struct stat file = {};
     if (endpoint_.kind == Endpoint::Kind::unix_socket && ::stat(endpoint_.path.c_str(), &file) == 0) {
         file_device_ = file.st_dev;
@@ -69,8 +69,8 @@ void Listener::wait_for_phone() {
     });
 }
 
-// Several at a time: where many phones come, the last one shall not wait for an answer until the loop has
-// come round for each.
+// Several at a time: where many phones come, the last one shall not wait for an answer until the loop has come round
+// for each.
 void Listener::accept_some() {
     for (int count = 0; count < budget::accepts_of_a_turn; ++count) {
         Descriptor phone(::accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));

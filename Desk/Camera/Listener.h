@@ -19,8 +19,7 @@ class Listener {
   public:
     using Accepted = std::function<void(std::shared_ptr<Link>)>;
 
-    // Listens. A Unix socket that a dead camera left behind is replaced, a live one is not. Throws Failure
-    // (exit_link).
+    // Listens. A Unix socket that a dead camera left behind is replaced, a live one is not. Throws Failure (exit_link).
     Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu);
     // Removes the socket's file.
     ~Listener();

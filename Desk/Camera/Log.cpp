@@ -67,8 +67,7 @@ class StderrSink : public Log::Sink {
 // Without waiting: a pipe would keep the camera until somebody reads it.
 Descriptor open_log_file(const std::string& path) {
     constexpr const char* no_file = "it is no regular file; name one that is, or a new one";
-    Descriptor file(
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+    Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
     if (file.get() < 0) {
         refuse_file(path, errno == ENXIO ? no_file : std::strerror(errno));
     }
@@ -84,8 +83,7 @@ class FileSink : public Log::Sink {
   public:
     explicit FileSink(const std::string& path) : file_(open_log_file(path)) {}
     void write(const LogLine& line) override {
-        const std::string text =
-            fmt::format("{} [{:<10}] {}\n", letter_of(line.level), line.tag, line.message);
+        const std::string text = fmt::format("{} [{:<10}] {}\n", letter_of(line.level), line.tag, line.message);
         // What the file does not take is lost: there is nobody to tell of each line.
         [[maybe_unused]] const ssize_t length = ::write(file_.get(), text.data(), text.size());
     }
@@ -135,8 +133,7 @@ LogLevel level_of(int priority, const std::string& text) {
 }
 
 void drop_ending(std::string& text, const std::string& ending) {
-    if (text.size() >= ending.size() &&
-        text.compare(text.size() - ending.size(), ending.size(), ending) == 0) {
+    if (text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0) {
         text.resize(text.size() - ending.size());
     }
 }

@@ -23,8 +23,8 @@ struct LogLine {
     std::string message; // without colour and line end, and fit for a terminal
 };
 
-// While one exists, the library's lines go to its destination; without one they are dropped. Throws Failure
-// (exit_usage for an unknown destination, exit_machine for a file that cannot be written).
+// While one exists, the library's lines go to its destination; without one they are dropped. Throws Failure (exit_usage
+// for an unknown destination, exit_machine for a file that cannot be written).
 class Log {
   public:
     class Sink;

@@ -50,9 +50,7 @@ struct Texts {
 };
 
 void add_store_options(App& app, Options& options, Texts& texts) {
-    app.add_option("--store", options.store, "The folder that holds the presets")
-        ->required()
-        ->type_name("DIR");
+    app.add_option("--store", options.store, "The folder that holds the presets")->required()->type_name("DIR");
     app.add_flag("--empty", options.empty, "A store that is created holds no samples");
     app.add_option("--iso-step", texts.iso_step, "ISO steps that the model sets, full unless given")
         ->check(one_of({"full", "third"}))
@@ -70,9 +68,9 @@ void add_link_options(App& app, Options& options, Texts& texts) {
 }
 
 void add_log_options(App& app, Options& options, Texts& texts) {
-    app.add_option("--log", options.log.destination,
-                   "Where the library's lines go, stderr unless given. The library itself copies errors to "
-                   "standard error")
+    app.add_option(
+           "--log", options.log.destination,
+           "Where the library's lines go, stderr unless given. The library itself copies errors to standard error")
         ->group(log_group)
         ->type_name("stderr|syslog|file:PATH");
     app.add_option("--log-level", texts.log_level, "Which of them, warn unless given")
@@ -94,13 +92,11 @@ void add_lab_options(App& app, LabOptions& lab, Texts& texts) {
     };
     add("--confirm-delay", texts.confirm_delay, "Confirm each send only after this time", "MS")
         ->check(between(0, INT_MAX));
-    add("--drop-confirmations", lab.drop_every, "Never confirm every N-th send", "N")
-        ->check(between(1, INT_MAX));
+    add("--drop-confirmations", lab.drop_every, "Never confirm every N-th send", "N")->check(between(1, INT_MAX));
     app.add_flag("--link-down", lab.link_down, "Report the phone link as down")->group(lab_group);
     add("--save-result", lab.save_result, "Answer N to a store request, and store nothing", "N");
     add("--update-result", lab.update_result, "Answer N to an update request, and change nothing", "N");
-    add("--refuse-allocation", texts.refuse, "Refuse the library's N-th allocation, with + all from then on",
-        "N[+]")
+    add("--refuse-allocation", texts.refuse, "Refuse the library's N-th allocation, with + all from then on", "N[+]")
         ->check(fault_of_refusal);
 }
 
@@ -133,9 +129,7 @@ void add_commands(App& app, Options& options, Texts& texts) {
     App& unlink = add_command(app, options, Command::unlink, "unlink", "Let a custom mode use no preset");
     add_custom_mode(unlink, texts);
     App& add = add_command(app, options, Command::add, "add", "Store a preset");
-    add.add_option("record", options.record, "A camera record: 740 bytes, or JSON")
-        ->required()
-        ->type_name("RECORD");
+    add.add_option("record", options.record, "A camera record: 740 bytes, or JSON")->required()->type_name("RECORD");
     add.add_option("picture", options.picture, "Its JPEG picture")->required()->type_name("PICTURE");
     App& remove = add_command(app, options, Command::remove, "remove", "Delete a preset");
     add_number(remove, options);

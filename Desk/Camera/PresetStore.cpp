@@ -23,12 +23,12 @@ constexpr char database_name[] = "presets.sqlite";
 constexpr char pictures_name[] = "pictures";
 constexpr char lock_name[] = "lock";
 
-// ---- What `open` refuses ----------------------------------------------------------------------------------
+// ---- What `open` refuses --------------------------------------------------------------------------------------------
 
 Failure damage_failure(const fs::path& folder, const std::string& fault) {
-    return Failure(exit_store_damaged, "the store " + folder.string() + " is damaged: " + fault +
-                                           "; put a good copy of the folder back, or move it away and start "
-                                           "with a new one");
+    return Failure(exit_store_damaged,
+                   "the store " + folder.string() + " is damaged: " + fault +
+                       "; put a good copy of the folder back, or move it away and start with a new one");
 }
 
 Failure missing_failure(const fs::path& folder) {
@@ -97,7 +97,7 @@ fs::path place_of(const fs::path& folder) {
 
 } // namespace
 
-// ---- The state --------------------------------------------------------------------------------------------
+// ---- The state ------------------------------------------------------------------------------------------------------
 
 // How a caller names the presets that it means to change.
 enum class NamedBy { identity, number };
@@ -131,7 +131,7 @@ struct PresetStore::State {
     int change(Work work);
 };
 
-// ---- Opening and making -----------------------------------------------------------------------------------
+// ---- Opening and making ---------------------------------------------------------------------------------------------
 
 // Names that a killed camera made may not have reached the disk yet.
 void PresetStore::State::open() {
@@ -151,8 +151,8 @@ void PresetStore::State::check_pictures() const {
     }
 }
 
-// The unfinished database marks the pictures beside it as those of a store that never was. It is therefore
-// there before the first of them, and goes after the last: by getting its name, or by being removed.
+// The unfinished database marks the pictures beside it as those of a store that never was. It is therefore there before
+// the first of them, and goes after the last: by getting its name, or by being removed.
 void PresetStore::State::begin_making() {
     check_pictures();
     if (is_there(unfinished_name(database_path))) {
@@ -206,10 +206,10 @@ void PresetStore::State::remove_unnamed_pictures() const {
     }
 }
 
-// ---- Changes ----------------------------------------------------------------------------------------------
+// ---- Changes --------------------------------------------------------------------------------------------------------
 
-// Finds out what the disk holds after a commit that failed, and makes that last. Only then is known which
-// pictures are needed.
+// Finds out what the disk holds after a commit that failed, and makes that last. Only then is known which pictures are
+// needed.
 void PresetStore::State::settle() {
     if (is_settled) {
         return;
@@ -229,8 +229,7 @@ int PresetStore::State::refuse(int result, const std::string& line) {
     return result;
 }
 
-// Nothing of a change reaches the database before its commit, and nothing when the commit finds the database
-// in use.
+// Nothing of a change reaches the database before its commit, and nothing when the commit finds the database in use.
 template<class Work>
 void PresetStore::State::attempt(Work work, Contents& next) {
     Transaction transaction = database->begin();
@@ -245,20 +244,20 @@ void PresetStore::State::attempt(Work work, Contents& next) {
     is_settled = true;
 }
 
-// Whether a change may begin: settles what an earlier one has left open. Numbers that were taken from the
-// list before that may name other presets after it.
+// Whether a change may begin: settles what an earlier one has left open. Numbers that were taken from the list before
+// that may name other presets after it.
 bool PresetStore::State::begin_change(NamedBy named_by) {
     const Contents known = contents;
     try {
         settle();
     } catch (const std::exception& error) {
-        last_error = "it is not known whether an earlier change was made, and cannot be found out: " +
-                     database_path.string() + ": " + error.what();
+        last_error =
+            "it is not known whether an earlier change was made, and cannot be found out: " + database_path.string() +
+            ": " + error.what();
         return false;
     }
     if (named_by == NamedBy::number && !(contents == known)) {
-        last_error =
-            "an earlier change was made after all, and the numbers may name other presets now; ask again";
+        last_error = "an earlier change was made after all, and the numbers may name other presets now; ask again";
         return false;
     }
     return true;
@@ -283,13 +282,12 @@ int PresetStore::State::change(Work work) {
     try {
         settle();
     } catch (const std::exception& error) {
-        return refuse(SM_RETURN_FAIL,
-                      last_error + "; cannot tell whether the change was made: " + error.what());
+        return refuse(SM_RETURN_FAIL, last_error + "; cannot tell whether the change was made: " + error.what());
     }
     return contents == next ? SM_RETURN_TRUE : SM_RETURN_FAIL;
 }
 
-// ---- The store --------------------------------------------------------------------------------------------
+// ---- The store ------------------------------------------------------------------------------------------------------
 
 PresetStore::PresetStore(std::unique_ptr<State> state) : state_(std::move(state)) {}
 PresetStore::PresetStore(PresetStore&&) noexcept = default;
@@ -303,8 +301,8 @@ PresetStore PresetStore::open(const fs::path& folder, bool create, const Fill& f
         if (create) {
             make_folder(place);
         } else if (!fs::is_directory(place) ||
-                   (!is_there(state->database_path) && (is_there(unfinished_name(state->database_path)) ||
-                                                        own_pictures(state->pictures).empty()))) {
+                   (!is_there(state->database_path) &&
+                    (is_there(unfinished_name(state->database_path)) || own_pictures(state->pictures).empty()))) {
             throw missing_failure(folder);
         }
         state->lock = lock(place);
@@ -384,8 +382,7 @@ int PresetStore::save(tag_custom_info& preset, const void* picture, int length) 
         std::ranges::fill(stored.screennail_path, '\0');
         path.copy(stored.screennail_path, SM_SCREENNAIL_PATH_SIZE - 1);
         state.database->insert(stored);
-        file.emplace(state.folder / path,
-                     std::span(static_cast<const uint8_t*>(picture), static_cast<size_t>(length)));
+        file.emplace(state.folder / path, std::span(static_cast<const uint8_t*>(picture), static_cast<size_t>(length)));
         next.presets.push_back(stored);
     });
     if (result == SM_RETURN_TRUE) {
@@ -404,8 +401,7 @@ int PresetStore::update(int custom_id, int server_id, std::string_view title) {
     }
     const int number = state.contents.number_of(custom_id);
     if (number < 0) {
-        return state.refuse(SM_RETURN_LOCALN_ERR,
-                            "there is no preset with custom_id " + std::to_string(custom_id));
+        return state.refuse(SM_RETURN_LOCALN_ERR, "there is no preset with custom_id " + std::to_string(custom_id));
     }
     return state.change([&](Contents& next) {
         tag_custom_info& preset = next.presets[static_cast<size_t>(number)];

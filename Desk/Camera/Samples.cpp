@@ -15,13 +15,13 @@ namespace desk {
 
 namespace {
 
-// ---- The presets ------------------------------------------------------------------------------------------
+// ---- The presets ----------------------------------------------------------------------------------------------------
 
 enum { made_by_the_camera = SM_MADE_MAKER_KORVEL | SM_MADE_FAMILY_KT | SM_MADE_KIND_C4 };
 enum { standard = 0, no_compensation = 15 };
 
-// The camera's codes. Aperture and shutter time count sixteenths of a step: 48 is f/2.8, 112 is 1/125 s, and
-// 65536 - 64 is 16 s. 0 where the mode leaves them to the camera.
+// The camera's codes. Aperture and shutter time count sixteenths of a step: 48 is f/2.8, 112 is 1/125 s, and 65536 - 64
+// is 16 s. 0 where the mode leaves them to the camera.
 struct Sample {
     const char* title;
     int mode;
@@ -95,7 +95,7 @@ void require(const PresetStore& store, int result) {
     }
 }
 
-// ---- The drawings -----------------------------------------------------------------------------------------
+// ---- The drawings ---------------------------------------------------------------------------------------------------
 
 // Colours from 0 to 1.
 struct Color {
@@ -127,9 +127,7 @@ struct Image {
 };
 
 void put(Image& image, size_t pixel, Color color) {
-    const auto byte = [](double value) {
-        return static_cast<uint8_t>(std::lround(std::clamp(value, 0.0, 1.0) * 255));
-    };
+    const auto byte = [](double value) { return static_cast<uint8_t>(std::lround(std::clamp(value, 0.0, 1.0) * 255)); };
     image.pixels[3 * pixel] = byte(color.red);
     image.pixels[3 * pixel + 1] = byte(color.green);
     image.pixels[3 * pixel + 2] = byte(color.blue);
@@ -142,8 +140,8 @@ double grain(uint32_t x, uint32_t y) {
     return static_cast<double>((hash ^ hash >> 13) & 0xFF) / 255;
 }
 
-// A landscape: a sky with a sun, three ranges of hills one before the other, and a lake that mirrors them.
-// Places count from 0 to 1 to the right and down.
+// A landscape: a sky with a sun, three ranges of hills one before the other, and a lake that mirrors them. Places count
+// from 0 to 1 to the right and down.
 class Landscape {
   public:
     explicit Landscape(int number) : number_(number), sun_x_(std::fmod(0.25 + number * 0.618, 0.8) + 0.1) {
@@ -172,8 +170,8 @@ class Landscape {
     // How far down the ridge of a range lies, the nearest range last.
     double ridge(int range, double x) const {
         const double phase = number_ * 1.7 + range * 2.3;
-        const double slopes = std::sin(x * 5 + phase) * 0.5 + std::sin(x * 13 + phase * 3) * 0.2 +
-                              std::sin(x * 31 + phase * 7) * 0.06;
+        const double slopes =
+            std::sin(x * 5 + phase) * 0.5 + std::sin(x * 13 + phase * 3) * 0.2 + std::sin(x * 31 + phase * 7) * 0.06;
         return 0.36 + 0.1 * range + slopes * (0.13 - 0.03 * range);
     }
 
@@ -205,15 +203,13 @@ constexpr int picture_height = 856;
 
 Image draw(int number) {
     const Landscape landscape(number);
-    Image image{picture_width, picture_height,
-                std::vector<uint8_t>(size_t{3} * picture_width * picture_height)};
+    Image image{picture_width, picture_height, std::vector<uint8_t>(size_t{3} * picture_width * picture_height)};
     size_t pixel = 0;
     for (int y = 0; y < image.height; ++y) {
         for (int x = 0; x < image.width; ++x) {
             const Color color =
                 landscape.at(static_cast<double>(x) / image.width, static_cast<double>(y) / image.height);
-            put(image, pixel++,
-                color * (0.97 + 0.06 * grain(static_cast<uint32_t>(x), static_cast<uint32_t>(y))));
+            put(image, pixel++, color * (0.97 + 0.06 * grain(static_cast<uint32_t>(x), static_cast<uint32_t>(y))));
         }
     }
     return image;
@@ -236,7 +232,7 @@ Image half(const Image& image) {
     return smaller;
 }
 
-// ---- JPEG -------------------------------------------------------------------------------------------------
+// ---- JPEG -----------------------------------------------------------------------------------------------------------
 
 // libjpeg ends the process on an error, unless it is taken elsewhere.
 struct Errors {

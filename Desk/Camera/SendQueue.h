@@ -16,10 +16,10 @@
 
 namespace desk {
 
-// Replies are borrowed: they are read out of the library's memory until they have gone. Which memory a
-// confirmation frees is the library's business, and not always that of the send it is meant for (a reply that
-// replaces an unconfirmed one shifts them by one). Therefore nothing is confirmed, and the session hands no
-// packet over, while a reply is on its way: whatever is freed or replaced then has been read.
+// Replies are borrowed: they are read out of the library's memory until they have gone. Which memory a confirmation
+// frees is the library's business, and not always that of the send it is meant for (a reply that replaces an
+// unconfirmed one shifts them by one). Therefore nothing is confirmed, and the session hands no packet over, while a
+// reply is on its way: whatever is freed or replaced then has been read.
 class SendQueue {
   public:
     SendQueue(asio::io_context& loop, const LabOptions& lab);
@@ -27,9 +27,9 @@ class SendQueue {
     // Takes a message in. Called from inside the library, so nothing but this happens until it has returned.
     void queue(std::span<const uint8_t> reply);
 
-    // Frees the replies that the library has lost: one that an error reply took the place of while it was
-    // unconfirmed, and the newest of a full queue. It leaves both to whoever reads them, and nobody does any
-    // more. To be called when the library has returned.
+    // Frees the replies that the library has lost: one that an error reply took the place of while it was unconfirmed,
+    // and the newest of a full queue. It leaves both to whoever reads them, and nobody does any more. To be called when
+    // the library has returned.
     void free_lost_replies();
 
     // Whether replies are still on their way; `when_idle` is called each time that they have all gone.
@@ -37,8 +37,8 @@ class SendQueue {
     void when_idle(std::function<void()> handler) { when_idle_ = std::move(handler); }
 
     void connect(std::shared_ptr<Link> link);
-    // The phone has left: what is under way has failed. Confirms every send that has not been, those whose
-    // confirmation was dropped included, so that the next phone finds the library as the first one did.
+    // The phone has left: what is under way has failed. Confirms every send that has not been, those whose confirmation
+    // was dropped included, so that the next phone finds the library as the first one did.
     void disconnect();
 
   private:

@@ -37,8 +37,8 @@ Result answer(const char* service, Result when_it_fails, Work work) noexcept {
     return when_it_fails;
 }
 
-// What the phone gets to know of a refusal: the number, or, where the library goes on as if the service had
-// done it, nothing.
+// What the phone gets to know of a refusal: the number, or, where the library goes on as if the service had done it,
+// nothing.
 enum class Told { the_number, nothing };
 
 // The camera's user gets the reason.
@@ -46,16 +46,14 @@ int tell_refusal(const Services& services, const char* what, int result, Told to
     if (result != SM_RETURN_TRUE) {
         const std::string& reason = services.store.last_error();
         say(std::string(what) + " refused with " + std::to_string(result) +
-            (told == Told::nothing ? ", which the phone is not told" : "") +
-            (reason.empty() ? "" : ": " + reason));
+            (told == Told::nothing ? ", which the phone is not told" : "") + (reason.empty() ? "" : ": " + reason));
     }
     return result;
 }
 
 // The library opens whatever lies at a picture's path. Without a path it finds no picture.
 void keep_from_the_library(tag_custom_info& preset, const std::string& fault) {
-    say("the phone gets an empty picture of the preset with id " + std::to_string(preset.custom_id) + ": " +
-        fault);
+    say("the phone gets an empty picture of the preset with id " + std::to_string(preset.custom_id) + ": " + fault);
     std::ranges::fill(preset.screennail_path, '\0');
 }
 
@@ -77,7 +75,7 @@ Services::~Services() {
 
 } // namespace desk
 
-// ---- What the library imports -----------------------------------------------------------------------------
+// ---- What the library imports ---------------------------------------------------------------------------------------
 
 using desk::answer;
 using desk::Services;
@@ -96,8 +94,7 @@ int __ui_set_shotmentor_state(int state) {
 }
 
 bool __ui_get_bt_state_for_phone(void) {
-    return answer("__ui_get_bt_state_for_phone", false,
-                  [](Services& services) { return !services.lab.link_down; });
+    return answer("__ui_get_bt_state_for_phone", false, [](Services& services) { return !services.lab.link_down; });
 }
 
 int __ui_get_custom_mode_list_info(tag_custom_info* presets, int* count) {
@@ -142,16 +139,14 @@ int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) 
         if (services.lab.update_result) {
             return *services.lab.update_result;
         }
-        return tell_refusal(services, "updating a preset",
-                            services.store.update(custom_id, server_id, title));
+        return tell_refusal(services, "updating a preset", services.store.update(custom_id, server_id, title));
     });
 }
 
 int __ui_preset_delete_form_phone(int* flags) {
     return answer("__ui_preset_delete_form_phone", int{SM_RETURN_FAIL}, [&](Services& services) {
         return tell_refusal(services, "deleting presets",
-                            services.store.remove(std::span<const int>(flags, SM_DELETE_FLAGS)),
-                            desk::Told::nothing);
+                            services.store.remove(std::span<const int>(flags, SM_DELETE_FLAGS)), desk::Told::nothing);
     });
 }
 
@@ -166,8 +161,7 @@ int bt_send_msgs(bt_msg_info* message) {
 }
 
 int User_Spec_Get_Value(int key) {
-    return answer("User_Spec_Get_Value", 0, [&](Services& services) {
-        return key == SM_SPEC_KEY_ISO_STEP && services.full_iso_steps ? 1 : 0;
-    });
+    return answer("User_Spec_Get_Value", 0,
+                  [&](Services& services) { return key == SM_SPEC_KEY_ISO_STEP && services.full_iso_steps ? 1 : 0; });
 }
 }

@@ -7,8 +7,8 @@
 
 namespace desk {
 
-// While one exists, the library's services answer from it. Nothing that goes wrong in one escapes into the
-// library: it becomes the service's own way to say no, and a line on standard error.
+// While one exists, the library's services answer from it. Nothing that goes wrong in one escapes into the library: it
+// becomes the service's own way to say no, and a line on standard error.
 class Services {
   public:
     // `sends` may be null where nothing is sent.

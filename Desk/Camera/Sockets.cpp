@@ -39,29 +39,27 @@ const sockaddr* generic(const Address& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-void bind_and_listen(const Endpoint& endpoint, const Descriptor& socket, const sockaddr* address,
-                     socklen_t length) {
+void bind_and_listen(const Endpoint& endpoint, const Descriptor& socket, const sockaddr* address, socklen_t length) {
     if (::bind(socket.get(), address, length) != 0 || ::listen(socket.get(), SOMAXCONN) != 0) {
         fail_with_errno(endpoint);
     }
 }
 
-// ---- Unix sockets -----------------------------------------------------------------------------------------
+// ---- Unix sockets ---------------------------------------------------------------------------------------------------
 
 sockaddr_un unix_address(const Endpoint& endpoint) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (endpoint.path.size() >= sizeof address.sun_path) {
-        fail(endpoint, "its path has " + std::to_string(endpoint.path.size()) +
-                           " bytes, and a socket's has " + std::to_string(sizeof address.sun_path - 1) +
-                           " at most; give a shorter one with --listen");
+        fail(endpoint, "its path has " + std::to_string(endpoint.path.size()) + " bytes, and a socket's has " +
+                           std::to_string(sizeof address.sun_path - 1) + " at most; give a shorter one with --listen");
     }
     std::memcpy(address.sun_path, endpoint.path.data(), endpoint.path.size());
     return address;
 }
 
-// A dead camera's socket refuses connections. It is asked with the wrong type of socket, which a live
-// camera's refuses in another way, so that a live camera sees no phone come and go.
+// A dead camera's socket refuses connections. It is asked with the wrong type of socket, which a live camera's refuses
+// in another way, so that a live camera sees no phone come and go.
 bool is_left_behind(const sockaddr_un& address) {
     const Descriptor socket = make_socket(AF_UNIX, SOCK_STREAM, 0);
     const bool connected = ::connect(socket.get(), generic(address), sizeof address) == 0;
@@ -93,7 +91,7 @@ int listen_on_unix_socket(const Endpoint& endpoint) {
     return socket.release();
 }
 
-// ---- TCP --------------------------------------------------------------------------------------------------
+// ---- TCP ------------------------------------------------------------------------------------------------------------
 
 using Resolved = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
 
@@ -103,8 +101,7 @@ Resolved resolve(const Endpoint& endpoint) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     addrinfo* found = nullptr;
-    const int error =
-        ::getaddrinfo(endpoint.host.c_str(), std::to_string(endpoint.port).c_str(), &hints, &found);
+    const int error = ::getaddrinfo(endpoint.host.c_str(), std::to_string(endpoint.port).c_str(), &hints, &found);
     if (error != 0) {
         fail(endpoint, ::gai_strerror(error));
     }
@@ -132,7 +129,7 @@ int listen_on_tcp(Endpoint& endpoint) {
     return socket.release();
 }
 
-// ---- Bluetooth --------------------------------------------------------------------------------------------
+// ---- Bluetooth ------------------------------------------------------------------------------------------------------
 
 template<class Address>
 int listen_on_bluetooth(const Endpoint& endpoint, int type, int protocol, const Address& address) {
@@ -172,8 +169,7 @@ void prepare_phone_socket(Endpoint::Kind kind, int socket) {
 size_t largest_packet(Endpoint::Kind kind, int socket) {
     L2capOptions options = {};
     socklen_t length = sizeof options;
-    if (kind == Endpoint::Kind::l2cap &&
-        ::getsockopt(socket, l2cap_level, l2cap_options, &options, &length) == 0 &&
+    if (kind == Endpoint::Kind::l2cap && ::getsockopt(socket, l2cap_level, l2cap_options, &options, &length) == 0 &&
         options.outgoing_mtu > 0) {
         return options.outgoing_mtu;
     }

@@ -7,8 +7,8 @@
 
 namespace desk {
 
-// Opens a socket that listens at the endpoint, and writes the port that a port of 0 became into it. Throws
-// Failure (exit_link).
+// Opens a socket that listens at the endpoint, and writes the port that a port of 0 became into it. Throws Failure
+// (exit_link).
 int open_listening_socket(Endpoint& endpoint);
 
 // Sets a phone's socket up.

@@ -1,5 +1,5 @@
-// The part of SQLite that the store needs: a database, a statement and a transaction that clean up after
-// themselves. What SQLite refuses is thrown as SqliteError.
+// The part of SQLite that the store needs: a database, a statement and a transaction that clean up after themselves.
+// What SQLite refuses is thrown as SqliteError.
 #pragma once
 
 #include <sqlite3.h>
@@ -67,9 +67,7 @@ class Database {
     struct Close {
         void operator()(sqlite3* handle) const { sqlite3_close(handle); }
     };
-    static int is_overdue(void* deadline) {
-        return Clock::now() > *static_cast<Clock::time_point*>(deadline);
-    }
+    static int is_overdue(void* deadline) { return Clock::now() > *static_cast<Clock::time_point*>(deadline); }
 
     std::unique_ptr<Clock::time_point> deadline_ = std::make_unique<Clock::time_point>();
     std::unique_ptr<sqlite3, Close> handle_; // behind the deadline, which it may look at until it is closed
@@ -102,17 +100,13 @@ class Statement {
     }
     std::span<const uint8_t> blob(int column) const {
         const void* bytes = sqlite3_column_blob(handle_.get(), column);
-        return {static_cast<const uint8_t*>(bytes),
-                static_cast<size_t>(sqlite3_column_bytes(handle_.get(), column))};
+        return {static_cast<const uint8_t*>(bytes), static_cast<size_t>(sqlite3_column_bytes(handle_.get(), column))};
     }
 
   private:
-    void bind(int parameter, int64_t value) {
-        database_.check(sqlite3_bind_int64(handle_.get(), parameter, value));
-    }
+    void bind(int parameter, int64_t value) { database_.check(sqlite3_bind_int64(handle_.get(), parameter, value)); }
     void bind(int parameter, std::span<const uint8_t> bytes) {
-        database_.check(
-            sqlite3_bind_blob64(handle_.get(), parameter, bytes.data(), bytes.size(), SQLITE_STATIC));
+        database_.check(sqlite3_bind_blob64(handle_.get(), parameter, bytes.data(), bytes.size(), SQLITE_STATIC));
     }
 
     struct Finalize {
@@ -128,8 +122,7 @@ void execute(Database& database, const char* text, const Values&... values) {
     Statement(database, text, values...).step();
 }
 
-// A change of the database: all of it once `commit` has returned, nothing of it when `commit` was not
-// reached or threw.
+// A change of the database: all of it once `commit` has returned, nothing of it when `commit` was not reached or threw.
 class Transaction {
   public:
     explicit Transaction(Database& database) : database_(database) { database_.run("BEGIN IMMEDIATE"); }

@@ -24,14 +24,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// ---- Where the lines go -----------------------------------------------------------------------------------
+// ---- Where the lines go ---------------------------------------------------------------------------------------------
 
 bool is_same_file(const struct stat& one, const struct stat& other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino && one.st_rdev == other.st_rdev;
 }
 
-// Pipes and terminals are opened once more, so that writing does not wait: the caller's own way to them is
-// shared with others, and has to stay as it is.
+// Pipes and terminals are opened once more, so that writing does not wait: the caller's own way to them is shared with
+// others, and has to stay as it is.
 Descriptor open_without_waiting() {
     struct stat given = {};
     struct stat opened = {};
@@ -97,10 +97,10 @@ class Outlet {
     std::string rest_;
 };
 
-// ---- How many they are ------------------------------------------------------------------------------------
+// ---- How many they are ----------------------------------------------------------------------------------------------
 
-// Fills with time up to a number of lines. Once empty it gives none until it holds those of a second, so that
-// what is left out makes one gap a second, not one behind every line.
+// Fills with time up to a number of lines. Once empty it gives none until it holds those of a second, so that what is
+// left out makes one gap a second, not one behind every line.
 class LineBudget {
   public:
     bool take() {
@@ -131,7 +131,7 @@ class LineBudget {
     bool is_exhausted_ = false;
 };
 
-// ---- What they are ----------------------------------------------------------------------------------------
+// ---- What they are --------------------------------------------------------------------------------------------------
 
 constexpr size_t bytes_of_a_replacement = 3;
 constexpr size_t bytes_of_colors_and_end = 16;
@@ -191,7 +191,7 @@ class LineCutter {
 
 } // namespace
 
-// ---- All of it --------------------------------------------------------------------------------------------
+// ---- All of it ------------------------------------------------------------------------------------------------------
 
 struct StandardError::State {
     static ssize_t take_written(void* state, const char* text, size_t length);
@@ -234,8 +234,7 @@ ssize_t StandardError::State::take_written(void* state, const char* text, size_t
 }
 
 void StandardError::State::take_from_library(std::string_view line) {
-    if (!is_left_out(
-            is_library_limited)) { // asked first: a phone can cause hundreds of thousands in a second
+    if (!is_left_out(is_library_limited)) { // asked first: a phone can cause hundreds of thousands in a second
         std::string plain(line);
         const std::string color = take_colors(plain);
         put(plain, color);

@@ -1,7 +1,7 @@
-// Standard error, for all that writes there: this program, and the library, which copies its errors to it by
-// itself. A phone causes most of these lines and its bytes stand in some, so that none may colour a terminal,
-// be too many, or wait for a reader: what is left out is counted, and told in one line. What a sanitizer or
-// the C library writes to the descriptor itself when the process breaks down does not pass here.
+// Standard error, for all that writes there: this program, and the library, which copies its errors to it by itself. A
+// phone causes most of these lines and its bytes stand in some, so that none may colour a terminal, be too many, or
+// wait for a reader: what is left out is counted, and told in one line. What a sanitizer or the C library writes to the
+// descriptor itself when the process breaks down does not pass here.
 #pragma once
 
 #include <functional>
@@ -28,8 +28,8 @@ class StandardError {
     // From now on the library's lines are as many as they are: the user asked for them.
     static void lift_limit_of_library();
 
-    // `handler` is called when something was left out that is to be told later, by `catch_up`. It must not
-    // write to standard error itself.
+    // `handler` is called when something was left out that is to be told later, by `catch_up`. It must not write to
+    // standard error itself.
     static void when_behind(std::function<void()> handler);
     // Tells what was left out. False when that has to be tried again.
     static bool catch_up();

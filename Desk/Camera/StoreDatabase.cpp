@@ -33,9 +33,8 @@ constexpr char schema[] = R"(
     INSERT INTO camera VALUES (1);
 )";
 
-// A commit is over when the journal has been cut to nothing and this has been flushed. Before a commit
-// nothing is written to the database itself. Others may read it at the same time; the store waits for them a
-// moment.
+// A commit is over when the journal has been cut to nothing and this has been flushed. Before a commit nothing is
+// written to the database itself. Others may read it at the same time; the store waits for them a moment.
 constexpr char settings[] = R"(
     PRAGMA foreign_keys = ON;
     PRAGMA synchronous = FULL;
@@ -64,8 +63,8 @@ void require_size(const fs::path& path, int64_t size, int64_t largest) {
     }
 }
 
-// Looks at the database's first bytes before SQLite sees it: SQLite would write to a stranger's database that
-// was interrupted.
+// Looks at the database's first bytes before SQLite sees it: SQLite would write to a stranger's database that was
+// interrupted.
 void check_header(const fs::path& path) {
     const Descriptor file = open_plain_file(path, O_RDONLY);
     require_size(path, size_of(file, path), largest_database);
@@ -74,8 +73,8 @@ void check_header(const fs::path& path) {
     const auto number_at = [&](size_t offset) { // most significant byte first
         return header[offset] << 24 | header[offset + 1] << 16 | header[offset + 2] << 8 | header[offset + 3];
     };
-    const bool is_ours = std::memcmp(header.data(), "SQLite format 3", 16) == 0 &&
-                         number_at(68) == application_id && header[18] == 1 && header[19] == 1;
+    const bool is_ours = std::memcmp(header.data(), "SQLite format 3", 16) == 0 && number_at(68) == application_id &&
+                         header[18] == 1 && header[19] == 1;
     if (!is_whole || !is_ours) {
         throw StoreDamage(path.filename().string() + " is not a database of presets");
     }
@@ -85,8 +84,7 @@ void check_header(const fs::path& path) {
     }
 }
 
-// A journal that ends in SQLite's mark names a further file, which SQLite would read and delete. No store
-// writes one.
+// A journal that ends in SQLite's mark names a further file, which SQLite would read and delete. No store writes one.
 void check_journal(const fs::path& path) {
     constexpr std::array<uint8_t, 8> mark = {0xd9, 0xd5, 0x05, 0xf9, 0x20, 0xa1, 0x63, 0xd7};
     if (!is_there(path)) {
@@ -189,7 +187,7 @@ std::string picture_path(int custom_id) {
     return "pictures/" + std::to_string(custom_id) + ".jpg";
 }
 
-// ---- What it holds ----------------------------------------------------------------------------------------
+// ---- What it holds --------------------------------------------------------------------------------------------------
 
 int Contents::number_of(int custom_id) const {
     const auto found = std::ranges::find(presets, custom_id, &tag_custom_info::custom_id);
@@ -213,7 +211,7 @@ bool Contents::operator==(const Contents& other) const {
     return linked_ids == other.linked_ids && std::ranges::equal(presets, other.presets, is_same);
 }
 
-// ---- Opening ----------------------------------------------------------------------------------------------
+// ---- Opening --------------------------------------------------------------------------------------------------------
 
 StoreDatabase StoreDatabase::make(const fs::path& path) {
     remove(path);
@@ -241,8 +239,8 @@ StoreDatabase StoreDatabase::open(const fs::path& path) {
     return StoreDatabase(std::move(database));
 }
 
-// A camera may have been killed between writing and flushing. The journal's name has to last before the first
-// change: SQLite goes on when it cannot flush that.
+// A camera may have been killed between writing and flushing. The journal's name has to last before the first change:
+// SQLite goes on when it cannot flush that.
 void StoreDatabase::flush(const fs::path& path) {
     flush_file(path);
     flush_file(path.string() + "-journal");
@@ -262,7 +260,7 @@ void StoreDatabase::remove(const fs::path& path) noexcept {
     remove_file(path.string() + "-journal");
 }
 
-// ---- Reading ----------------------------------------------------------------------------------------------
+// ---- Reading --------------------------------------------------------------------------------------------------------
 
 Contents StoreDatabase::read() {
     Contents contents;
@@ -308,7 +306,7 @@ void StoreDatabase::check_next_id(const Contents& contents) {
     }
 }
 
-// ---- Changes ----------------------------------------------------------------------------------------------
+// ---- Changes --------------------------------------------------------------------------------------------------------
 
 int32_t StoreDatabase::take_custom_id() {
     Statement next(database_, "SELECT next_custom_id FROM camera");
@@ -338,16 +336,15 @@ void StoreDatabase::erase(int32_t custom_id) {
 }
 
 void StoreDatabase::link(int custom_mode, int32_t custom_id) {
-    execute(database_, "INSERT OR REPLACE INTO links VALUES (?1, ?2)", int64_t{custom_mode},
-            int64_t{custom_id});
+    execute(database_, "INSERT OR REPLACE INTO links VALUES (?1, ?2)", int64_t{custom_mode}, int64_t{custom_id});
 }
 
 void StoreDatabase::unlink(int custom_mode) {
     execute(database_, "DELETE FROM links WHERE custom_mode = ?1", int64_t{custom_mode});
 }
 
-// A commit writes the journal, its name and the changed pages, and flushes them all. Two changes that undo
-// each other make one that changes nothing.
+// A commit writes the journal, its name and the changed pages, and flushes them all. Two changes that undo each other
+// make one that changes nothing.
 void StoreDatabase::seal() {
     Transaction transaction(database_);
     execute(database_, "UPDATE camera SET next_custom_id = next_custom_id + 1");

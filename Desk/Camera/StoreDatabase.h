@@ -1,9 +1,9 @@
 // What a preset store keeps in its database, and what is asked of a file before it is taken for one.
 //
-// The records lie in it as the 740 bytes that travel, in the order of their custom_ids: presets are only ever
-// added at the end, so this is the order of the list, and a preset's number is its place in it. Numbers are
-// therefore counted and never read back, and no deletion can leave a gap. The custom modes name their presets
-// by custom_id and keep them whatever is deleted before them.
+// The records lie in it as the 740 bytes that travel, in the order of their custom_ids: presets are only ever added at
+// the end, so this is the order of the list, and a preset's number is its place in it. Numbers are therefore counted
+// and never read back, and no deletion can leave a gap. The custom modes name their presets by custom_id and keep them
+// whatever is deleted before them.
 #pragma once
 
 #include <array>
@@ -33,19 +33,19 @@ struct Contents {
     bool operator==(const Contents& other) const;
 };
 
-// What SQLite refuses is thrown as SqliteError, what the files are not as StoreDamage, and what the system
-// refuses as std::system_error.
+// What SQLite refuses is thrown as SqliteError, what the files are not as StoreDamage, and what the system refuses as
+// std::system_error.
 class StoreDatabase {
   public:
     // Makes an empty one in the place of whatever was there.
     static StoreDatabase make(const std::filesystem::path& path);
     // Opens one that was made here, and undoes what a camera that died has left half done in it.
     static StoreDatabase open(const std::filesystem::path& path);
-    // Makes what lies there last, its journal and the names of both included, and makes the journal where
-    // there is none.
+    // Makes what lies there last, its journal and the names of both included, and makes the journal where there is
+    // none.
     static void flush(const std::filesystem::path& path);
-    // Removes a journal that was cut to nothing, when flushing that has failed: its old content must not come
-    // back below a new one. No database may be open there.
+    // Removes a journal that was cut to nothing, when flushing that has failed: its old content must not come back
+    // below a new one. No database may be open there.
     static void discard_empty_journal(const std::filesystem::path& path);
     // Removes an unfinished one with its journal.
     static void remove(const std::filesystem::path& path) noexcept;

@@ -48,8 +48,8 @@ void write_file(const fs::path& path, std::span<const uint8_t> bytes) {
     flush(file, path);
 }
 
-// A folder that is not ours may be closed to us, and some file systems flush nothing: then the name was not
-// for us to make, or there is nothing to do.
+// A folder that is not ours may be closed to us, and some file systems flush nothing: then the name was not for us to
+// make, or there is nothing to do.
 void flush_foreign_folder(const fs::path& folder) {
     try {
         flush_folder(folder);

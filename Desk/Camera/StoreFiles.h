@@ -1,6 +1,5 @@
-// The files of a preset store. What is written is flushed, and so is each name that has to last; what is no
-// plain file (a link, a pipe, a device) is never opened. What the system refuses is thrown as
-// std::system_error with the path.
+// The files of a preset store. What is written is flushed, and so is each name that has to last; what is no plain file
+// (a link, a pipe, a device) is never opened. What the system refuses is thrown as std::system_error with the path.
 #pragma once
 
 #include <cstdint>
@@ -45,15 +44,14 @@ bool is_real_folder(const std::filesystem::path& path);
 Descriptor open_plain_file(const std::filesystem::path& path, int flags);
 int64_t size_of(const Descriptor& file, const std::filesystem::path& path);
 // Bytes from an offset on; fewer than the buffer holds at the file's end alone. Returns how many.
-size_t read_at(const Descriptor& file, const std::filesystem::path& path, int64_t offset,
-               std::span<uint8_t> buffer);
+size_t read_at(const Descriptor& file, const std::filesystem::path& path, int64_t offset, std::span<uint8_t> buffer);
 
 void rename_file(const std::filesystem::path& from, const std::filesystem::path& to);
 // What cannot be removed now is removed when the store is opened next.
 void remove_file(const std::filesystem::path& path) noexcept;
 
-// A picture on its way into the store: written and flushed under an unfinished name, then renamed. It goes
-// again unless it is kept.
+// A picture on its way into the store: written and flushed under an unfinished name, then renamed. It goes again unless
+// it is kept.
 class NewPicture {
   public:
     NewPicture(std::filesystem::path path, std::span<const uint8_t> bytes);

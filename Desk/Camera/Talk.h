@@ -1,5 +1,5 @@
-// What the camera tells its user: one line on standard error for each thing that happened. Standard output is
-// for data alone.
+// What the camera tells its user: one line on standard error for each thing that happened. Standard output is for data
+// alone.
 #pragma once
 
 #include <string>

@@ -90,11 +90,11 @@ bool means_later(int error) {
     return error == EINTR || error == EAGAIN || error == EWOULDBLOCK;
 }
 
-// ---- Reading ----------------------------------------------------------------------------------------------
+// ---- Reading --------------------------------------------------------------------------------------------------------
 
 Failure too_long(const std::string& path, const std::string& size, size_t most) {
-    return {exit_usage, fmt::format("{} has {} bytes, and at most {} can be used; give a smaller file",
-                                    printable(path), size, most)};
+    return {exit_usage, fmt::format("{} has {} bytes, and at most {} can be used; give a smaller file", printable(path),
+                                    size, most)};
 }
 
 // The size that a file tells: 0 where it has none of its own.
@@ -135,15 +135,14 @@ size_t read_some(const Descriptor& file, const std::string& path, std::span<uint
     }
 }
 
-// ---- Writing ----------------------------------------------------------------------------------------------
+// ---- Writing --------------------------------------------------------------------------------------------------------
 
 void write_all(const Descriptor& file, const std::string& path, std::span<const uint8_t> bytes) {
     Clock::time_point deadline = Clock::now() + patience_with_pipes;
     while (!bytes.empty()) {
         const Wait wait = wait_for(file.get(), POLLOUT, deadline);
         if (wait == Wait::over) {
-            throw write_failure(path, fmt::format("nothing was taken for {} s; see that somebody reads this "
-                                                  "pipe",
+            throw write_failure(path, fmt::format("nothing was taken for {} s; see that somebody reads this pipe",
                                                   patience_with_pipes.count()));
         }
         const ssize_t count = wait == Wait::failed ? -1 : write(file.get(), bytes.data(), bytes.size());
@@ -254,19 +253,20 @@ class NewFile {
     Descriptor file_;
 };
 
-// The new name has to last as well. A folder may be writable and not readable, and some file systems keep
-// their names by themselves.
+// The new name has to last as well. A folder may be writable and not readable, and some file systems keep their names
+// by themselves.
 void keep_name(const std::string& path) {
     Descriptor folder = opened(folder_of(path), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder.get() < 0 && errno == EACCES) {
         return;
     }
-    const bool kept =
-        folder.get() >= 0 && (repeated([&] { return fsync(folder.get()); }) == 0 || errno == EINVAL);
+    const bool kept = folder.get() >= 0 && (repeated([&] { return fsync(folder.get()); }) == 0 || errno == EINVAL);
     if (!kept) {
-        throw Failure(exit_machine, fmt::format("{} is written, but the disk does not say that it will last: "
-                                                "{}; see to the disk and write it again",
-                                                printable(path), std::strerror(errno)));
+        throw Failure(
+            exit_machine,
+            fmt::format(
+                "{} is written, but the disk does not say that it will last: {}; see to the disk and write it again",
+                printable(path), std::strerror(errno)));
     }
 }
 

@@ -1,6 +1,6 @@
-// Text that others have written (phones, cameras, files), made fit for a person: a terminal, a log, a JSON
-// document. Control characters, format characters (those that turn the writing direction among them), and
-// separators of lines and paragraphs never pass; Unicode's own categories say which those are.
+// Text that others have written (phones, cameras, files), made fit for a person: a terminal, a log, a JSON document.
+// Control characters, format characters (those that turn the writing direction among them), and separators of lines and
+// paragraphs never pass; Unicode's own categories say which those are.
 #pragma once
 
 #include <string>
@@ -14,8 +14,8 @@ std::string printable(std::string_view text);
 // The same line by line: newlines stay.
 std::string printable_lines(std::string_view text);
 
-// A JSON document with each such character of its texts as an escape sequence, \uXXXX: whoever parses it gets
-// the character back. Newlines between its entries stay. `document` is UTF-8.
+// A JSON document with each such character of its texts as an escape sequence, \uXXXX: whoever parses it gets the
+// character back. Newlines between its entries stay. `document` is UTF-8.
 std::string escaped_json(std::string_view document);
 
 } // namespace desk

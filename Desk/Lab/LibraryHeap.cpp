@@ -10,8 +10,7 @@
 #include <valgrind/memcheck.h>
 #endif
 
-// The C library's own allocator, and the sanitizer's where there is one: that must see every block to guard
-// it.
+// The C library's own allocator, and the sanitizer's where there is one: that must see every block to guard it.
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -23,8 +22,8 @@ void __interceptor_free(void* block) __attribute__((weak));
 void __msan_poison(const volatile void* data, size_t size) __attribute__((weak));
 intptr_t __msan_test_shadow(const volatile void* data, size_t size) __attribute__((weak));
 
-// The C++ library is not built with the memory sanitizer, which does not see what that writes. Therefore only
-// the library's own blocks and variables count as unwritten, not all new and freed memory.
+// The C++ library is not built with the memory sanitizer, which does not see what that writes. Therefore only the
+// library's own blocks and variables count as unwritten, not all new and freed memory.
 const char* __msan_default_options() {
     return "poison_in_malloc=0:poison_in_free=0";
 }
@@ -79,8 +78,8 @@ CodeRange find_code() {
 // Found before main begins, not at the first allocation: that comes before a sanitizer is ready.
 const CodeRange library_code = find_code();
 
-// Whether an address lies in the code of libshotmentor.so. What the C library allocates on the library's
-// behalf (a FILE and its buffer) does not count.
+// Whether an address lies in the code of libshotmentor.so. What the C library allocates on the library's behalf (a FILE
+// and its buffer) does not count.
 bool is_library_code(const void* address) {
     const auto where = reinterpret_cast<uintptr_t>(address);
     return library_code.first <= where && where < library_code.end;
@@ -108,8 +107,8 @@ bool runs_in_valgrind() {
 #endif
 }
 
-// Bytes behind each of the library's blocks that nobody may write. The address sanitizer and valgrind guard
-// blocks themselves.
+// Bytes behind each of the library's blocks that nobody may write. The address sanitizer and valgrind guard blocks
+// themselves.
 size_t guard() {
     return has_other_guards() ? 0 : guard_size;
 }

@@ -1,5 +1,5 @@
-// Watches the allocations that the library makes, and refuses them on demand. malloc, calloc and free of the
-// whole test program pass through here; those called from the library's own code are the library's.
+// Watches the allocations that the library makes, and refuses them on demand. malloc, calloc and free of the whole test
+// program pass through here; those called from the library's own code are the library's.
 #pragma once
 
 #include <cstddef>
@@ -10,12 +10,12 @@ void refuse(int n, bool for_good); // the n-th allocation from now on, and with 
 void reset();                      // refuses nothing, and counts anew
 int asked();                       // allocations asked for since `refuse` or `reset`
 
-// The library's new blocks hold bytes that nobody would send, so that what the library does not write shows;
-// at most so many of a block when the time to fill a whole one counts.
+// The library's new blocks hold bytes that nobody would send, so that what the library does not write shows; at most so
+// many of a block when the time to fill a whole one counts.
 void fill_at_most(size_t size);
 
-// The first of these bytes that nobody has written since the library got the block, null when there is none.
-// Only the memory sanitizer and valgrind know; without them the answer is always null.
+// The first of these bytes that nobody has written since the library got the block, null when there is none. Only the
+// memory sanitizer and valgrind know; without them the answer is always null.
 const void* first_unwritten(const void* data, size_t size);
 bool knows_unwritten();
 
@@ -23,8 +23,8 @@ size_t size_of(const void* block); // bytes of a block that the library owns, 0 
 size_t blocks();                   // blocks that the library owns
 size_t bytes();                    // their bytes
 
-// Blocks freed since `reset` behind whose end something was written. The address sanitizer and valgrind stop
-// at such a write; with them the answer is always 0.
+// Blocks freed since `reset` behind whose end something was written. The address sanitizer and valgrind stop at such a
+// write; with them the answer is always 0.
 size_t overruns();
 bool has_other_guards(); // one of those two
 

@@ -18,12 +18,11 @@ constexpr std::chrono::milliseconds longest_farewell{1000};
 // What comes unasked may be any answer but a picture.
 constexpr size_t longest_stray_frame = longest_delete_reply;
 
-// A request and its answer may take the timeout twice, and once more for so many of their bytes. With 5 s
-// that is a tenth of what a Bluetooth link carries.
+// A request and its answer may take the timeout twice, and once more for so many of their bytes. With 5 s that is a
+// tenth of what a Bluetooth link carries.
 constexpr int64_t bytes_in_a_timeout = 64 * 1024;
 
-constexpr const char* list_silence =
-    "see that it runs and that its link state is up, or give a longer --timeout";
+constexpr const char* list_silence = "see that it runs and that its link state is up, or give a longer --timeout";
 constexpr const char* picture_silence = "it answers so when it does not have the preset";
 constexpr const char* change_silence =
     "list tells whether the change was made; give a longer --timeout if the camera is slow";
@@ -38,38 +37,37 @@ Camera::Camera(const Options& options)
     : timeout_(options.timeout), link_(options.camera, options.mtu, options.timeout) {}
 
 ListReply Camera::list() {
-    return parse_list_reply(
-        answer_to({request(SM_FUNCTION_SEND_LIST), list_silence, longest_list_reply}, "presets"));
+    return parse_list_reply(answer_to({request(SM_FUNCTION_SEND_LIST), list_silence, longest_list_reply}, "presets"));
 }
 
 Bytes Camera::picture(const sm_tag_custom_info& preset) {
     const Bytes payload = picture_payload(preset.custom_id, preset.applocal_id);
-    PictureReply reply = parse_picture_reply(answer_to(
-        {request(SM_FUNCTION_SEND_PRESET, payload), picture_silence, longest_picture_reply}, "picture"));
+    PictureReply reply = parse_picture_reply(
+        answer_to({request(SM_FUNCTION_SEND_PRESET, payload), picture_silence, longest_picture_reply}, "picture"));
     if (reply.custom_id != preset.custom_id) {
-        throw Failure(exit_protocol, fmt::format("asked for the picture of the preset with id {}, the camera "
-                                                 "answered with that of id {}",
-                                                 preset.custom_id, reply.custom_id));
+        throw Failure(
+            exit_protocol,
+            fmt::format("asked for the picture of the preset with id {}, the camera answered with that of id {}",
+                        preset.custom_id, reply.custom_id));
     }
     return std::move(reply.picture);
 }
 
 StoreReply Camera::store(const sm_tag_custom_info& preset, std::span<const uint8_t> picture) {
     const Bytes payload = store_payload(preset, picture);
-    return parse_store_reply(answer_to(
-        {request(SM_FUNCTION_RECEIVE_PRESET, payload), change_silence, longest_store_reply}, "sending"));
+    return parse_store_reply(
+        answer_to({request(SM_FUNCTION_RECEIVE_PRESET, payload), change_silence, longest_store_reply}, "sending"));
 }
 
 int32_t Camera::update(const sm_tag_custom_info& preset) {
-    return parse_update_reply(
-        answer_to({request(SM_FUNCTION_UPDATE_PRESET, encode(preset)), change_silence, longest_update_reply},
-                  "sending"));
+    return parse_update_reply(answer_to(
+        {request(SM_FUNCTION_UPDATE_PRESET, encode(preset)), change_silence, longest_update_reply}, "sending"));
 }
 
 DeleteReply Camera::remove(std::span<const sm_delete_pair> pairs) {
     const Bytes payload = delete_payload(pairs);
-    return parse_delete_reply(answer_to(
-        {request(SM_FUNCTION_DELETE_PRESET, payload), change_silence, longest_delete_reply}, "sending"));
+    return parse_delete_reply(
+        answer_to({request(SM_FUNCTION_DELETE_PRESET, payload), change_silence, longest_delete_reply}, "sending"));
 }
 
 void Camera::leave(int32_t code) {
@@ -108,8 +106,8 @@ void Camera::send_all(Exchange exchange) {
     }
 }
 
-// Waits until the link can do something, and does it. The time counts from the last byte that moved, so that
-// a slow link is given as long as it needs; but single bytes do not draw an exchange out for ever.
+// Waits until the link can do something, and does it. The time counts from the last byte that moved, so that a slow
+// link is given as long as it needs; but single bytes do not draw an exchange out for ever.
 void Camera::move_bytes(Exchange& exchange) {
     const Clock::time_point end = exchange.begin + longest_duration(exchange);
     if (Clock::now() >= end) {
@@ -176,10 +174,8 @@ void Camera::wait_for_close() {
 Failure Camera::closed_early(const Exchange& exchange) const {
     const size_t size = exchange.request.size();
     if (exchange.sent < size) {
-        return {exit_protocol,
-                fmt::format("the camera closed the link when {} of the request's {} bytes were "
-                            "sent",
-                            exchange.sent, size)};
+        return {exit_protocol, fmt::format("the camera closed the link when {} of the request's {} bytes were sent",
+                                           exchange.sent, size)};
     }
     const int32_t reply = get_word(exchange.request, 0) + SM_REPLY;
     const std::string expected =
@@ -191,24 +187,22 @@ Failure Camera::closed_early(const Exchange& exchange) const {
 
 Failure Camera::no_answer(const Exchange& exchange) const {
     if (exchange.sent < exchange.request.size()) {
-        return {exit_timeout,
-                fmt::format("the camera took {} of the request's {} bytes, then nothing within {}",
-                            exchange.sent, exchange.request.size(), seconds(timeout_))};
+        return {exit_timeout, fmt::format("the camera took {} of the request's {} bytes, then nothing within {}",
+                                          exchange.sent, exchange.request.size(), seconds(timeout_))};
     }
     if (reader_.arrived() > 0) {
-        return {exit_timeout, fmt::format("the camera stopped within its answer: {} of {} bytes came, then "
-                                          "nothing within {}",
-                                          reader_.arrived(), reader_.expected(), seconds(timeout_))};
+        return {exit_timeout,
+                fmt::format("the camera stopped within its answer: {} of {} bytes came, then nothing within {}",
+                            reader_.arrived(), reader_.expected(), seconds(timeout_))};
     }
-    return {exit_timeout,
-            fmt::format("the camera gave no answer within {}; {}", seconds(timeout_), exchange.silence)};
+    return {exit_timeout, fmt::format("the camera gave no answer within {}; {}", seconds(timeout_), exchange.silence)};
 }
 
 Failure Camera::too_slow(const Exchange& exchange) const {
     return {
         exit_timeout,
-        fmt::format("the camera is too slow: {} of the request's {} bytes and {} of the answer's {} moved "
-                    "within {}; give a longer --timeout",
+        fmt::format("the camera is too slow: {} of the request's {} bytes and {} of the answer's {} moved within {}; "
+                    "give a longer --timeout",
                     exchange.sent, exchange.request.size(), reader_.arrived(),
                     reader_.expected() == 0 ? "unknown number" : std::to_string(reader_.expected()),
                     seconds(longest_duration(exchange)))};

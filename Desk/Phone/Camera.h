@@ -14,12 +14,12 @@ namespace desk {
 
 struct Options;
 
-// What the phone holds at most of a camera's bytes: one frame in progress, longest_picture_reply, and one
-// receipt of the link, 1 MiB. A picture stays in the memory that it came in. While it is drawn,
-// most_decoder_memory comes to that: about 200 MB in all.
+// What the phone holds at most of a camera's bytes: one frame in progress, longest_picture_reply, and one receipt of
+// the link, 1 MiB. A picture stays in the memory that it came in. While it is drawn, most_decoder_memory comes to that:
+// about 200 MB in all.
 //
-// Every request throws Failure: exit_timeout, exit_busy, or exit_protocol when the link is closed early or
-// the answer is not the one that the request has.
+// Every request throws Failure: exit_timeout, exit_busy, or exit_protocol when the link is closed early or the answer
+// is not the one that the request has.
 class Camera {
   public:
     explicit Camera(const Options& options);

@@ -48,23 +48,23 @@ size_t width_of_lines(const Options& options) {
 // Says what else than success the camera answered. Returns the exit code.
 int concluded(int32_t result) {
     if (result != SM_RETURN_TRUE) {
-        complain(fmt::format("the camera answered {}, {}: {}", result, name_of_result(result),
-                             meaning_of_result(result)));
+        complain(
+            fmt::format("the camera answered {}, {}: {}", result, name_of_result(result), meaning_of_result(result)));
     }
     return exit_code_of_result(result);
 }
 
 const sm_tag_custom_info& preset_at(const Presets& presets, int number) {
     if (number < 0 || static_cast<size_t>(number) >= presets.size()) {
-        const std::string held =
-            presets.empty() ? "holds none"
-                            : fmt::format("holds {}, numbers 0 to {}", presets.size(), presets.size() - 1);
+        const std::string held = presets.empty()
+                                     ? "holds none"
+                                     : fmt::format("holds {}, numbers 0 to {}", presets.size(), presets.size() - 1);
         throw Failure(exit_missing, fmt::format("there is no preset {}: the camera {}", number, held));
     }
     return presets[static_cast<size_t>(number)];
 }
 
-// ---- list and show ----------------------------------------------------------------------------------------
+// ---- list and show --------------------------------------------------------------------------------------------------
 
 // Whether to draw what was asked for. Says why not.
 bool draws_pictures(const Options& options) {
@@ -133,7 +133,7 @@ int show(const Options& options) {
     return exit_done;
 }
 
-// ---- picture ----------------------------------------------------------------------------------------------
+// ---- picture --------------------------------------------------------------------------------------------------------
 
 int save_picture(const Options& options) {
     const int number = options.numbers.front();
@@ -142,30 +142,25 @@ int save_picture(const Options& options) {
     const sm_tag_custom_info& preset = preset_at(reply.presets, number);
     const Bytes picture = camera.picture(preset);
     if (picture.empty()) {
-        throw Failure(exit_missing,
-                      fmt::format("the camera could not read the picture of preset {}; {} is not "
-                                  "written",
-                                  number, printable(options.output_file)));
+        throw Failure(exit_missing, fmt::format("the camera could not read the picture of preset {}; {} is not written",
+                                                number, printable(options.output_file)));
     }
     write_file(options.output_file, picture);
     if (options.json) {
-        print_json(
-            {{"custom_id", preset.custom_id}, {"bytes", picture.size()}, {"file", options.output_file}});
+        print_json({{"custom_id", preset.custom_id}, {"bytes", picture.size()}, {"file", options.output_file}});
     } else {
         say(fmt::format("{} bytes saved in {}", picture.size(), options.output_file));
     }
     return exit_done;
 }
 
-// ---- store ------------------------------------------------------------------------------------------------
+// ---- store ----------------------------------------------------------------------------------------------------------
 
 Bytes picture_from(const std::string& path) {
     Bytes picture = read_file(path, largest_picture);
     if (!is_jpeg(picture)) {
-        throw Failure(exit_usage,
-                      fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is "
-                                  "broken",
-                                  printable(path)));
+        throw Failure(exit_usage, fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is broken",
+                                              printable(path)));
     }
     if (picture.size() < smallest_picture) {
         throw Failure(exit_usage, fmt::format("{} has {} bytes; the camera takes pictures of at least {}",
@@ -191,22 +186,21 @@ int store(const Options& options) {
     return concluded(reply.result);
 }
 
-// ---- rename -----------------------------------------------------------------------------------------------
+// ---- rename ---------------------------------------------------------------------------------------------------------
 
 void check_title(const std::string& title) {
     constexpr size_t longest = SM_TITLE_SIZE - 1;
     if (title.size() > longest) {
-        throw Failure(exit_usage,
-                      fmt::format("the title has {} bytes, and the camera keeps {}; make it shorter",
-                                  title.size(), longest));
+        throw Failure(exit_usage, fmt::format("the title has {} bytes, and the camera keeps {}; make it shorter",
+                                              title.size(), longest));
     }
     if (g_utf8_validate(title.data(), static_cast<gssize>(title.size()), nullptr) == FALSE) {
         throw Failure(exit_usage, "the title is no clean UTF-8");
     }
 }
 
-// The camera replaces title and server identity together. A preset that it does not list is left to its
-// judgement: it answers that it does not have it.
+// The camera replaces title and server identity together. A preset that it does not list is left to its judgement: it
+// answers that it does not have it.
 int32_t listed_server_id(Camera& camera, int32_t custom_id) {
     const ListReply reply = camera.list();
     const sm_tag_custom_info* preset = find(reply.presets, custom_id);
@@ -229,7 +223,7 @@ int rename_preset(const Options& options) {
     return concluded(result);
 }
 
-// ---- delete -----------------------------------------------------------------------------------------------
+// ---- delete ---------------------------------------------------------------------------------------------------------
 
 // The presets asked for, each once.
 std::vector<NumberedPreset> chosen(const Presets& presets, const std::vector<int>& numbers) {
@@ -265,13 +259,12 @@ int delete_presets(const Options& options) {
     const bool kept = std::any_of(deletions.begin(), deletions.end(),
                                   [](const Deletion& one) { return one.fate != Deletion::Fate::deleted; });
     if (reply.result == SM_RETURN_TRUE && kept) {
-        throw Failure(exit_protocol, "the camera answered success, but still lists a preset that it was to "
-                                     "delete");
+        throw Failure(exit_protocol, "the camera answered success, but still lists a preset that it was to delete");
     }
     return concluded(reply.result);
 }
 
-// ---- leave ------------------------------------------------------------------------------------------------
+// ---- leave ----------------------------------------------------------------------------------------------------------
 
 int leave(const Options& options) {
     Camera(options).leave(options.code);

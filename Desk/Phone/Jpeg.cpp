@@ -91,8 +91,8 @@ bool has_header(jpeg_decompress_struct& decoder, Errors& errors, std::span<const
     return true;
 }
 
-bool decode(jpeg_decompress_struct& decoder, Errors& errors, Monitor& monitor,
-            std::span<const uint8_t> picture, const Box& box, Pixels& pixels) {
+bool decode(jpeg_decompress_struct& decoder, Errors& errors, Monitor& monitor, std::span<const uint8_t> picture,
+            const Box& box, Pixels& pixels) {
     if (setjmp(errors.way_out) != 0) {
         return false;
     }

@@ -1,5 +1,5 @@
-// Just enough of a JPEG decoder to tell JPEG files from others and to draw small pictures. A picture is what
-// a stranger sent, and few bytes can ask for much work and memory: drawing one has a budget.
+// Just enough of a JPEG decoder to tell JPEG files from others and to draw small pictures. A picture is what a stranger
+// sent, and few bytes can ask for much work and memory: drawing one has a budget.
 #pragma once
 
 #include <chrono>
@@ -13,8 +13,8 @@ namespace desk {
 
 // Cameras of 24 megapixels make pictures of a little more.
 constexpr size_t most_picture_pixels = 28'000'000;
-// A picture whose scans cover it again and again is kept whole while it is decoded: three numbers of two
-// bytes for each pixel, 168 MB. The rest is for the decoder's tables and rows.
+// A picture whose scans cover it again and again is kept whole while it is decoded: three numbers of two bytes for each
+// pixel, 168 MB. The rest is for the decoder's tables and rows.
 constexpr size_t most_decoder_memory = 180'000'000;
 // Encoders write 10 scans; those that try for the smallest file, a few dozen.
 constexpr int most_scans = 100;
@@ -36,8 +36,8 @@ struct Box {
     unsigned height;
 };
 
-// The first JPEG stream of a picture, made smaller while it is decoded, but not below what fills the box in
-// one direction where it has as many pixels. Nothing when it cannot be decoded, or not within the budget.
+// The first JPEG stream of a picture, made smaller while it is decoded, but not below what fills the box in one
+// direction where it has as many pixels. Nothing when it cannot be decoded, or not within the budget.
 std::optional<Pixels> decode_jpeg(std::span<const uint8_t> picture, const Box& box);
 
 } // namespace desk

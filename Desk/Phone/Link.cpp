@@ -54,10 +54,10 @@ Address unix_address(const Endpoint& camera) {
 
 void require_address(const Endpoint& camera) {
     if (!camera.address) {
-        throw Failure(exit_link,
-                      fmt::format("{} does not say which camera; write its Bluetooth address, as in "
-                                  "rfcomm:00:11:22:33:44:55:1",
-                                  printable(camera.url())));
+        throw Failure(
+            exit_link,
+            fmt::format("{} does not say which camera; write its Bluetooth address, as in rfcomm:00:11:22:33:44:55:1",
+                        printable(camera.url())));
     }
 }
 
@@ -75,8 +75,8 @@ std::vector<Address> tcp_addresses(const Endpoint& camera) {
     addrinfo* found = nullptr;
     const int error = getaddrinfo(camera.host.c_str(), std::to_string(camera.port).c_str(), &wish, &found);
     if (error != 0) {
-        throw Failure(exit_link, fmt::format("cannot find the host of {}: {}; check its name",
-                                             printable(camera.url()), gai_strerror(error)));
+        throw Failure(exit_link, fmt::format("cannot find the host of {}: {}; check its name", printable(camera.url()),
+                                             gai_strerror(error)));
     }
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
     std::vector<Address> addresses;
@@ -139,9 +139,8 @@ int try_to_connect(int descriptor, const Address& address, Clock::time_point dea
 Failure connect_failure(const Endpoint& camera, int error) {
     const bool bluetooth = camera.kind == Endpoint::Kind::rfcomm || camera.kind == Endpoint::Kind::l2cap;
     if (bluetooth && (error == EAFNOSUPPORT || error == EPROTONOSUPPORT)) {
-        return {exit_link,
-                fmt::format("cannot connect to {}: this kernel has no Bluetooth; use unix: or tcp:",
-                            printable(camera.url()))};
+        return {exit_link, fmt::format("cannot connect to {}: this kernel has no Bluetooth; use unix: or tcp:",
+                                       printable(camera.url()))};
     }
     return {exit_link, fmt::format("cannot connect to {}: {}; see that the camera runs and listens there",
                                    printable(camera.url()), std::strerror(error))};
@@ -160,8 +159,7 @@ void prepare(int descriptor, const Endpoint& camera) {
 Descriptor connected_socket(const Endpoint& camera, std::chrono::milliseconds timeout) {
     int error = 0;
     for (const Address& address : addresses_of(camera)) {
-        Descriptor attempt(
-            socket(address.family, address.type | SOCK_NONBLOCK | SOCK_CLOEXEC, address.protocol));
+        Descriptor attempt(socket(address.family, address.type | SOCK_NONBLOCK | SOCK_CLOEXEC, address.protocol));
         if (attempt.get() < 0) {
             error = errno;
             continue;
@@ -201,8 +199,7 @@ std::optional<size_t> Link::send_packet(std::span<const uint8_t> bytes) const {
         return 0;
     }
     if (errno == EMSGSIZE) {
-        throw Failure(exit_usage,
-                      fmt::format("the link takes no packet of {} bytes; give a smaller --mtu", size));
+        throw Failure(exit_usage, fmt::format("the link takes no packet of {} bytes; give a smaller --mtu", size));
     }
     return std::nullopt;
 }

@@ -16,20 +16,19 @@ using Clock = std::chrono::steady_clock;
 
 class Link {
   public:
-    // Connects. A packet that is sent has at most `mtu` bytes. Throws Failure: exit_link, or exit_usage for
-    // an endpoint that nothing can connect to.
+    // Connects. A packet that is sent has at most `mtu` bytes. Throws Failure: exit_link, or exit_usage for an endpoint
+    // that nothing can connect to.
     Link(const Endpoint& camera, size_t mtu, std::chrono::milliseconds timeout);
 
     struct Readiness {
         bool read = false;
         bool write = false;
     };
-    // Waits until there is something to read, or with `to_write` room to write. Neither: the deadline has
-    // come.
+    // Waits until there is something to read, or with `to_write` room to write. Neither: the deadline has come.
     Readiness wait(bool to_write, Clock::time_point deadline) const;
 
-    // Sends one packet from the start of `bytes`. Returns its size, 0 when the link takes nothing now, and
-    // nothing when the camera has closed the link. Throws Failure (exit_usage) for a packet too large.
+    // Sends one packet from the start of `bytes`. Returns its size, 0 when the link takes nothing now, and nothing when
+    // the camera has closed the link. Throws Failure (exit_usage) for a packet too large.
     std::optional<size_t> send_packet(std::span<const uint8_t> bytes) const;
 
     // What has arrived, empty when nothing has. Nothing at all: the camera has closed the link.

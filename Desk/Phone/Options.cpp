@@ -72,14 +72,12 @@ void add_common_options(CLI::App& app, Arguments& arguments) {
     app.add_option("--mtu", options.mtu, "largest packet that is sent, 4096 unless given")
         ->check(between(size_t{1}, largest_mtu))
         ->type_name("BYTES");
-    app.add_option("--width", options.width,
-                   "width of tables, 0 for no limit; the terminal's, or 80, unless given")
+    app.add_option("--width", options.width, "width of tables, 0 for no limit; the terminal's, or 80, unless given")
         ->check(between(size_t{0}, largest_width))
         ->type_name("COLUMNS");
 }
 
-CLI::App* add_command(CLI::App& app, Options& options, Options::Command command, const char* name,
-                      const char* help) {
+CLI::App* add_command(CLI::App& app, Options& options, Options::Command command, const char* name, const char* help) {
     CLI::App* added = app.add_subcommand(name, help);
     added->parse_complete_callback([&options, command] { options.command = command; });
     return added;
@@ -87,8 +85,7 @@ CLI::App* add_command(CLI::App& app, Options& options, Options::Command command,
 
 void add_reading_commands(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
-    CLI::App* list =
-        add_command(app, options, Options::Command::list, "list", "list all presets, one line each");
+    CLI::App* list = add_command(app, options, Options::Command::list, "list", "list all presets, one line each");
     list->add_flag("--pictures", options.with_pictures, "draw the presets' pictures, too");
 
     CLI::App* show = add_command(app, options, Options::Command::show, "show", "print one preset in full");
@@ -98,8 +95,7 @@ void add_reading_commands(CLI::App& app, Arguments& arguments) {
         ->type_name("");
     show->add_flag("--picture", options.with_pictures, "draw the preset's picture, too");
 
-    CLI::App* picture =
-        add_command(app, options, Options::Command::picture, "picture", "save a preset's picture");
+    CLI::App* picture = add_command(app, options, Options::Command::picture, "picture", "save a preset's picture");
     picture->add_option("NUMBER", arguments.number, "the preset's number")
         ->required()
         ->check(number_range())
@@ -108,21 +104,18 @@ void add_reading_commands(CLI::App& app, Arguments& arguments) {
 }
 
 void add_changing_commands(CLI::App& app, Options& options) {
-    CLI::App* store = add_command(app, options, Options::Command::store, "store",
-                                  "store a preset, and print its number and id");
-    store->add_option("PRESET.json", options.preset_file, "what --json show prints")
-        ->required()
-        ->type_name("");
+    CLI::App* store =
+        add_command(app, options, Options::Command::store, "store", "store a preset, and print its number and id");
+    store->add_option("PRESET.json", options.preset_file, "what --json show prints")->required()->type_name("");
     store->add_option("PICTURE.jpg", options.picture_file, "its picture")->required()->type_name("");
 
-    CLI::App* rename = add_command(app, options, Options::Command::rename, "rename",
-                                   "change title and server identity of a preset");
+    CLI::App* rename =
+        add_command(app, options, Options::Command::rename, "rename", "change title and server identity of a preset");
     rename->add_option("ID", options.custom_id, "the preset's custom_id")->required()->type_name("");
     rename->add_option("TITLE", options.title, "at most 51 bytes of UTF-8")->required()->type_name("");
     rename->add_option("--server-id", options.server_id, "as it is unless given")->type_name("N");
 
-    CLI::App* remove =
-        add_command(app, options, Options::Command::remove, "delete", "delete presets in one request");
+    CLI::App* remove = add_command(app, options, Options::Command::remove, "delete", "delete presets in one request");
     remove->add_option("NUMBER", options.numbers, "the presets' numbers")
         ->required()
         ->check(number_range())
@@ -154,8 +147,8 @@ Options finished(Arguments& arguments) {
 Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     if (app.get_subcommands().empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
         return {exit_usage,
-                "--connect URL and a command are needed: list, show, picture, store, rename, delete or "
-                "leave; see shotmentor-phone --help"};
+                "--connect URL and a command are needed: list, show, picture, store, rename, delete or leave; "
+                "see shotmentor-phone --help"};
     }
     std::string line = error.what();
     std::replace(line.begin(), line.end(), '\n', ' ');

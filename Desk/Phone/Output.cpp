@@ -28,8 +28,7 @@ void print(std::string_view text) {
 
 void print_json(const nlohmann::ordered_json& json) {
     constexpr int indentation = 2;
-    const std::string text =
-        json.dump(indentation, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    const std::string text = json.dump(indentation, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
     print(escaped_json(text) + "\n");
 }
 

@@ -11,17 +11,17 @@ namespace desk {
 // Whoever read our standard output has gone. There is nothing to say, and nobody to say it to.
 struct OutputClosed {};
 
-// Writes data and makes sure that it has arrived. A text comes out as it is, as the drawing of a picture has
-// to: what others have written has passed `printable`. Throws OutputClosed, or Failure (exit_machine).
+// Writes data and makes sure that it has arrived. A text comes out as it is, as the drawing of a picture has to: what
+// others have written has passed `printable`. Throws OutputClosed, or Failure (exit_machine).
 void print(std::string_view text);
 void print_json(const nlohmann::ordered_json& json);
 
-// Keeps the link to the camera from becoming standard output where we were started with that one closed. To
-// be called before anything is opened.
+// Keeps the link to the camera from becoming standard output where we were started with that one closed. To be called
+// before anything is opened.
 void occupy_standard_descriptors();
 
-// Talk of our own, as it is; one line of it, and a complaint of one line or more, which may quote others:
-// what could do something to a terminal is replaced. Nobody has to be listening.
+// Talk of our own, as it is; one line of it, and a complaint of one line or more, which may quote others: what could do
+// something to a terminal is replaced. Nobody has to be listening.
 void talk(std::string_view text);
 void say(std::string_view line);
 void complain(std::string_view lines);

@@ -101,8 +101,7 @@ std::optional<std::string> why_not_drawn() {
 }
 
 std::optional<std::string> drawn(std::span<const uint8_t> jpeg, size_t columns, size_t rows) {
-    const Box box = {static_cast<unsigned>(columns * pixels_a_column),
-                     static_cast<unsigned>(rows * pixels_a_row)};
+    const Box box = {static_cast<unsigned>(columns * pixels_a_column), static_cast<unsigned>(rows * pixels_a_row)};
     const std::optional<Pixels> pixels = decode_jpeg(jpeg, box);
     const Terminal terminal = this_terminal();
     const std::optional<ChafaCanvasMode> colors = colors_of(terminal);
@@ -111,8 +110,8 @@ std::optional<std::string> drawn(std::span<const uint8_t> jpeg, size_t columns, 
     }
     const Config config = config_for(*pixels, columns, rows, *colors);
     const Canvas canvas(chafa_canvas_new(config.get()));
-    chafa_canvas_draw_all_pixels(canvas.get(), CHAFA_PIXEL_RGB8, pixels->rgb.data(), pixels->width,
-                                 pixels->height, pixels->width * 3);
+    chafa_canvas_draw_all_pixels(canvas.get(), CHAFA_PIXEL_RGB8, pixels->rgb.data(), pixels->width, pixels->height,
+                                 pixels->width * 3);
     return printed(canvas, terminal);
 }
 

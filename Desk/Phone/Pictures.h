@@ -12,8 +12,8 @@ namespace desk {
 // Why standard output shows no pictures, or nothing when it does.
 std::optional<std::string> why_not_drawn();
 
-// A picture in at most so many columns and rows, as text with the terminal's own colour sequences. Nothing
-// when it is no picture that can be decoded.
+// A picture in at most so many columns and rows, as text with the terminal's own colour sequences. Nothing when it is
+// no picture that can be decoded.
 std::optional<std::string> drawn(std::span<const uint8_t> jpeg, size_t columns, size_t rows);
 
 } // namespace desk

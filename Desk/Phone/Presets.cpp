@@ -17,9 +17,9 @@ struct RawColumn {
     int32_t (*value)(const sm_tag_custom_info& preset);
 };
 
-#define DESK_RAW_COLUMN(field)                                                                               \
-    {                                                                                                        \
-#field, [](const sm_tag_custom_info& preset) { return preset.field; }                                \
+#define DESK_RAW_COLUMN(field)                                                                                         \
+    {                                                                                                                  \
+#field, [](const sm_tag_custom_info& preset) { return preset.field; }                                          \
     }
 
 constexpr RawColumn raw_columns[] = {
@@ -47,8 +47,7 @@ std::vector<std::string> raw_header() {
 }
 
 std::vector<std::string> raw_row(int number, const sm_tag_custom_info& preset) {
-    std::vector<std::string> cells = {std::to_string(number), std::to_string(preset.custom_id),
-                                      title_text(preset)};
+    std::vector<std::string> cells = {std::to_string(number), std::to_string(preset.custom_id), title_text(preset)};
     for (const RawColumn& column : raw_columns) {
         cells.push_back(std::to_string(column.value(preset)));
     }
@@ -145,9 +144,8 @@ Json json_of(const Deletion& deletion) {
 } // namespace
 
 const sm_tag_custom_info* find(const std::vector<sm_tag_custom_info>& presets, int32_t custom_id) {
-    const auto found = std::find_if(presets.begin(), presets.end(), [custom_id](const auto& preset) {
-        return preset.custom_id == custom_id;
-    });
+    const auto found = std::find_if(presets.begin(), presets.end(),
+                                    [custom_id](const auto& preset) { return preset.custom_id == custom_id; });
     return found == presets.end() ? nullptr : &*found;
 }
 

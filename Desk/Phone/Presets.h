@@ -19,8 +19,8 @@ std::vector<std::vector<std::string>> rows_of(const std::vector<sm_tag_custom_in
 // Every field of the record by its name, and its codes.
 std::vector<std::pair<std::string, std::string>> codes_of(const sm_tag_custom_info& preset);
 
-// A line for each label and its text. What is wider than `width` goes on in the next line, below the text's
-// start; 0 means no limit.
+// A line for each label and its text. What is wider than `width` goes on in the next line, below the text's start; 0
+// means no limit.
 std::string labelled_lines(const std::vector<std::pair<std::string, std::string>>& entries, size_t width);
 
 // A preset and the number that `list` gives it.

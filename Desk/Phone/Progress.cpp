@@ -21,16 +21,14 @@ std::string kilobytes(size_t bytes) {
 std::string line_of(const std::string& label, size_t done, size_t all) {
     const size_t full = done * bar_length / all;
     const std::string bar = std::string(full, '=') + std::string(bar_length - full, ' ');
-    return fmt::format("{} [{}] {:>3} %  {} of {} kB", label,
-                       color_is_unwanted() ? bar : "\x1b[36m" + bar + "\x1b[0m", done * 100 / all,
-                       kilobytes(done), kilobytes(all));
+    return fmt::format("{} [{}] {:>3} %  {} of {} kB", label, color_is_unwanted() ? bar : "\x1b[36m" + bar + "\x1b[0m",
+                       done * 100 / all, kilobytes(done), kilobytes(all));
 }
 
 } // namespace
 
 Progress::Progress(std::string label)
-    : label_(std::move(label)), wanted_(talk_is_terminal() && terminal_can_redraw()),
-      shown_permille_(never_shown) {}
+    : label_(std::move(label)), wanted_(talk_is_terminal() && terminal_can_redraw()), shown_permille_(never_shown) {}
 
 Progress::~Progress() {
     if (visible_) {

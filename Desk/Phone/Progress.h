@@ -1,5 +1,5 @@
-// A progress bar on standard error, for a person who watches: it shows on a terminal only, and is gone when
-// the work is done.
+// A progress bar on standard error, for a person who watches: it shows on a terminal only, and is gone when the work is
+// done.
 #pragma once
 
 #include <cstddef>

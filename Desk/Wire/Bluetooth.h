@@ -1,5 +1,5 @@
-// The kernel's Bluetooth addresses. They are declared here because their header comes with a Bluetooth
-// daemon, which most machines that run the desk do not need.
+// The kernel's Bluetooth addresses. They are declared here because their header comes with a Bluetooth daemon, which
+// most machines that run the desk do not need.
 #pragma once
 
 #include <algorithm>

@@ -43,8 +43,7 @@ Endpoint unix_endpoint(const std::string& url, std::string_view path) {
     if (path.empty())
         refuse(url, "the path is missing", example);
     if (path.size() > longest_path)
-        refuse(url,
-               fmt::format("the path has {} bytes, a socket's has at most {}", path.size(), longest_path),
+        refuse(url, fmt::format("the path has {} bytes, a socket's has at most {}", path.size(), longest_path),
                example);
     Endpoint endpoint;
     endpoint.path = path;
@@ -153,8 +152,7 @@ Endpoint parse_endpoint(const std::string& url) {
         return bluetooth_endpoint(url, rest, rfcomm);
     if (scheme == "l2cap")
         return bluetooth_endpoint(url, rest, l2cap);
-    refuse(url, "no link that is known",
-           "unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL or l2cap:[ADDRESS:]PSM");
+    refuse(url, "no link that is known", "unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL or l2cap:[ADDRESS:]PSM");
 }
 
 } // namespace desk

@@ -13,11 +13,10 @@ namespace desk {
 struct Endpoint {
     enum class Kind { unix_socket, tcp, rfcomm, l2cap };
     Kind kind = Kind::unix_socket;
-    std::string path;  // unix_socket
-    std::string host;  // tcp; an IPv6 address without its brackets
-    uint16_t port = 0; // tcp: port; rfcomm: channel 1 to 30; l2cap: PSM
-    std::optional<std::array<uint8_t, 6>>
-        address; // Bluetooth, most significant byte first; none: any adapter
+    std::string path;                              // unix_socket
+    std::string host;                              // tcp; an IPv6 address without its brackets
+    uint16_t port = 0;                             // tcp: port; rfcomm: channel 1 to 30; l2cap: PSM
+    std::optional<std::array<uint8_t, 6>> address; // Bluetooth, most significant byte first; none: any adapter
 
     bool keeps_packet_borders() const { return kind == Kind::unix_socket || kind == Kind::l2cap; }
     std::string url() const;

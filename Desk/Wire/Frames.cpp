@@ -37,8 +37,8 @@ void check_reply(std::span<const uint8_t> frame, int32_t function, const char* w
         throw broken(fmt::format("{}: expected a header of 8 bytes, got {} bytes", what, frame.size()));
     const int32_t got = get_word(frame, 0);
     if (got != function)
-        throw broken(fmt::format("expected {} (reply {:#x}), got function {:#x}", what, function,
-                                 static_cast<uint32_t>(got)));
+        throw broken(
+            fmt::format("expected {} (reply {:#x}), got function {:#x}", what, function, static_cast<uint32_t>(got)));
     const int32_t total = get_word(frame, word);
     if (total < 0 || static_cast<size_t>(total) != frame.size())
         throw broken(fmt::format("{} announces {} bytes, got {}", what, total, frame.size()));
@@ -67,8 +67,7 @@ std::vector<sm_tag_custom_info> records_at(std::span<const uint8_t> frame, size_
     const bool fits =
         std::any_of(slack.begin(), slack.end(), [&](size_t more) { return frame.size() == expected + more; });
     if (!fits)
-        throw broken(
-            fmt::format("{} with {} presets has {} bytes, got {}", what, number, expected, frame.size()));
+        throw broken(fmt::format("{} with {} presets has {} bytes, got {}", what, number, expected, frame.size()));
     std::vector<sm_tag_custom_info> presets;
     for (size_t at = first; at < expected; at += record)
         presets.push_back(decode_phone_record(frame.subspan(at, record)));
@@ -153,15 +152,13 @@ PictureReply parse_picture_reply(Bytes frame) {
 }
 
 StoreReply parse_store_reply(std::span<const uint8_t> frame) {
-    check_short_reply(frame, SM_REPLY + SM_FUNCTION_RECEIVE_PRESET, "the answer to storing",
-                      sizeof(sm_receive_reply));
+    check_short_reply(frame, SM_REPLY + SM_FUNCTION_RECEIVE_PRESET, "the answer to storing", sizeof(sm_receive_reply));
     return {get_word(frame, header), get_word(frame, header + word), get_word(frame, header + 2 * word),
             get_word(frame, header + 3 * word)};
 }
 
 int32_t parse_update_reply(std::span<const uint8_t> frame) {
-    check_short_reply(frame, SM_REPLY + SM_FUNCTION_UPDATE_PRESET, "the answer to renaming",
-                      sizeof(sm_update_reply));
+    check_short_reply(frame, SM_REPLY + SM_FUNCTION_UPDATE_PRESET, "the answer to renaming", sizeof(sm_update_reply));
     return get_word(frame, header);
 }
 
@@ -171,9 +168,8 @@ DeleteReply parse_delete_reply(std::span<const uint8_t> frame) {
     DeleteReply reply;
     reply.result = get_word(frame, header);
     reply.layout = get_word(frame, header + word);
-    reply.presets =
-        records_at(frame, header + word, what,
-                   {0, longest_delete_tail / 2, longest_delete_tail}); // half for each preset that was kept
+    reply.presets = records_at(frame, header + word, what,
+                               {0, longest_delete_tail / 2, longest_delete_tail}); // half for each preset that was kept
     return reply;
 }
 

@@ -28,16 +28,16 @@ constexpr size_t longest_update_reply = sizeof(sm_update_reply);
 constexpr size_t longest_delete_tail = 2 * sizeof(sm_delete_pair); // bytes without a meaning
 constexpr size_t longest_delete_reply =
     sizeof(sm_delete_reply) + SM_PRESET_LIMIT * sizeof(sm_tag_custom_info) + longest_delete_tail;
-// The protocol sets no bound to a picture. A camera sends the small streams at the start of a picture file,
-// and even a whole file of 24 megapixels seldom has more than this.
+// The protocol sets no bound to a picture. A camera sends the small streams at the start of a picture file, and even a
+// whole file of 24 megapixels seldom has more than this.
 constexpr size_t longest_picture_reply = size_t{16} << 20;
 
 // Collects the bytes of one frame after another, whatever pieces they arrive in. It holds one frame at most.
 class FrameReader {
   public:
-    // Takes what the frame in progress lacks from the start of `bytes`; what is left there belongs to the
-    // frames that follow. Returns the frame, header included, once it is whole. Throws Failure
-    // (exit_protocol) as soon as the header announces fewer bytes than its own 8, or more than `longest`.
+    // Takes what the frame in progress lacks from the start of `bytes`; what is left there belongs to the frames that
+    // follow. Returns the frame, header included, once it is whole. Throws Failure (exit_protocol) as soon as the
+    // header announces fewer bytes than its own 8, or more than `longest`.
     std::optional<Bytes> take(std::span<const uint8_t>& bytes, size_t longest);
     // Bytes of the frame in progress that have arrived, and bytes that it has in all (0 while unknown).
     size_t arrived() const { return frame_.size(); }
@@ -79,9 +79,9 @@ struct DeleteReply {
     std::vector<sm_tag_custom_info> presets; // what is left
 };
 
-// Each takes a whole frame apart. Throws Failure (exit_protocol) that says what was expected and what came
-// when the function number, the length, the layout or the number of presets is not what the reply has. The
-// picture stays in the memory that the frame came in.
+// Each takes a whole frame apart. Throws Failure (exit_protocol) that says what was expected and what came when the
+// function number, the length, the layout or the number of presets is not what the reply has. The picture stays in the
+// memory that the frame came in.
 ListReply parse_list_reply(std::span<const uint8_t> frame);
 PictureReply parse_picture_reply(Bytes frame);
 StoreReply parse_store_reply(std::span<const uint8_t> frame);

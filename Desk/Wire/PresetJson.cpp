@@ -22,14 +22,13 @@ constexpr std::array color_names = {"red", "green", "blue"};
 
 // What a preset file may leave out: the camera sets it, or it has no meaning for the phone.
 constexpr std::array<std::string_view, 7> optional_entries = {
-    "linked_custom_mode", "screennail_path", "reserved_636", "preset_num",
-    "custom_id",          "applocal_id",     "server_id"};
+    "linked_custom_mode", "screennail_path", "reserved_636", "preset_num", "custom_id", "applocal_id", "server_id"};
 
 bool is_optional(const Field& field) {
     return std::find(optional_entries.begin(), optional_entries.end(), field.name) != optional_entries.end();
 }
 
-// ---- Record to JSON ---------------------------------------------------------------------------------------
+// ---- Record to JSON -------------------------------------------------------------------------------------------------
 
 bool is_utf8(const std::string& text) {
     try {
@@ -86,7 +85,7 @@ ordered_json record_to_json(const Record& preset) {
     return whole;
 }
 
-// ---- JSON to a tree that knows its lines ------------------------------------------------------------------
+// ---- JSON to a tree that knows its lines ----------------------------------------------------------------------------
 
 // Where the reading of a text stands.
 struct Position {
@@ -94,8 +93,8 @@ struct Position {
     bool after_newline = false;
 };
 
-// The characters of a text. The line is that of the character read last; a newline still belongs to the line
-// that it ends, as the parser reads one character beyond a number to find its end.
+// The characters of a text. The line is that of the character read last; a newline still belongs to the line that it
+// ends, as the parser reads one character beyond a number to find its end.
 class LineIterator {
   public:
     using iterator_category = std::input_iterator_tag;
@@ -157,14 +156,11 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     const std::string& error() const { return error_; }
 
     bool null() override { return add({Node::Kind::other, line(), key_, "null"}); }
-    bool boolean(bool value) override {
-        return add({Node::Kind::other, line(), key_, value ? "true" : "false"});
-    }
+    bool boolean(bool value) override { return add({Node::Kind::other, line(), key_, value ? "true" : "false"}); }
     bool number_integer(int64_t value) override {
-        const bool fits =
-            value >= std::numeric_limits<int32_t>::min() && value <= std::numeric_limits<int32_t>::max();
-        return add({fits ? Node::Kind::integer : Node::Kind::huge_integer, line(), key_,
-                    std::to_string(value), fits ? static_cast<int32_t>(value) : 0});
+        const bool fits = value >= std::numeric_limits<int32_t>::min() && value <= std::numeric_limits<int32_t>::max();
+        return add({fits ? Node::Kind::integer : Node::Kind::huge_integer, line(), key_, std::to_string(value),
+                    fits ? static_cast<int32_t>(value) : 0});
     }
     bool number_unsigned(uint64_t value) override {
         if (value <= uint64_t{std::numeric_limits<int32_t>::max()})
@@ -173,12 +169,9 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     }
     bool number_float(double, const std::string& written) override {
         const bool has_digits_alone = written.find_first_not_of("-0123456789") == std::string::npos;
-        return add(
-            {has_digits_alone ? Node::Kind::huge_integer : Node::Kind::other, line(), key_, cut(written)});
+        return add({has_digits_alone ? Node::Kind::huge_integer : Node::Kind::other, line(), key_, cut(written)});
     }
-    bool string(std::string& value) override {
-        return add({Node::Kind::text, line(), key_, std::move(value)});
-    }
+    bool string(std::string& value) override { return add({Node::Kind::text, line(), key_, std::move(value)}); }
     bool binary(json::binary_t&) override { return false; } // not in text
     bool start_object(size_t) override { return open({Node::Kind::object, line(), key_, "an object"}); }
     bool start_array(size_t) override { return open({Node::Kind::array, line(), key_, "an array"}); }
@@ -196,8 +189,8 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     }
 
   private:
-    // A preset has four levels: the record, its style block, the colours in it, a colour. Nothing deeper can
-    // be right; it is read over.
+    // A preset has four levels: the record, its style block, the colours in it, a colour. Nothing deeper can be right;
+    // it is read over.
     static constexpr size_t deepest = 4;
 
     // An entry of an object has the line of its name.
@@ -243,7 +236,7 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     std::string error_;
 };
 
-// ---- Tree to record ---------------------------------------------------------------------------------------
+// ---- Tree to record -------------------------------------------------------------------------------------------------
 
 class Faults {
   public:
@@ -262,8 +255,8 @@ class Faults {
         for (const auto& [line, text] : lines_)
             texts.push_back(text);
         if (untold_ > 0)
-            texts.push_back(fmt::format("{}:{}: and {} faults more; mend these first", name_,
-                                        lines_.rbegin()->first, untold_));
+            texts.push_back(
+                fmt::format("{}:{}: and {} faults more; mend these first", name_, lines_.rbegin()->first, untold_));
         if (!texts.empty())
             throw Failure(exit_usage, fmt::format("{}", fmt::join(texts, "\n")));
     }
@@ -289,8 +282,7 @@ class RecordReader {
 
     void read(const Node& root) {
         if (root.kind != Node::Kind::object) {
-            faults_.add(root.line,
-                        fmt::format("a preset is an object, {{\"title\": ...}}, not {}", described(root)));
+            faults_.add(root.line, fmt::format("a preset is an object, {{\"title\": ...}}, not {}", described(root)));
             return;
         }
         read_entries(root, false);
@@ -317,13 +309,12 @@ class RecordReader {
             read_style(entry);
             return;
         }
-        const auto field = std::find_if(fields().begin(), fields().end(),
-                                        [&](const Field& known) { return known.name == entry.key; });
+        const auto field =
+            std::find_if(fields().begin(), fields().end(), [&](const Field& known) { return known.name == entry.key; });
         if (field == fields().end())
             faults_.add(entry.line, fmt::format("{} is no entry of a preset; remove it", quoted(entry.key)));
         else if (field->offset >= record_.size())
-            faults_.add(entry.line,
-                        fmt::format("\"{}\" is of the phone's presets only; remove it", entry.key));
+            faults_.add(entry.line, fmt::format("\"{}\" is of the phone's presets only; remove it", entry.key));
         else if (field->in_style != in_style)
             faults_.add(entry.line, fmt::format("\"{}\" belongs {} \"{}\"; move it there", entry.key,
                                                 field->in_style ? "in" : "outside of", style_block));
@@ -335,8 +326,7 @@ class RecordReader {
         if (entry.kind == Node::Kind::object)
             read_entries(entry, true);
         else
-            faults_.add(entry.line,
-                        fmt::format("\"{}\" must be an object, not {}", style_block, described(entry)));
+            faults_.add(entry.line, fmt::format("\"{}\" must be an object, not {}", style_block, described(entry)));
     }
 
     void add_missing(size_t line, const Given& given, bool in_style) {
@@ -370,19 +360,18 @@ class RecordReader {
         if (node.kind == Node::Kind::integer)
             put_word(record_, offset, node.number);
         else if (node.kind == Node::Kind::huge_integer)
-            faults_.add(node.line, fmt::format("{} is {}; give an integer from -2147483648 to 2147483647",
-                                               what, cut(node.text)));
+            faults_.add(node.line,
+                        fmt::format("{} is {}; give an integer from -2147483648 to 2147483647", what, cut(node.text)));
         else
             faults_.add(node.line, fmt::format("{} must be an integer, not {}", what, described(node)));
     }
 
     bool is_array(const Node& node, const std::string& what, size_t count, const char* of) {
         if (node.kind != Node::Kind::array)
-            faults_.add(node.line, fmt::format("{} must be an array of {} {}, not {}", what, count, of,
-                                               described(node)));
-        else if (node.children.size() != count)
             faults_.add(node.line,
-                        fmt::format("{} has {} {}; give {}", what, node.children.size(), of, count));
+                        fmt::format("{} must be an array of {} {}, not {}", what, count, of, described(node)));
+        else if (node.children.size() != count)
+            faults_.add(node.line, fmt::format("{} has {} {}; give {}", what, node.children.size(), of, count));
         else
             return true;
         return false;
@@ -392,8 +381,7 @@ class RecordReader {
         if (!is_array(entry, fmt::format("\"{}\"", field.name), field.count, "integers"))
             return;
         for (size_t k = 0; k < field.count; ++k)
-            read_word(entry.children[k], fmt::format("\"{}\" [{}]", field.name, k),
-                      field.offset + k * sizeof(int32_t));
+            read_word(entry.children[k], fmt::format("\"{}\" [{}]", field.name, k), field.offset + k * sizeof(int32_t));
     }
 
     void read_colors(const Node& entry, const Field& field) {
@@ -415,8 +403,7 @@ class RecordReader {
         else if (entry.kind == Node::Kind::object)
             read_bytes(entry, field);
         else
-            faults_.add(entry.line,
-                        fmt::format("\"{}\" must be a text, not {}", field.name, described(entry)));
+            faults_.add(entry.line, fmt::format("\"{}\" must be a text, not {}", field.name, described(entry)));
     }
 
     void read_string(const Node& entry, const Field& field) {
@@ -424,9 +411,8 @@ class RecordReader {
             faults_.add(entry.line, fmt::format("\"{}\" has {} bytes in UTF-8; shorten it to {}", field.name,
                                                 entry.text.size(), field.count));
         else if (entry.text.find('\0') != std::string::npos)
-            faults_.add(
-                entry.line,
-                fmt::format("\"{}\" holds a NUL; write it as {{\"bytes\": \"<hexadecimal>\"}}", field.name));
+            faults_.add(entry.line,
+                        fmt::format("\"{}\" holds a NUL; write it as {{\"bytes\": \"<hexadecimal>\"}}", field.name));
         else
             std::copy(entry.text.begin(), entry.text.end(), at(field.offset));
     }

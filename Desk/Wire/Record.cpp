@@ -73,8 +73,7 @@ size_t Field::words() const {
 const std::vector<Field>& fields() {
     static const std::vector<Field> all = {
         SM_CUSTOM_INFO_FIELDS(DESK_TEXT, DESK_WORD, DESK_WORDS, DESK_BLOCK) //
-        {"linked_custom_mode", Field::Kind::word, offsetof(sm_tag_custom_info, linked_custom_mode), 1, false,
-         true},
+        {"linked_custom_mode", Field::Kind::word, offsetof(sm_tag_custom_info, linked_custom_mode), 1, false, true},
     };
     return all;
 }

@@ -34,8 +34,8 @@ int32_t get_word(std::span<const uint8_t> bytes, size_t offset);
 void put_word(std::span<uint8_t> bytes, size_t offset, int32_t value);
 void append_word(Bytes& bytes, int32_t value);
 
-// A record's bytes as they travel, and back. The memory image of a struct is the same thing on a
-// little-endian machine only. `bytes` holds at least the record's size.
+// A record's bytes as they travel, and back. The memory image of a struct is the same thing on a little-endian machine
+// only. `bytes` holds at least the record's size.
 Bytes encode(const sm_tag_custom_info& record);
 Bytes encode(const tag_custom_info& record);
 sm_tag_custom_info decode_phone_record(std::span<const uint8_t> bytes);

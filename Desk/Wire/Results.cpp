@@ -16,7 +16,7 @@ struct Result {
     const char* meaning;
 };
 
-#define DESK_RESULT(name, meaning)                                                                           \
+#define DESK_RESULT(name, meaning)                                                                                     \
     { name, #name, meaning }
 
 const Result results[] = {
@@ -39,8 +39,8 @@ const Result results[] = {
 constexpr int32_t lowest_result = SM_RETURN_BT_STRUCT_ERR; // that has an exit code of its own
 
 const Result* find_result(int32_t code) {
-    const auto* const found = std::find_if(std::begin(results), std::end(results),
-                                           [&](const Result& result) { return result.code == code; });
+    const auto* const found =
+        std::find_if(std::begin(results), std::end(results), [&](const Result& result) { return result.code == code; });
     return found == std::end(results) ? nullptr : found;
 }
 

@@ -26,18 +26,16 @@ struct ShutterTime {
 
 // The times that a camera has at the phone's positions 0 to 109, as they stand on a shutter dial.
 constexpr ShutterTime shutter_times[] = {
-    {1, "60 s"},       {2, "30 s"},        {7, "25 s"},       {12, "20 s"},      {17, "15 s"},
-    {19, "13 s"},      {22, "10 s"},       {24, "8 s"},       {26, "6 s"},       {27, "5 s"},
-    {28, "4 s"},       {38, "3.2 s"},      {43, "2.5 s"},     {48, "2 s"},       {52, "1.6 s"},
-    {55, "1.3 s"},     {58, "1 s"},        {60, "0.8 s"},     {62, "0.6 s"},     {63, "0.5 s"},
-    {64, "0.4 s"},     {65, "0.3 s"},      {69, "1/4 s"},     {70, "1/5 s"},     {71, "1/6 s"},
-    {72, "1/8 s"},     {73, "1/10 s"},     {74, "1/13 s"},    {75, "1/15 s"},    {76, "1/20 s"},
-    {77, "1/25 s"},    {78, "1/30 s"},     {79, "1/40 s"},    {80, "1/50 s"},    {81, "1/60 s"},
-    {82, "1/80 s"},    {83, "1/100 s"},    {84, "1/125 s"},   {85, "1/160 s"},   {87, "1/200 s"},
-    {88, "1/250 s"},   {89, "1/320 s"},    {90, "1/400 s"},   {91, "1/500 s"},   {92, "1/640 s"},
-    {93, "1/800 s"},   {94, "1/1000 s"},   {95, "1/1250 s"},  {96, "1/1600 s"},  {97, "1/2000 s"},
-    {98, "1/2500 s"},  {99, "1/3200 s"},   {100, "1/4000 s"}, {101, "1/5000 s"}, {102, "1/6400 s"},
-    {108, "1/8000 s"}, {109, "1/10000 s"},
+    {1, "60 s"},       {2, "30 s"},       {7, "25 s"},        {12, "20 s"},     {17, "15 s"},      {19, "13 s"},
+    {22, "10 s"},      {24, "8 s"},       {26, "6 s"},        {27, "5 s"},      {28, "4 s"},       {38, "3.2 s"},
+    {43, "2.5 s"},     {48, "2 s"},       {52, "1.6 s"},      {55, "1.3 s"},    {58, "1 s"},       {60, "0.8 s"},
+    {62, "0.6 s"},     {63, "0.5 s"},     {64, "0.4 s"},      {65, "0.3 s"},    {69, "1/4 s"},     {70, "1/5 s"},
+    {71, "1/6 s"},     {72, "1/8 s"},     {73, "1/10 s"},     {74, "1/13 s"},   {75, "1/15 s"},    {76, "1/20 s"},
+    {77, "1/25 s"},    {78, "1/30 s"},    {79, "1/40 s"},     {80, "1/50 s"},   {81, "1/60 s"},    {82, "1/80 s"},
+    {83, "1/100 s"},   {84, "1/125 s"},   {85, "1/160 s"},    {87, "1/200 s"},  {88, "1/250 s"},   {89, "1/320 s"},
+    {90, "1/400 s"},   {91, "1/500 s"},   {92, "1/640 s"},    {93, "1/800 s"},  {94, "1/1000 s"},  {95, "1/1250 s"},
+    {96, "1/1600 s"},  {97, "1/2000 s"},  {98, "1/2500 s"},   {99, "1/3200 s"}, {100, "1/4000 s"}, {101, "1/5000 s"},
+    {102, "1/6400 s"}, {108, "1/8000 s"}, {109, "1/10000 s"},
 };
 
 // A fine adjustment of the white balance, and what it is called.
@@ -102,9 +100,8 @@ std::string style_values(const sm_cs_info& styles) {
     if (styles.color_style < 0 || styles.color_style >= SM_COLOR_STYLES)
         return nothing;
     const auto style = static_cast<size_t>(styles.color_style);
-    std::string text =
-        fmt::format("saturation {}, sharpness {}, contrast {}, hue {}", styles.cs_saturation[style],
-                    styles.cs_sharpness[style], styles.cs_contrast[style], styles.cs_hue[style]);
+    std::string text = fmt::format("saturation {}, sharpness {}, contrast {}, hue {}", styles.cs_saturation[style],
+                                   styles.cs_sharpness[style], styles.cs_contrast[style], styles.cs_hue[style]);
     if (style > 0) {
         const sm_color& color = styles.cs_color[style - 1];
         text += fmt::format(", colour {} {} {}", color.cs_color_r, color.cs_color_g, color.cs_color_b);
@@ -129,8 +126,8 @@ size_t characters(std::string_view text) {
 
 std::string first_characters(const std::string& text, size_t count) {
     size_t seen = 0;
-    const auto end = std::find_if(text.begin(), text.end(),
-                                  [&](char byte) { return starts_character(byte) && seen++ == count; });
+    const auto end =
+        std::find_if(text.begin(), text.end(), [&](char byte) { return starts_character(byte) && seen++ == count; });
     return {text.begin(), end};
 }
 
@@ -153,9 +150,8 @@ std::string aperture_text(int32_t f_number_times_ten) {
 }
 
 std::string shutter_text(int32_t position) {
-    const auto* const found =
-        std::find_if(std::begin(shutter_times), std::end(shutter_times),
-                     [&](const ShutterTime& time) { return time.position == position; });
+    const auto* const found = std::find_if(std::begin(shutter_times), std::end(shutter_times),
+                                           [&](const ShutterTime& time) { return time.position == position; });
     return found == std::end(shutter_times) ? fmt::format("step {}", position) : found->text;
 }
 
@@ -172,8 +168,7 @@ std::string compensation_text(int32_t code) {
     if (thirds == 0)
         return "0 EV";
     constexpr std::array fractions = {"", ".3", ".7"};
-    return fmt::format("{}{}{} EV", code < none ? '-' : '+', thirds / 3,
-                       fractions[static_cast<size_t>(thirds % 3)]);
+    return fmt::format("{}{}{} EV", code < none ? '-' : '+', thirds / 3, fractions[static_cast<size_t>(thirds % 3)]);
 }
 
 std::string color_style_text(int32_t style) {
@@ -229,11 +224,10 @@ std::vector<std::pair<std::string, std::string>> description_of(const sm_tag_cus
         {"Colour style", color_style_text(preset.cs_info.color_style)},
         {"Style values", style_values(preset.cs_info)},
         {"Off colour", fmt::format("{}", preset.cs_info.cs_color_off_color)},
-        {"AF frame",
-         fmt::format("{} x {} at {}, {}, box {}", preset.selection_af_width, preset.selection_af_height,
-                     preset.selection_af_pos_x, preset.selection_af_pos_y, preset.selection_af_box_size)},
-        {"Self-timer", fmt::format("delay {}, shots {}, interval {}", preset.timer_time, preset.timer_count,
-                                   preset.timer_interval)},
+        {"AF frame", fmt::format("{} x {} at {}, {}, box {}", preset.selection_af_width, preset.selection_af_height,
+                                 preset.selection_af_pos_x, preset.selection_af_pos_y, preset.selection_af_box_size)},
+        {"Self-timer",
+         fmt::format("delay {}, shots {}, interval {}", preset.timer_time, preset.timer_count, preset.timer_interval)},
     };
     for (const Setting& setting : settings)
         lines.emplace_back(setting.label, fmt::format("{}", preset.*setting.value));

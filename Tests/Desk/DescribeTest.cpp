@@ -39,7 +39,7 @@ std::vector<std::string> texts_of(const Exposure& exposure) {
 
 using Texts = std::vector<std::string>;
 
-// ---- Single codes -----------------------------------------------------------------------------------------
+// ---- Single codes ---------------------------------------------------------------------------------------------------
 
 TEST(Describe, NamesTheModes) {
     const Texts names = {mode_name(0), mode_name(1), mode_name(2), mode_name(3), mode_name(4)};
@@ -78,8 +78,7 @@ double seconds_of(const std::string& text) {
 
 TEST(Describe, HasAShutterTimeForExactlyThePositionsThatTheCameraHasACodeFor) {
     for (int32_t position = 0; position < SM_TV_STEPS; ++position)
-        EXPECT_EQ(seconds_of(shutter_text(position)) > 0, tKT7_APEX_TV[position] != SM_STEP_MISSING)
-            << position;
+        EXPECT_EQ(seconds_of(shutter_text(position)) > 0, tKT7_APEX_TV[position] != SM_STEP_MISSING) << position;
 }
 
 TEST(Describe, HasShutterTimesThatAreThoseOfTheCamerasCodes) {
@@ -88,8 +87,7 @@ TEST(Describe, HasShutterTimesThatAreThoseOfTheCamerasCodes) {
             continue;
         const auto code = static_cast<int16_t>(tKT7_APEX_TV[position]);
         const double exact = std::pow(2.0, -code / 16.0);
-        // A dial's round numbers miss the powers of two by up to 7.4 per cent; the next third step is 26
-        // away.
+        // A dial's round numbers miss the powers of two by up to 7.4 per cent; the next third step is 26 away.
         EXPECT_NEAR(seconds_of(shutter_text(position)) / exact, 1, 0.075) << position;
     }
 }
@@ -109,11 +107,10 @@ TEST(Describe, ShowsTheNumberOfAStepWithoutAShutterTime) {
 }
 
 TEST(Describe, WritesCompensationsInThirds) {
-    const Texts thirds = {"-5 EV",   "-4.7 EV", "-4.3 EV", "-4 EV",   "-3.7 EV", "-3.3 EV", "-3 EV",
-                          "-2.7 EV", "-2.3 EV", "-2 EV",   "-1.7 EV", "-1.3 EV", "-1 EV",   "-0.7 EV",
-                          "-0.3 EV", "0 EV",    "+0.3 EV", "+0.7 EV", "+1 EV",   "+1.3 EV", "+1.7 EV",
-                          "+2 EV",   "+2.3 EV", "+2.7 EV", "+3 EV",   "+3.3 EV", "+3.7 EV", "+4 EV",
-                          "+4.3 EV", "+4.7 EV", "+5 EV"};
+    const Texts thirds = {"-5 EV",   "-4.7 EV", "-4.3 EV", "-4 EV",   "-3.7 EV", "-3.3 EV", "-3 EV",   "-2.7 EV",
+                          "-2.3 EV", "-2 EV",   "-1.7 EV", "-1.3 EV", "-1 EV",   "-0.7 EV", "-0.3 EV", "0 EV",
+                          "+0.3 EV", "+0.7 EV", "+1 EV",   "+1.3 EV", "+1.7 EV", "+2 EV",   "+2.3 EV", "+2.7 EV",
+                          "+3 EV",   "+3.3 EV", "+3.7 EV", "+4 EV",   "+4.3 EV", "+4.7 EV", "+5 EV"};
     ASSERT_EQ(thirds.size(), size_t{SM_EV_STEPS});
     for (size_t k = 0; k < thirds.size(); ++k)
         EXPECT_EQ(compensation_text(tPRO_COMMON_EV[k]), thirds[k]) << tPRO_COMMON_EV[k];
@@ -152,7 +149,7 @@ TEST(Describe, NamesTheCustomModes) {
     EXPECT_EQ(custom_mode_text(3), "custom mode 3");
 }
 
-// ---- Whole presets ----------------------------------------------------------------------------------------
+// ---- Whole presets --------------------------------------------------------------------------------------------------
 
 TEST(Describe, ShowsOfTheExposureWhatTheModeCarries) {
     EXPECT_EQ(texts_of(exposure_of(preset_in_mode(0))), (Texts{"-", "-", "ISO 400", "+0.3 EV"}));
@@ -200,9 +197,9 @@ std::string line_of(const sm_tag_custom_info& preset, const std::string& label) 
 
 TEST(Description, BeginsWithTheTitleAndTheExposure) {
     const auto lines = description_of(preset_in_mode(4));
-    const std::vector<std::pair<std::string, std::string>> first = {
-        {"Title", "Dusk"},      {"Mode", "Manual"},         {"Aperture", "f/2.8"},
-        {"Shutter", "1/125 s"}, {"Sensitivity", "ISO 400"}, {"Compensation", "-"}};
+    const std::vector<std::pair<std::string, std::string>> first = {{"Title", "Dusk"},          {"Mode", "Manual"},
+                                                                    {"Aperture", "f/2.8"},      {"Shutter", "1/125 s"},
+                                                                    {"Sensitivity", "ISO 400"}, {"Compensation", "-"}};
     ASSERT_GE(lines.size(), first.size());
     EXPECT_TRUE(std::equal(first.begin(), first.end(), lines.begin()));
 }
@@ -216,8 +213,7 @@ TEST(Description, ShowsTheValuesOfTheSelectedColorStyle) {
     preset.cs_info.cs_contrast[13] = 3;
     preset.cs_info.cs_hue[13] = 4;
     EXPECT_EQ(line_of(preset, "Colour style"), "C4");
-    EXPECT_EQ(line_of(preset, "Style values"),
-              "saturation 1, sharpness 2, contrast 3, hue 4, colour 10 20 30");
+    EXPECT_EQ(line_of(preset, "Style values"), "saturation 1, sharpness 2, contrast 3, hue 4, colour 10 20 30");
 }
 
 TEST(Description, ShowsNoColorForStyle0) {
@@ -266,7 +262,7 @@ TEST(Description, ShowsIdsAndCodesAsNumbers) {
     EXPECT_EQ(line_of(preset, "AF frame"), "3 x 4 at 1, 2, box 5");
 }
 
-// ---- Tables -----------------------------------------------------------------------------------------------
+// ---- Tables ---------------------------------------------------------------------------------------------------------
 
 const std::vector<Texts> rows = {{"No", "Id", "Title", "Mode", "EV"},
                                  {"0", "1001", "Caf\u00e9", "Manual", "-"},
@@ -323,8 +319,8 @@ TEST(Table, HasARowForAPreset) {
     preset.type = 10;
     preset.k_value = 5500;
     preset.linked_custom_mode = 2;
-    EXPECT_EQ(table_row(3, preset), (Texts{"3", "1001", "Dusk", "CUSTOM2", "Aperture", "f/2.8", "-", "400",
-                                           "+0.3", "C1", "5500 K"}));
+    EXPECT_EQ(table_row(3, preset),
+              (Texts{"3", "1001", "Dusk", "CUSTOM2", "Aperture", "f/2.8", "-", "400", "+0.3", "C1", "5500 K"}));
     EXPECT_EQ(table_header().size(), table_row(3, preset).size());
 }
 

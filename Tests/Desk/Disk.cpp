@@ -102,7 +102,7 @@ std::optional<size_t> Disk::node_at(const Place& place) const {
     return found == names.end() ? std::nullopt : std::optional(found->second);
 }
 
-// ---- What calls do ----------------------------------------------------------------------------------------
+// ---- What calls do --------------------------------------------------------------------------------------------------
 
 void Disk::follow(const Call& call) {
     if (call.kind == Kind::close) {
@@ -152,8 +152,7 @@ void Disk::leave_out(const Call& flush) {
 }
 
 void Disk::change_name(size_t folder, const std::string& gone, const std::string& come, size_t target) {
-    pieces_.push_back(
-        {.what = Piece::What::name, .node = folder, .gone = gone, .come = come, .target = target});
+    pieces_.push_back({.what = Piece::What::name, .node = folder, .gone = gone, .come = come, .target = target});
     Names& names = nodes_[folder].cached_names;
     if (!gone.empty()) {
         names.erase(gone);
@@ -230,7 +229,7 @@ void Disk::flush(const Call& call) {
     std::erase_if(pieces_, [&](const Piece& piece) { return piece.node == node; });
 }
 
-// ---- What is left -----------------------------------------------------------------------------------------
+// ---- What is left ---------------------------------------------------------------------------------------------------
 
 void Disk::settle(std::vector<Node>& nodes, const Piece& piece, Fate fate) {
     Node& node = nodes[piece.node];

@@ -1,9 +1,9 @@
 // A disk, and what a power loss leaves of it.
 //
-// It follows the recorded calls of a program on a folder. What is written, cut off, created, renamed and
-// removed is at first known to the cache alone. fsync or fdatasync of a file makes its bytes and its size
-// durable, but not its name; fsync of a folder makes the names in it durable, and what was renamed or removed
-// there. Of all that is not durable yet, each piece may be lost or kept by itself when the power goes:
+// It follows the recorded calls of a program on a folder. What is written, cut off, created, renamed and removed is at
+// first known to the cache alone. fsync or fdatasync of a file makes its bytes and its size durable, but not its name;
+// fsync of a folder makes the names in it durable, and what was renamed or removed there. Of all that is not durable
+// yet, each piece may be lost or kept by itself when the power goes:
 //
 // - a write whole, not at all, or any of the 512-byte sectors that it touches; the size that it gives the
 // file,
@@ -13,9 +13,9 @@
 // name
 //   happen in their order: a later one is kept only with those before it.
 //
-// This is the least that POSIX promises, and less than a file system of today does. A flush that fails leaves
-// what was to be flushed to chance, and a later one that succeeds does not make up for bytes that it missed:
-// Linux takes pages that it could not write for written.
+// This is the least that POSIX promises, and less than a file system of today does. A flush that fails leaves what was
+// to be flushed to chance, and a later one that succeeds does not make up for bytes that it missed: Linux takes pages
+// that it could not write for written.
 #pragma once
 
 #include <cstdint>
@@ -48,8 +48,8 @@ class Disk {
     Tree cached() const;
     const std::filesystem::path& root() const { return root_; }
 
-    // The pieces that are not durable, and what becomes of each: `lost`, `kept`, or of a write the sectors
-    // whose bits are set, counted from its first (a 65th like the first, and so on).
+    // The pieces that are not durable, and what becomes of each: `lost`, `kept`, or of a write the sectors whose bits
+    // are set, counted from its first (a 65th like the first, and so on).
     using Fate = uint64_t;
     static constexpr Fate lost = 0;
     static constexpr Fate kept = ~uint64_t{0};

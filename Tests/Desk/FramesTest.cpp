@@ -59,7 +59,7 @@ std::string failure_of(const std::function<void()>& action) {
     return {};
 }
 
-// ---- Requests ---------------------------------------------------------------------------------------------
+// ---- Requests -------------------------------------------------------------------------------------------------------
 
 TEST(Requests, BeginWithFunctionNumberAndTotalLength) {
     EXPECT_EQ(request(1), words({1, 8}));
@@ -81,12 +81,11 @@ TEST(Requests, ToDeleteNameEachPresetByNumberAndId) {
     EXPECT_EQ(delete_payload(pairs), words({0, 11, 39, 12}));
 }
 
-// ---- Frames from pieces -----------------------------------------------------------------------------------
+// ---- Frames from pieces ---------------------------------------------------------------------------------------------
 
 constexpr size_t plenty = 1000; // more than the frames of these tests have
 
-// Gives a reader one piece of a stream. Returns the frame that it completes, and holds that to all of its
-// bytes.
+// Gives a reader one piece of a stream. Returns the frame that it completes, and holds that to all of its bytes.
 std::optional<Bytes> take(FrameReader& reader, const Bytes& piece, size_t longest = plenty) {
     std::span<const uint8_t> bytes = piece;
     std::optional<Bytes> frame = reader.take(bytes, longest);
@@ -163,8 +162,7 @@ TEST(FrameReader, RefusesAtItsHeaderAFrameBeyondTheLongestThatItsReaderTakes) {
     for (const int32_t total : {1001, 1 << 30, INT32_MAX}) {
         FrameReader reader;
         const std::string line = failure_of([&] { take(reader, words({0x1002, total})); });
-        EXPECT_NE(line.find("0x1002 announces " + std::to_string(total) + " bytes"), std::string::npos)
-            << line;
+        EXPECT_NE(line.find("0x1002 announces " + std::to_string(total) + " bytes"), std::string::npos) << line;
         EXPECT_NE(line.find("to 1000"), std::string::npos) << line;
     }
 }
@@ -212,7 +210,7 @@ TEST(LongestReplies, HaveRoomForFortyPresetsAndNoMore) {
     EXPECT_EQ(longest_picture_reply, 16u * 1024 * 1024);
 }
 
-// ---- Replies ----------------------------------------------------------------------------------------------
+// ---- Replies --------------------------------------------------------------------------------------------------------
 
 TEST(Replies, ListHoldsModelLayoutAndPresets) {
     const ListReply reply = parse_list_reply(list_reply(2));
@@ -356,10 +354,8 @@ TEST(Replies, ThatBreakTheProtocolAreNamedWithWhatWasExpectedAndWhatCame) {
 
 TEST(Replies, OfAnyBytesAreTakenOrRefusedButNothingElse) {
     const std::function<void(const Bytes&)> parsers[] = {
-        [](const Bytes& bytes) { parse_list_reply(bytes); },
-        [](const Bytes& bytes) { parse_picture_reply(bytes); },
-        [](const Bytes& bytes) { parse_store_reply(bytes); },
-        [](const Bytes& bytes) { parse_update_reply(bytes); },
+        [](const Bytes& bytes) { parse_list_reply(bytes); },   [](const Bytes& bytes) { parse_picture_reply(bytes); },
+        [](const Bytes& bytes) { parse_store_reply(bytes); },  [](const Bytes& bytes) { parse_update_reply(bytes); },
         [](const Bytes& bytes) { parse_delete_reply(bytes); },
     };
     std::mt19937 random(11);

@@ -24,7 +24,7 @@ size_t hash_of(const Tree& tree) {
 
 } // namespace
 
-// ---- Recording --------------------------------------------------------------------------------------------
+// ---- Recording ------------------------------------------------------------------------------------------------------
 
 fs::path temporary_folder() {
     const fs::path memory = "/dev/shm";
@@ -117,8 +117,7 @@ void Recorder::change(const Change& change) {
     int custom_id = 0;
     const int answer = change.make(*store_, custom_id);
     if (answer != change.answer) {
-        throw std::runtime_error(change.name + " answers " + std::to_string(answer) + ": " +
-                                 store_->last_error());
+        throw std::runtime_error(change.name + " answers " + std::to_string(answer) + ": " + store_->last_error());
     }
     Contents after = confirmed_;
     change.expect(after, custom_id);
@@ -137,7 +136,7 @@ Session Recorder::finish() {
     return std::move(session_);
 }
 
-// ---- Judging ----------------------------------------------------------------------------------------------
+// ---- Judging --------------------------------------------------------------------------------------------------------
 
 Judge::Judge() : folder_(temporary_folder()) {}
 

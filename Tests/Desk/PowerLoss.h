@@ -44,8 +44,8 @@ struct Session {
     std::string file_of(size_t call) const;
 };
 
-// Makes sessions: uses a store as a camera does, and notes what is confirmed when. `step`s of equal name
-// belong together.
+// Makes sessions: uses a store as a camera does, and notes what is confirmed when. `step`s of equal name belong
+// together.
 class Recorder {
   public:
     // The disk's root gets what running programs see on `disk`, a store among it where `expected` says so.
@@ -85,8 +85,8 @@ class Judge {
     std::unordered_map<size_t, Finding> findings_;
 };
 
-// Calls `see` with disks that a power loss may leave at this moment: with nothing of what is not durable,
-// with all of it, with each piece alone, with all but each piece, and with so many random choices of pieces
-// and sectors. Stops when `see` answers false.
+// Calls `see` with disks that a power loss may leave at this moment: with nothing of what is not durable, with all of
+// it, with each piece alone, with all but each piece, and with so many random choices of pieces and sectors. Stops when
+// `see` answers false.
 void each_power_loss(const Disk& disk, int random_choices, std::mt19937& dice,
                      const std::function<bool(const Tree&)>& see);

@@ -1,15 +1,14 @@
 // The preset store keeps what it has confirmed, and nothing in half, whenever the power goes.
 //
-// A session with a store (made with presets, saves, updates and deletes with and without a growing database,
-// links, refused changes, reopening) is recorded call by call. After each call the disk may be in many
-// states: Disk.h says what is durable and what may be lost. Each state is put into a folder in memory, and
-// the store is opened there: it must hold what was confirmed by then, with every picture, the change in
-// flight wholly or not at all, and nothing else; and it must take a further preset. The same is done with
-// cameras that are killed, and lose power while the next one starts, or after it has; and with power that is
-// lost once more while the store recovers.
+// A session with a store (made with presets, saves, updates and deletes with and without a growing database, links,
+// refused changes, reopening) is recorded call by call. After each call the disk may be in many states: Disk.h says
+// what is durable and what may be lost. Each state is put into a folder in memory, and the store is opened there: it
+// must hold what was confirmed by then, with every picture, the change in flight wholly or not at all, and nothing
+// else; and it must take a further preset. The same is done with cameras that are killed, and lose power while the next
+// one starts, or after it has; and with power that is lost once more while the store recovers.
 //
-// The judgement is tested itself: each flush is left out in turn, and then some power loss must break the
-// promise. Those that can be left out are listed with the reason.
+// The judgement is tested itself: each flush is left out in turn, and then some power loss must break the promise.
+// Those that can be left out are listed with the reason.
 
 #include <gtest/gtest.h>
 
@@ -77,11 +76,10 @@ class PowerLoss : public testing::Test {
         return recorder.finish();
     }
 
-    // Cuts the power after each call of a session, `left_out` of which were not made. `see` gets what breaks
-    // the promise, or nothing, and says whether to go on.
-    void lose_power_everywhere(
-        const Session& session, const std::set<size_t>& left_out, int random_choices,
-        const std::function<bool(size_t calls_made, const Tree&, const std::string&)>& see) {
+    // Cuts the power after each call of a session, `left_out` of which were not made. `see` gets what breaks the
+    // promise, or nothing, and says whether to go on.
+    void lose_power_everywhere(const Session& session, const std::set<size_t>& left_out, int random_choices,
+                               const std::function<bool(size_t calls_made, const Tree&, const std::string&)>& see) {
         Disk disk = session.before;
         Disk whole = session.before;
         bool goes_on = true;
@@ -89,8 +87,7 @@ class PowerLoss : public testing::Test {
             if (made > 0) {
                 follow(disk, whole, session.calls[made - 1], left_out.contains(made - 1));
             }
-            // Before the first flush that is left out, and once later ones have made up for all, nothing is
-            // new.
+            // Before the first flush that is left out, and once later ones have made up for all, nothing is new.
             const bool lacks = disk.unflushed() > whole.unflushed();
             if (!session.is_new_moment(made) || (!left_out.empty() && !lacks)) {
                 continue;
@@ -123,8 +120,7 @@ class PowerLoss : public testing::Test {
 
     void tell() const {
         const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
-        std::printf("%zu power losses, %zu different disks, %.1f s\n", losses, judge.looked_at(),
-                    took.count());
+        std::printf("%zu power losses, %zu different disks, %.1f s\n", losses, judge.looked_at(), took.count());
     }
 
     const fs::path root = temporary_folder();
@@ -134,8 +130,7 @@ class PowerLoss : public testing::Test {
     const std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
 };
 
-// The disks after each call that may change one, in one step of the session. `see` gets the calls made so
-// far.
+// The disks after each call that may change one, in one step of the session. `see` gets the calls made so far.
 void each_disk_in(const Session& session, const std::string& step,
                   const std::function<void(size_t calls_made, const Disk&)>& see) {
     Disk disk = session.before;
@@ -150,7 +145,7 @@ void each_disk_in(const Session& session, const std::string& step,
 const char* const steps_in_which_cameras_die[] = {"making", "saving third", "saving seventh", "updating 2",
                                                   "deleting 0 1 4"};
 
-// ---- The promise ------------------------------------------------------------------------------------------
+// ---- The promise ----------------------------------------------------------------------------------------------------
 
 TEST_F(PowerLoss, IsFollowedByADiskThatKnowsEveryByteOfTheFolder) {
     const Session session = whole_session();
@@ -165,13 +160,12 @@ TEST_F(PowerLoss, CostsNothingThatWasConfirmedAtAnyMoment) {
     constexpr int random_choices = 12;
     const Session session = whole_session();
     std::map<std::string, std::string> violations; // the first of each moment
-    lose_power_everywhere(session, {}, random_choices,
-                          [&](size_t made, const Tree&, const std::string& violation) {
-                              if (!violation.empty()) {
-                                  violations.try_emplace(session.moment(made), violation);
-                              }
-                              return true;
-                          });
+    lose_power_everywhere(session, {}, random_choices, [&](size_t made, const Tree&, const std::string& violation) {
+        if (!violation.empty()) {
+            violations.try_emplace(session.moment(made), violation);
+        }
+        return true;
+    });
     for (const auto& [moment, violation] : violations) {
         ADD_FAILURE() << moment << ": " << violation;
     }
@@ -202,13 +196,12 @@ TEST_F(PowerLoss, WhileAStoreRecoversFromOneCostsNothingEither) {
     constexpr int share = 500; // one of so many disks is lost once more
     const Session session = whole_session();
     std::vector<std::pair<size_t, Tree>> lost;
-    lose_power_everywhere(session, {}, random_choices,
-                          [&](size_t made, const Tree& tree, const std::string&) {
-                              if (losses % share == 0) {
-                                  lost.emplace_back(made, tree);
-                              }
-                              return true;
-                          });
+    lose_power_everywhere(session, {}, random_choices, [&](size_t made, const Tree& tree, const std::string&) {
+        if (losses % share == 0) {
+            lost.emplace_back(made, tree);
+        }
+        return true;
+    });
     for (const auto& [made, tree] : lost) {
         const Session restart = start_on(Disk(root, tree), session.expected_after(made));
         EXPECT_EQ(violation_in(restart, {}, random_choices), "") << "lost first in " << session.moment(made);
@@ -217,7 +210,7 @@ TEST_F(PowerLoss, WhileAStoreRecoversFromOneCostsNothingEither) {
     EXPECT_GT(lost.size(), 15U);
 }
 
-// ---- Each flush is needed ---------------------------------------------------------------------------------
+// ---- Each flush is needed -------------------------------------------------------------------------------------------
 
 // A flush, by what the camera does, the file, and which flush of this file it is in that step.
 using Flush = std::tuple<std::string, std::string, int>;
@@ -298,12 +291,8 @@ const Spare spares[] = {
     {{"making", "presets.sqlite.new-journal", 8}, 0, 1, Spare::Reason::unnamed},
     {{"making", "presets.sqlite.new-journal", 9}, 0, 1, Spare::Reason::unnamed},
     {{"making", "presets.sqlite", 1}, 0, 1, Spare::Reason::already},
-    {{"making", "presets.sqlite-journal", 1},
-     0,
-     1,
-     Spare::Reason::already}, // its name is flushed, and it is empty
-    // SQLite flushes the folder in each transaction; the journal's name is durable since the store was
-    // opened.
+    {{"making", "presets.sqlite-journal", 1}, 0, 1, Spare::Reason::already}, // its name is flushed, and it is empty
+    // SQLite flushes the folder in each transaction; the journal's name is durable since the store was opened.
     {{"change", ".", 1}, 0, 14, Spare::Reason::already},
     {{"opening", "presets.sqlite", 1}, 0, 2, Spare::Reason::found},
     {{"opening", "presets.sqlite-journal", 1}, 0, 2, Spare::Reason::found},
@@ -314,8 +303,8 @@ const Spare spares[] = {
 
 std::string line_of(const Flush& flush, int needed, int spare) {
     const auto& [step, file, nth] = flush;
-    return step + ": " + file + " " + std::to_string(nth) + ": needed " + std::to_string(needed) +
-           ", spare " + std::to_string(spare);
+    return step + ": " + file + " " + std::to_string(nth) + ": needed " + std::to_string(needed) + ", spare " +
+           std::to_string(spare);
 }
 
 TEST_F(PowerLoss, BreaksThePromiseWhenAFlushIsLeftOutThatIsNotListed) {
@@ -326,8 +315,8 @@ TEST_F(PowerLoss, BreaksThePromiseWhenAFlushIsLeftOutThatIsNotListed) {
         const std::string violation = violation_in(session, {call}, random_choices);
         auto& [needed, spare] = found[flush];
         ++(violation.empty() ? spare : needed);
-        std::printf("%-20s %-27s %d  %s\n", session.expected_after(call).step.c_str(),
-                    session.file_of(call).c_str(), std::get<int>(flush), violation.c_str());
+        std::printf("%-20s %-27s %d  %s\n", session.expected_after(call).step.c_str(), session.file_of(call).c_str(),
+                    std::get<int>(flush), violation.c_str());
     }
     std::set<std::string> unexpected;
     std::set<std::string> expected;
@@ -387,9 +376,8 @@ TEST_F(PowerLoss, BreaksThePromiseWhenACameraStartsWithoutTheFlushesForWhatItFin
     const Session session = whole_session();
     const Tree durable = read_tree(root);
     for (const char* step : {"making", "saving third"}) {
-        each_disk_in(session, step, [&](size_t made, const Disk& disk) {
-            start_without_each(disk, session.expected_after(made));
-        });
+        each_disk_in(session, step,
+                     [&](size_t made, const Disk& disk) { start_without_each(disk, session.expected_after(made)); });
     }
     Expectation expected = session.expected_after(session.calls.size());
     expected.may_be_missing = true; // before the camera has started nobody promised that the name lasts

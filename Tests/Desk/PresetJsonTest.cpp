@@ -65,7 +65,7 @@ std::vector<std::string> faults_of(const std::string& text) {
 
 using Lines = std::vector<std::string>;
 
-// ---- There and back ---------------------------------------------------------------------------------------
+// ---- There and back -------------------------------------------------------------------------------------------------
 
 TEST(PresetJson, GivesBackEveryWordOfAPhoneRecordWhateverItsValue) {
     for (const Field& field : fields())
@@ -88,8 +88,7 @@ TEST(PresetJson, GivesBackEveryWordOfACameraRecordWhateverItsValue) {
 }
 
 TEST(PresetJson, GivesBackTextsOfAnyBytes) {
-    for (const size_t offset :
-         {offsetof(sm_tag_custom_info, title), offsetof(sm_tag_custom_info, screennail_path)})
+    for (const size_t offset : {offsetof(sm_tag_custom_info, title), offsetof(sm_tag_custom_info, screennail_path)})
         for (const size_t position : {0u, 1u, 25u, 50u, 51u})
             for (int byte = 0; byte < 256; ++byte) {
                 Bytes bytes(sizeof(sm_tag_custom_info));
@@ -139,7 +138,7 @@ TEST(PresetJson, WritesATextThatIsNoStringAsAllItsBytes) {
     EXPECT_EQ(to_json(preset)["title"].dump(), "{\"bytes\":\"80" + std::string(100, '0') + "7a\"}");
 }
 
-// ---- The form ---------------------------------------------------------------------------------------------
+// ---- The form -------------------------------------------------------------------------------------------------------
 
 TEST(PresetJson, WritesTheEntriesInTheRecordsOrder) {
     const ordered_json json = to_json(sm_tag_custom_info{});
@@ -207,15 +206,14 @@ TEST(PresetJson, TakesUpperCaseHexadecimal) {
     EXPECT_EQ(std::string(preset.title, 4), std::string("\xAB\xCD\xEF\0", 4));
 }
 
-// ---- Faults -----------------------------------------------------------------------------------------------
+// ---- Faults ---------------------------------------------------------------------------------------------------------
 
 TEST(PresetJsonFaults, NameEveryMissingEntryInTheLineWhereItsObjectBegins) {
     const Lines faults = faults_of("\n\n{\n\n\"cs_info\":\n  {}\n}");
     const auto missing = [](int line, const std::string& name) {
         return "preset.json:" + std::to_string(line) + ": \"" + name + "\" is missing; add it";
     };
-    // 56 single words and the title, without linked_custom_mode and the four identities; then the style
-    // block's.
+    // 56 single words and the title, without linked_custom_mode and the four identities; then the style block's.
     ASSERT_EQ(faults.size(), 53u + 7u);
     EXPECT_EQ(faults[0], missing(3, "title"));
     EXPECT_EQ(faults[1], missing(3, "mode"));
@@ -237,10 +235,10 @@ struct Fault {
     Lines faults;
 };
 
-// In the text of a preset, "title" stands in line 2 and 25 words in 3 to 27, "mode" first and "iso" fourth.
-// "cs_info" begins in 28, "color_style" is 29, "cs_color" 31 to 97 with five lines for a colour, then four
-// arrays of 16 lines to 161, the last of them "cs_hue" from 146. 24 words follow in 163 to 186,
-// "reserved_636" in 187 to 194, and nine entries to 203; an entry added at the end stands in 204.
+// In the text of a preset, "title" stands in line 2 and 25 words in 3 to 27, "mode" first and "iso" fourth. "cs_info"
+// begins in 28, "color_style" is 29, "cs_color" 31 to 97 with five lines for a colour, then four arrays of 16 lines to
+// 161, the last of them "cs_hue" from 146. 24 words follow in 163 to 186, "reserved_636" in 187 to 194, and nine
+// entries to 203; an entry added at the end stands in 204.
 const Fault single_faults[] = {
     {"unknown entry",
      [](ordered_json& preset) { preset["zoom\n"] = 1; },
@@ -345,9 +343,7 @@ const Fault single_faults[] = {
      [](ordered_json& preset) { preset["cs_info"]["cs_hue"][13] = 4294967296; },
      {"preset.json:160: \"cs_hue\" [13] is 4294967296; give an integer from -2147483648 to 2147483647"}},
     {"nested too deep",
-     [](ordered_json& preset) {
-         preset["cs_info"]["cs_color"][0][0] = ordered_json::parse("[[[[{\"a\": [1]}]]], 2]");
-     },
+     [](ordered_json& preset) { preset["cs_info"]["cs_color"][0][0] = ordered_json::parse("[[[[{\"a\": [1]}]]], 2]"); },
      {"preset.json:33: \"cs_color\" [0] red must be an integer, not an array"}},
 };
 
@@ -359,9 +355,8 @@ TEST(PresetJsonFaults, NameTheFileTheLineTheEntryAndTheRemedy) {
 TEST(PresetJsonFaults, NameTheLineOfAnEntryThatIsGivenTwice) {
     std::string text = changed([](ordered_json&) {});
     text.replace(text.rfind('\n'), std::string::npos, ",\n\"mode\": 1,\n\"mode\": 2}");
-    EXPECT_EQ(faults_of(text),
-              (Lines{"preset.json:204: \"mode\" is given twice, first in line 3; remove one",
-                     "preset.json:205: \"mode\" is given twice, first in line 3; remove one"}));
+    EXPECT_EQ(faults_of(text), (Lines{"preset.json:204: \"mode\" is given twice, first in line 3; remove one",
+                                      "preset.json:205: \"mode\" is given twice, first in line 3; remove one"}));
 }
 
 TEST(PresetJsonFaults, AreAllCollectedInTheOrderOfTheirLines) {
@@ -401,16 +396,13 @@ TEST(PresetJsonFaults, RefuseLinkedCustomModeInACamerasPreset) {
 }
 
 TEST(PresetJsonFaults, RefuseAFileThatHoldsNoObject) {
-    EXPECT_EQ(faults_of("\n[]"),
-              Lines{"preset.json:2: a preset is an object, {\"title\": ...}, not an array"});
+    EXPECT_EQ(faults_of("\n[]"), Lines{"preset.json:2: a preset is an object, {\"title\": ...}, not an array"});
     EXPECT_EQ(faults_of("12\n"), Lines{"preset.json:1: a preset is an object, {\"title\": ...}, not 12"});
 }
 
 TEST(PresetJsonFaults, CutWhatAFileNamesToALengthThatALineCanBear) {
-    const Lines faults =
-        faults_of(changed([](ordered_json& preset) { preset[std::string(100000, 'n')] = 1; }));
-    EXPECT_EQ(faults,
-              Lines{"preset.json:204: \"" + std::string(59, 'n') + "... is no entry of a preset; remove it"});
+    const Lines faults = faults_of(changed([](ordered_json& preset) { preset[std::string(100000, 'n')] = 1; }));
+    EXPECT_EQ(faults, Lines{"preset.json:204: \"" + std::string(59, 'n') + "... is no entry of a preset; remove it"});
     std::string text = changed([](ordered_json& preset) { preset["mode"] = 7; });
     text.replace(text.find('7'), 1, std::string(300, '9'));
     EXPECT_EQ(faults_of(text), Lines{"preset.json:3: \"mode\" is " + std::string(60, '9') +
@@ -436,8 +428,7 @@ TEST(PresetJsonFaults, NameLineAndColumnOfWhatIsNoJson) {
         const Lines faults = faults_of(line.text);
         ASSERT_EQ(faults.size(), 1u) << line.text;
         EXPECT_EQ(faults[0].rfind(line.begin, 0), 0u) << faults[0];
-        EXPECT_EQ(
-            std::count_if(faults[0].begin(), faults[0].end(), [](char c) { return c < ' ' || c > '~'; }), 0)
+        EXPECT_EQ(std::count_if(faults[0].begin(), faults[0].end(), [](char c) { return c < ' ' || c > '~'; }), 0)
             << faults[0];
     }
 }

@@ -23,7 +23,7 @@ using namespace store_test;
 
 class Store : public StoreTest {};
 
-// ---- Making and opening -----------------------------------------------------------------------------------
+// ---- Making and opening ---------------------------------------------------------------------------------------------
 
 TEST_F(Store, IsMadeEmpty) {
     const PresetStore store = create();
@@ -114,7 +114,7 @@ TEST_F(Store, IsFinishedWhenMakingItWasInterrupted) {
     EXPECT_FALSE(fs::exists(folder / "presets.sqlite.new"));
 }
 
-// ---- Saving -----------------------------------------------------------------------------------------------
+// ---- Saving ---------------------------------------------------------------------------------------------------------
 
 TEST_F(Store, SavesAPresetAtTheEndOfTheList) {
     PresetStore store = create({"one"});
@@ -241,7 +241,7 @@ TEST_F(Store, FindsPresetsByCustomId) {
     }
 }
 
-// ---- Updating ---------------------------------------------------------------------------------------------
+// ---- Updating -------------------------------------------------------------------------------------------------------
 
 TEST_F(Store, UpdatesTitleAndServerId) {
     create({"one", "two"}).update(2, -5, "new title");
@@ -280,7 +280,7 @@ TEST_F(Store, RefusesToUpdateAPresetThatItDoesNotHave) {
     EXPECT_NE(store.last_error().find("2147483647"), std::string::npos);
 }
 
-// ---- Deleting and linking ---------------------------------------------------------------------------------
+// ---- Deleting and linking -------------------------------------------------------------------------------------------
 
 TEST_F(Store, DeletesPresetsWithTheirPicturesAndRenumbersTheRest) {
     create({"zero", "one", "two", "three", "four"}).remove(flags_for({0, 2, 3}));
@@ -348,7 +348,7 @@ TEST_F(Store, RefusesLinksThatCannotBe) {
     EXPECT_EQ(store.linked(0), -1);
 }
 
-// ---- Leftovers --------------------------------------------------------------------------------------------
+// ---- Leftovers ------------------------------------------------------------------------------------------------------
 
 TEST_F(Store, RemovesPicturesThatNoRecordNamesWhenItIsOpened) {
     create({"one"});
@@ -382,7 +382,7 @@ TEST_F(Store, KeepsAPresetWhosePictureIsMissing) {
     EXPECT_EQ(files_in_pictures(folder), std::vector<std::string>{"3.jpg"});
 }
 
-// ---- Changes that fail ------------------------------------------------------------------------------------
+// ---- Changes that fail ----------------------------------------------------------------------------------------------
 
 TEST_F(Store, ChangesNothingWhenTheCommitFails) {
     PresetStore store = create({"zero", "one"});
@@ -456,8 +456,7 @@ bool says_full(const std::string& line) {
 }
 
 // Saves with ever more room, until it succeeds, and returns how often it was refused.
-int save_with_growing_room(PresetStore& store, const std::string& title,
-                           const std::function<void(size_t)>& leave_room,
+int save_with_growing_room(PresetStore& store, const std::string& title, const std::function<void(size_t)>& leave_room,
                            const std::function<void()>& expect_unchanged) {
     const tag_custom_info given = titled(title);
     const std::string picture = picture_of(title);
@@ -516,7 +515,7 @@ TEST_F(FullDisk, TakesNoNewStore) {
     EXPECT_EQ(files_in_pictures(folder), std::vector<std::string>{"1.jpg"});
 }
 
-// ---- Damage -----------------------------------------------------------------------------------------------
+// ---- Damage ---------------------------------------------------------------------------------------------------------
 
 struct Damage {
     const char* name;
@@ -531,8 +530,7 @@ void change_database(const fs::path& folder, const std::string& statements) {
 const Damage damages[] = {
     {"garbage", [](const fs::path& folder) { write(folder / "presets.sqlite", std::string(30'000, 'x')); },
      "not a database of presets"},
-    {"nothing", [](const fs::path& folder) { write(folder / "presets.sqlite", ""); },
-     "not a database of presets"},
+    {"nothing", [](const fs::path& folder) { write(folder / "presets.sqlite", ""); }, "not a database of presets"},
     {"half_a_header", [](const fs::path& folder) { fs::resize_file(folder / "presets.sqlite", 50); },
      "not a database of presets"},
     {"half_a_database",
@@ -555,8 +553,7 @@ const Damage damages[] = {
      "presets.sqlite is not a file but a folder"},
     {"pictures_without_a_database", [](const fs::path& folder) { fs::remove(folder / "presets.sqlite"); },
      "pictures but no presets.sqlite"},
-    {"the_database_of_a_stranger",
-     [](const fs::path& folder) { change_database(folder, "PRAGMA application_id = 1"); },
+    {"the_database_of_a_stranger", [](const fs::path& folder) { change_database(folder, "PRAGMA application_id = 1"); },
      "not a database of presets"},
     {"another_version", [](const fs::path& folder) { change_database(folder, "PRAGMA user_version = 2"); },
      "has version 2, this camera reads version 1"},
@@ -574,8 +571,7 @@ const Damage damages[] = {
      "custom_id 2 has a record of 744 bytes instead of 740"},
     {"the_record_of_another_preset",
      [](const fs::path& folder) {
-         change_database(folder,
-                         "UPDATE presets SET record = (SELECT record FROM presets WHERE custom_id = 1)");
+         change_database(folder, "UPDATE presets SET record = (SELECT record FROM presets WHERE custom_id = 1)");
      },
      "custom_id 2 has the record of another preset"},
     {"a_picture_elsewhere",
@@ -600,8 +596,7 @@ const Damage damages[] = {
      "which custom_id comes next"},
     {"no_next_custom_id", [](const fs::path& folder) { change_database(folder, "DELETE FROM camera"); },
      "which custom_id comes next"},
-    {"two_next_custom_ids",
-     [](const fs::path& folder) { change_database(folder, "INSERT INTO camera VALUES (9)"); },
+    {"two_next_custom_ids", [](const fs::path& folder) { change_database(folder, "INSERT INTO camera VALUES (9)"); },
      "which custom_id comes next"},
 };
 
@@ -644,7 +639,7 @@ TEST_F(Store, IsDamagedWithMoreThan40Presets) {
     EXPECT_EQ(snapshot(folder), before);
 }
 
-// ---- Cameras that die -------------------------------------------------------------------------------------
+// ---- Cameras that die -----------------------------------------------------------------------------------------------
 
 // Everything that a store keeps: titles, links and the pictures' contents.
 struct Kept {
@@ -682,8 +677,8 @@ class DyingCamera : public Store, public testing::WithParamInterface<Change> {
   protected:
     enum class End { died, finished, untraceable };
 
-    // Opens the store in a process of its own, makes the change, and kills the process at the n-th border of
-    // a system call, if it comes that far.
+    // Opens the store in a process of its own, makes the change, and kills the process at the n-th border of a system
+    // call, if it comes that far.
     End make_change_and_die_at(int border) {
         const pid_t camera = ::fork();
         if (camera == 0) {

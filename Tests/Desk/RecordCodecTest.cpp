@@ -15,8 +15,8 @@ constexpr size_t phone_size = 744;
 constexpr size_t camera_size = 740;
 
 const Field& field_named(const std::string& name) {
-    const auto found = std::find_if(fields().begin(), fields().end(),
-                                    [&](const Field& field) { return field.name == name; });
+    const auto found =
+        std::find_if(fields().begin(), fields().end(), [&](const Field& field) { return field.name == name; });
     EXPECT_NE(found, fields().end()) << name;
     return found == fields().end() ? fields().front() : *found;
 }

@@ -151,7 +151,7 @@ TEST_F(Samples, AreRefusedByAStoreWithoutRoomForThem) {
     fs::remove_all(full);
 }
 
-// ---- Pictures ---------------------------------------------------------------------------------------------
+// ---- Pictures -------------------------------------------------------------------------------------------------------
 
 constexpr std::array<uint8_t, 4> stream_start{0xFF, 0xD8, 0xFF, 0xDB};
 

@@ -1,8 +1,8 @@
 // Every system call of the preset store fails in turn, and no promise is broken.
 //
-// A store is made, opened, opened behind a camera that died in a change, and changed in every way. In each of
-// these tasks each call that the store makes fails once, and then it and all later ones of its kind, with
-// each error that it may have. After each run these must fit each other:
+// A store is made, opened, opened behind a camera that died in a change, and changed in every way. In each of these
+// tasks each call that the store makes fails once, and then it and all later ones of its kind, with each error that it
+// may have. After each run these must fit each other:
 //
 // - what the store answers: done, refused, or that it cannot tell;
 // - what it then serves, and a further change that it makes;
@@ -96,8 +96,7 @@ void die_of(int signal) {
 }
 
 size_t open_descriptors() {
-    return static_cast<size_t>(
-        std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+    return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
 bool is_one_line(const std::string& text) {
@@ -110,8 +109,8 @@ std::string describe(const Fault& fault) {
            (fault.from_then_on ? " and all from then on" : "");
 }
 
-// A failure of this machine; but a file that the disk cannot read is damaged, and SQLite cannot tell locks
-// that the system does not give from those that another program has.
+// A failure of this machine; but a file that the disk cannot read is damaged, and SQLite cannot tell locks that the
+// system does not give from those that another program has.
 bool is_right_code(int code, const Fault& fault) {
     const bool is_reading = fault.kind == Kind::read || fault.kind == Kind::pread;
     const bool is_locking = fault.kind == Kind::fcntl && fault.error == ENOLCK;
@@ -129,10 +128,9 @@ bool leaves_something_undurable(const Fault& fault) {
 // What is done while a call fails.
 struct Task {
     const char* name;
-    Tree before;       // the disk, all durable
-    Expectation found; // what is on it
-    std::optional<Change>
-        change; // made to the store that was opened without a fault; none: the opening itself
+    Tree before;                  // the disk, all durable
+    Expectation found;            // what is on it
+    std::optional<Change> change; // made to the store that was opened without a fault; none: the opening itself
 };
 
 class StoreFaults : public testing::Test {
@@ -149,10 +147,8 @@ class StoreFaults : public testing::Test {
         Recorder recorder(Disk(root), place, {"beginning", true, {}, 0});
         recorder.start({"first", "second"});
         recorder.finish();
-        return {"first save",
-                read_tree(root),
-                {"first save", false, {made_with_first_and_second()}, 2},
-                saving("third")};
+        return {
+            "first save", read_tree(root), {"first save", false, {made_with_first_and_second()}, 2}, saving("third")};
     }
 
     // A store with presets and a link, and its contents.
@@ -285,8 +281,7 @@ class StoreFaults : public testing::Test {
                 EXPECT_TRUE(may_fail) << "answers " << answer << ": " << said;
                 EXPECT_EQ(answer, SM_RETURN_FAIL);
                 EXPECT_TRUE(is_one_line(said)) << said;
-                const bool is_unsettled =
-                    said.find("cannot tell whether the change was made") != std::string::npos;
+                const bool is_unsettled = said.find("cannot tell whether the change was made") != std::string::npos;
                 expected.allowed = {before};
                 if (is_unsettled) {
                     expect_no_change_while_unsettled(*store);
@@ -379,8 +374,7 @@ class StoreFaults : public testing::Test {
         SCOPED_TRACE(current_run);
         constexpr unsigned patience = 20;
         ::alarm(patience);
-        const bool occurred =
-            task.change ? run_change(task, fault, may_fail) : run_opening(task, fault, may_fail);
+        const bool occurred = task.change ? run_change(task, fault, may_fail) : run_opening(task, fault, may_fail);
         ::alarm(0);
         runs += occurred;
         return occurred;
@@ -424,9 +418,8 @@ class StoreFaults : public testing::Test {
     }
 
     void tell(const Task& task, int calls) const {
-        std::printf(
-            "%s: %d calls, %d runs with faults (%d done, %d refused, %d unsettled), %zu different disks\n",
-            task.name, calls, runs, done, refused, unsettled, judge.looked_at());
+        std::printf("%s: %d calls, %d runs with faults (%d done, %d refused, %d unsettled), %zu different disks\n",
+                    task.name, calls, runs, done, refused, unsettled, judge.looked_at());
     }
 
     const fs::path root = temporary_folder();
@@ -467,10 +460,9 @@ TEST_F(StoreFaults, CostNothingInAnUnlink) {
 }
 
 TEST_F(StoreFaults, AreNotSeenWhereACallIsInterruptedOrCutShort) {
-    for (const Task& task :
-         {making(), opening(), recovering(), changing("saving", saving("fifth")),
-          changing("updating", updating(1, 9, "renamed")), changing("deleting", deleting({0, 1})),
-          changing("linking", linking(1, 2)), changing("unlinking", unlinking(0))}) {
+    for (const Task& task : {making(), opening(), recovering(), changing("saving", saving("fifth")),
+                             changing("updating", updating(1, 9, "renamed")), changing("deleting", deleting({0, 1})),
+                             changing("linking", linking(1, 2)), changing("unlinking", unlinking(0))}) {
         interrupt_each_call_in(task);
     }
 }
@@ -484,8 +476,7 @@ class DoubtfulDeletion : public StoreFaults {
         const Task task = changing("deleting", deleting({0}));
         set_up(task);
         PresetStore store = opened(task, filled);
-        std::ofstream(root / place / "presets.sqlite-shm")
-            << "no store has this, and none is opened beside it";
+        std::ofstream(root / place / "presets.sqlite-shm") << "no store has this, and none is opened beside it";
         system_calls::plan({Kind::fdatasync, failing_flush, EIO});
         const int result = store.remove(std::array{1, 0, 0, 0});
         system_calls::forget_fault();

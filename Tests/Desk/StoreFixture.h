@@ -1,5 +1,5 @@
-// What the tests of the camera's store share: presets and pictures to save, looks at the files, and a folder
-// for each test.
+// What the tests of the camera's store share: presets and pictures to save, looks at the files, and a folder for each
+// test.
 #pragma once
 
 #include <gtest/gtest.h>

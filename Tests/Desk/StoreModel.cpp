@@ -56,8 +56,7 @@ std::string trouble_with(const PresetStore& store, const Contents& contents, con
 }
 
 // Saves one preset more, and looks for it in the store that is opened again.
-std::string trouble_with_saving(PresetStore&& opened, Contents contents, const fs::path& folder,
-                                int& custom_id) {
+std::string trouble_with_saving(PresetStore&& opened, Contents contents, const fs::path& folder, int& custom_id) {
     const Change change = saving("one more");
     {
         PresetStore store = std::move(opened);
@@ -79,8 +78,7 @@ std::string to_string(const Contents& contents) {
         const bool whole = preset.picture == picture_of(preset.title) ||
                            preset.title.starts_with("renamed"); // its picture belongs to its first title
         text << preset.custom_id << ":" << preset.title << "/" << preset.server_id
-             << (whole ? "" : " (another picture of " + std::to_string(preset.picture.size()) + " bytes)")
-             << " ";
+             << (whole ? "" : " (another picture of " + std::to_string(preset.picture.size()) + " bytes)") << " ";
     }
     text << "linked " << contents.linked[0] << " " << contents.linked[1];
     return text.str();
@@ -96,8 +94,7 @@ std::string picture_of(const std::string& title) {
 }
 
 Change saving(const std::string& title) {
-    return {"saving " + title,
-            [=](PresetStore& store, int& custom_id) { return save(store, title, custom_id); },
+    return {"saving " + title, [=](PresetStore& store, int& custom_id) { return save(store, title, custom_id); },
             [=](Contents& contents, int custom_id) {
                 contents.presets.push_back({title, custom_id, 0, picture_of(title)});
             }};
@@ -115,8 +112,7 @@ Change saving_a_picture_of_negative_length() {
 Change updating(int number, int server_id, const std::string& title) {
     return {"updating " + std::to_string(number),
             [=](PresetStore& store, int&) {
-                return store.update(store.presets().at(static_cast<size_t>(number)).custom_id, server_id,
-                                    title);
+                return store.update(store.presets().at(static_cast<size_t>(number)).custom_id, server_id, title);
             },
             [=](Contents& contents, int) {
                 Preset& preset = contents.presets.at(static_cast<size_t>(number));
@@ -199,8 +195,7 @@ Finding find(const fs::path& folder) {
             finding.trouble = trouble_with(*store, contents, folder);
         }
         if (finding.trouble.empty()) {
-            finding.trouble =
-                trouble_with_saving(std::move(*store), contents, folder, finding.next_custom_id);
+            finding.trouble = trouble_with_saving(std::move(*store), contents, folder, finding.next_custom_id);
         }
     } catch (const std::exception& failure) {
         finding.trouble = failure.what();

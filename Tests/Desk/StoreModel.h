@@ -1,5 +1,5 @@
-// What a preset store must hold after a series of changes, kept apart from the store's own code, and what a
-// store that lies on a disk holds in fact.
+// What a preset store must hold after a series of changes, kept apart from the store's own code, and what a store that
+// lies on a disk holds in fact.
 #pragma once
 
 #include <array>

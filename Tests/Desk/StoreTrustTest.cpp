@@ -1,5 +1,5 @@
-// What may lie in a store's folder without being the store's: files that are no files, databases that are
-// programs, and what is there before a store is.
+// What may lie in a store's folder without being the store's: files that are no files, databases that are programs, and
+// what is there before a store is.
 
 #include <fcntl.h>
 #include <grp.h>
@@ -51,7 +51,7 @@ void make_sparse_file(const fs::path& path, off_t size) {
 
 constexpr off_t two_gigabytes = off_t{2} << 30;
 
-// ---- Files that are no files ------------------------------------------------------------------------------
+// ---- Files that are no files ----------------------------------------------------------------------------------------
 
 struct Kind {
     const char* name;
@@ -112,8 +112,7 @@ TEST_P(NoFile, IsNoPicture) {
     put_in_the_place_of("pictures/1.jpg");
     PresetStore store = reopen();
     const std::string fault = store.fault_of_picture(store.presets().front());
-    EXPECT_NE(fault.find("pictures/1.jpg: it is " + std::string(GetParam().said)), std::string::npos)
-        << fault;
+    EXPECT_NE(fault.find("pictures/1.jpg: it is " + std::string(GetParam().said)), std::string::npos) << fault;
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, NoFile, testing::ValuesIn(kinds),
@@ -189,7 +188,7 @@ TEST_F(FoundStore, WritesNothingThroughALinkWhereAPictureIsToBe) {
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(folder / "pictures/1.jpg")));
 }
 
-// ---- Databases that are programs --------------------------------------------------------------------------
+// ---- Databases that are programs ------------------------------------------------------------------------------------
 
 struct Program {
     const char* name;
@@ -202,9 +201,8 @@ const Program programs[] = {
     {"a_view_that_never_ends",
      "ALTER TABLE camera RENAME TO real; CREATE VIEW camera AS WITH RECURSIVE more(next_custom_id) AS "
      "(SELECT 1 UNION ALL SELECT next_custom_id + 1 FROM more) SELECT count(*) AS next_custom_id FROM more"},
-    {"a_check_that_never_ends",
-     "DROP TABLE camera; CREATE TABLE camera (next_custom_id INTEGER NOT NULL CHECK "
-     "(randomblob(1000000) IS NOT NULL)); INSERT INTO camera VALUES (9)"},
+    {"a_check_that_never_ends", "DROP TABLE camera; CREATE TABLE camera (next_custom_id INTEGER NOT NULL CHECK "
+                                "(randomblob(1000000) IS NOT NULL)); INSERT INTO camera VALUES (9)"},
     {"a_table_more", "CREATE TABLE mine (what)"},
     {"an_index_more", "CREATE INDEX mine ON presets (record)"},
     {"a_column_more", "ALTER TABLE presets ADD COLUMN mine"},
@@ -243,9 +241,8 @@ TEST_F(FoundStore, LeavesTheFileAloneThatAJournalNames) {
     std::string journal = mark + number(0) + number(0) + number(pages) + number(512) + number(4096);
     journal.resize(512);
     const uint32_t lock_page = 0x40000000 / 4096 + 1;
-    write(folder / "presets.sqlite-journal", journal + number(lock_page) + name +
-                                                 number(static_cast<uint32_t>(name.size())) + number(sum) +
-                                                 mark);
+    write(folder / "presets.sqlite-journal",
+          journal + number(lock_page) + name + number(static_cast<uint32_t>(name.size())) + number(sum) + mark);
     expect_damaged("presets.sqlite-journal names a file of another program");
     EXPECT_EQ(content_of(mine), "somebody's own");
 }
@@ -256,7 +253,7 @@ TEST_F(FoundStore, IsNoneBesideAnotherKindOfJournal) {
     expect_damaged("there is a file presets.sqlite-wal, which no store has");
 }
 
-// ---- Making a store ---------------------------------------------------------------------------------------
+// ---- Making a store -------------------------------------------------------------------------------------------------
 
 void fill(PresetStore& store) {
     ASSERT_EQ(save(store, "first"), SM_RETURN_TRUE);

@@ -30,10 +30,9 @@ namespace fs = std::filesystem;
 
 constexpr size_t kinds = static_cast<size_t>(Kind::count);
 constexpr std::array<const char*, kinds> names = {
-    "open",      "close",   "read",   "pread",   "write",   "pwrite",  "fsync", "fdatasync",
-    "ftruncate", "rename",  "link",   "unlink",  "mkdir",   "rmdir",   "chmod", "flock",
-    "fcntl",     "stat",    "access", "opendir", "readdir", "socket",  "bind",  "listen",
-    "accept",    "connect", "recv",   "recvmsg", "send",    "sendmsg", "poll",  "shutdown"};
+    "open",   "close",  "read",   "pread",   "write", "pwrite",  "fsync", "fdatasync", "ftruncate", "rename",  "link",
+    "unlink", "mkdir",  "rmdir",  "chmod",   "flock", "fcntl",   "stat",  "access",    "opendir",   "readdir", "socket",
+    "bind",   "listen", "accept", "connect", "recv",  "recvmsg", "send",  "sendmsg",   "poll",      "shutdown"};
 
 struct State {
     std::recursive_mutex lock; // a program has threads
@@ -114,7 +113,7 @@ void steer_by_environment(State& state) {
     }
 }
 
-// ---- What a call concerns ---------------------------------------------------------------------------------
+// ---- What a call concerns -------------------------------------------------------------------------------------------
 
 std::string target_of_link(const char* link) {
     std::array<char, PATH_MAX> target{};
@@ -127,8 +126,7 @@ fs::path absolute(int folder, const char* name) {
     if (path.is_absolute()) {
         return path.lexically_normal();
     }
-    const std::string link =
-        folder == AT_FDCWD ? "/proc/self/cwd" : "/proc/self/fd/" + std::to_string(folder);
+    const std::string link = folder == AT_FDCWD ? "/proc/self/cwd" : "/proc/self/fd/" + std::to_string(folder);
     return (target_of_link(link.c_str()) / path).lexically_normal();
 }
 
@@ -145,7 +143,7 @@ bool is_watched(const State& state, int descriptor) {
     return state.descriptors.contains(descriptor);
 }
 
-// ---- One call ---------------------------------------------------------------------------------------------
+// ---- One call -------------------------------------------------------------------------------------------------------
 
 bool fault_is_due(State& state, Kind kind) {
     if (!state.fault || state.fault->kind != kind) {
@@ -164,10 +162,9 @@ bool fault_is_due(State& state, Kind kind) {
 
 void report(State& state, const Call& call) {
     if (state.report >= 0) {
-        const std::string line = std::string(name_of(call.kind)) + " " +
-                                 std::to_string(state.counts[static_cast<size_t>(call.kind)]) + " " +
-                                 std::to_string(call.result) + " " + std::to_string(call.error) + " " +
-                                 call.path.native() + "\n";
+        const std::string line =
+            std::string(name_of(call.kind)) + " " + std::to_string(state.counts[static_cast<size_t>(call.kind)]) + " " +
+            std::to_string(call.result) + " " + std::to_string(call.error) + " " + call.path.native() + "\n";
         syscall(SYS_write, state.report, line.data(), line.size());
     }
 }
@@ -175,8 +172,8 @@ void report(State& state, const Call& call) {
 // How the kernel is asked, and for how many bytes at most, which is less for a call that is cut short.
 using Ask = std::function<long(size_t size)>;
 
-// What becomes of a call that fails on request. A descriptor is closed all the same, as Linux does, and a
-// connection that was interrupted is made all the same.
+// What becomes of a call that fails on request. A descriptor is closed all the same, as Linux does, and a connection
+// that was interrupted is made all the same.
 bool is_carried_out_all_the_same(const Call& call) {
     return call.kind == Kind::close || (call.kind == Kind::connect && call.error == EINTR);
 }
@@ -287,8 +284,7 @@ long on_descriptor(Kind kind, int descriptor, const std::function<long()>& ask) 
 }
 
 // Bytes that go into a file at this offset.
-long written(Kind kind, int descriptor, const void* bytes, size_t size, std::optional<off_t> offset,
-             const Ask& ask) {
+long written(Kind kind, int descriptor, const void* bytes, size_t size, std::optional<off_t> offset, const Ask& ask) {
     Guard state;
     if (!state->watching || !is_watched(*state, descriptor)) {
         return ask(size);
@@ -336,8 +332,8 @@ int open_at(int folder, const char* name, int flags, mode_t mode) {
 }
 
 int stat_at(int folder, const char* name, void* status, int flags) {
-    return static_cast<int>(on_path(Kind::stat, folder, name,
-                                    [&] { return syscall(SYS_newfstatat, folder, name, status, flags); }));
+    return static_cast<int>(
+        on_path(Kind::stat, folder, name, [&] { return syscall(SYS_newfstatat, folder, name, status, flags); }));
 }
 
 int stat_of(int descriptor, void* status) {
@@ -359,8 +355,7 @@ int link_at(int folder, const char* name, int other_folder, const char* other, i
 
 int unlink_at(int folder, const char* name, int flags) {
     const Kind kind = (flags & AT_REMOVEDIR) != 0 ? Kind::rmdir : Kind::unlink;
-    return static_cast<int>(
-        on_path(kind, folder, name, [&] { return syscall(SYS_unlinkat, folder, name, flags); }));
+    return static_cast<int>(on_path(kind, folder, name, [&] { return syscall(SYS_unlinkat, folder, name, flags); }));
 }
 
 int mkdir_at(int folder, const char* name, mode_t mode) {
@@ -488,7 +483,7 @@ bool fault_occurred() {
 
 } // namespace system_calls
 
-// ---- The C library's functions ----------------------------------------------------------------------------
+// ---- The C library's functions --------------------------------------------------------------------------------------
 
 using namespace system_calls;
 
@@ -561,8 +556,7 @@ DIR* opendir(const char* name) {
 int closedir(DIR* folder) {
     static const auto close_folder = original<int (*)(DIR*)>("closedir");
     const int descriptor = dirfd(folder);
-    const auto result =
-        static_cast<int>(on_descriptor(Kind::close, descriptor, [&] { return close_folder(folder); }));
+    const auto result = static_cast<int>(on_descriptor(Kind::close, descriptor, [&] { return close_folder(folder); }));
     state().descriptors.erase(descriptor);
     return result;
 }
@@ -578,8 +572,8 @@ dirent* readdir(DIR* folder) {
 }
 
 int close(int descriptor) {
-    const auto result = static_cast<int>(
-        on_descriptor(Kind::close, descriptor, [&] { return syscall(SYS_close, descriptor); }));
+    const auto result =
+        static_cast<int>(on_descriptor(Kind::close, descriptor, [&] { return syscall(SYS_close, descriptor); }));
     Guard state;
     state->descriptors.erase(descriptor);
     return result;
@@ -628,8 +622,7 @@ ssize_t pwrite64(int descriptor, const void* bytes, size_t size, off64_t offset)
 }
 
 int fsync(int descriptor) {
-    return static_cast<int>(
-        on_descriptor(Kind::fsync, descriptor, [&] { return syscall(SYS_fsync, descriptor); }));
+    return static_cast<int>(on_descriptor(Kind::fsync, descriptor, [&] { return syscall(SYS_fsync, descriptor); }));
 }
 
 int fdatasync(int descriptor) {
@@ -755,8 +748,8 @@ int access(const char* name, int mode) noexcept {
 // ---- Sockets ----
 
 int socket(int family, int type, int protocol) noexcept {
-    return static_cast<int>(new_socket(Kind::socket, state().sockets,
-                                       [&] { return syscall(SYS_socket, family, type, protocol); }));
+    return static_cast<int>(
+        new_socket(Kind::socket, state().sockets, [&] { return syscall(SYS_socket, family, type, protocol); }));
 }
 
 int bind(int socket, const sockaddr* address, socklen_t length) noexcept {
@@ -765,8 +758,7 @@ int bind(int socket, const sockaddr* address, socklen_t length) noexcept {
 }
 
 int listen(int socket, int waiting) noexcept {
-    return static_cast<int>(
-        on_descriptor(Kind::listen, socket, [&] { return syscall(SYS_listen, socket, waiting); }));
+    return static_cast<int>(on_descriptor(Kind::listen, socket, [&] { return syscall(SYS_listen, socket, waiting); }));
 }
 
 int accept4(int socket, sockaddr* address, socklen_t* length, int flags) {
@@ -784,9 +776,8 @@ int connect(int socket, const sockaddr* address, socklen_t length) {
 }
 
 ssize_t recv(int socket, void* bytes, size_t size, int flags) {
-    return moving(Kind::recv, socket, size, [&](size_t part) {
-        return syscall(SYS_recvfrom, socket, bytes, part, flags, nullptr, nullptr);
-    });
+    return moving(Kind::recv, socket, size,
+                  [&](size_t part) { return syscall(SYS_recvfrom, socket, bytes, part, flags, nullptr, nullptr); });
 }
 
 ssize_t recvmsg(int socket, msghdr* message, int flags) {
@@ -806,9 +797,7 @@ ssize_t sendmsg(int socket, const msghdr* message, int flags) {
 
 int poll(pollfd* entries, nfds_t count, int timeout) {
     timespec time = {timeout / 1000, timeout % 1000 * 1'000'000L};
-    const auto ask = [&] {
-        return syscall(SYS_ppoll, entries, count, timeout < 0 ? nullptr : &time, nullptr, 0);
-    };
+    const auto ask = [&] { return syscall(SYS_ppoll, entries, count, timeout < 0 ? nullptr : &time, nullptr, 0); };
     for (const pollfd& entry : std::span(entries, count)) {
         if (is_watched(state(), entry.fd)) {
             return static_cast<int>(on_descriptor(Kind::poll, entry.fd, ask));
@@ -818,8 +807,7 @@ int poll(pollfd* entries, nfds_t count, int timeout) {
 }
 
 int shutdown(int socket, int how) noexcept {
-    return static_cast<int>(
-        on_descriptor(Kind::shutdown, socket, [&] { return syscall(SYS_shutdown, socket, how); }));
+    return static_cast<int>(on_descriptor(Kind::shutdown, socket, [&] { return syscall(SYS_shutdown, socket, how); }));
 }
 
 } // extern "C"

@@ -1,13 +1,13 @@
 // Watches the system calls of a program, and makes some of them fail.
 //
-// The C library's functions for files and sockets are defined here once more, upon the kernel itself. Linked
-// into an executable, or preloaded (LD_PRELOAD) as a shared object, these definitions come before the C
-// library's for every dynamic library of the process, SQLite and the C++ library among them. What the C
-// library calls within itself (fopen, getaddrinfo) passes by.
+// The C library's functions for files and sockets are defined here once more, upon the kernel itself. Linked into an
+// executable, or preloaded (LD_PRELOAD) as a shared object, these definitions come before the C library's for every
+// dynamic library of the process, SQLite and the C++ library among them. What the C library calls within itself (fopen,
+// getaddrinfo) passes by.
 //
-// Calls count when they concern a watched folder, what is in it, or a watched socket; all others just pass.
-// Each that counts is recorded, and a fault may be planned for it. A test does both through the functions
-// below; a program that is preloaded is steered by its environment:
+// Calls count when they concern a watched folder, what is in it, or a watched socket; all others just pass. Each that
+// counts is recorded, and a fault may be planned for it. A test does both through the functions below; a program that
+// is preloaded is steered by its environment:
 //
 //     SYSTEM_CALLS_FOLDER=PATH   watches this folder
 //     SYSTEM_CALLS_SOCKETS=1     watches all sockets that the program opens or accepts
@@ -26,8 +26,8 @@
 
 namespace system_calls {
 
-// One kind for all flavours of a call: `open` stands for open, open64, openat, creat and mkostemp;
-// `opendir` for all that open a folder as such (O_DIRECTORY).
+// One kind for all flavours of a call: `open` stands for open, open64, openat, creat and mkostemp; `opendir` for all
+// that open a folder as such (O_DIRECTORY).
 enum class Kind {
     open,
     close,
@@ -91,8 +91,8 @@ struct Fault {
 void watch(const std::filesystem::path& folder);
 // The calls so far, in their order.
 const std::vector<Call>& recorded();
-// Ends watching; a fault that is still planned is forgotten. What is open stays known, so that a further
-// `resume` sees its calls.
+// Ends watching; a fault that is still planned is forgotten. What is open stays known, so that a further `resume` sees
+// its calls.
 void stop();
 void resume();
 

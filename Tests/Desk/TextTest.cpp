@@ -27,9 +27,8 @@ TEST(Text, LosesItsControlCharacters) {
 }
 
 TEST(Text, LosesItsFormatCharactersAndSeparators) {
-    for (const char* text :
-         {"\u00AD", "\u061C", "\u200B", "\u200E", "\u200F", "\u2028", "\u2029", "\u202A", "\u202E", "\u2060",
-          "\u2066", "\u2069", "\uFEFF", "\uFFF9", "\U000E0001", "\U000E007F"}) {
+    for (const char* text : {"\u00AD", "\u061C", "\u200B", "\u200E", "\u200F", "\u2028", "\u2029", "\u202A", "\u202E",
+                             "\u2060", "\u2066", "\u2069", "\uFEFF", "\uFFF9", "\U000E0001", "\U000E007F"}) {
         EXPECT_EQ(printable(text), "\uFFFD");
     }
 }

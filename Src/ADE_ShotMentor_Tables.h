@@ -8,6 +8,7 @@
 #include "ADE_ShotMentor.h"
 
 // clang-format off
+// NOLINTBEGIN(misc-definitions-in-headers): one unit includes this, as the head of the file says
 
 // ---- The phone's scales ---------------------------------------------------------------------------------------------
 
@@ -330,6 +331,7 @@ constexpr int32_t EV_SET_ENABLE_KT7[] = {
     /* 100 */ 1,
 };
 
+// NOLINTEND(misc-definitions-in-headers)
 // clang-format on
 
 #endif

@@ -321,11 +321,13 @@ TEST_F(PictureOrder, TheFileIsOpenFromItsLookUpUntilItHasBeenReadAndClosedBefore
 }
 
 TEST_F(PictureOrder, TheFileIsSizedBeforeAnUnconfirmedReplyIsParked) {
-    host.receive(list_request());
+    sm_tag_custom_info update{}; // its reply does not hold the file's name, which is new each time
+    update.custom_id = 7;
+    host.receive(update_request(update));
     host.receive(picture_request(7, 5));
     EXPECT_EQ(at("at QUEUE").files, 1);
     EXPECT_EQ(at("at QUEUE").reply, nullptr);
-    EXPECT_EQ(at("at QUEUE").blocks, 2u) << "the request and the list";
+    EXPECT_EQ(at("at QUEUE").blocks, 2u) << "the request and the reply to the update";
 }
 
 TEST_F(PictureOrder, ThePictureIsInTheReplyBeforeItsFileIsReportedAndItsHeadBeforeTheSendIs) {

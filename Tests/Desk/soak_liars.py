@@ -53,7 +53,7 @@ def lying(life):
             life.counts["lies"] += 1
             # Where packets have borders, what follows the packet of a refused head is a request of its own.
             life.send(link, data, whole=lie is unknown_function and link.keeps_borders)
-            if answer == update_answer(-6) and life.book.open:  # a store in doubt cannot tell who is unknown
+            if answer == update_answer(-6) and life.plan.call_fault:  # a store in doubt cannot tell who is unknown
                 life.expect_one_of(link, "the answer to a lie", (answer, update_answer(-1)))
             elif answer:
                 life.expect(link, "the answer to a lie", answer)

@@ -226,7 +226,7 @@ class Life:
     def possible_results(self, change):
         is_storing = change.name == "store"
         if is_storing and len(self.book.presets) == PRESET_LIMIT and not self.book.open:
-            return (-2,)
+            return (-2, -1) if self.plan.call_fault else (-2,)
         if self.plan.call_fault:
             # What was in doubt may turn out first: a preset that is gone, or one that is the last.
             return (1, -1, -2 if is_storing else -6) if self.book.open else (1, -1)

@@ -99,7 +99,8 @@ class Life:
     def _start(self):
         """May throw NotStarted where system calls fail."""
         orphans = []
-        if self.dice.random() < 0.5 and not self.plan.call_fault and os.path.isdir(f"{self.store}/pictures"):
+        has_store = os.path.exists(f"{self.store}/presets.sqlite")
+        if self.dice.random() < 0.5 and not self.plan.call_fault and has_store:
             orphans = plant_orphans(self.store, self.dice, [preset.custom_id for preset in self.book.presets])
         fault, unread = self.plan.call_fault, self.plan.unread
         steering = fault.environment(self.store, self.report) if fault else {}

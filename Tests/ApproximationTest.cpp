@@ -447,6 +447,49 @@ TEST_F(Approximation, AnUnknownModelGivesTheFailureValueOfTheQuantityWithoutALin
     }
 }
 
+// Numbers whose lower 8 or 16 bits are a position of every scale.
+std::vector<int> with_upper_bits(int position) {
+    return {position + 256 * 5, position + 65536, position + 3 * 65536, position + (1 << 24)};
+}
+
+TEST_F(Approximation, ANumberIsNotTakenForItsLowerBits) {
+    for (const int model : every_model) {
+        for (const int position : {0, 1, 3, 12, 20, 100}) {
+            for (const int number : with_upper_bits(position)) {
+                SCOPED_TRACE(text(number) + " under model " + text(model));
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, number, model),
+                          expected_shutter(model, shutter_steps[model].size - 1));
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, number, model), expected_aperture(model, 900));
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV, number, model), gives(0, {cyan("Converted SV :(0)")}));
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV_1_3step, number, model),
+                          gives(0, {cyan("Converted SV :(0)")}));
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, number, model), expected_compensation(model, 100));
+            }
+            for (const int number : {position - 65536, position - 256 * 5}) {
+                SCOPED_TRACE(text(number) + " under model " + text(model));
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, number, model), expected_shutter(model, 0));
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxAV, number, model), expected_aperture(model, 0));
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV, number, model), gives(0, {cyan("Converted SV :(0)")}));
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV_1_3step, number, model),
+                          gives(0, {cyan("Converted SV :(0)")}));
+                EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, number, model), expected_compensation(model, 0));
+            }
+        }
+    }
+}
+
+TEST_F(Approximation, AModelIsNotTakenForItsLowerBits) {
+    for (const int model : {256, 258, 65536, 65537, 65538, -254, -65534}) {
+        EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, 2, model), gives(-1, {})) << model;
+        EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxSV, 4, model), gives(0, {})) << model;
+    }
+}
+
+TEST_F(Approximation, ANumberThatSharesItsLowerBitsWithAFixedShutterTimeIsSearched) {
+    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 65536 + 103), expected_shutter(SM_CAMERA_KT7, 109));
+    EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxTV, 256 + 105), expected_shutter(SM_CAMERA_KT7, 109));
+}
+
 TEST_F(Approximation, TheAnswerFollowsTheModelOfTheMoment) {
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, 100, SM_CAMERA_KT7).result, 100);
     EXPECT_EQ(outcome_of(ADE_PRO_ConvertApproxEV, 100, SM_CAMERA_RH).result, 70);

@@ -867,7 +867,8 @@ TEST(Delete, OfThePresetAtTheLastNumberIsDone) {
 }
 
 TEST(Delete, OfANumberThatOnlyItsLowerBitsMakePossibleFails) {
-    for (const int number : {256, 257, 65536, 65537, 1 << 24, -256, -65535, INT_MIN + 1}) {
+    for (const int number :
+         {128, 255, 256, 257, 32768, 40000, 65535, 65536, 65537, 1 << 24, -256, -32768, -65535, INT_MIN + 1}) {
         SCOPED_TRACE(number);
         FakeHost host;
         host.presets = presets_from_100(2);

@@ -75,4 +75,64 @@ TEST_F(ToCamera, TheSensitivitySearchGivesTheFirstPositionOfTheRangeThatHoldsThe
     EXPECT_EQ(host.transcript, Transcript{});
 }
 
+// ---- Numbers whose lower 8 or 16 bits mean something ----------------------------------------------------------------
+
+TEST_F(ToCamera, NoValueIsTakenForItsLowerBits) {
+    for (const int above : {256 * 50, 65536, 3 * 65536, 1 << 24}) {
+        SCOPED_TRACE(above);
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomAV(28 + above), 0) << "the scale does not hold it";
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomTV(73 + above), 213) << "behind the scale's end";
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomSV(400 + above), 0);
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomSV_1_3(13 + above), 0);
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomEV(53 + above), 30) << "behind the scale's end";
+    }
+    for (const int below : {256 * 50, 65536, 1 << 24}) {
+        SCOPED_TRACE(below);
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomAV(28 - below), 0);
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomTV(73 - below), 65440) << "before the scale's start";
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomSV(400 - below), 0);
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomSV_1_3(13 - below), 0);
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomEV(53 - below), 0);
+    }
+}
+
+TEST_F(ToCamera, NoModeIsTakenForItsLowerBits) {
+    for (const int mode : {256 + 1, 65536 + 1, 65536 + 2, -65535, -255}) {
+        SCOPED_TRACE(mode);
+        pro_film_mode = mode;
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomAV(28), 48);
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomTV(73), 53);
+        pro_sys_mode = mode + 2;
+        EXPECT_EQ(ADE_PRO_Convert2SysCustomAV(28), 48);
+        pro_sys_mode = 0;
+    }
+}
+
+TEST_F(ToCamera, NoSearchTakesABoundForItsLowerBits) {
+    EXPECT_EQ(ADE_PRO_SearchCommonAV(28, 65536, 65536 + 127), 0);
+    EXPECT_EQ(ADE_PRO_SearchCommonAV(28, 0, 65536), 19);
+    EXPECT_EQ(ADE_PRO_SearchCommonAV(28, -65536 + 25, 127), 19);
+    EXPECT_EQ(ADE_PRO_SearchCommonAV(65536 + 28, 0, 127), 0);
+    EXPECT_EQ(ADE_PRO_SearchCommonSV(400, 65536, 65536 + 30), 0);
+    EXPECT_EQ(ADE_PRO_SearchCommonSV(400, 0, 65536), 9);
+    EXPECT_EQ(ADE_PRO_SearchCommonSV(65536 + 400, 0, 30), 0);
+}
+
+TEST_F(ToCamera, TheOriginIsReadFromAWholeWordAndTheColourStyleToo) {
+    pro_custom04_state = 0;
+    ADE_PRO_SetCustom04State(65536 + 13, 0x144);
+    EXPECT_EQ(pro_custom04_state, 0);
+    ADE_PRO_SetCustom04State(256 + 13, 0x144);
+    EXPECT_EQ(pro_custom04_state, 0);
+    for (const int32_t filter : {256, 65536, INT_MIN, 1 << 24}) {
+        EXPECT_EQ(converted_origin(0x144, filter).made_id, 0x140) << filter << " is a filter";
+    }
+    for (const int32_t k_value : {256, 65536, INT_MIN, 1 << 24}) {
+        sm_tag_custom_info phone = plain_phone();
+        phone.made_id = 0x20;
+        phone.k_value = k_value;
+        EXPECT_EQ(converted(phone).type, 10) << k_value << " is a colour temperature";
+    }
+}
+
 } // namespace

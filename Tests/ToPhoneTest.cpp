@@ -612,4 +612,42 @@ TEST_F(ToPhone, HugeColoursWrapAroundAt32Bits) {
     }
 }
 
+// ---- Numbers whose lower 8 or 16 bits mean something ----------------------------------------------------------------
+
+TEST_F(ToPhone, NoCodeIsTakenForItsLowerBits) {
+    pro_sys_mode = 4;
+    for (const int above : {256 * 50, 65536, -65536, 3 * 65536, 1 << 24, -(1 << 24)}) {
+        SCOPED_TRACE(above);
+        EXPECT_EQ(ADE_PRO_Convert2ProFilmAV(48 + above), 0);
+        EXPECT_EQ(ADE_PRO_Convert2ProFilmTV(53 + above), 0);
+        EXPECT_EQ(ADE_PRO_Convert2ProFilmSV(4 + above), 0);
+        EXPECT_EQ(ADE_PRO_Convert2ProFilmSV_1_3(11 + above), 0);
+        pro_sys_mode = 2;
+        EXPECT_EQ(ADE_PRO_Convert2ProFilmEV(22 + above), 50);
+        pro_sys_mode = 4;
+    }
+}
+
+TEST_F(ToPhone, NoModeIsTakenForItsLowerBits) {
+    for (const int32_t above : {256, 65536, -65536, 1 << 24}) {
+        for (const int32_t mode : {0, 2, 3, 4, 5}) {
+            EXPECT_EQ(converted_in_mode(mode + above).mode, 1) << mode + above;
+            EXPECT_EQ(pro_sys_mode, 1);
+        }
+        pro_sys_mode = 4 + above;
+        EXPECT_EQ(ADE_PRO_Convert2ProFilmAV(48), 0);
+        EXPECT_EQ(ADE_PRO_Convert2ProFilmTV(53), 0);
+        EXPECT_EQ(ADE_PRO_Convert2ProFilmEV(15), 50);
+    }
+}
+
+TEST_F(ToPhone, OnlyAModelSpecificationOf1MeansFullSteps) {
+    for (const int answer : {257, 65537, 1 + (1 << 24), -65535, -255}) {
+        host.iso_step_value = answer;
+        EXPECT_EQ(ADE_PRO_Convert2ProFilmIsoStep(70000, -70001), -70001) << answer;
+    }
+    host.iso_step_value = 1;
+    EXPECT_EQ(ADE_PRO_Convert2ProFilmIsoStep(70000, -70001), 70000) << "whole words";
+}
+
 } // namespace

@@ -321,13 +321,11 @@ TEST_F(PictureOrder, TheFileIsOpenFromItsLookUpUntilItHasBeenReadAndClosedBefore
 }
 
 TEST_F(PictureOrder, TheFileIsSizedBeforeAnUnconfirmedReplyIsParked) {
-    sm_tag_custom_info update{}; // its reply does not hold the file's name, which is new each time
-    update.custom_id = 7;
-    host.receive(update_request(update));
+    host.receive(delete_request({}));
     host.receive(picture_request(7, 5));
     EXPECT_EQ(at("at QUEUE").files, 1);
     EXPECT_EQ(at("at QUEUE").reply, nullptr);
-    EXPECT_EQ(at("at QUEUE").blocks, 2u) << "the request and the reply to the update";
+    EXPECT_EQ(at("at QUEUE").blocks, 2u) << "the request and the first reply";
 }
 
 TEST_F(PictureOrder, ThePictureIsInTheReplyBeforeItsFileIsReportedAndItsHeadBeforeTheSendIs) {
@@ -428,9 +426,9 @@ TEST(ConversionOrder, TowardsThePhoneAllButTheIsoNumberIsConvertedWhenTheIsoStep
     EXPECT_EQ(image(when_asked), image(phone));
 }
 
-// The exposure words of a camera's record.
-std::vector<int32_t> exposure_of(const tag_custom_info& camera) {
-    return {camera.av_index, camera.tv_index, camera.iso, camera.iso_1_3, camera.ev_step};
+// The words of a camera's record that are searched for, and the white-balance type, which is set behind them.
+std::vector<int32_t> converted_words(const tag_custom_info& camera) {
+    return {camera.av_index, camera.tv_index, camera.iso, camera.iso_1_3, camera.ev_step, camera.type};
 }
 
 TEST(ConversionOrder, TowardsTheCameraEachValueIsInTheRecordBeforeTheNextIsSearchedFor) {
@@ -442,7 +440,9 @@ TEST(ConversionOrder, TowardsTheCameraEachValueIsInTheRecordBeforeTheNextIsSearc
     phone.iso = 125;     // to automatic
     phone.iso_1_3 = 2;   // to code 1
     phone.ev_step = 52;  // to step 16
-    phone.made_id = 0x44;
+    phone.type = 3;
+    phone.made_id = 0x20; // made elsewhere: the colour temperature makes the type 10
+    phone.k_value = 5500;
     tag_custom_info camera = {};
     std::vector<std::vector<int32_t>> seen;
     tag_custom_info when_traced = {};
@@ -450,18 +450,18 @@ TEST(ConversionOrder, TowardsTheCameraEachValueIsInTheRecordBeforeTheNextIsSearc
         const bool searched = event.find("(AV)search_val") != std::string::npos;
         if (searched || event.find("[TV]converted") != std::string::npos ||
             event.find("Converted ") != std::string::npos) {
-            seen.push_back(exposure_of(camera));
+            seen.push_back(converted_words(camera));
         } else if (event.find("ADE_PRO_CreateSysCustom") != std::string::npos) {
             when_traced = camera;
         }
     };
     ADE_PRO_CreateSysCustom(&phone, &camera);
-    EXPECT_EQ(seen, (std::vector<std::vector<int32_t>>{{41, 86, 125, 2, 52},
-                                                       {64, 86, 125, 2, 52},
-                                                       {64, 117, 125, 2, 52},
-                                                       {64, 117, 0, 2, 52},
-                                                       {64, 117, 0, 1, 52}}));
-    EXPECT_EQ(exposure_of(camera), (std::vector<int32_t>{64, 117, 0, 1, 16}));
+    EXPECT_EQ(seen, (std::vector<std::vector<int32_t>>{{41, 86, 125, 2, 52, 3},
+                                                       {64, 86, 125, 2, 52, 3},
+                                                       {64, 117, 125, 2, 52, 3},
+                                                       {64, 117, 0, 2, 52, 3},
+                                                       {64, 117, 0, 1, 52, 3}}));
+    EXPECT_EQ(converted_words(camera), (std::vector<int32_t>{64, 117, 0, 1, 16, 10}));
     EXPECT_EQ(image(when_traced), image(camera));
 }
 

@@ -20,7 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using desk::PresetStore;
+using desk::camera::PresetStore;
 using fuzz::Bytes;
 using fuzz::Input;
 

@@ -7,7 +7,7 @@
 
 #include "ADE_ShotMentor.h"
 
-namespace desk::budget {
+namespace desk::camera::budget {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
@@ -70,4 +70,4 @@ constexpr int lines_a_second = 50;
 // A longer line is broken. As UTF-8 with each byte replaced it still is one write to a pipe.
 constexpr size_t longest_line = 1200;
 
-} // namespace desk::budget
+} // namespace desk::camera::budget

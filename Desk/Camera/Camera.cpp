@@ -13,7 +13,7 @@
 #include "StandardError.h"
 #include "Talk.h"
 
-namespace desk {
+namespace desk::camera {
 
 Camera::Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services)
     : loop_(loop), listener_(listener), sends_(sends), services_(services),
@@ -228,4 +228,4 @@ void serve_phones(asio::io_context& loop, PresetStore& store, const Options& opt
     loop.run();
 }
 
-} // namespace desk
+} // namespace desk::camera

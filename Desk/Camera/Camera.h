@@ -12,7 +12,7 @@
 #include "TimedLinks.h"
 #include "Wire/Frames.h"
 
-namespace desk {
+namespace desk::camera {
 
 struct Options;
 class PresetStore;
@@ -66,4 +66,4 @@ class Camera {
 // Serves phones until the loop is stopped. Throws Failure (exit_link).
 void serve_phones(asio::io_context& loop, PresetStore& store, const Options& options);
 
-} // namespace desk
+} // namespace desk::camera

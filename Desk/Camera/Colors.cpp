@@ -5,7 +5,7 @@
 #define ALG_LOG_TAG "CAMERA"
 #include "ADE_ShotMentor_Log.h"
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 // ESC [ digits and semicolons m: its length, 0 where none begins.
@@ -46,4 +46,4 @@ std::string take_colors(std::string& line) {
     return is_of_library(first) ? first : "";
 }
 
-} // namespace desk
+} // namespace desk::camera

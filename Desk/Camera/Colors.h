@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace desk {
+namespace desk::camera {
 
 constexpr const char* color_reset = "\033[m";
 
@@ -11,4 +11,4 @@ constexpr const char* color_reset = "\033[m";
 // count, and whatever a phone has sent stands behind them.
 std::string take_colors(std::string& line);
 
-} // namespace desk
+} // namespace desk::camera

@@ -15,7 +15,7 @@
 #include "Wire/Results.h"
 #include "Words/Describe.h"
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 PresetStore open_store(const Options& options) {
@@ -164,4 +164,4 @@ int run_command(const Options& options) {
     }
 }
 
-} // namespace desk
+} // namespace desk::camera

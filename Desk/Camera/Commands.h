@@ -3,9 +3,9 @@
 
 #include "Options.h"
 
-namespace desk {
+namespace desk::camera {
 
 // Runs the command that the options name and returns its exit code. Throws Failure.
 int run_command(const Options& options);
 
-} // namespace desk
+} // namespace desk::camera

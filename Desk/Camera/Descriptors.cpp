@@ -11,7 +11,7 @@
 #include "Budgets.h"
 #include "Common/Failure.h"
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 // Whether the caller has left this open, beyond the standard streams. The camera's own are closed on execution, and
@@ -54,4 +54,4 @@ void ensure_descriptors() {
     }
 }
 
-} // namespace desk
+} // namespace desk::camera

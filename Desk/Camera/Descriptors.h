@@ -1,7 +1,7 @@
 // The file descriptors of this process.
 #pragma once
 
-namespace desk {
+namespace desk::camera {
 
 // Opens what the caller has closed of standard input, output and error, for reading alone: else the next file that is
 // opened takes its place, and lines for standard error are written into the store.
@@ -11,4 +11,4 @@ void fill_standard_descriptors();
 // not allow so many.
 void ensure_descriptors();
 
-} // namespace desk
+} // namespace desk::camera

@@ -5,7 +5,7 @@
 #include "ADE_ShotMentor.h"
 #include "Wire/Record.h"
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 constexpr size_t header_size = sizeof(sm_frame);
@@ -100,4 +100,4 @@ Intake::Stuck Intake::stuck() {
     return sm_BT_combine_length > sm_BT_total_length ? Stuck::too_many_bytes : Stuck::no;
 }
 
-} // namespace desk
+} // namespace desk::camera

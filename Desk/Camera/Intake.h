@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-namespace desk {
+namespace desk::camera {
 
 // On a link that keeps borders a packet is handed over as it came. On a byte stream the intake finds the borders of
 // requests: the library must never get bytes of two in one packet, nor a header in halves. How far a request has come
@@ -43,4 +43,4 @@ class Intake {
     size_t to_skip_ = 0;         // bytes of a refused request that are still to come on a stream
 };
 
-} // namespace desk
+} // namespace desk::camera

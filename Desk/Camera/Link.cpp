@@ -11,7 +11,7 @@
 #include <sys/uio.h>
 #include <utility>
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 bool is_worth_a_retry(int error) {
@@ -183,4 +183,4 @@ void Link::lose(const std::string& why) {
     });
 }
 
-} // namespace desk
+} // namespace desk::camera

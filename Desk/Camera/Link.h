@@ -11,7 +11,7 @@
 #include <span>
 #include <string>
 
-namespace desk {
+namespace desk::camera {
 
 // How a link cuts what it carries.
 struct LinkTraits {
@@ -74,4 +74,4 @@ class Link : public std::enable_shared_from_this<Link> {
     asio::steady_timer watch_;
 };
 
-} // namespace desk
+} // namespace desk::camera

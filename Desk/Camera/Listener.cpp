@@ -14,7 +14,7 @@
 #include "Sockets.h"
 #include "Talk.h"
 
-namespace desk {
+namespace desk::camera {
 
 Listener::Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu)
     : loop_(loop), endpoint_(endpoint), mtu_(mtu), socket_(loop, open_listening_socket(endpoint_)), pause_(loop),
@@ -104,4 +104,4 @@ std::shared_ptr<Link> Listener::link_of(Descriptor phone) {
     return std::make_shared<Link>(loop_, phone.release(), traits, buffer_);
 }
 
-} // namespace desk
+} // namespace desk::camera

@@ -11,9 +11,9 @@
 
 #include "Common/Descriptor.h"
 #include "Link.h"
-#include "Wire/Endpoint.h"
+#include "Links/Endpoint.h"
 
-namespace desk {
+namespace desk::camera {
 
 class Listener {
   public:
@@ -48,4 +48,4 @@ class Listener {
     ino_t file_inode_ = 0;
 };
 
-} // namespace desk
+} // namespace desk::camera

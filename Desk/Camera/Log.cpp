@@ -19,7 +19,7 @@
 #include "StandardError.h"
 #include "Talk.h"
 
-namespace desk {
+namespace desk::camera {
 
 class Log::Sink {
   public:
@@ -166,11 +166,11 @@ LogLine parse_log_line(int priority, const char* tag, const std::string& text) {
     return line;
 }
 
-} // namespace desk
+} // namespace desk::camera
 
 // Lines that no level keeps are dropped before they are formatted: most of them, unless all are wanted.
 extern "C" int __dlog_print(int, int priority, const char* tag, const char* format, ...) {
-    using namespace desk;
+    using namespace desk::camera;
     const LogLevel kept = current != nullptr ? current->level() : LogLevel::off;
     const bool is_error = priority >= error_priority;
     if (format == nullptr || kept == LogLevel::off || (kept == LogLevel::error && !is_error)) {

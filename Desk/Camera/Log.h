@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-namespace desk {
+namespace desk::camera {
 
 // Each level takes in the ones before it.
 enum class LogLevel { off, error, warn, all };
@@ -46,4 +46,4 @@ class Log {
 // Takes such a line apart: call site, colour, message, colour reset.
 LogLine parse_log_line(int priority, const char* tag, const std::string& text);
 
-} // namespace desk
+} // namespace desk::camera

@@ -15,9 +15,8 @@
 #include "StandardError.h"
 #include "Talk.h"
 
+namespace desk::camera {
 namespace {
-
-using namespace desk;
 
 PresetStore open_or_make_store(const Options& options) {
     return PresetStore::open(options.store, true, options.empty ? nullptr : PresetStore::Fill(add_samples));
@@ -61,10 +60,7 @@ int fail(const char* line, int code) {
     return code;
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-    std::signal(SIGPIPE, SIG_IGN); // a phone that leaves is an error of its link, not the camera's end
+int run_and_tell(int argc, char** argv) {
     fill_standard_descriptors();
     const StandardError standard_error;
     try {
@@ -74,4 +70,12 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         return fail(error.what(), exit_machine);
     }
+}
+
+} // namespace
+} // namespace desk::camera
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN); // a phone that leaves is an error of its link, not the camera's end
+    return desk::camera::run_and_tell(argc, argv);
 }

@@ -4,7 +4,7 @@
 #include <climits>
 #include <iostream>
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 using CLI::App;
@@ -217,4 +217,4 @@ std::optional<Options> parse_options(int argc, char** argv) {
     return options;
 }
 
-} // namespace desk
+} // namespace desk::camera

@@ -6,10 +6,10 @@
 #include <optional>
 #include <string>
 
+#include "Links/Endpoint.h"
 #include "Log.h"
-#include "Wire/Endpoint.h"
 
-namespace desk {
+namespace desk::camera {
 
 enum class Command { serve, presets, link, unlink, add, remove };
 
@@ -46,4 +46,4 @@ struct Options {
 // (exit_usage).
 std::optional<Options> parse_options(int argc, char** argv);
 
-} // namespace desk
+} // namespace desk::camera

@@ -16,7 +16,7 @@
 
 namespace fs = std::filesystem;
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 constexpr char database_name[] = "presets.sqlite";
@@ -470,4 +470,4 @@ const std::string& PresetStore::last_error() const {
     return state_->last_error;
 }
 
-} // namespace desk
+} // namespace desk::camera

@@ -28,7 +28,7 @@
 #include "ADE_ShotMentor_Records.h"
 #include "Common/Failure.h"
 
-namespace desk {
+namespace desk::camera {
 
 class PresetStore {
   public:
@@ -81,4 +81,4 @@ class PresetStore {
     std::unique_ptr<State> state_;
 };
 
-} // namespace desk
+} // namespace desk::camera

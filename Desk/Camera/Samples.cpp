@@ -11,7 +11,7 @@
 
 #include <jpeglib.h>
 
-namespace desk {
+namespace desk::camera {
 
 namespace {
 
@@ -330,4 +330,4 @@ std::vector<uint8_t> draw_picture(int number) {
     return streams;
 }
 
-} // namespace desk
+} // namespace desk::camera

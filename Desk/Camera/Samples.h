@@ -3,7 +3,7 @@
 
 #include "PresetStore.h"
 
-namespace desk {
+namespace desk::camera {
 
 // Stores twelve sample presets that show off the feature (all modes, several colour styles and white balances) with
 // pictures drawn for them, and links two of them to CUSTOM1 and CUSTOM2. Throws Failure (exit_machine).
@@ -13,4 +13,4 @@ void add_samples(PresetStore& store);
 // FF D8 FF DB, back to back: the picture itself and smaller versions. A phone gets the first two.
 std::vector<uint8_t> draw_picture(int number);
 
-} // namespace desk
+} // namespace desk::camera

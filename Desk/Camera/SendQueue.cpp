@@ -8,7 +8,7 @@
 #include "ADE_ShotMentor.h"
 #include "Budgets.h"
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 bool is_held_by_library(const void* reply) {
@@ -115,4 +115,4 @@ void SendQueue::disconnect() {
     }
 }
 
-} // namespace desk
+} // namespace desk::camera

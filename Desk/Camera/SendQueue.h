@@ -14,7 +14,7 @@
 #include "Link.h"
 #include "Options.h"
 
-namespace desk {
+namespace desk::camera {
 
 // Replies are borrowed: they are read out of the library's memory until they have gone. Which memory a confirmation
 // frees is the library's business, and not always that of the send it is meant for (a reply that replaces an
@@ -64,4 +64,4 @@ class SendQueue {
     int64_t sends_ = 0;
 };
 
-} // namespace desk
+} // namespace desk::camera

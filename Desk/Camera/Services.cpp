@@ -9,7 +9,7 @@
 #include "ADE_ShotMentor_Services.h"
 #include "Talk.h"
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 Services* current = nullptr;
@@ -73,13 +73,13 @@ Services::~Services() {
     current = nullptr;
 }
 
-} // namespace desk
+} // namespace desk::camera
 
 // ---- What the library imports ---------------------------------------------------------------------------------------
 
-using desk::answer;
-using desk::Services;
-using desk::tell_refusal;
+using desk::camera::answer;
+using desk::camera::Services;
+using desk::camera::tell_refusal;
 
 extern "C" {
 
@@ -87,7 +87,7 @@ int __ui_set_shotmentor_state(int state) {
     return answer("__ui_set_shotmentor_state", int{SM_RETURN_FAIL}, [&](Services& services) {
         if (services.in_use != (state == 1)) {
             services.in_use = state == 1;
-            desk::say(services.in_use ? "the phone uses the feature" : "the phone uses the feature no more");
+            desk::camera::say(services.in_use ? "the phone uses the feature" : "the phone uses the feature no more");
         }
         return int{SM_RETURN_TRUE};
     });
@@ -118,7 +118,7 @@ bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
         if (found) {
             *preset = *found;
             if (const std::string fault = services.store.fault_of_picture(*found); !fault.empty()) {
-                desk::keep_from_the_library(*preset, fault);
+                desk::camera::keep_from_the_library(*preset, fault);
             }
         }
         return found.has_value();
@@ -146,7 +146,8 @@ int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) 
 int __ui_preset_delete_form_phone(int* flags) {
     return answer("__ui_preset_delete_form_phone", int{SM_RETURN_FAIL}, [&](Services& services) {
         return tell_refusal(services, "deleting presets",
-                            services.store.remove(std::span<const int>(flags, SM_DELETE_FLAGS)), desk::Told::nothing);
+                            services.store.remove(std::span<const int>(flags, SM_DELETE_FLAGS)),
+                            desk::camera::Told::nothing);
     });
 }
 
@@ -155,7 +156,7 @@ int bt_send_msgs(bt_msg_info* message) {
         if (services.sends == nullptr) {
             throw std::logic_error("there is no link");
         }
-        services.sends->queue(desk::reply_of(*message));
+        services.sends->queue(desk::camera::reply_of(*message));
         return int{SM_RETURN_TRUE};
     });
 }

@@ -5,7 +5,7 @@
 #include "PresetStore.h"
 #include "SendQueue.h"
 
-namespace desk {
+namespace desk::camera {
 
 // While one exists, the library's services answer from it. Nothing that goes wrong in one escapes into the library: it
 // becomes the service's own way to say no, and a line on standard error.
@@ -24,4 +24,4 @@ class Services {
     bool in_use = false; // whether the phone uses the feature
 };
 
-} // namespace desk
+} // namespace desk::camera

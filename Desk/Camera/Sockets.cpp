@@ -16,9 +16,9 @@
 #include <utility>
 
 #include "Common/Descriptor.h"
-#include "Wire/Bluetooth.h"
+#include "Links/Bluetooth.h"
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 [[noreturn]] void fail(const Endpoint& endpoint, const std::string& why) {
@@ -176,4 +176,4 @@ size_t largest_packet(Endpoint::Kind kind, int socket) {
     return std::numeric_limits<size_t>::max();
 }
 
-} // namespace desk
+} // namespace desk::camera

@@ -3,9 +3,9 @@
 
 #include <cstddef>
 
-#include "Wire/Endpoint.h"
+#include "Links/Endpoint.h"
 
-namespace desk {
+namespace desk::camera {
 
 // Opens a socket that listens at the endpoint, and writes the port that a port of 0 became into it. Throws Failure
 // (exit_link).
@@ -17,4 +17,4 @@ void prepare_phone_socket(Endpoint::Kind kind, int socket);
 // The largest packet that the phone's end of the socket takes.
 size_t largest_packet(Endpoint::Kind kind, int socket);
 
-} // namespace desk
+} // namespace desk::camera

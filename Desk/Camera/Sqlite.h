@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace desk {
+namespace desk::camera {
 
 // SQLite repeats what it found in a file, line breaks included; a failure is told in one line.
 inline std::string in_one_line(std::string text) {
@@ -140,4 +140,4 @@ class Transaction {
     Database& database_;
 };
 
-} // namespace desk
+} // namespace desk::camera

@@ -19,7 +19,7 @@
 #include "Common/Text.h"
 #include "Talk.h"
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -345,4 +345,4 @@ bool StandardError::catch_up() {
     return !state->is_behind;
 }
 
-} // namespace desk
+} // namespace desk::camera

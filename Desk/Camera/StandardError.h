@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace desk {
+namespace desk::camera {
 
 // While one exists, `stderr` leads to it. There is one at a time.
 class StandardError {
@@ -39,4 +39,4 @@ class StandardError {
     std::unique_ptr<State> state_;
 };
 
-} // namespace desk
+} // namespace desk::camera

@@ -15,7 +15,7 @@
 
 namespace fs = std::filesystem;
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 constexpr auto largest_id = std::numeric_limits<int32_t>::max();
@@ -352,4 +352,4 @@ void StoreDatabase::seal() {
     transaction.commit();
 }
 
-} // namespace desk
+} // namespace desk::camera

@@ -15,7 +15,7 @@
 #include "Sqlite.h"
 #include "StoreFiles.h"
 
-namespace desk {
+namespace desk::camera {
 
 constexpr int custom_modes = 2;
 
@@ -73,4 +73,4 @@ class StoreDatabase {
     Database database_;
 };
 
-} // namespace desk
+} // namespace desk::camera

@@ -11,7 +11,7 @@
 
 namespace fs = std::filesystem;
 
-namespace desk {
+namespace desk::camera {
 namespace {
 
 [[noreturn]] void fail(const fs::path& path, int error = errno) {
@@ -219,4 +219,4 @@ std::vector<fs::path> own_pictures(const fs::path& folder) {
     return found;
 }
 
-} // namespace desk
+} // namespace desk::camera

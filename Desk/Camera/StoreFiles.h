@@ -12,7 +12,7 @@
 
 #include "Common/Descriptor.h"
 
-namespace desk {
+namespace desk::camera {
 
 // Files that are not a store's. The text says what is wrong with them.
 class StoreDamage : public std::runtime_error {
@@ -70,4 +70,4 @@ class NewPicture {
 // The files in a folder whose names only a store gives: "17.jpg" and "17.jpg.new".
 std::vector<std::filesystem::path> own_pictures(const std::filesystem::path& folder);
 
-} // namespace desk
+} // namespace desk::camera

@@ -2,10 +2,10 @@
 
 #include "StandardError.h"
 
-namespace desk {
+namespace desk::camera {
 
 void say(const std::string& line) {
     StandardError::tell(std::string(program_name) + ": " + line);
 }
 
-} // namespace desk
+} // namespace desk::camera

@@ -4,10 +4,10 @@
 
 #include <string>
 
-namespace desk {
+namespace desk::camera {
 
 constexpr const char* program_name = "shotmentor-camera";
 
 void say(const std::string& line);
 
-} // namespace desk
+} // namespace desk::camera

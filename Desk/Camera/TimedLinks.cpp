@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace desk {
+namespace desk::camera {
 
 TimedLinks::TimedLinks(asio::io_context& loop, std::chrono::milliseconds time, Expired expired)
     : time_(time), expired_(std::move(expired)), timer_(loop) {}
@@ -52,4 +52,4 @@ void TimedLinks::expire() {
     }
 }
 
-} // namespace desk
+} // namespace desk::camera

@@ -10,7 +10,7 @@
 
 #include "Link.h"
 
-namespace desk {
+namespace desk::camera {
 
 class TimedLinks {
   public:
@@ -42,4 +42,4 @@ class TimedLinks {
     std::deque<Entry> entries_;
 };
 
-} // namespace desk
+} // namespace desk::camera

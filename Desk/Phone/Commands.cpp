@@ -6,7 +6,7 @@
 #include <set>
 #include <unistd.h>
 
-#include "Camera.h"
+#include "CameraClient.h"
 #include "Common/Files.h"
 #include "Common/Text.h"
 #include "Jpeg.h"
@@ -18,7 +18,7 @@
 #include "Wire/Results.h"
 #include "Words/Describe.h"
 
-namespace desk {
+namespace desk::phone {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -90,7 +90,7 @@ TerminalSize picture_size(TerminalSize wanted, size_t width) {
     return {width == 0 ? wanted.columns : std::min(wanted.columns, width), wanted.rows};
 }
 
-void print_pictures(Camera& camera, const Options& options, const Presets& presets) {
+void print_pictures(CameraClient& camera, const Options& options, const Presets& presets) {
     const TerminalSize size = picture_size(thumbnail, width_of(options));
     for (size_t number = 0; number < presets.size(); ++number) {
         const sm_tag_custom_info& preset = presets[number];
@@ -100,7 +100,7 @@ void print_pictures(Camera& camera, const Options& options, const Presets& prese
 }
 
 int list(const Options& options) {
-    Camera camera(options);
+    CameraClient camera(options);
     const ListReply reply = camera.list();
     const bool draws = draws_pictures(options);
     if (options.json) {
@@ -118,7 +118,7 @@ int list(const Options& options) {
 }
 
 int show(const Options& options) {
-    Camera camera(options);
+    CameraClient camera(options);
     const ListReply reply = camera.list();
     const sm_tag_custom_info& preset = preset_at(reply.presets, options.numbers.front());
     const bool draws = draws_pictures(options);
@@ -137,7 +137,7 @@ int show(const Options& options) {
 
 int save_picture(const Options& options) {
     const int number = options.numbers.front();
-    Camera camera(options);
+    CameraClient camera(options);
     const ListReply reply = camera.list();
     const sm_tag_custom_info& preset = preset_at(reply.presets, number);
     const Bytes picture = camera.picture(preset);
@@ -177,7 +177,7 @@ sm_tag_custom_info preset_from(const std::string& path) {
 int store(const Options& options) {
     const sm_tag_custom_info preset = preset_from(options.preset_file);
     const Bytes picture = picture_from(options.picture_file);
-    const StoreReply reply = Camera(options).store(preset, picture);
+    const StoreReply reply = CameraClient(options).store(preset, picture);
     if (options.json) {
         print_json(json_of(reply));
     } else if (reply.result == SM_RETURN_TRUE) {
@@ -201,7 +201,7 @@ void check_title(const std::string& title) {
 
 // The camera replaces title and server identity together. A preset that it does not list is left to its judgement: it
 // answers that it does not have it.
-int32_t listed_server_id(Camera& camera, int32_t custom_id) {
+int32_t listed_server_id(CameraClient& camera, int32_t custom_id) {
     const ListReply reply = camera.list();
     const sm_tag_custom_info* preset = find(reply.presets, custom_id);
     return preset == nullptr ? 0 : preset->server_id;
@@ -209,7 +209,7 @@ int32_t listed_server_id(Camera& camera, int32_t custom_id) {
 
 int rename_preset(const Options& options) {
     check_title(options.title);
-    Camera camera(options);
+    CameraClient camera(options);
     sm_tag_custom_info preset = {};
     options.title.copy(preset.title, sizeof preset.title);
     preset.custom_id = options.custom_id;
@@ -247,7 +247,7 @@ std::vector<sm_delete_pair> pairs_of(const std::vector<NumberedPreset>& presets)
 }
 
 int delete_presets(const Options& options) {
-    Camera camera(options);
+    CameraClient camera(options);
     const std::vector<NumberedPreset> presets = chosen(camera.list().presets, options.numbers);
     const DeleteReply reply = camera.remove(pairs_of(presets));
     const std::vector<Deletion> deletions = deletions_of(presets, reply);
@@ -267,7 +267,7 @@ int delete_presets(const Options& options) {
 // ---- leave ----------------------------------------------------------------------------------------------------------
 
 int leave(const Options& options) {
-    Camera(options).leave(options.code);
+    CameraClient(options).leave(options.code);
     say(fmt::format("the camera was told that the phone leaves, with code {}", options.code));
     return exit_done;
 }
@@ -294,4 +294,4 @@ int run(const Options& options) {
     return exit_usage;
 }
 
-} // namespace desk
+} // namespace desk::phone

@@ -1,11 +1,11 @@
 // What each command does.
 #pragma once
 
-namespace desk {
+namespace desk::phone {
 
 struct Options;
 
 // Returns the exit code. Throws Failure, or OutputClosed.
 int run(const Options& options);
 
-} // namespace desk
+} // namespace desk::phone

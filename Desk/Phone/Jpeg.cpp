@@ -7,7 +7,7 @@
 #include <jpeglib.h>
 #include <utility>
 
-namespace desk {
+namespace desk::phone {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -135,4 +135,4 @@ std::optional<Pixels> decode_jpeg(std::span<const uint8_t> picture, const Box& b
     return decoded ? std::optional(std::move(pixels)) : std::nullopt;
 }
 
-} // namespace desk
+} // namespace desk::phone

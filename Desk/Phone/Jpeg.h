@@ -9,7 +9,7 @@
 
 #include "Wire/Record.h"
 
-namespace desk {
+namespace desk::phone {
 
 // Cameras of 24 megapixels make pictures of a little more.
 constexpr size_t most_picture_pixels = 28'000'000;
@@ -40,4 +40,4 @@ struct Box {
 // direction where it has as many pixels. Nothing when it cannot be decoded, or not within the budget.
 std::optional<Pixels> decode_jpeg(std::span<const uint8_t> picture, const Box& box);
 
-} // namespace desk
+} // namespace desk::phone

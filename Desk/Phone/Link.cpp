@@ -14,9 +14,9 @@
 #include <thread>
 
 #include "Common/Text.h"
-#include "Wire/Bluetooth.h"
+#include "Links/Bluetooth.h"
 
-namespace desk {
+namespace desk::phone {
 namespace {
 
 constexpr size_t largest_packet = size_t{1} << 20;
@@ -226,4 +226,4 @@ void Link::finish_sending() const {
     shutdown(socket_.get(), SHUT_WR);
 }
 
-} // namespace desk
+} // namespace desk::phone

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "Common/Descriptor.h"
-#include "Wire/Endpoint.h"
+#include "Links/Endpoint.h"
 
-namespace desk {
+namespace desk::phone {
 
 using Clock = std::chrono::steady_clock;
 
@@ -43,4 +43,4 @@ class Link {
     std::vector<uint8_t> received_;
 };
 
-} // namespace desk
+} // namespace desk::phone

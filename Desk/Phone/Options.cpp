@@ -10,7 +10,7 @@
 #include "Common/Text.h"
 #include "Output.h"
 
-namespace desk {
+namespace desk::phone {
 namespace {
 
 constexpr double shortest_timeout = 0.001;
@@ -177,4 +177,4 @@ std::optional<Options> options_of(int argc, char** argv) {
     return finished(arguments);
 }
 
-} // namespace desk
+} // namespace desk::phone

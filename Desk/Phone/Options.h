@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "Wire/Endpoint.h"
+#include "Links/Endpoint.h"
 
-namespace desk {
+namespace desk::phone {
 
 struct Options {
     enum class Command { list, show, picture, store, rename, remove, leave };
@@ -37,4 +37,4 @@ struct Options {
 // Failure (exit_usage).
 std::optional<Options> options_of(int argc, char** argv);
 
-} // namespace desk
+} // namespace desk::phone

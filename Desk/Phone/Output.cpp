@@ -12,7 +12,7 @@
 #include "Common/Failure.h"
 #include "Common/Text.h"
 
-namespace desk {
+namespace desk::phone {
 
 void print(std::string_view text) {
     const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
@@ -80,4 +80,4 @@ std::optional<TerminalSize> terminal_size(int descriptor) {
     return TerminalSize{size.ws_col, size.ws_row};
 }
 
-} // namespace desk
+} // namespace desk::phone

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace desk {
+namespace desk::phone {
 
 // Whoever read our standard output has gone. There is nothing to say, and nobody to say it to.
 struct OutputClosed {};
@@ -37,4 +37,4 @@ struct TerminalSize {
 };
 std::optional<TerminalSize> terminal_size(int descriptor);
 
-} // namespace desk
+} // namespace desk::phone

@@ -6,7 +6,7 @@
 #include "Jpeg.h"
 #include "Output.h"
 
-namespace desk {
+namespace desk::phone {
 namespace {
 
 constexpr float character_shape = 0.5F; // characters are about twice as high as wide
@@ -115,4 +115,4 @@ std::optional<std::string> drawn(std::span<const uint8_t> jpeg, size_t columns, 
     return printed(canvas, terminal);
 }
 
-} // namespace desk
+} // namespace desk::phone

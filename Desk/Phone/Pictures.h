@@ -7,7 +7,7 @@
 
 #include "Wire/Record.h"
 
-namespace desk {
+namespace desk::phone {
 
 // Why standard output shows no pictures, or nothing when it does.
 std::optional<std::string> why_not_drawn();
@@ -16,4 +16,4 @@ std::optional<std::string> why_not_drawn();
 // no picture that can be decoded.
 std::optional<std::string> drawn(std::span<const uint8_t> jpeg, size_t columns, size_t rows);
 
-} // namespace desk
+} // namespace desk::phone

@@ -6,7 +6,7 @@
 #include "Wire/PresetJson.h"
 #include "Words/Describe.h"
 
-namespace desk {
+namespace desk::phone {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -215,4 +215,4 @@ nlohmann::ordered_json json_of(const DeleteReply& reply, const std::vector<Delet
     return {{"result", reply.result}, {"asked", asked}, {"presets", json_of(reply.presets)}};
 }
 
-} // namespace desk
+} // namespace desk::phone

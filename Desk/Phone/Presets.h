@@ -8,7 +8,7 @@
 
 #include "Wire/Frames.h"
 
-namespace desk {
+namespace desk::phone {
 
 // The preset with this custom_id, or null.
 const sm_tag_custom_info* find(const std::vector<sm_tag_custom_info>& presets, int32_t custom_id);
@@ -45,4 +45,4 @@ nlohmann::ordered_json json_of(const ListReply& reply);
 nlohmann::ordered_json json_of(const StoreReply& reply);
 nlohmann::ordered_json json_of(const DeleteReply& reply, const std::vector<Deletion>& deletions);
 
-} // namespace desk
+} // namespace desk::phone

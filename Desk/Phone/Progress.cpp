@@ -7,7 +7,7 @@
 
 #include "Output.h"
 
-namespace desk {
+namespace desk::phone {
 namespace {
 
 constexpr size_t worth_showing = 64 * 1024; // what is smaller is through before it can be read
@@ -50,4 +50,4 @@ void Progress::show(size_t done, size_t all) {
     talk(fmt::format("\r{}\x1b[K", line_of(label_, done, all)));
 }
 
-} // namespace desk
+} // namespace desk::phone

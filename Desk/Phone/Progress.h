@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string>
 
-namespace desk {
+namespace desk::phone {
 
 class Progress {
   public:
@@ -23,4 +23,4 @@ class Progress {
     bool visible_ = false;
 };
 
-} // namespace desk
+} // namespace desk::phone

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Wire/Endpoint.h"
+#include "Links/Endpoint.h"
 
 namespace desk {
 namespace {

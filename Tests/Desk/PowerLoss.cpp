@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 namespace fs = std::filesystem;
-using desk::PresetStore;
+using desk::camera::PresetStore;
 using system_calls::Call;
 using system_calls::Kind;
 

@@ -58,12 +58,12 @@ class Recorder {
     Session finish();
 
   private:
-    Contents filled_with(const std::vector<std::string>& titles, desk::PresetStore& store);
+    Contents filled_with(const std::vector<std::string>& titles, desk::camera::PresetStore& store);
     void expect(const Expectation& expected);
     void expect_confirmed(const std::string& step);
 
     Session session_;
-    std::optional<desk::PresetStore> store_;
+    std::optional<desk::camera::PresetStore> store_;
     Contents confirmed_;
     int highest_custom_id_ = 0;
 };

@@ -21,7 +21,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using desk::PresetStore;
+using desk::camera::PresetStore;
 using Picture = std::vector<uint8_t>;
 
 // A folder with a new store that holds the samples, made once for all tests that only look.
@@ -31,7 +31,7 @@ class Samples : public testing::Test {
         std::string path = (fs::temp_directory_path() / "samples-XXXXXX").string();
         folder = mkdtemp(path.data());
         PresetStore store = PresetStore::open(folder, true);
-        desk::add_samples(store);
+        desk::camera::add_samples(store);
         presets = store.presets();
     }
     static void TearDownTestSuite() { fs::remove_all(folder); }
@@ -146,7 +146,7 @@ TEST_F(Samples, AreRefusedByAStoreWithoutRoomForThem) {
             tag_custom_info preset{};
             ASSERT_EQ(store.save(preset, "x", 1), 1);
         }
-        EXPECT_THROW(desk::add_samples(store), desk::Failure);
+        EXPECT_THROW(desk::camera::add_samples(store), desk::Failure);
     }
     fs::remove_all(full);
 }
@@ -213,7 +213,7 @@ Decoded decode(const Picture& stream) {
 
 TEST(SamplePicture, HoldsFourStreamsThatBeginWithTheirTables) {
     for (const int number : {0, 5, 11}) {
-        const Picture picture = desk::draw_picture(number);
+        const Picture picture = desk::camera::draw_picture(number);
         const std::vector<size_t> starts = stream_starts(picture);
         ASSERT_EQ(starts.size(), 4U);
         EXPECT_EQ(starts.front(), 0U);
@@ -221,7 +221,7 @@ TEST(SamplePicture, HoldsFourStreamsThatBeginWithTheirTables) {
 }
 
 TEST(SamplePicture, EndsEachStreamWhereTheNextBegins) {
-    for (const Picture& stream : streams_of(desk::draw_picture(1))) {
+    for (const Picture& stream : streams_of(desk::camera::draw_picture(1))) {
         ASSERT_GE(stream.size(), 4U);
         EXPECT_EQ(stream[stream.size() - 2], 0xFF);
         EXPECT_EQ(stream[stream.size() - 1], 0xD9);
@@ -229,7 +229,7 @@ TEST(SamplePicture, EndsEachStreamWhereTheNextBegins) {
 }
 
 TEST(SamplePicture, DecodesAsOnePictureInFourSizes) {
-    const std::vector<Picture> streams = streams_of(desk::draw_picture(2));
+    const std::vector<Picture> streams = streams_of(desk::camera::draw_picture(2));
     ASSERT_EQ(streams.size(), 4U);
     const Decoded whole = decode(streams[0]);
     for (unsigned number = 0; number < 4; ++number) {
@@ -246,20 +246,20 @@ TEST(SamplePicture, DecodesAsOnePictureInFourSizes) {
 
 TEST(SamplePicture, HasTheSizeOfACamerasPicture) {
     for (const int number : {0, 7}) {
-        const Picture picture = desk::draw_picture(number);
+        const Picture picture = desk::camera::draw_picture(number);
         EXPECT_GT(picture.size(), 200'000U);
         EXPECT_LT(picture.size(), 500'000U);
     }
 }
 
 TEST(SamplePicture, IsDrawnTheSameWayEachTime) {
-    EXPECT_EQ(desk::draw_picture(3), desk::draw_picture(3));
+    EXPECT_EQ(desk::camera::draw_picture(3), desk::camera::draw_picture(3));
 }
 
 TEST(SamplePicture, HasColorsOfItsOwnForEachNumber) {
     std::set<std::tuple<int, int, int>> colors;
     for (int number = 0; number < 12; ++number) {
-        const Decoded smallest = decode(streams_of(desk::draw_picture(number)).back());
+        const Decoded smallest = decode(streams_of(desk::camera::draw_picture(number)).back());
         colors.emplace(static_cast<int>(smallest.red / 4), static_cast<int>(smallest.green / 4),
                        static_cast<int>(smallest.blue / 4));
     }
@@ -268,7 +268,7 @@ TEST(SamplePicture, HasColorsOfItsOwnForEachNumber) {
 
 TEST(SamplePicture, IsDrawnForAnyNumber) {
     for (const int number : {-7, 1000}) {
-        EXPECT_EQ(stream_starts(desk::draw_picture(number)).size(), 4U);
+        EXPECT_EQ(stream_starts(desk::camera::draw_picture(number)).size(), 4U);
     }
 }
 

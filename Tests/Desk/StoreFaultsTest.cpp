@@ -33,7 +33,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using desk::PresetStore;
+using desk::camera::PresetStore;
 using system_calls::Call;
 using system_calls::Fault;
 using system_calls::Kind;

@@ -20,7 +20,7 @@
 namespace store_test {
 
 namespace fs = std::filesystem;
-using desk::PresetStore;
+using desk::camera::PresetStore;
 
 // What an open store refuses is a result code; what `open` refuses is a Failure.
 struct Refusal {

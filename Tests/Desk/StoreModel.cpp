@@ -7,7 +7,7 @@
 #include <sstream>
 
 namespace fs = std::filesystem;
-using desk::PresetStore;
+using desk::camera::PresetStore;
 
 namespace {
 

@@ -37,7 +37,7 @@ std::string picture_of(const std::string& title);
 struct Change {
     std::string name;
     // Returns the store's answer; a preset that was saved is told in `custom_id`.
-    std::function<int(desk::PresetStore&, int& custom_id)> make;
+    std::function<int(desk::camera::PresetStore&, int& custom_id)> make;
     // The contents afterwards, `custom_id` as `make` told it.
     std::function<void(Contents&, int custom_id)> expect;
     int answer = SM_RETURN_TRUE; // without faults
@@ -52,7 +52,7 @@ Change linking(int custom_mode, int number);
 Change unlinking(int custom_mode);
 
 // Reads an open store through its interface, and its pictures from the folder.
-Contents contents_of(const desk::PresetStore& store, const std::filesystem::path& folder);
+Contents contents_of(const desk::camera::PresetStore& store, const std::filesystem::path& folder);
 
 // What somebody finds who opens the store in this folder, uses it, and opens it again.
 struct Finding {

@@ -10,7 +10,7 @@
 #include "Link.h"
 #include "Wire/Frames.h"
 
-namespace desk {
+namespace desk::phone {
 
 struct Options;
 
@@ -20,9 +20,9 @@ struct Options;
 //
 // Every request throws Failure: exit_timeout, exit_busy, or exit_protocol when the link is closed early or the answer
 // is not the one that the request has.
-class Camera {
+class CameraClient {
   public:
-    explicit Camera(const Options& options);
+    explicit CameraClient(const Options& options);
 
     ListReply list();
     // The bytes of the picture; none when the camera cannot read it.
@@ -66,4 +66,4 @@ class Camera {
     bool closed_ = false;
 };
 
-} // namespace desk
+} // namespace desk::phone

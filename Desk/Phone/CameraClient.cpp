@@ -1,4 +1,4 @@
-#include "Camera.h"
+#include "CameraClient.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -9,7 +9,7 @@
 #include "Progress.h"
 #include "Wire/Results.h"
 
-namespace desk {
+namespace desk::phone {
 namespace {
 
 // A camera needs no longer to see that the link is at its end.
@@ -33,14 +33,14 @@ std::string seconds(std::chrono::milliseconds time) {
 
 } // namespace
 
-Camera::Camera(const Options& options)
+CameraClient::CameraClient(const Options& options)
     : timeout_(options.timeout), link_(options.camera, options.mtu, options.timeout) {}
 
-ListReply Camera::list() {
+ListReply CameraClient::list() {
     return parse_list_reply(answer_to({request(SM_FUNCTION_SEND_LIST), list_silence, longest_list_reply}, "presets"));
 }
 
-Bytes Camera::picture(const sm_tag_custom_info& preset) {
+Bytes CameraClient::picture(const sm_tag_custom_info& preset) {
     const Bytes payload = picture_payload(preset.custom_id, preset.applocal_id);
     PictureReply reply = parse_picture_reply(
         answer_to({request(SM_FUNCTION_SEND_PRESET, payload), picture_silence, longest_picture_reply}, "picture"));
@@ -53,24 +53,24 @@ Bytes Camera::picture(const sm_tag_custom_info& preset) {
     return std::move(reply.picture);
 }
 
-StoreReply Camera::store(const sm_tag_custom_info& preset, std::span<const uint8_t> picture) {
+StoreReply CameraClient::store(const sm_tag_custom_info& preset, std::span<const uint8_t> picture) {
     const Bytes payload = store_payload(preset, picture);
     return parse_store_reply(
         answer_to({request(SM_FUNCTION_RECEIVE_PRESET, payload), change_silence, longest_store_reply}, "sending"));
 }
 
-int32_t Camera::update(const sm_tag_custom_info& preset) {
+int32_t CameraClient::update(const sm_tag_custom_info& preset) {
     return parse_update_reply(answer_to(
         {request(SM_FUNCTION_UPDATE_PRESET, encode(preset)), change_silence, longest_update_reply}, "sending"));
 }
 
-DeleteReply Camera::remove(std::span<const sm_delete_pair> pairs) {
+DeleteReply CameraClient::remove(std::span<const sm_delete_pair> pairs) {
     const Bytes payload = delete_payload(pairs);
     return parse_delete_reply(
         answer_to({request(SM_FUNCTION_DELETE_PRESET, payload), change_silence, longest_delete_reply}, "sending"));
 }
 
-void Camera::leave(int32_t code) {
+void CameraClient::leave(int32_t code) {
     Bytes payload;
     append_word(payload, code);
     send_all({request(SM_FUNCTION_STATE_OFF, payload), "it does not take the request", longest_stray_frame});
@@ -78,7 +78,7 @@ void Camera::leave(int32_t code) {
     wait_for_close();
 }
 
-Bytes Camera::answer_to(Exchange exchange, const std::string& progress_label) {
+Bytes CameraClient::answer_to(Exchange exchange, const std::string& progress_label) {
     Progress progress(progress_label);
     while (true) {
         if (std::optional<Bytes> frame = next_frame(exchange.longest_answer)) {
@@ -96,7 +96,7 @@ Bytes Camera::answer_to(Exchange exchange, const std::string& progress_label) {
     }
 }
 
-void Camera::send_all(Exchange exchange) {
+void CameraClient::send_all(Exchange exchange) {
     while (exchange.is_sending()) {
         move_bytes(exchange);
         drop_frames();
@@ -108,7 +108,7 @@ void Camera::send_all(Exchange exchange) {
 
 // Waits until the link can do something, and does it. The time counts from the last byte that moved, so that a slow
 // link is given as long as it needs; but single bytes do not draw an exchange out for ever.
-void Camera::move_bytes(Exchange& exchange) {
+void CameraClient::move_bytes(Exchange& exchange) {
     const Clock::time_point end = exchange.begin + longest_duration(exchange);
     if (Clock::now() >= end) {
         throw too_slow(exchange);
@@ -125,12 +125,12 @@ void Camera::move_bytes(Exchange& exchange) {
     }
 }
 
-std::chrono::milliseconds Camera::longest_duration(const Exchange& exchange) const {
+std::chrono::milliseconds CameraClient::longest_duration(const Exchange& exchange) const {
     const auto bytes = static_cast<int64_t>(exchange.request.size() + reader_.expected());
     return 2 * timeout_ + timeout_ * bytes / bytes_in_a_timeout;
 }
 
-bool Camera::send_more(Exchange& exchange) {
+bool CameraClient::send_more(Exchange& exchange) {
     const auto rest = std::span<const uint8_t>(exchange.request).subspan(exchange.sent);
     const std::optional<size_t> sent = link_.send_packet(rest);
     exchange.refused = !sent; // what the camera sent before it closed the link is still to be read
@@ -139,14 +139,14 @@ bool Camera::send_more(Exchange& exchange) {
 }
 
 // Only when the reader has taken all that came before.
-bool Camera::receive_more() {
+bool CameraClient::receive_more() {
     const auto bytes = link_.receive();
     closed_ = !bytes;
     received_ = bytes.value_or(std::span<const uint8_t>());
     return !received_.empty();
 }
 
-std::optional<Bytes> Camera::next_frame(size_t longest) {
+std::optional<Bytes> CameraClient::next_frame(size_t longest) {
     std::optional<Bytes> frame = reader_.take(received_, longest);
     if (frame && get_word(*frame, 0) == busy_function) {
         throw Failure(exit_busy, "the camera is busy with another phone");
@@ -155,13 +155,13 @@ std::optional<Bytes> Camera::next_frame(size_t longest) {
 }
 
 // Where nothing is expected.
-void Camera::drop_frames() {
+void CameraClient::drop_frames() {
     while (next_frame(longest_stray_frame)) {
     }
 }
 
 // A link that is closed with bytes on their way may lose them.
-void Camera::wait_for_close() {
+void CameraClient::wait_for_close() {
     const Clock::time_point deadline = Clock::now() + std::min(timeout_, longest_farewell);
     while (!closed_ && Clock::now() < deadline) {
         if (link_.wait(false, deadline).read) {
@@ -171,7 +171,7 @@ void Camera::wait_for_close() {
     }
 }
 
-Failure Camera::closed_early(const Exchange& exchange) const {
+Failure CameraClient::closed_early(const Exchange& exchange) const {
     const size_t size = exchange.request.size();
     if (exchange.sent < size) {
         return {exit_protocol, fmt::format("the camera closed the link when {} of the request's {} bytes were sent",
@@ -185,7 +185,7 @@ Failure Camera::closed_early(const Exchange& exchange) const {
     return {exit_protocol, fmt::format("the camera closed the link before it answered: {}", expected)};
 }
 
-Failure Camera::no_answer(const Exchange& exchange) const {
+Failure CameraClient::no_answer(const Exchange& exchange) const {
     if (exchange.sent < exchange.request.size()) {
         return {exit_timeout, fmt::format("the camera took {} of the request's {} bytes, then nothing within {}",
                                           exchange.sent, exchange.request.size(), seconds(timeout_))};
@@ -198,7 +198,7 @@ Failure Camera::no_answer(const Exchange& exchange) const {
     return {exit_timeout, fmt::format("the camera gave no answer within {}; {}", seconds(timeout_), exchange.silence)};
 }
 
-Failure Camera::too_slow(const Exchange& exchange) const {
+Failure CameraClient::too_slow(const Exchange& exchange) const {
     return {
         exit_timeout,
         fmt::format("the camera is too slow: {} of the request's {} bytes and {} of the answer's {} moved within {}; "
@@ -208,4 +208,4 @@ Failure Camera::too_slow(const Exchange& exchange) const {
                     seconds(longest_duration(exchange)))};
 }
 
-} // namespace desk
+} // namespace desk::phone

@@ -5,8 +5,8 @@
 #include <cstdio>
 
 #include "ADE_ShotMentor.h"
+#include "AllocationFaults.h"
 #include "Budgets.h"
-#include "Lab/LibraryHeap.h"
 #include "Options.h"
 #include "PresetStore.h"
 #include "Services.h"
@@ -223,7 +223,7 @@ void serve_phones(asio::io_context& loop, PresetStore& store, const Options& opt
     Services services(store, &sends, options);
     Camera camera(loop, listener, sends, services);
     camera.open();
-    library_heap::refuse(options.lab.refuse_allocation, options.lab.refuse_for_good);
+    refuse_allocations(options.lab);
     announce(listener.endpoint());
     loop.run();
 }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "AllocationFaults.h"
 #include "Camera.h"
 #include "Commands.h"
 #include "Descriptors.h"
@@ -48,6 +49,7 @@ int run(int argc, char** argv) {
     if (!options) {
         return exit_done;
     }
+    require_allocator_for(options->lab, argv);
     const int code = options->command == Command::serve ? serve(*options) : run_command(*options);
     if (std::fflush(stdout) != 0) {
         throw Failure(exit_machine, "cannot write to standard output");

@@ -96,7 +96,8 @@ void add_lab_options(App& app, LabOptions& lab, Texts& texts) {
     app.add_flag("--link-down", lab.link_down, "Report the phone link as down")->group(lab_group);
     add("--save-result", lab.save_result, "Answer N to a store request, and store nothing", "N");
     add("--update-result", lab.update_result, "Answer N to an update request, and change nothing", "N");
-    add("--refuse-allocation", texts.refuse, "Refuse the library's N-th allocation, with + all from then on", "N[+]")
+    add("--refuse-allocation", texts.refuse,
+        "Refuse the library's N-th allocation, with + all from then on; this runs shotmentor-camera-lab", "N[+]")
         ->check(fault_of_refusal);
 }
 

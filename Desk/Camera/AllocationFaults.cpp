@@ -1,0 +1,26 @@
+#include "AllocationFaults.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <unistd.h>
+
+#include "Common/Failure.h"
+#include "Options.h"
+
+namespace desk::camera {
+
+void require_allocator_for(const LabOptions& lab, char** arguments) {
+    if (lab.refuse_allocation == 0) {
+        return;
+    }
+    const auto path = std::filesystem::read_symlink("/proc/self/exe").replace_filename("shotmentor-camera-lab");
+    ::execv(path.c_str(), arguments);
+    throw Failure(exit_machine, "cannot run " + path.string() + ": " + std::strerror(errno) +
+                                    "; --refuse-allocation needs it, put it there");
+}
+
+// Only shotmentor-camera-lab comes here with anything to refuse.
+void refuse_allocations(const LabOptions&) {}
+
+} // namespace desk::camera

@@ -64,7 +64,7 @@ void Camera::take_in(std::shared_ptr<Link> link) {
     say("a phone connected");
     link->on_lost([this](const std::string& why) { phone_left(why); });
     sends_.connect(link);
-    phone_.emplace(Phone{link, Intake(link->keeps_borders())});
+    phone_.emplace(Phone{link, Intake(link->keeps_message_boundaries())});
     listen_to_phone();
 }
 
@@ -143,7 +143,7 @@ void Camera::listen_to_phone() {
     });
 }
 
-// Hands over what has arrived, and reads on when that is done. While a reply is on its way it does neither, and is
+// Delivers what has arrived, and reads on when that is done. While a reply is on its way it does neither, and is
 // called again when it has gone: a phone that does not read its replies has to wait with its requests. One that sends
 // many at once has to let others in between, too.
 void Camera::serve() {
@@ -152,7 +152,7 @@ void Camera::serve() {
             serve_later();
             return;
         }
-        if (!phone_->intake.hand_over()) {
+        if (!phone_->intake.deliver()) {
             listen_to_phone();
             return;
         }

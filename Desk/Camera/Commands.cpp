@@ -22,8 +22,8 @@ PresetStore open_store(const Options& options) {
     return PresetStore::open(options.store, false);
 }
 
-// A change that the store refused.
-int finished(int result, const PresetStore& store) {
+// Tells why the store refused a change. Returns the exit code.
+int report_result(int result, const PresetStore& store) {
     if (result != SM_RETURN_TRUE) {
         const std::string& reason = store.last_error();
         say(meaning_of_result(result) + (reason.empty() ? "" : ": " + reason));
@@ -93,12 +93,12 @@ int list_presets(const Options& options) {
 int link_preset(const Options& options) {
     PresetStore store = open_store(options);
     check_number(store, options.number);
-    return finished(store.link(options.custom_mode, options.number), store);
+    return report_result(store.link(options.custom_mode, options.number), store);
 }
 
 int unlink_preset(const Options& options) {
     PresetStore store = open_store(options);
-    return finished(store.unlink(options.custom_mode), store);
+    return report_result(store.unlink(options.custom_mode), store);
 }
 
 int remove_preset(const Options& options) {
@@ -106,7 +106,7 @@ int remove_preset(const Options& options) {
     check_number(store, options.number);
     std::vector<int> flags(SM_DELETE_FLAGS);
     flags[static_cast<size_t>(options.number)] = 1;
-    return finished(store.remove(flags), store);
+    return report_result(store.remove(flags), store);
 }
 
 // ---- add ------------------------------------------------------------------------------------------------------------
@@ -144,7 +144,7 @@ int add_preset(const Options& options) {
     if (result == SM_RETURN_TRUE) {
         std::printf("number %d, id %d\n", preset.preset_num, preset.custom_id);
     }
-    return finished(result, store);
+    return report_result(result, store);
 }
 
 } // namespace

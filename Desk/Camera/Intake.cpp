@@ -28,22 +28,22 @@ bool is_refused(int32_t function, int32_t total) {
 
 void Intake::take(std::span<const uint8_t> received) {
     bytes_.resize(received_);
-    bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(handed_over_));
+    bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(delivered_));
     bytes_.insert(bytes_.end(), received.begin(), received.end());
-    handed_over_ = 0;
-    has_packet_ = keeps_borders_;
+    delivered_ = 0;
+    has_packet_ = keeps_message_boundaries_;
     received_ = bytes_.size();
     bytes_.resize(received_ + header_size); // the library reads a whole header of however short a packet
 }
 
-bool Intake::hand_over() {
+bool Intake::deliver() {
     skip();
     const std::optional<size_t> length = next_packet();
     if (!length) {
         return false;
     }
-    const uint8_t* const packet = bytes_.data() + handed_over_;
-    handed_over_ += *length;
+    const uint8_t* const packet = bytes_.data() + delivered_;
+    delivered_ += *length;
     has_packet_ = false;
     ADE_ShotMentor_Receive_Manager(packet, static_cast<int>(*length));
     return true;
@@ -54,11 +54,11 @@ bool Intake::is_in_request() const {
 }
 
 std::span<const uint8_t> Intake::waiting() const {
-    return std::span(bytes_).first(received_).subspan(handed_over_);
+    return std::span(bytes_).first(received_).subspan(delivered_);
 }
 
 std::optional<size_t> Intake::next_packet() {
-    if (!keeps_borders_) {
+    if (!keeps_message_boundaries_) {
         return next_of_stream();
     }
     return has_packet_ ? std::optional(waiting().size()) : std::nullopt;
@@ -86,7 +86,7 @@ size_t Intake::starting_bytes(std::span<const uint8_t> stream) {
 
 void Intake::skip() {
     const size_t skipped = std::min(to_skip_, waiting().size());
-    handed_over_ += skipped;
+    delivered_ += skipped;
     to_skip_ -= skipped;
 }
 

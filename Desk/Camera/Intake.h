@@ -1,4 +1,4 @@
-// Between a link and the library's packet entry: hands over what a phone sends in packets as the library wants them.
+// Between a link and the library's packet entry: delivers what a phone sends in packets as the library wants them.
 #pragma once
 
 #include <cstddef>
@@ -9,17 +9,17 @@
 
 namespace desk::camera {
 
-// On a link that keeps borders a packet is handed over as it came. On a byte stream the intake finds the borders of
-// requests: the library must never get bytes of two in one packet, nor a header in halves. How far a request has come
-// is asked of the library each time, so that there is one truth about it.
+// On a link that keeps message boundaries a packet is delivered as it came. On a byte stream the intake finds where
+// requests end: the library must never get bytes of two in one packet, nor a header in halves. How far a request has
+// come is asked of the library each time, so that there is one truth about it.
 class Intake {
   public:
-    explicit Intake(bool keeps_borders) : keeps_borders_(keeps_borders) {}
+    explicit Intake(bool keeps_message_boundaries) : keeps_message_boundaries_(keeps_message_boundaries) {}
 
     // Takes in what the link received: one packet, or a piece of the stream.
     void take(std::span<const uint8_t> received);
-    // Hands the next packet to the library, which may run a request. False when there is none to hand over.
-    bool hand_over();
+    // Delivers the next packet to the library, which may run a request. False when there is none.
+    bool deliver();
 
     // Whether the phone has sent a request in half.
     bool is_in_request() const;
@@ -35,10 +35,10 @@ class Intake {
     size_t starting_bytes(std::span<const uint8_t> stream);
     void skip();
 
-    bool keeps_borders_;
-    bool has_packet_ = false;    // on a link that keeps borders: one that may be empty
+    bool keeps_message_boundaries_;
+    bool has_packet_ = false;    // on a link that keeps message boundaries: one that may be empty
     std::vector<uint8_t> bytes_; // what was received, with cleared bytes behind it
-    size_t handed_over_ = 0;     // bytes of it that the library has had
+    size_t delivered_ = 0;       // bytes of it that the library has had
     size_t received_ = 0;        // bytes of it that the phone sent
     size_t to_skip_ = 0;         // bytes of a refused request that are still to come on a stream
 };

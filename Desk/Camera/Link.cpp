@@ -82,10 +82,10 @@ void Link::read_once() {
     }
 }
 
-// Where packets keep their borders, one without bytes is received like the end of the link. At the end the phone has
-// closed, and has left nothing to be received.
+// On a link that keeps message boundaries a packet without bytes is received like the end of the link. At the end the
+// phone has closed, and has left nothing to be received.
 bool Link::is_empty_packet() {
-    return traits_.keeps_borders &&
+    return traits_.keeps_message_boundaries &&
            (!is_ready(socket_.native_handle(), POLLRDHUP) || bytes_in_kernel(socket_.native_handle(), SIOCINQ) > 0);
 }
 
@@ -100,10 +100,14 @@ void Link::send(std::span<const uint8_t> bytes, Sent handler) {
 
 void Link::write_on() {
     while (!unsent_.empty()) {
-        const size_t piece = traits_.keeps_borders ? std::min(unsent_.size(), traits_.mtu) : unsent_.size();
+        const size_t piece = traits_.keeps_message_boundaries ? std::min(unsent_.size(), traits_.mtu) : unsent_.size();
         const ssize_t length = ::send(socket_.native_handle(), unsent_.data(), piece, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (length < 0) {
-            is_worth_a_retry(errno) ? write_later() : lose(std::strerror(errno));
+            if (is_worth_a_retry(errno)) {
+                write_later();
+            } else {
+                lose(std::strerror(errno));
+            }
             return;
         }
         unsent_ = unsent_.subspan(static_cast<size_t>(length));

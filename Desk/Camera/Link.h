@@ -15,8 +15,8 @@ namespace desk::camera {
 
 // How a link cuts what it carries.
 struct LinkTraits {
-    bool keeps_borders = false;
-    size_t mtu = 0; // largest packet to send, on a link that keeps borders
+    bool keeps_message_boundaries = false;
+    size_t mtu = 0; // largest packet to send, on a link that keeps message boundaries
 };
 
 // One receive and one send may be under way at a time. A link that breaks calls `on_lost` once, from the loop, instead
@@ -30,7 +30,7 @@ class Link : public std::enable_shared_from_this<Link> {
     // Takes the connected socket over. `buffer` is where it receives; links may share one.
     Link(asio::io_context& loop, int socket, LinkTraits traits, std::span<uint8_t> buffer);
 
-    bool keeps_borders() const { return traits_.keeps_borders; }
+    bool keeps_message_boundaries() const { return traits_.keeps_message_boundaries; }
     void on_lost(Lost handler) { lost_ = std::move(handler); }
 
     // Waits for one packet, which may be empty, or for bytes of the stream. They are the handler's until it returns. A

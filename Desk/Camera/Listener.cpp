@@ -99,7 +99,7 @@ void Listener::accept_later() {
 
 std::shared_ptr<Link> Listener::link_of(Descriptor phone) {
     prepare_phone_socket(endpoint_.kind, phone.get());
-    const LinkTraits traits = {endpoint_.keeps_packet_borders(),
+    const LinkTraits traits = {endpoint_.keeps_message_boundaries(),
                                std::min(mtu_, largest_packet(endpoint_.kind, phone.get()))};
     return std::make_shared<Link>(loop_, phone.release(), traits, buffer_);
 }

@@ -28,7 +28,7 @@ class Listener {
 
     // Where it listens, with the port that a port of 0 became.
     const Endpoint& endpoint() const { return endpoint_; }
-    // Hands over one link after another.
+    // Calls the handler with one link after another.
     void accept(Accepted handler);
 
   private:

@@ -60,7 +60,7 @@ class StderrSink : public Log::Sink {
     }
 };
 
-[[noreturn]] void refuse_file(const std::string& path, const std::string& why) {
+[[noreturn]] void throw_file_failure(const std::string& path, const std::string& why) {
     throw Failure(exit_machine, "cannot write the log file " + path + ": " + why);
 }
 
@@ -69,11 +69,11 @@ Descriptor open_log_file(const std::string& path) {
     constexpr const char* no_file = "it is no regular file; name one that is, or a new one";
     Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
     if (file.get() < 0) {
-        refuse_file(path, errno == ENXIO ? no_file : std::strerror(errno));
+        throw_file_failure(path, errno == ENXIO ? no_file : std::strerror(errno));
     }
     struct stat kind = {};
     if (::fstat(file.get(), &kind) != 0 || !(S_ISREG(kind.st_mode) || S_ISCHR(kind.st_mode))) {
-        refuse_file(path, no_file);
+        throw_file_failure(path, no_file);
     }
     return file;
 }

@@ -45,7 +45,7 @@ Failure machine_failure(const fs::path& folder, const std::string& cause) {
                                      "; mend that, or choose another folder with --store");
 }
 
-Failure failure_of(const fs::path& folder, const SqliteError& error) {
+Failure failure_from(const fs::path& folder, const SqliteError& error) {
     const std::string cause = std::string(database_name) + ": " + error.what();
     switch (error.code()) {
     case SQLITE_CORRUPT:
@@ -62,11 +62,11 @@ Failure failure_of(const fs::path& folder, const SqliteError& error) {
 
 // Runs the opening of a store. Everything that it throws becomes a Failure.
 template<class Work>
-auto opened(const fs::path& folder, Work work) {
+auto with_failures_told(const fs::path& folder, Work work) {
     try {
         return work();
     } catch (const SqliteError& error) {
-        throw failure_of(folder, error);
+        throw failure_from(folder, error);
     } catch (const StoreDamage& damage) {
         throw damage_failure(folder, damage.what());
     } catch (const std::system_error& error) {
@@ -123,7 +123,7 @@ struct PresetStore::State {
     void check_pictures() const;
     void remove_unnamed_pictures() const;
     void settle();
-    int refuse(int result, const std::string& line);
+    int refused(int result, const std::string& line); // returns the result, and keeps the line for `last_error`
     bool begin_change(NamedBy named_by);
     template<class Work>
     void attempt(Work work, Contents& next);
@@ -224,7 +224,7 @@ void PresetStore::State::settle() {
     remove_unnamed_pictures();
 }
 
-int PresetStore::State::refuse(int result, const std::string& line) {
+int PresetStore::State::refused(int result, const std::string& line) {
     last_error = line;
     return result;
 }
@@ -282,7 +282,7 @@ int PresetStore::State::change(Work work) {
     try {
         settle();
     } catch (const std::exception& error) {
-        return refuse(SM_RETURN_FAIL, last_error + "; cannot tell whether the change was made: " + error.what());
+        return refused(SM_RETURN_FAIL, last_error + "; cannot tell whether the change was made: " + error.what());
     }
     return contents == next ? SM_RETURN_TRUE : SM_RETURN_FAIL;
 }
@@ -295,7 +295,7 @@ PresetStore& PresetStore::operator=(PresetStore&&) noexcept = default;
 PresetStore::~PresetStore() = default;
 
 PresetStore PresetStore::open(const fs::path& folder, bool create, const Fill& fill) {
-    return opened(folder, [&] {
+    return with_failures_told(folder, [&] {
         const fs::path place = place_of(folder);
         auto state = std::make_unique<State>(place);
         if (create) {
@@ -363,15 +363,15 @@ std::string PresetStore::fault_of_picture(const tag_custom_info& preset) const {
 int PresetStore::save(tag_custom_info& preset, const void* picture, int length) {
     State& state = *state_;
     if (length < 0 || static_cast<size_t>(length) > longest_picture || (!picture && length > 0)) {
-        return state.refuse(SM_RETURN_JPG_ERR, "a picture has 0 to " + std::to_string(longest_picture) +
-                                                   " bytes, not " + std::to_string(length));
+        return state.refused(SM_RETURN_JPG_ERR, "a picture has 0 to " + std::to_string(longest_picture) +
+                                                    " bytes, not " + std::to_string(length));
     }
     if (!state.begin_change(NamedBy::identity)) {
         return SM_RETURN_FAIL;
     }
     if (state.contents.presets.size() >= SM_PRESET_LIMIT) {
-        return state.refuse(SM_RETURN_DATA_ERR,
-                            std::to_string(SM_PRESET_LIMIT) + " presets are stored, delete one first");
+        return state.refused(SM_RETURN_DATA_ERR,
+                             std::to_string(SM_PRESET_LIMIT) + " presets are stored, delete one first");
     }
     tag_custom_info stored = preset;
     std::optional<NewPicture> file;
@@ -401,7 +401,7 @@ int PresetStore::update(int custom_id, int server_id, std::string_view title) {
     }
     const int number = state.contents.number_of(custom_id);
     if (number < 0) {
-        return state.refuse(SM_RETURN_LOCALN_ERR, "there is no preset with custom_id " + std::to_string(custom_id));
+        return state.refused(SM_RETURN_LOCALN_ERR, "there is no preset with custom_id " + std::to_string(custom_id));
     }
     return state.change([&](Contents& next) {
         tag_custom_info& preset = next.presets[static_cast<size_t>(number)];
@@ -437,13 +437,13 @@ int PresetStore::remove(std::span<const int> flags) {
 int PresetStore::link(int custom_mode, int number) {
     State& state = *state_;
     if (custom_mode < 0 || custom_mode >= custom_modes) {
-        return state.refuse(SM_RETURN_DATA_ERR, "the custom modes are 0 and 1");
+        return state.refused(SM_RETURN_DATA_ERR, "the custom modes are 0 and 1");
     }
     if (!state.begin_change(NamedBy::number)) {
         return SM_RETURN_FAIL;
     }
     if (number < 0 || static_cast<size_t>(number) >= state.contents.presets.size()) {
-        return state.refuse(SM_RETURN_LOCALN_ERR, "there is no preset number " + std::to_string(number));
+        return state.refused(SM_RETURN_LOCALN_ERR, "there is no preset number " + std::to_string(number));
     }
     return state.change([&](Contents& next) {
         const int32_t custom_id = next.presets[static_cast<size_t>(number)].custom_id;
@@ -455,7 +455,7 @@ int PresetStore::link(int custom_mode, int number) {
 int PresetStore::unlink(int custom_mode) {
     State& state = *state_;
     if (custom_mode < 0 || custom_mode >= custom_modes) {
-        return state.refuse(SM_RETURN_DATA_ERR, "the custom modes are 0 and 1");
+        return state.refused(SM_RETURN_DATA_ERR, "the custom modes are 0 and 1");
     }
     if (!state.begin_change(NamedBy::identity)) {
         return SM_RETURN_FAIL;

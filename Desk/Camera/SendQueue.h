@@ -18,7 +18,7 @@ namespace desk::camera {
 
 // Replies are borrowed: they are read out of the library's memory until they have gone. Which memory a confirmation
 // frees is the library's business, and not always that of the send it is meant for (a reply that replaces an
-// unconfirmed one shifts them by one). Therefore nothing is confirmed, and the session hands no packet over, while a
+// unconfirmed one shifts them by one). Therefore nothing is confirmed, and the camera delivers no packet, while a
 // reply is on its way: whatever is freed or replaced then has been read.
 class SendQueue {
   public:

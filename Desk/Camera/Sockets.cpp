@@ -21,12 +21,12 @@
 namespace desk::camera {
 namespace {
 
-[[noreturn]] void fail(const Endpoint& endpoint, const std::string& why) {
+[[noreturn]] void throw_failure(const Endpoint& endpoint, const std::string& why) {
     throw Failure(exit_link, "cannot listen on " + endpoint.url() + ": " + why);
 }
 
-[[noreturn]] void fail_with_errno(const Endpoint& endpoint) {
-    fail(endpoint, std::strerror(errno));
+[[noreturn]] void throw_failure_of_errno(const Endpoint& endpoint) {
+    throw_failure(endpoint, std::strerror(errno));
 }
 
 // Check the result: without a kernel's support there is none.
@@ -41,7 +41,7 @@ const sockaddr* generic(const Address& address) {
 
 void bind_and_listen(const Endpoint& endpoint, const Descriptor& socket, const sockaddr* address, socklen_t length) {
     if (::bind(socket.get(), address, length) != 0 || ::listen(socket.get(), SOMAXCONN) != 0) {
-        fail_with_errno(endpoint);
+        throw_failure_of_errno(endpoint);
     }
 }
 
@@ -51,8 +51,9 @@ sockaddr_un unix_address(const Endpoint& endpoint) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (endpoint.path.size() >= sizeof address.sun_path) {
-        fail(endpoint, "its path has " + std::to_string(endpoint.path.size()) + " bytes, and a socket's has " +
-                           std::to_string(sizeof address.sun_path - 1) + " at most; give a shorter one with --listen");
+        throw_failure(endpoint, "its path has " + std::to_string(endpoint.path.size()) + " bytes, and a socket's has " +
+                                    std::to_string(sizeof address.sun_path - 1) +
+                                    " at most; give a shorter one with --listen");
     }
     std::memcpy(address.sun_path, endpoint.path.data(), endpoint.path.size());
     return address;
@@ -72,10 +73,10 @@ void remove_what_a_dead_camera_left(const Endpoint& endpoint, const sockaddr_un&
         return;
     }
     if (!S_ISSOCK(file.st_mode)) {
-        fail(endpoint, "there is a file that is no socket");
+        throw_failure(endpoint, "there is a file that is no socket");
     }
     if (!is_left_behind(address)) {
-        fail(endpoint, "another process listens there");
+        throw_failure(endpoint, "another process listens there");
     }
     ::unlink(address.sun_path);
 }
@@ -84,7 +85,7 @@ int listen_on_unix_socket(const Endpoint& endpoint) {
     const sockaddr_un address = unix_address(endpoint);
     Descriptor socket = make_socket(AF_UNIX, SOCK_SEQPACKET, 0);
     if (socket.get() < 0) {
-        fail_with_errno(endpoint);
+        throw_failure_of_errno(endpoint);
     }
     remove_what_a_dead_camera_left(endpoint, address);
     bind_and_listen(endpoint, socket, generic(address), sizeof address);
@@ -103,7 +104,7 @@ Resolved resolve(const Endpoint& endpoint) {
     addrinfo* found = nullptr;
     const int error = ::getaddrinfo(endpoint.host.c_str(), std::to_string(endpoint.port).c_str(), &hints, &found);
     if (error != 0) {
-        fail(endpoint, ::gai_strerror(error));
+        throw_failure(endpoint, ::gai_strerror(error));
     }
     return {found, &::freeaddrinfo};
 }
@@ -120,7 +121,7 @@ int listen_on_tcp(Endpoint& endpoint) {
     const Resolved address = resolve(endpoint);
     Descriptor socket = make_socket(address->ai_family, SOCK_STREAM, 0);
     if (socket.get() < 0) {
-        fail_with_errno(endpoint);
+        throw_failure_of_errno(endpoint);
     }
     const int on = 1;
     ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -135,9 +136,9 @@ template<class Address>
 int listen_on_bluetooth(const Endpoint& endpoint, int type, int protocol, const Address& address) {
     Descriptor socket = make_socket(AF_BLUETOOTH, type, protocol);
     if (socket.get() < 0) {
-        fail(endpoint, errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT
-                           ? "this machine's kernel has no such Bluetooth sockets"
-                           : std::strerror(errno));
+        throw_failure(endpoint, errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT
+                                    ? "this machine's kernel has no such Bluetooth sockets"
+                                    : std::strerror(errno));
     }
     bind_and_listen(endpoint, socket, generic(address), sizeof address);
     return socket.release();

@@ -197,7 +197,7 @@ struct StandardError::State {
     static ssize_t take_written(void* state, const char* text, size_t length);
 
     void take_from_library(std::string_view line);
-    bool is_left_out(bool is_limited);
+    bool leave_out_if_too_many(bool is_limited);
     void put(std::string_view line, const std::string& color);
     bool write(const std::string& line) { return tell_missing() && outlet.write(line); }
     bool tell_missing();
@@ -234,14 +234,15 @@ ssize_t StandardError::State::take_written(void* state, const char* text, size_t
 }
 
 void StandardError::State::take_from_library(std::string_view line) {
-    if (!is_left_out(is_library_limited)) { // asked first: a phone can cause hundreds of thousands in a second
+    if (!leave_out_if_too_many(
+            is_library_limited)) { // asked first: a phone can cause hundreds of thousands in a second
         std::string plain(line);
         const std::string color = take_colors(plain);
         put(plain, color);
     }
 }
 
-bool StandardError::State::is_left_out(bool is_limited) {
+bool StandardError::State::leave_out_if_too_many(bool is_limited) {
     if (!is_limited || lines.take()) {
         return false;
     }
@@ -308,14 +309,14 @@ void StandardError::tell(std::string_view line) {
         return;
     }
     LineCutter::break_up(line, [](std::string_view piece) {
-        if (!State::current->is_left_out(true)) {
+        if (!State::current->leave_out_if_too_many(true)) {
             State::current->put(piece, {});
         }
     });
 }
 
 void StandardError::log(std::string_view line, const std::string& color) {
-    if (State::current != nullptr && !State::current->is_left_out(State::current->is_library_limited)) {
+    if (State::current != nullptr && !State::current->leave_out_if_too_many(State::current->is_library_limited)) {
         State::current->put(line, color);
     }
 }

@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 namespace desk::camera {
 namespace {
 
-[[noreturn]] void fail(const fs::path& path, int error = errno) {
+[[noreturn]] void throw_system_error(const fs::path& path, int error = errno) {
     throw std::system_error(error, std::generic_category(), path.string());
 }
 
@@ -26,7 +26,7 @@ auto checked(const fs::path& path, Call call) {
         result = call();
     }
     if (result < 0) {
-        fail(path);
+        throw_system_error(path);
     }
     return result;
 }
@@ -67,7 +67,7 @@ bool look_at(const fs::path& path, struct stat& state) {
         return true;
     }
     if (errno != ENOENT && errno != ENOTDIR) {
-        fail(path);
+        throw_system_error(path);
     }
     return false;
 }
@@ -99,7 +99,7 @@ void make_folder(const fs::path& folder) {
     }
     make_folder(folder.parent_path());
     if (::mkdir(folder.c_str(), 0777) != 0 && (errno != EEXIST || !fs::is_directory(folder))) {
-        fail(folder); // unless another camera has just made it
+        throw_system_error(folder); // unless another camera has just made it
     }
     flush_folder(folder.parent_path());
 }
@@ -146,7 +146,7 @@ Descriptor open_plain_file(const fs::path& path, int flags) {
     struct stat state = {};
     checked(path, [&] { return ::fstat(file.get(), &state); });
     if (!S_ISREG(state.st_mode)) {
-        fail(path, S_ISDIR(state.st_mode) ? EISDIR : EINVAL);
+        throw_system_error(path, S_ISDIR(state.st_mode) ? EISDIR : EINVAL);
     }
     return file;
 }

@@ -9,33 +9,33 @@ TimedLinks::TimedLinks(asio::io_context& loop, std::chrono::milliseconds time, E
     : time_(time), expired_(std::move(expired)), timer_(loop) {}
 
 void TimedLinks::add(std::shared_ptr<Link> link) {
-    entries_.push_back({std::move(link), Clock::now() + time_});
-    if (entries_.size() == 1) {
+    links_.push_back({std::move(link), Clock::now() + time_});
+    if (links_.size() == 1) {
         wait();
     }
 }
 
 void TimedLinks::remove(const Link& link) {
-    std::erase_if(entries_, [&](const Entry& entry) { return entry.link.get() == &link; });
+    std::erase_if(links_, [&](const TimedLink& timed) { return timed.link.get() == &link; });
 }
 
 std::shared_ptr<Link> TimedLinks::take_oldest() {
-    if (entries_.empty()) {
+    if (links_.empty()) {
         return nullptr;
     }
-    std::shared_ptr<Link> link = std::move(entries_.front().link);
-    entries_.pop_front();
+    std::shared_ptr<Link> link = std::move(links_.front().link);
+    links_.pop_front();
     return link;
 }
 
 bool TimedLinks::have_all_closed() const {
-    return std::all_of(entries_.begin(), entries_.end(),
-                       [](const Entry& entry) { return entry.link->phone_has_closed(); });
+    return std::all_of(links_.begin(), links_.end(),
+                       [](const TimedLink& timed) { return timed.link->phone_has_closed(); });
 }
 
 // For the oldest link. When that goes before its time, the next one is found not to be due yet.
 void TimedLinks::wait() {
-    timer_.expires_at(entries_.front().until);
+    timer_.expires_at(links_.front().until);
     timer_.async_wait([this](const asio::error_code& error) {
         if (!error) {
             expire();
@@ -44,10 +44,10 @@ void TimedLinks::wait() {
 }
 
 void TimedLinks::expire() {
-    while (!entries_.empty() && entries_.front().until <= Clock::now()) {
+    while (!links_.empty() && links_.front().until <= Clock::now()) {
         expired_(take_oldest());
     }
-    if (!entries_.empty()) {
+    if (!links_.empty()) {
         wait();
     }
 }

@@ -22,13 +22,13 @@ class TimedLinks {
     void add(std::shared_ptr<Link> link);
     void remove(const Link& link);
     std::shared_ptr<Link> take_oldest(); // null when there is none
-    size_t size() const { return entries_.size(); }
+    size_t size() const { return links_.size(); }
     bool have_all_closed() const;
 
   private:
     using Clock = std::chrono::steady_clock;
 
-    struct Entry {
+    struct TimedLink {
         std::shared_ptr<Link> link;
         Clock::time_point until;
     };
@@ -39,7 +39,7 @@ class TimedLinks {
     std::chrono::milliseconds time_;
     Expired expired_;
     asio::steady_timer timer_;
-    std::deque<Entry> entries_;
+    std::deque<TimedLink> links_;
 };
 
 } // namespace desk::camera

@@ -58,22 +58,22 @@ auto repeated(Call call) {
     return result;
 }
 
-Descriptor opened(const std::string& path, int flags, mode_t mode = 0) {
+Descriptor open_file(const std::string& path, int flags, mode_t mode = 0) {
     return Descriptor(repeated([&] { return open(path.c_str(), flags, mode); }));
 }
 
 // A close that is interrupted has closed all the same.
-bool closed(Descriptor file) {
+bool close_file(Descriptor file) {
     return close(file.release()) == 0 || errno == EINTR;
 }
 
 enum class Wait { ready, over, failed };
 
 Wait wait_for(int descriptor, short events, Clock::time_point deadline) {
-    pollfd entry = {descriptor, events, 0};
+    pollfd watched = {descriptor, events, 0};
     while (true) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        const int count = poll(&entry, 1, static_cast<int>(std::max<decltype(left)>(left, 0)));
+        const int count = poll(&watched, 1, static_cast<int>(std::max<decltype(left)>(left, 0)));
         if (count > 0) {
             return Wait::ready;
         }
@@ -92,7 +92,7 @@ bool means_later(int error) {
 
 // ---- Reading --------------------------------------------------------------------------------------------------------
 
-Failure too_long(const std::string& path, const std::string& size, size_t most) {
+Failure too_long_failure(const std::string& path, const std::string& size, size_t most) {
     return {exit_usage, fmt::format("{} has {} bytes, and at most {} can be used; give a smaller file", printable(path),
                                     size, most)};
 }
@@ -111,7 +111,7 @@ size_t told_size(const Descriptor& file, const std::string& path, size_t most) {
     }
     const auto size = static_cast<uintmax_t>(status.st_size);
     if (size > most) {
-        throw too_long(path, std::to_string(size), most);
+        throw too_long_failure(path, std::to_string(size), most);
     }
     return static_cast<size_t>(size);
 }
@@ -158,7 +158,7 @@ void write_all(const Descriptor& file, const std::string& path, std::span<const 
 
 // A pipe or a device has no half state to protect, and must not be replaced by a file.
 void write_in_place(const std::string& path, std::span<const uint8_t> bytes) {
-    Descriptor file = opened(path, O_WRONLY | O_TRUNC | gentle);
+    Descriptor file = open_file(path, O_WRONLY | O_TRUNC | gentle);
     if (file.get() < 0 && errno == ENXIO) {
         throw write_failure(path, "nobody reads this pipe; start its reader first");
     }
@@ -166,13 +166,13 @@ void write_in_place(const std::string& path, std::span<const uint8_t> bytes) {
         throw write_failure(path, write_error());
     }
     write_all(file, path, bytes);
-    if (!closed(std::move(file))) {
+    if (!close_file(std::move(file))) {
         throw write_failure(path, write_error());
     }
 }
 
 // What a name stands for, or nothing when there is no such file.
-std::optional<struct stat> found(const std::string& path, const std::string& asked) {
+std::optional<struct stat> status_of(const std::string& path, const std::string& asked) {
     struct stat status = {};
     if (stat(path.c_str(), &status) == 0) {
         return status;
@@ -209,7 +209,7 @@ class NewFile {
         for (int number = 0; number < most_names && file_.get() < 0; ++number) {
             // The name has a length of its own: one made from the file's could be too long for the folder.
             path_ = folder_of(final_path_) / fmt::format(".shotmentor-{}-{}", getpid(), number);
-            file_ = opened(path_, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+            file_ = open_file(path_, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
             if (file_.get() < 0 && errno != EEXIST) {
                 break;
             }
@@ -233,7 +233,7 @@ class NewFile {
     void fill(std::span<const uint8_t> bytes) {
         write_all(file_, final_path_, bytes);
         check(repeated([&] { return fsync(file_.get()); }) == 0);
-        check(closed(std::move(file_)));
+        check(close_file(std::move(file_)));
     }
 
     void put_in_place() {
@@ -256,7 +256,7 @@ class NewFile {
 // The new name has to last as well. A folder may be writable and not readable, and some file systems keep their names
 // by themselves.
 void keep_name(const std::string& path) {
-    Descriptor folder = opened(folder_of(path), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    Descriptor folder = open_file(folder_of(path), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder.get() < 0 && errno == EACCES) {
         return;
     }
@@ -278,7 +278,7 @@ bool are_same(const std::optional<struct stat>& one, const std::optional<struct 
 } // namespace
 
 Bytes read_file(const std::string& path, size_t most) {
-    const Descriptor file = opened(path, O_RDONLY | gentle);
+    const Descriptor file = open_file(path, O_RDONLY | gentle);
     if (file.get() < 0) {
         throw read_failure(path, read_error());
     }
@@ -293,11 +293,11 @@ Bytes read_file(const std::string& path, size_t most) {
             return bytes;
         }
     }
-    throw too_long(path, fmt::format("more than {}", most), most);
+    throw too_long_failure(path, fmt::format("more than {}", most), most);
 }
 
 void write_file(const std::string& path, std::span<const uint8_t> bytes) {
-    const std::optional<struct stat> old = found(path, path);
+    const std::optional<struct stat> old = status_of(path, path);
     if (old && S_ISDIR(old->st_mode)) {
         throw write_failure(path, "it is a folder; give the name of a file");
     }
@@ -306,7 +306,7 @@ void write_file(const std::string& path, std::span<const uint8_t> bytes) {
         return;
     }
     const std::string target = target_of(path);
-    if (!are_same(old, found(target, path))) { // a name for an open file that is no longer in any folder
+    if (!are_same(old, status_of(target, path))) { // a name for an open file that is no longer in any folder
         write_in_place(path, bytes);
         return;
     }

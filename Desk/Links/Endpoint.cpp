@@ -13,7 +13,7 @@ namespace {
 constexpr size_t longest_path = sizeof(sockaddr_un::sun_path) - 1;
 constexpr size_t address_text = 17; // 00:11:22:33:44:55
 
-[[noreturn]] void refuse(const std::string& url, const std::string& why, const char* example) {
+[[noreturn]] void throw_url_failure(const std::string& url, const std::string& why, const char* example) {
     throw Failure(exit_usage, fmt::format("{}: {}; write {}", url, why, example));
 }
 
@@ -41,10 +41,10 @@ std::optional<std::array<uint8_t, 6>> address_in(std::string_view text) {
 Endpoint unix_endpoint(const std::string& url, std::string_view path) {
     constexpr auto example = "unix:PATH, such as unix:/tmp/camera.sock";
     if (path.empty())
-        refuse(url, "the path is missing", example);
+        throw_url_failure(url, "the path is missing", example);
     if (path.size() > longest_path)
-        refuse(url, fmt::format("the path has {} bytes, a socket's has at most {}", path.size(), longest_path),
-               example);
+        throw_url_failure(
+            url, fmt::format("the path has {} bytes, a socket's has at most {}", path.size(), longest_path), example);
     Endpoint endpoint;
     endpoint.path = path;
     return endpoint;
@@ -56,9 +56,9 @@ std::string host_in(const std::string& url, std::string_view host, const char* e
     if (bracketed)
         host = host.substr(1, host.size() - 2);
     else if (host.find(':') != std::string_view::npos)
-        refuse(url, "an IPv6 address stands in brackets", "tcp:[::1]:5000");
+        throw_url_failure(url, "an IPv6 address stands in brackets", "tcp:[::1]:5000");
     if (host.empty() || host.find_first_of("[]") != std::string_view::npos)
-        refuse(url, "the host is missing or no name", example);
+        throw_url_failure(url, "the host is missing or no name", example);
     return std::string(host);
 }
 
@@ -66,10 +66,10 @@ Endpoint tcp_endpoint(const std::string& url, std::string_view rest) {
     constexpr auto example = "tcp:HOST:PORT, such as tcp:localhost:5000";
     const size_t colon = rest.rfind(':');
     if (colon == std::string_view::npos)
-        refuse(url, "host or port is missing", example);
+        throw_url_failure(url, "host or port is missing", example);
     const auto port = number_in(rest.substr(colon + 1));
     if (!port || *port > 65535)
-        refuse(url, "the port is no number from 0 to 65535", example);
+        throw_url_failure(url, "the port is no number from 0 to 65535", example);
     Endpoint endpoint;
     endpoint.kind = Endpoint::Kind::tcp;
     endpoint.host = host_in(url, rest.substr(0, colon), example);
@@ -106,12 +106,12 @@ Endpoint bluetooth_endpoint(const std::string& url, std::string_view rest, const
     if (colon != std::string_view::npos) {
         endpoint.address = address_in(rest.substr(0, colon));
         if (!endpoint.address)
-            refuse(url, "the address is no Bluetooth address", bluetooth.example);
+            throw_url_failure(url, "the address is no Bluetooth address", bluetooth.example);
         rest = rest.substr(colon + 1);
     }
     const auto number = number_in(rest);
     if (!number || !bluetooth.is_valid(*number))
-        refuse(url, bluetooth.fault, bluetooth.example);
+        throw_url_failure(url, bluetooth.fault, bluetooth.example);
     endpoint.port = static_cast<uint16_t>(*number);
     return endpoint;
 }
@@ -152,7 +152,8 @@ Endpoint parse_endpoint(const std::string& url) {
         return bluetooth_endpoint(url, rest, rfcomm);
     if (scheme == "l2cap")
         return bluetooth_endpoint(url, rest, l2cap);
-    refuse(url, "no link that is known", "unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL or l2cap:[ADDRESS:]PSM");
+    throw_url_failure(url, "no link that is known",
+                      "unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL or l2cap:[ADDRESS:]PSM");
 }
 
 } // namespace desk

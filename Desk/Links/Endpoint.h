@@ -18,7 +18,7 @@ struct Endpoint {
     uint16_t port = 0;                             // tcp: port; rfcomm: channel 1 to 30; l2cap: PSM
     std::optional<std::array<uint8_t, 6>> address; // Bluetooth, most significant byte first; none: any adapter
 
-    bool keeps_packet_borders() const { return kind == Kind::unix_socket || kind == Kind::l2cap; }
+    bool keeps_message_boundaries() const { return kind == Kind::unix_socket || kind == Kind::l2cap; }
     std::string url() const;
 };
 

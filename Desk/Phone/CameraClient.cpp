@@ -85,7 +85,7 @@ Bytes CameraClient::answer_to(Exchange exchange, const std::string& progress_lab
             return *std::move(frame);
         }
         if (closed_) {
-            throw closed_early(exchange);
+            throw early_close_failure(exchange);
         }
         move_bytes(exchange);
         if (exchange.is_sending()) {
@@ -101,7 +101,7 @@ void CameraClient::send_all(Exchange exchange) {
         move_bytes(exchange);
         drop_frames();
         if (closed_) {
-            throw closed_early(exchange);
+            throw early_close_failure(exchange);
         }
     }
 }
@@ -111,7 +111,7 @@ void CameraClient::send_all(Exchange exchange) {
 void CameraClient::move_bytes(Exchange& exchange) {
     const Clock::time_point end = exchange.begin + longest_duration(exchange);
     if (Clock::now() >= end) {
-        throw too_slow(exchange);
+        throw too_slow_failure(exchange);
     }
     const Clock::time_point silence_end = exchange.last_move + timeout_;
     const Link::Readiness ready = link_.wait(exchange.is_sending(), std::min(silence_end, end));
@@ -121,7 +121,7 @@ void CameraClient::move_bytes(Exchange& exchange) {
     if (received || sent) {
         exchange.last_move = Clock::now();
     } else if (Clock::now() >= silence_end) {
-        throw no_answer(exchange);
+        throw no_answer_failure(exchange);
     }
 }
 
@@ -171,7 +171,7 @@ void CameraClient::wait_for_close() {
     }
 }
 
-Failure CameraClient::closed_early(const Exchange& exchange) const {
+Failure CameraClient::early_close_failure(const Exchange& exchange) const {
     const size_t size = exchange.request.size();
     if (exchange.sent < size) {
         return {exit_protocol, fmt::format("the camera closed the link when {} of the request's {} bytes were sent",
@@ -185,7 +185,7 @@ Failure CameraClient::closed_early(const Exchange& exchange) const {
     return {exit_protocol, fmt::format("the camera closed the link before it answered: {}", expected)};
 }
 
-Failure CameraClient::no_answer(const Exchange& exchange) const {
+Failure CameraClient::no_answer_failure(const Exchange& exchange) const {
     if (exchange.sent < exchange.request.size()) {
         return {exit_timeout, fmt::format("the camera took {} of the request's {} bytes, then nothing within {}",
                                           exchange.sent, exchange.request.size(), seconds(timeout_))};
@@ -198,7 +198,7 @@ Failure CameraClient::no_answer(const Exchange& exchange) const {
     return {exit_timeout, fmt::format("the camera gave no answer within {}; {}", seconds(timeout_), exchange.silence)};
 }
 
-Failure CameraClient::too_slow(const Exchange& exchange) const {
+Failure CameraClient::too_slow_failure(const Exchange& exchange) const {
     return {
         exit_timeout,
         fmt::format("the camera is too slow: {} of the request's {} bytes and {} of the answer's {} moved within {}; "

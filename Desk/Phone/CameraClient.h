@@ -55,9 +55,9 @@ class CameraClient {
     void drop_frames();
     void wait_for_close();
     std::chrono::milliseconds longest_duration(const Exchange& exchange) const;
-    Failure closed_early(const Exchange& exchange) const;
-    Failure no_answer(const Exchange& exchange) const;
-    Failure too_slow(const Exchange& exchange) const;
+    Failure early_close_failure(const Exchange& exchange) const;
+    Failure no_answer_failure(const Exchange& exchange) const;
+    Failure too_slow_failure(const Exchange& exchange) const;
 
     std::chrono::milliseconds timeout_;
     Link link_;

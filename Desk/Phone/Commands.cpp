@@ -46,7 +46,7 @@ size_t width_of_lines(const Options& options) {
 }
 
 // Says what else than success the camera answered. Returns the exit code.
-int concluded(int32_t result) {
+int report_result(int32_t result) {
     if (result != SM_RETURN_TRUE) {
         complain(
             fmt::format("the camera answered {}, {}: {}", result, name_of_result(result), meaning_of_result(result)));
@@ -183,7 +183,7 @@ int store(const Options& options) {
     } else if (reply.result == SM_RETURN_TRUE) {
         print(fmt::format("stored as preset {} with id {}\n", reply.preset_num, reply.custom_id));
     }
-    return concluded(reply.result);
+    return report_result(reply.result);
 }
 
 // ---- rename ---------------------------------------------------------------------------------------------------------
@@ -220,7 +220,7 @@ int rename_preset(const Options& options) {
     } else if (result == SM_RETURN_TRUE) {
         say(fmt::format("the preset with id {} is renamed", options.custom_id));
     }
-    return concluded(result);
+    return report_result(result);
 }
 
 // ---- delete ---------------------------------------------------------------------------------------------------------
@@ -261,7 +261,7 @@ int delete_presets(const Options& options) {
     if (reply.result == SM_RETURN_TRUE && kept) {
         throw Failure(exit_protocol, "the camera answered success, but still lists a preset that it was to delete");
     }
-    return concluded(reply.result);
+    return report_result(reply.result);
 }
 
 // ---- leave ----------------------------------------------------------------------------------------------------------

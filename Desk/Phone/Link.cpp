@@ -102,12 +102,12 @@ std::vector<Address> addresses_of(const Endpoint& camera) {
 }
 
 int poll_one(int descriptor, short events, Clock::time_point deadline) {
-    pollfd entry = {descriptor, events, 0};
+    pollfd watched = {descriptor, events, 0};
     int count = 0;
     do {
-        count = poll(&entry, 1, milliseconds_until(deadline));
+        count = poll(&watched, 1, milliseconds_until(deadline));
     } while (count < 0 && errno == EINTR);
-    return count > 0 ? entry.revents : 0;
+    return count > 0 ? watched.revents : 0;
 }
 
 // The error of a connection that is under way, once it has come to an end.

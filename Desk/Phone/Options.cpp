@@ -134,7 +134,7 @@ Endpoint endpoint_of(const std::string& url) {
     }
 }
 
-Options finished(Arguments& arguments) {
+Options options_from(Arguments& arguments) {
     Options& options = arguments.options;
     options.camera = endpoint_of(arguments.url);
     options.timeout = std::chrono::milliseconds(std::llround(std::ceil(arguments.timeout_seconds * 1000)));
@@ -174,7 +174,7 @@ std::optional<Options> options_of(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         throw usage_failure(app, error);
     }
-    return finished(arguments);
+    return options_from(arguments);
 }
 
 } // namespace desk::phone

@@ -27,30 +27,30 @@ Bytes words(std::initializer_list<int32_t> values) {
     return bytes;
 }
 
-Failure broken(const std::string& line) {
+Failure protocol_failure(const std::string& line) {
     return {exit_protocol, line};
 }
 
 // Holds a reply against its function number, its announced length and the least bytes that it has.
 void check_reply(std::span<const uint8_t> frame, int32_t function, const char* what, size_t least) {
     if (frame.size() < header)
-        throw broken(fmt::format("{}: expected a header of 8 bytes, got {} bytes", what, frame.size()));
+        throw protocol_failure(fmt::format("{}: expected a header of 8 bytes, got {} bytes", what, frame.size()));
     const int32_t got = get_word(frame, 0);
     if (got != function)
-        throw broken(
+        throw protocol_failure(
             fmt::format("expected {} (reply {:#x}), got function {:#x}", what, function, static_cast<uint32_t>(got)));
     const int32_t total = get_word(frame, word);
     if (total < 0 || static_cast<size_t>(total) != frame.size())
-        throw broken(fmt::format("{} announces {} bytes, got {}", what, total, frame.size()));
+        throw protocol_failure(fmt::format("{} announces {} bytes, got {}", what, total, frame.size()));
     if (frame.size() < least)
-        throw broken(fmt::format("{} has at least {} bytes, got {}", what, least, frame.size()));
+        throw protocol_failure(fmt::format("{} has at least {} bytes, got {}", what, least, frame.size()));
 }
 
 // A reply that is its head alone.
 void check_short_reply(std::span<const uint8_t> frame, int32_t function, const char* what, size_t size) {
     check_reply(frame, function, what, size);
     if (frame.size() != size)
-        throw broken(fmt::format("{} has {} bytes, got {}", what, size, frame.size()));
+        throw protocol_failure(fmt::format("{} has {} bytes, got {}", what, size, frame.size()));
 }
 
 // The layout and the number of presets at `offset`, the records behind them, and at most `slack` bytes more.
@@ -58,16 +58,17 @@ std::vector<sm_tag_custom_info> records_at(std::span<const uint8_t> frame, size_
                                            std::initializer_list<size_t> slack) {
     const int32_t layout = get_word(frame, offset);
     if (layout != SM_LAYOUT_VERSION)
-        throw broken(fmt::format("{} has record layout {}, expected {}", what, layout, +SM_LAYOUT_VERSION));
+        throw protocol_failure(fmt::format("{} has record layout {}, expected {}", what, layout, +SM_LAYOUT_VERSION));
     const int32_t number = get_word(frame, offset + word);
     if (number < 0 || number > SM_PRESET_LIMIT)
-        throw broken(fmt::format("{} names {} presets, expected 0 to {}", what, number, +SM_PRESET_LIMIT));
+        throw protocol_failure(fmt::format("{} names {} presets, expected 0 to {}", what, number, +SM_PRESET_LIMIT));
     const size_t first = offset + 2 * word;
     const size_t expected = first + static_cast<size_t>(number) * record;
     const bool fits =
         std::any_of(slack.begin(), slack.end(), [&](size_t more) { return frame.size() == expected + more; });
     if (!fits)
-        throw broken(fmt::format("{} with {} presets has {} bytes, got {}", what, number, expected, frame.size()));
+        throw protocol_failure(
+            fmt::format("{} with {} presets has {} bytes, got {}", what, number, expected, frame.size()));
     std::vector<sm_tag_custom_info> presets;
     for (size_t at = first; at < expected; at += record)
         presets.push_back(decode_phone_record(frame.subspan(at, record)));
@@ -124,8 +125,8 @@ void FrameReader::fill(std::span<const uint8_t>& bytes, size_t size) {
 void FrameReader::read_header(size_t longest) {
     const int32_t total = get_word(frame_, word);
     if (total < static_cast<int32_t>(header) || static_cast<size_t>(total) > longest)
-        throw broken(fmt::format("function {:#x} announces {} bytes in all, expected {} to {}",
-                                 static_cast<uint32_t>(get_word(frame_, 0)), total, header, longest));
+        throw protocol_failure(fmt::format("function {:#x} announces {} bytes in all, expected {} to {}",
+                                           static_cast<uint32_t>(get_word(frame_, 0)), total, header, longest));
     expected_ = static_cast<size_t>(total);
     frame_.reserve(expected_); // a frame that grows piece by piece would be held twice
 }

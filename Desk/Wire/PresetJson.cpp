@@ -366,7 +366,8 @@ class RecordReader {
             faults_.add(node.line, fmt::format("{} must be an integer, not {}", what, described(node)));
     }
 
-    bool is_array(const Node& node, const std::string& what, size_t count, const char* of) {
+    // Tells what is wrong unless it is an array of so many.
+    bool check_array(const Node& node, const std::string& what, size_t count, const char* of) {
         if (node.kind != Node::Kind::array)
             faults_.add(node.line,
                         fmt::format("{} must be an array of {} {}, not {}", what, count, of, described(node)));
@@ -378,18 +379,18 @@ class RecordReader {
     }
 
     void read_words(const Node& entry, const Field& field) {
-        if (!is_array(entry, fmt::format("\"{}\"", field.name), field.count, "integers"))
+        if (!check_array(entry, fmt::format("\"{}\"", field.name), field.count, "integers"))
             return;
         for (size_t k = 0; k < field.count; ++k)
             read_word(entry.children[k], fmt::format("\"{}\" [{}]", field.name, k), field.offset + k * sizeof(int32_t));
     }
 
     void read_colors(const Node& entry, const Field& field) {
-        if (!is_array(entry, fmt::format("\"{}\"", field.name), field.count, "colours"))
+        if (!check_array(entry, fmt::format("\"{}\"", field.name), field.count, "colours"))
             return;
         for (size_t k = 0; k < field.count; ++k) {
             const Node& color = entry.children[k];
-            if (!is_array(color, fmt::format("\"{}\" [{}]", field.name, k), color_names.size(), "integers"))
+            if (!check_array(color, fmt::format("\"{}\" [{}]", field.name, k), color_names.size(), "integers"))
                 continue;
             for (size_t c = 0; c < color_names.size(); ++c)
                 read_word(color.children[c], fmt::format("\"{}\" [{}] {}", field.name, k, color_names[c]),

@@ -223,7 +223,7 @@ void Disk::flush(const Call& call) {
     }
     for (const Piece& piece : pieces_) {
         if (piece.node == node && !piece.missed) {
-            settle(nodes_, piece, kept);
+            make_durable(nodes_, piece, kept);
         }
     }
     std::erase_if(pieces_, [&](const Piece& piece) { return piece.node == node; });
@@ -231,7 +231,7 @@ void Disk::flush(const Call& call) {
 
 // ---- What is left ---------------------------------------------------------------------------------------------------
 
-void Disk::settle(std::vector<Node>& nodes, const Piece& piece, Fate fate) {
+void Disk::make_durable(std::vector<Node>& nodes, const Piece& piece, Fate fate) {
     Node& node = nodes[piece.node];
     switch (piece.what) {
     case Piece::What::bytes: {
@@ -273,7 +273,7 @@ Tree Disk::after_power_loss(std::vector<Fate> fates) const {
             }
         }
         if (fate != lost) {
-            settle(nodes, piece, fate);
+            make_durable(nodes, piece, fate);
         }
     }
     Tree tree;

@@ -95,7 +95,7 @@ class Disk {
     void resize(size_t node, size_t size);
     void flush(const system_calls::Call& call);
     void collect(Tree& tree, const std::vector<Node>& nodes, size_t folder, const std::string& path) const;
-    static void settle(std::vector<Node>& nodes, const Piece& piece, Fate fate);
+    static void make_durable(std::vector<Node>& nodes, const Piece& piece, Fate fate);
 
     std::filesystem::path root_;
     std::vector<Node> nodes_;

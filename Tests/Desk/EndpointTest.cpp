@@ -58,11 +58,11 @@ TEST(Endpoint, TakesABluetoothAddressMostSignificantByteFirst) {
     EXPECT_EQ(*endpoint.address, (Address{0x00, 0x11, 0x22, 0xAA, 0x44, 0xFF}));
 }
 
-TEST(Endpoint, KnowsWhichLinksKeepPacketBorders) {
-    EXPECT_TRUE(parse_endpoint("unix:a").keeps_packet_borders());
-    EXPECT_TRUE(parse_endpoint("l2cap:4097").keeps_packet_borders());
-    EXPECT_FALSE(parse_endpoint("tcp:a:1").keeps_packet_borders());
-    EXPECT_FALSE(parse_endpoint("rfcomm:1").keeps_packet_borders());
+TEST(Endpoint, KnowsWhichLinksKeepMessageBoundaries) {
+    EXPECT_TRUE(parse_endpoint("unix:a").keeps_message_boundaries());
+    EXPECT_TRUE(parse_endpoint("l2cap:4097").keeps_message_boundaries());
+    EXPECT_FALSE(parse_endpoint("tcp:a:1").keeps_message_boundaries());
+    EXPECT_FALSE(parse_endpoint("rfcomm:1").keeps_message_boundaries());
 }
 
 TEST(Endpoint, WritesTheUrlThatItWasReadFrom) {

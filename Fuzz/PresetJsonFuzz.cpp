@@ -2,6 +2,7 @@
 // is refused says so in one line for each fault.
 
 #include <cctype>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <string_view>

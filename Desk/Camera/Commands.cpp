@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <string>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -11,6 +13,7 @@
 #include "PresetStore.h"
 #include "Services.h"
 #include "Talk.h"
+#include "Wire/Frames.h"
 #include "Wire/PresetJson.h"
 #include "Wire/Results.h"
 #include "Words/Describe.h"
@@ -124,9 +127,7 @@ tag_custom_info read_record(const std::filesystem::path& path) {
     return camera_record_from_json({reinterpret_cast<const char*>(bytes.data()), bytes.size()}, path.string());
 }
 
-// What a request has room for, so that no preset comes into the store that a phone could not have sent.
-constexpr size_t longest_picture = SM_REQUEST_LIMIT - sizeof(sm_frame) - sizeof(sm_tag_custom_info);
-
+// None longer than a phone could have sent.
 Bytes read_picture(const std::filesystem::path& path) {
     constexpr uint8_t start[] = {0xFF, 0xD8, 0xFF};
     Bytes bytes = read_file(path, longest_picture);
@@ -159,9 +160,12 @@ int run_command(const Options& options) {
         return unlink_preset(options);
     case Command::add:
         return add_preset(options);
-    default:
+    case Command::remove:
         return remove_preset(options);
+    case Command::serve:
+        break;
     }
+    throw std::logic_error("serving is no command on a store at rest");
 }
 
 } // namespace desk::camera

@@ -40,9 +40,11 @@ char letter_of(LogLevel level) {
         return 'E';
     case LogLevel::warn:
         return 'W';
-    default:
-        return 'I';
+    case LogLevel::off:
+    case LogLevel::all:
+        break;
     }
+    return 'I';
 }
 
 // The library copies errors to standard error by itself, so this sink leaves them out.

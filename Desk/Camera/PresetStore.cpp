@@ -89,6 +89,10 @@ Descriptor lock(const fs::path& folder) {
     return file;
 }
 
+bool is_custom_mode(int mode) {
+    return mode >= 0 && mode < custom_modes;
+}
+
 // Without links on the way and without a slash at its end.
 fs::path place_of(const fs::path& folder) {
     const fs::path place = fs::weakly_canonical(fs::absolute(folder));
@@ -340,7 +344,7 @@ std::optional<tag_custom_info> PresetStore::find(int custom_id) const {
 }
 
 int PresetStore::linked(int custom_mode) const {
-    if (custom_mode < 0 || custom_mode >= custom_modes) {
+    if (!is_custom_mode(custom_mode)) {
         return -1;
     }
     return state_->contents.number_of(state_->contents.linked_ids[static_cast<size_t>(custom_mode)]);
@@ -436,7 +440,7 @@ int PresetStore::remove(std::span<const int> flags) {
 
 int PresetStore::link(int custom_mode, int number) {
     State& state = *state_;
-    if (custom_mode < 0 || custom_mode >= custom_modes) {
+    if (!is_custom_mode(custom_mode)) {
         return state.refused(SM_RETURN_DATA_ERR, "the custom modes are 0 and 1");
     }
     if (!state.begin_change(NamedBy::number)) {
@@ -454,7 +458,7 @@ int PresetStore::link(int custom_mode, int number) {
 
 int PresetStore::unlink(int custom_mode) {
     State& state = *state_;
-    if (custom_mode < 0 || custom_mode >= custom_modes) {
+    if (!is_custom_mode(custom_mode)) {
         return state.refused(SM_RETURN_DATA_ERR, "the custom modes are 0 and 1");
     }
     if (!state.begin_change(NamedBy::identity)) {

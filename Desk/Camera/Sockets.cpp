@@ -154,9 +154,10 @@ int open_listening_socket(Endpoint& endpoint) {
         return listen_on_tcp(endpoint);
     case Endpoint::Kind::rfcomm:
         return listen_on_bluetooth(endpoint, SOCK_STREAM, rfcomm_protocol, rfcomm_address(endpoint));
-    default:
-        return listen_on_bluetooth(endpoint, SOCK_SEQPACKET, l2cap_protocol, l2cap_address(endpoint));
+    case Endpoint::Kind::l2cap:
+        break;
     }
+    return listen_on_bluetooth(endpoint, SOCK_SEQPACKET, l2cap_protocol, l2cap_address(endpoint));
 }
 
 void prepare_phone_socket(Endpoint::Kind kind, int socket) {

@@ -147,7 +147,11 @@ void* plain_calloc(size_t size) {
 }
 
 void plain_free(void* block) {
-    __interceptor_free != nullptr ? __interceptor_free(block) : __libc_free(block);
+    if (__interceptor_free != nullptr) {
+        __interceptor_free(block);
+    } else {
+        __libc_free(block);
+    }
 }
 
 // Tells the tools that know which bytes have been written to forget that these were.

@@ -20,19 +20,22 @@ constexpr size_t address_text = 17; // 00:11:22:33:44:55
 std::optional<uint32_t> number_in(std::string_view text, int base = 10) {
     uint32_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-    if (text.empty() || error != std::errc() || end != text.data() + text.size())
+    if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
         return std::nullopt;
+    }
     return value;
 }
 
 std::optional<std::array<uint8_t, 6>> address_in(std::string_view text) {
     std::array<uint8_t, 6> address{};
-    if (text.size() != address_text)
+    if (text.size() != address_text) {
         return std::nullopt;
+    }
     for (size_t k = 0; k < address.size(); ++k) {
         const auto byte = number_in(text.substr(3 * k, 2), 16);
-        if (!byte || (k > 0 && text[3 * k - 1] != ':'))
+        if (!byte || (k > 0 && text[3 * k - 1] != ':')) {
             return std::nullopt;
+        }
         address[k] = static_cast<uint8_t>(*byte);
     }
     return address;
@@ -40,11 +43,13 @@ std::optional<std::array<uint8_t, 6>> address_in(std::string_view text) {
 
 Endpoint unix_endpoint(const std::string& url, std::string_view path) {
     constexpr auto example = "unix:PATH, such as unix:/tmp/camera.sock";
-    if (path.empty())
+    if (path.empty()) {
         throw_url_failure(url, "the path is missing", example);
-    if (path.size() > longest_path)
+    }
+    if (path.size() > longest_path) {
         throw_url_failure(
             url, fmt::format("the path has {} bytes, a socket's has at most {}", path.size(), longest_path), example);
+    }
     Endpoint endpoint;
     endpoint.path = path;
     return endpoint;
@@ -53,23 +58,27 @@ Endpoint unix_endpoint(const std::string& url, std::string_view path) {
 // The host may be an IPv6 address in brackets, as its colons would otherwise run into the port's.
 std::string host_in(const std::string& url, std::string_view host, const char* example) {
     const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
-    if (bracketed)
+    if (bracketed) {
         host = host.substr(1, host.size() - 2);
-    else if (host.find(':') != std::string_view::npos)
+    } else if (host.find(':') != std::string_view::npos) {
         throw_url_failure(url, "an IPv6 address stands in brackets", "tcp:[::1]:5000");
-    if (host.empty() || host.find_first_of("[]") != std::string_view::npos)
+    }
+    if (host.empty() || host.find_first_of("[]") != std::string_view::npos) {
         throw_url_failure(url, "the host is missing or no name", example);
+    }
     return std::string(host);
 }
 
 Endpoint tcp_endpoint(const std::string& url, std::string_view rest) {
     constexpr auto example = "tcp:HOST:PORT, such as tcp:localhost:5000";
     const size_t colon = rest.rfind(':');
-    if (colon == std::string_view::npos)
+    if (colon == std::string_view::npos) {
         throw_url_failure(url, "host or port is missing", example);
+    }
     const auto port = number_in(rest.substr(colon + 1));
-    if (!port || *port > 65535)
+    if (!port || *port > 65535) {
         throw_url_failure(url, "the port is no number from 0 to 65535", example);
+    }
     Endpoint endpoint;
     endpoint.kind = Endpoint::Kind::tcp;
     endpoint.host = host_in(url, rest.substr(0, colon), example);
@@ -105,20 +114,23 @@ Endpoint bluetooth_endpoint(const std::string& url, std::string_view rest, const
     const size_t colon = rest.rfind(':');
     if (colon != std::string_view::npos) {
         endpoint.address = address_in(rest.substr(0, colon));
-        if (!endpoint.address)
+        if (!endpoint.address) {
             throw_url_failure(url, "the address is no Bluetooth address", bluetooth.example);
+        }
         rest = rest.substr(colon + 1);
     }
     const auto number = number_in(rest);
-    if (!number || !bluetooth.is_valid(*number))
+    if (!number || !bluetooth.is_valid(*number)) {
         throw_url_failure(url, bluetooth.fault, bluetooth.example);
+    }
     endpoint.port = static_cast<uint16_t>(*number);
     return endpoint;
 }
 
 std::string bluetooth_url(const char* scheme, const Endpoint& endpoint) {
-    if (!endpoint.address)
+    if (!endpoint.address) {
         return fmt::format("{}:{}", scheme, endpoint.port);
+    }
     return fmt::format("{}:{:02X}:{}", scheme, fmt::join(*endpoint.address, ":"), endpoint.port);
 }
 
@@ -144,14 +156,18 @@ Endpoint parse_endpoint(const std::string& url) {
     const std::string scheme = url.substr(0, colon);
     const std::string_view rest =
         colon == std::string::npos ? std::string_view() : std::string_view(url).substr(colon + 1);
-    if (scheme == "unix")
+    if (scheme == "unix") {
         return unix_endpoint(url, rest);
-    if (scheme == "tcp")
+    }
+    if (scheme == "tcp") {
         return tcp_endpoint(url, rest);
-    if (scheme == "rfcomm")
+    }
+    if (scheme == "rfcomm") {
         return bluetooth_endpoint(url, rest, rfcomm);
-    if (scheme == "l2cap")
+    }
+    if (scheme == "l2cap") {
         return bluetooth_endpoint(url, rest, l2cap);
+    }
     throw_url_failure(url, "no link that is known",
                       "unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL or l2cap:[ADDRESS:]PSM");
 }

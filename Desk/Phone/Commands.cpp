@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <glib.h>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <unistd.h>
 
@@ -27,10 +28,6 @@ using Presets = std::vector<sm_tag_custom_info>;
 constexpr size_t default_width = 80;
 constexpr TerminalSize thumbnail = {32, 12};
 constexpr TerminalSize large_picture = {72, 24};
-
-constexpr size_t smallest_picture = 100;
-// What a request has room for.
-constexpr size_t largest_picture = SM_REQUEST_LIMIT - sizeof(sm_frame) - sizeof(sm_tag_custom_info);
 
 size_t width_of(const Options& options) {
     if (options.width) {
@@ -157,7 +154,7 @@ int save_picture(const Options& options) {
 // ---- store ----------------------------------------------------------------------------------------------------------
 
 Bytes picture_from(const std::string& path) {
-    Bytes picture = read_file(path, largest_picture);
+    Bytes picture = read_file(path, longest_picture);
     if (!is_jpeg(picture)) {
         throw Failure(exit_usage, fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is broken",
                                               printable(path)));

@@ -1,7 +1,7 @@
 // Data goes to standard output, talk to standard error.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "Wire/PresetJson.h"
 #include "Words/Describe.h"

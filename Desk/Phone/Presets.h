@@ -1,7 +1,7 @@
 // Presets and replies in the forms that the commands print.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <utility>
 #include <vector>

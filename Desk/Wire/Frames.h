@@ -10,7 +10,8 @@
 
 namespace desk {
 
-// The most bytes that a request has room for behind a preset's record.
+// What a camera takes as a preset's picture: at most what a request has room for behind the preset's record.
+constexpr size_t smallest_picture = 100;
 constexpr size_t longest_picture = SM_REQUEST_LIMIT - sizeof(sm_frame) - sizeof(sm_tag_custom_info);
 
 // A whole request: the header with the right total length, then the payload.

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <limits>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <utility>
 #include <vector>
 
@@ -43,15 +44,17 @@ ordered_json text_to_json(std::span<const uint8_t> field) {
     const auto end = std::find(field.begin(), field.end(), 0);
     const std::string text(field.begin(), end);
     const bool nothing_behind = std::all_of(end, field.end(), [](uint8_t byte) { return byte == 0; });
-    if (nothing_behind && is_utf8(text))
+    if (nothing_behind && is_utf8(text)) {
         return text;
+    }
     return {{bytes_entry, fmt::format("{:02x}", fmt::join(field, ""))}};
 }
 
 ordered_json words_to_json(std::span<const uint8_t> bytes, size_t offset, size_t count) {
     ordered_json words = ordered_json::array();
-    for (size_t k = 0; k < count; ++k)
+    for (size_t k = 0; k < count; ++k) {
         words.push_back(get_word(bytes, offset + k * sizeof(int32_t)));
+    }
     return words;
 }
 
@@ -67,8 +70,9 @@ ordered_json field_to_json(std::span<const uint8_t> record, const Field& field) 
         break;
     }
     ordered_json colors = ordered_json::array();
-    for (size_t k = 0; k < field.count; ++k)
+    for (size_t k = 0; k < field.count; ++k) {
         colors.push_back(words_to_json(record, field.offset + k * sizeof(sm_color), color_names.size()));
+    }
     return colors;
 }
 
@@ -77,8 +81,9 @@ ordered_json record_to_json(const Record& preset) {
     const Bytes record = encode(preset);
     ordered_json whole = ordered_json::object();
     for (const Field& field : fields()) {
-        if (field.offset >= record.size())
+        if (field.offset >= record.size()) {
             continue;
+        }
         ordered_json& parent = field.in_style ? whole[style_block] : whole;
         parent[field.name] = field_to_json(record, field);
     }
@@ -137,8 +142,9 @@ struct Node {
 // What a fault names is cut to a length that a line can bear.
 std::string cut(std::string text) {
     constexpr size_t longest = 60;
-    if (text.size() > longest)
+    if (text.size() > longest) {
         text.replace(longest, std::string::npos, "...");
+    }
     return text;
 }
 
@@ -163,8 +169,9 @@ class TreeBuilder : public nlohmann::json_sax<json> {
                     fits ? static_cast<int32_t>(value) : 0});
     }
     bool number_unsigned(uint64_t value) override {
-        if (value <= uint64_t{std::numeric_limits<int32_t>::max()})
+        if (value <= uint64_t{std::numeric_limits<int32_t>::max()}) {
             return number_integer(static_cast<int64_t>(value));
+        }
         return add({Node::Kind::huge_integer, line(), key_, std::to_string(value)});
     }
     bool number_float(double, const std::string& written) override {
@@ -200,29 +207,33 @@ class TreeBuilder : public nlohmann::json_sax<json> {
     }
 
     bool add(Node node) {
-        if (too_deep_ > 0)
+        if (too_deep_ > 0) {
             return true;
-        if (open_.empty())
+        }
+        if (open_.empty()) {
             root_ = std::move(node);
-        else
+        } else {
             open_.back()->children.push_back(std::move(node));
+        }
         return true;
     }
 
     bool open(Node node) {
         add(std::move(node));
-        if (too_deep_ > 0 || open_.size() == deepest)
+        if (too_deep_ > 0 || open_.size() == deepest) {
             ++too_deep_;
-        else // the pointers stay good: a node gets no further children while one of them is open
+        } else { // the pointers stay good: a node gets no further children while one of them is open
             open_.push_back(open_.empty() ? &root_ : &open_.back()->children.back());
+        }
         return true;
     }
 
     bool close() {
-        if (too_deep_ > 0)
+        if (too_deep_ > 0) {
             --too_deep_;
-        else
+        } else {
             open_.pop_back();
+        }
         return true;
     }
 
@@ -252,13 +263,16 @@ class Faults {
 
     void throw_if_any() const {
         std::vector<std::string> texts;
-        for (const auto& [line, text] : lines_)
+        for (const auto& [line, text] : lines_) {
             texts.push_back(text);
-        if (untold_ > 0)
+        }
+        if (untold_ > 0) {
             texts.push_back(
                 fmt::format("{}:{}: and {} faults more; mend these first", name_, lines_.rbegin()->first, untold_));
-        if (!texts.empty())
+        }
+        if (!texts.empty()) {
             throw Failure(exit_usage, fmt::format("{}", fmt::join(texts, "\n")));
+        }
     }
 
   private:
@@ -295,11 +309,12 @@ class RecordReader {
         Given given;
         for (const Node& entry : object.children) {
             const auto [first, is_first] = given.emplace(entry.key, entry.line);
-            if (is_first)
+            if (is_first) {
                 read_entry(entry, in_style);
-            else
+            } else {
                 faults_.add(entry.line, fmt::format("{} is given twice, first in line {}; remove one",
                                                     quoted(entry.key), first->second));
+            }
         }
         add_missing(object.line, given, in_style);
     }
@@ -311,32 +326,36 @@ class RecordReader {
         }
         const auto field =
             std::find_if(fields().begin(), fields().end(), [&](const Field& known) { return known.name == entry.key; });
-        if (field == fields().end())
+        if (field == fields().end()) {
             faults_.add(entry.line, fmt::format("{} is no entry of a preset; remove it", quoted(entry.key)));
-        else if (field->offset >= record_.size())
+        } else if (field->offset >= record_.size()) {
             faults_.add(entry.line, fmt::format("\"{}\" is of the phone's presets only; remove it", entry.key));
-        else if (field->in_style != in_style)
+        } else if (field->in_style != in_style) {
             faults_.add(entry.line, fmt::format("\"{}\" belongs {} \"{}\"; move it there", entry.key,
                                                 field->in_style ? "in" : "outside of", style_block));
-        else
+        } else {
             read_field(entry, *field);
+        }
     }
 
     void read_style(const Node& entry) {
-        if (entry.kind == Node::Kind::object)
+        if (entry.kind == Node::Kind::object) {
             read_entries(entry, true);
-        else
+        } else {
             faults_.add(entry.line, fmt::format("\"{}\" must be an object, not {}", style_block, described(entry)));
+        }
     }
 
     void add_missing(size_t line, const Given& given, bool in_style) {
         for (const Field& field : fields()) {
             const bool expected = field.in_style == in_style && field.offset < record_.size();
-            if (expected && !is_optional(field) && !given.contains(field.name))
+            if (expected && !is_optional(field) && !given.contains(field.name)) {
                 faults_.add(line, fmt::format("\"{}\" is missing; add it", field.name));
+            }
         }
-        if (!in_style && !given.contains(style_block))
+        if (!in_style && !given.contains(style_block)) {
             faults_.add(line, fmt::format("\"{}\" is missing; add it", style_block));
+        }
     }
 
     void read_field(const Node& entry, const Field& field) {
@@ -357,65 +376,74 @@ class RecordReader {
     }
 
     void read_word(const Node& node, const std::string& what, size_t offset) {
-        if (node.kind == Node::Kind::integer)
+        if (node.kind == Node::Kind::integer) {
             put_word(record_, offset, node.number);
-        else if (node.kind == Node::Kind::huge_integer)
+        } else if (node.kind == Node::Kind::huge_integer) {
             faults_.add(node.line,
                         fmt::format("{} is {}; give an integer from -2147483648 to 2147483647", what, cut(node.text)));
-        else
+        } else {
             faults_.add(node.line, fmt::format("{} must be an integer, not {}", what, described(node)));
+        }
     }
 
     // Tells what is wrong unless it is an array of so many.
     bool check_array(const Node& node, const std::string& what, size_t count, const char* of) {
-        if (node.kind != Node::Kind::array)
+        if (node.kind != Node::Kind::array) {
             faults_.add(node.line,
                         fmt::format("{} must be an array of {} {}, not {}", what, count, of, described(node)));
-        else if (node.children.size() != count)
+        } else if (node.children.size() != count) {
             faults_.add(node.line, fmt::format("{} has {} {}; give {}", what, node.children.size(), of, count));
-        else
+        } else {
             return true;
+        }
         return false;
     }
 
     void read_words(const Node& entry, const Field& field) {
-        if (!check_array(entry, fmt::format("\"{}\"", field.name), field.count, "integers"))
+        if (!check_array(entry, fmt::format("\"{}\"", field.name), field.count, "integers")) {
             return;
-        for (size_t k = 0; k < field.count; ++k)
+        }
+        for (size_t k = 0; k < field.count; ++k) {
             read_word(entry.children[k], fmt::format("\"{}\" [{}]", field.name, k), field.offset + k * sizeof(int32_t));
+        }
     }
 
     void read_colors(const Node& entry, const Field& field) {
-        if (!check_array(entry, fmt::format("\"{}\"", field.name), field.count, "colours"))
+        if (!check_array(entry, fmt::format("\"{}\"", field.name), field.count, "colours")) {
             return;
+        }
         for (size_t k = 0; k < field.count; ++k) {
             const Node& color = entry.children[k];
-            if (!check_array(color, fmt::format("\"{}\" [{}]", field.name, k), color_names.size(), "integers"))
+            if (!check_array(color, fmt::format("\"{}\" [{}]", field.name, k), color_names.size(), "integers")) {
                 continue;
-            for (size_t c = 0; c < color_names.size(); ++c)
+            }
+            for (size_t c = 0; c < color_names.size(); ++c) {
                 read_word(color.children[c], fmt::format("\"{}\" [{}] {}", field.name, k, color_names[c]),
                           field.offset + k * sizeof(sm_color) + c * sizeof(int32_t));
+            }
         }
     }
 
     void read_text(const Node& entry, const Field& field) {
-        if (entry.kind == Node::Kind::text)
+        if (entry.kind == Node::Kind::text) {
             read_string(entry, field);
-        else if (entry.kind == Node::Kind::object)
+        } else if (entry.kind == Node::Kind::object) {
             read_bytes(entry, field);
-        else
+        } else {
             faults_.add(entry.line, fmt::format("\"{}\" must be a text, not {}", field.name, described(entry)));
+        }
     }
 
     void read_string(const Node& entry, const Field& field) {
-        if (entry.text.size() > field.count)
+        if (entry.text.size() > field.count) {
             faults_.add(entry.line, fmt::format("\"{}\" has {} bytes in UTF-8; shorten it to {}", field.name,
                                                 entry.text.size(), field.count));
-        else if (entry.text.find('\0') != std::string::npos)
+        } else if (entry.text.find('\0') != std::string::npos) {
             faults_.add(entry.line,
                         fmt::format("\"{}\" holds a NUL; write it as {{\"bytes\": \"<hexadecimal>\"}}", field.name));
-        else
+        } else {
             std::copy(entry.text.begin(), entry.text.end(), at(field.offset));
+        }
     }
 
     void read_bytes(const Node& entry, const Field& field) {
@@ -429,8 +457,9 @@ class RecordReader {
                                     field.name, bytes_entry, 2 * field.count));
             return;
         }
-        for (size_t k = 0; k < field.count; ++k)
+        for (size_t k = 0; k < field.count; ++k) {
             *at(field.offset + k) = static_cast<uint8_t>(std::stoi(hex->text.substr(2 * k, 2), nullptr, 16));
+        }
     }
 
     Bytes::iterator at(size_t offset) { return record_.begin() + static_cast<std::ptrdiff_t>(offset); }
@@ -441,11 +470,13 @@ class RecordReader {
 
 // The parser's own words, without its heading and without the piece of the file that it repeats.
 std::string words_of_parser(std::string error) {
-    if (error.find("out_of_range") != std::string::npos)
+    if (error.find("out_of_range") != std::string::npos) {
         return "a number is far too large";
+    }
     const size_t heading = error.find(": ");
-    if (heading != std::string::npos)
+    if (heading != std::string::npos) {
         error.erase(0, heading + 2);
+    }
     const size_t repeated = error.find("; last read: ");
     if (repeated != std::string::npos) {
         const size_t expected = error.rfind("; expected ");
@@ -473,10 +504,11 @@ Bytes record_from_json(std::string_view text, const std::string& name, size_t si
     TreeBuilder builder(position);
     const LineIterator first(text.data(), &position);
     const LineIterator last(text.data() + text.size(), &position);
-    if (json::sax_parse(first, last, &builder))
+    if (json::sax_parse(first, last, &builder)) {
         reader.read(builder.root());
-    else
+    } else {
         add_syntax_fault(text, builder.error_position(), builder.error(), faults);
+    }
     faults.throw_if_any();
     return reader.record();
 }

@@ -3,7 +3,7 @@
 // NULs alone, else {"bytes": "<hexadecimal, all of them>"}. Record to JSON and back gives the same bytes.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 

@@ -23,10 +23,12 @@ Bytes encode_fields(const Record& record) {
     Bytes bytes(sizeof record);
     const auto* const image = reinterpret_cast<const uint8_t*>(&record);
     for (const Field& field : fields()) {
-        if (field.offset >= sizeof record)
+        if (field.offset >= sizeof record) {
             continue;
-        if (field.kind == Field::Kind::text)
+        }
+        if (field.kind == Field::Kind::text) {
             std::memcpy(bytes.data() + field.offset, image + field.offset, field.count);
+        }
         for (size_t k = 0; k < field.words(); ++k) {
             const size_t offset = field.offset + k * sizeof(int32_t);
             int32_t value;
@@ -42,10 +44,12 @@ Record decode_fields(std::span<const uint8_t> bytes) {
     Record record{};
     auto* const image = reinterpret_cast<uint8_t*>(&record);
     for (const Field& field : fields()) {
-        if (field.offset >= sizeof record)
+        if (field.offset >= sizeof record) {
             continue;
-        if (field.kind == Field::Kind::text)
+        }
+        if (field.kind == Field::Kind::text) {
             std::memcpy(image + field.offset, bytes.data() + field.offset, field.count);
+        }
         for (size_t k = 0; k < field.words(); ++k) {
             const size_t offset = field.offset + k * sizeof(int32_t);
             const int32_t value = get_word(bytes, offset);
@@ -80,15 +84,17 @@ const std::vector<Field>& fields() {
 
 int32_t get_word(std::span<const uint8_t> bytes, size_t offset) {
     uint32_t value = 0;
-    for (size_t k = sizeof value; k-- > 0;)
+    for (size_t k = sizeof value; k-- > 0;) {
         value = value << 8 | bytes[offset + k];
+    }
     return static_cast<int32_t>(value);
 }
 
 void put_word(std::span<uint8_t> bytes, size_t offset, int32_t value) {
     auto rest = static_cast<uint32_t>(value);
-    for (size_t k = 0; k < sizeof rest; ++k, rest >>= 8)
+    for (size_t k = 0; k < sizeof rest; ++k, rest >>= 8) {
         bytes[offset + k] = static_cast<uint8_t>(rest & 0xFF);
+    }
 }
 
 void append_word(Bytes& bytes, int32_t value) {

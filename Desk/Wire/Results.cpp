@@ -57,10 +57,12 @@ std::string meaning_of_result(int32_t result) {
 }
 
 int exit_code_of_result(int32_t result) {
-    if (result == SM_RETURN_TRUE)
+    if (result == SM_RETURN_TRUE) {
         return exit_done;
-    if (result > 0 || result < lowest_result)
+    }
+    if (result > 0 || result < lowest_result) {
         return exit_other_result;
+    }
     return exit_result - result;
 }
 

@@ -89,16 +89,19 @@ constexpr Setting settings[] = {
 
 std::string adjustments_of(const sm_tag_custom_info& preset) {
     std::vector<std::string> set;
-    for (const Adjustment& adjustment : adjustments)
-        if (preset.*adjustment.value != 0)
+    for (const Adjustment& adjustment : adjustments) {
+        if (preset.*adjustment.value != 0) {
             set.push_back(fmt::format("{} {}", adjustment.name, preset.*adjustment.value));
+        }
+    }
     return set.empty() ? nothing : fmt::format("{}", fmt::join(set, ", "));
 }
 
 // The values of the selected colour style. Style 0 has no colour of its own.
 std::string style_values(const sm_cs_info& styles) {
-    if (styles.color_style < 0 || styles.color_style >= SM_COLOR_STYLES)
+    if (styles.color_style < 0 || styles.color_style >= SM_COLOR_STYLES) {
         return nothing;
+    }
     const auto style = static_cast<size_t>(styles.color_style);
     std::string text = fmt::format("saturation {}, sharpness {}, contrast {}, hue {}", styles.cs_saturation[style],
                                    styles.cs_sharpness[style], styles.cs_contrast[style], styles.cs_hue[style]);
@@ -134,16 +137,19 @@ std::string first_characters(const std::string& text, size_t count) {
 } // namespace
 
 std::string mode_name(int32_t mode) {
-    if (mode < 0 || mode >= static_cast<int32_t>(mode_names.size()))
+    if (mode < 0 || mode >= static_cast<int32_t>(mode_names.size())) {
         return fmt::format("mode {}", mode);
+    }
     return mode_names[static_cast<size_t>(mode)];
 }
 
 std::string aperture_text(int32_t f_number_times_ten) {
-    if (f_number_times_ten == 0)
+    if (f_number_times_ten == 0) {
         return nothing;
-    if (f_number_times_ten < 0)
+    }
+    if (f_number_times_ten < 0) {
         return fmt::format("code {}", f_number_times_ten);
+    }
     const int32_t tenths = f_number_times_ten % 10;
     return tenths == 0 ? fmt::format("f/{}", f_number_times_ten / 10)
                        : fmt::format("f/{}.{}", f_number_times_ten / 10, tenths);
@@ -161,25 +167,29 @@ std::string iso_text(int32_t iso) {
 
 std::string compensation_text(int32_t code) {
     constexpr int32_t none = 50; // of 0 to 100, which stand for -5 to +5
-    if (code < 0 || code > 2 * none)
+    if (code < 0 || code > 2 * none) {
         return fmt::format("code {}", code);
+    }
     const int32_t distance = std::abs(code - none);
     const int32_t thirds = (distance * 3 + 5) / 10;
-    if (thirds == 0)
+    if (thirds == 0) {
         return "0 EV";
+    }
     constexpr std::array fractions = {"", ".3", ".7"};
     return fmt::format("{}{}{} EV", code < none ? '-' : '+', thirds / 3, fractions[static_cast<size_t>(thirds % 3)]);
 }
 
 std::string color_style_text(int32_t style) {
-    if (style < SM_COLOR_STYLE_C1 || style > SM_COLOR_STYLE_C4)
+    if (style < SM_COLOR_STYLE_C1 || style > SM_COLOR_STYLE_C4) {
         return fmt::format("style {}", style);
+    }
     return fmt::format("C{}", style - SM_COLOR_STYLE_C1 + 1);
 }
 
 std::string white_balance_text(int32_t type, int32_t k_value) {
-    if (type != SM_WHITE_BALANCE_KELVIN)
+    if (type != SM_WHITE_BALANCE_KELVIN) {
         return fmt::format("type {}", type);
+    }
     return fmt::format("{} K", k_value);
 }
 
@@ -229,8 +239,9 @@ std::vector<std::pair<std::string, std::string>> description_of(const sm_tag_cus
         {"Self-timer",
          fmt::format("delay {}, shots {}, interval {}", preset.timer_time, preset.timer_count, preset.timer_interval)},
     };
-    for (const Setting& setting : settings)
+    for (const Setting& setting : settings) {
         lines.emplace_back(setting.label, fmt::format("{}", preset.*setting.value));
+    }
     lines.emplace_back("Origin", origin_text(preset.made_id));
     return lines;
 }
@@ -244,8 +255,9 @@ std::vector<size_t> widths_of(const std::vector<std::vector<std::string>>& rows)
     std::vector<size_t> widths;
     for (const auto& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
-        for (size_t k = 0; k < row.size(); ++k)
+        for (size_t k = 0; k < row.size(); ++k) {
             widths[k] = std::max(widths[k], characters(row[k]));
+        }
     }
     return widths;
 }
@@ -255,23 +267,26 @@ size_t columns_that_fit(const std::vector<size_t>& widths, size_t width) {
     size_t all = 0;
     for (size_t k = 0; k < widths.size(); ++k) {
         all += widths[k] + (k > 0 ? gap : 0);
-        if (width > 0 && all > width && k > title_column)
+        if (width > 0 && all > width && k > title_column) {
             return k;
+        }
     }
     return widths.size();
 }
 
 std::string shortened(const std::string& line, size_t width) {
-    if (width == 0 || characters(line) <= width)
+    if (width == 0 || characters(line) <= width) {
         return line;
+    }
     return first_characters(line, width - 1) + "…";
 }
 
 std::string table_line(const std::vector<std::string>& row, const std::vector<size_t>& widths, size_t columns,
                        size_t width) {
     std::string line;
-    for (size_t k = 0; k < std::min(columns, row.size()); ++k)
+    for (size_t k = 0; k < std::min(columns, row.size()); ++k) {
         line += row[k] + std::string(widths[k] - characters(row[k]) + gap, ' ');
+    }
     line.erase(line.find_last_not_of(' ') + 1);
     return shortened(line, width) + '\n';
 }
@@ -282,8 +297,9 @@ std::string table(const std::vector<std::vector<std::string>>& rows, size_t widt
     const std::vector<size_t> widths = widths_of(rows);
     const size_t columns = columns_that_fit(widths, width);
     std::string text;
-    for (const auto& row : rows)
+    for (const auto& row : rows) {
         text += table_line(row, widths, columns, width);
+    }
     return text;
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <numeric>
 #include <random>
 #include <sstream>

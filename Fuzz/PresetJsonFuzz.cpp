@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "Input.h"
-#include "Wire/PresetJson.h"
+#include "PresetFiles/PresetJson.h"
 
 namespace {
 

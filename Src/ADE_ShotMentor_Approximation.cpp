@@ -27,16 +27,16 @@ void ADE_PRO_SetModel() {
 
 int ADE_PRO_GetSysMode(const tag_custom_info* camera) {
     switch (camera->mode) {
-    case 0:
-    case 1:
-    case 2:
-    case 3:
+    case SM_MODE_AUTO:
+    case SM_MODE_PROGRAM:
+    case SM_MODE_APERTURE:
+    case SM_MODE_SHUTTER:
         return camera->mode;
-    case 4:
-    case 5:
-        return 4;
+    case SM_MODE_MANUAL:
+    case SM_MODE_MANUAL + 1: // manual, too
+        return SM_MODE_MANUAL;
     default:
-        return 1;
+        return SM_MODE_PROGRAM;
     }
 }
 

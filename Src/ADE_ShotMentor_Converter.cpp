@@ -17,9 +17,6 @@ static_assert(SM_TITLE_SIZE == 52);
 
 namespace {
 
-// System modes, as ADE_PRO_GetSysMode folds them, and the phone's modes.
-enum Mode { kModeProgram = 1, kModeAperture = 2, kModeShutter = 3, kModeManual = 4 };
-
 constexpr int kNoCompensation = 50;
 constexpr int kNoCompensationManual = 15; // the bare step, where the other modes give the phone's code for it
 
@@ -235,7 +232,7 @@ void ADE_PRO_InitializeProFilm(const tag_custom_info* camera) {
 }
 
 int ADE_PRO_Convert2ProFilmAV(int camera_code) {
-    if (pro_sys_mode != kModeAperture && pro_sys_mode != kModeManual) {
+    if (pro_sys_mode != SM_MODE_APERTURE && pro_sys_mode != SM_MODE_MANUAL) {
         return 0;
     }
     const int position = find(tKT7_APEX_AV, camera_code);
@@ -243,7 +240,7 @@ int ADE_PRO_Convert2ProFilmAV(int camera_code) {
 }
 
 int ADE_PRO_Convert2ProFilmTV(int camera_code) {
-    if (pro_sys_mode != kModeShutter && pro_sys_mode != kModeManual) {
+    if (pro_sys_mode != SM_MODE_SHUTTER && pro_sys_mode != SM_MODE_MANUAL) {
         return 0;
     }
     const int position = find(tKT7_APEX_TV, camera_code);
@@ -261,7 +258,7 @@ int ADE_PRO_Convert2ProFilmSV_1_3(int camera_code) {
 }
 
 int ADE_PRO_Convert2ProFilmEV(int camera_index) {
-    if (pro_sys_mode == kModeManual) {
+    if (pro_sys_mode == SM_MODE_MANUAL) {
         return kNoCompensationManual;
     }
     if (camera_index < 0 || camera_index >= SM_EV_STEPS) {
@@ -398,7 +395,7 @@ int ADE_PRO_SearchCommonSV(int value, int first, int last) {
 }
 
 int ADE_PRO_Convert2SysCustomAV(int phone_aperture) {
-    if (pro_film_mode == kModeProgram || pro_sys_mode == kModeShutter) {
+    if (pro_film_mode == SM_MODE_PROGRAM || pro_sys_mode == SM_MODE_SHUTTER) {
         return 0;
     }
     const SearchRange& range = range_of(kApertureRanges, phone_aperture);
@@ -415,7 +412,7 @@ int ADE_PRO_Convert2SysCustomAV(int phone_aperture) {
 }
 
 int ADE_PRO_Convert2SysCustomTV(int phone_position) {
-    if (pro_film_mode == kModeProgram || pro_film_mode == kModeAperture) {
+    if (pro_film_mode == SM_MODE_PROGRAM || pro_film_mode == SM_MODE_APERTURE) {
         return 0;
     }
     int position = phone_position;

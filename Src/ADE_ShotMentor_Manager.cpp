@@ -298,7 +298,7 @@ int ADE_SM_State_Off(const void* data, int length) {
 
 namespace {
 
-enum CustomMode { kCustom1, kCustom2, kCustomModes };
+enum CustomMode { kCustom1, kCustom2 };
 
 // The stored presets as the camera and as the phone sees them: working arrays of one command.
 struct PresetLists {
@@ -357,7 +357,7 @@ void fetch_presets(PresetLists& lists) {
 // Marks the presets that the custom modes use. A preset that both use ends with CUSTOM2. The number is not compared
 // with the count: a mark beyond the list falls on a working record that is not sent.
 void mark_linked_presets(PresetLists& lists) {
-    for (int mode = kCustom1; mode < kCustomModes; ++mode) {
+    for (int mode = kCustom1; mode < SM_CUSTOM_MODES; ++mode) {
         const int number = __ui_get_linked_preseet_num_for_phone(mode);
         ALG_LOG_PLAIN("LIST- CUSTOM%d MODE index: %d\n", mode + 1, number);
         if (number >= 0 && number < SM_PRESET_LIMIT) {
@@ -670,7 +670,7 @@ struct Deletion {
     int result = SM_RETURN_FAIL;
     bool is_refused = false; // for a fault: nothing is deleted, and the result says which it was
     int delete_flags[SM_DELETE_FLAGS] = {};
-    KeptPreset kept[kCustomModes];
+    KeptPreset kept[SM_CUSTOM_MODES];
 };
 
 sm_delete_pair pair_at(const Deletion& deletion, unsigned index) {

@@ -25,11 +25,22 @@ enum {
     SM_COLOR_STYLE_C1 = 10,       /* first custom colour style */
     SM_COLOR_STYLE_C4 = 13,       /* last custom colour style, the one that holds presets made elsewhere */
     SM_PRESET_LIMIT = 40,         /* presets that a camera stores at most: preset numbers 0 to 39 */
+    SM_CUSTOM_MODES = 2,          /* custom modes that a preset can be linked to: CUSTOM1 and CUSTOM2 */
     SM_DELETE_FLAGS = 42,         /* entries of the table that names the presets to delete */
     SM_MODEL_SIZE = 12,           /* bytes of the model string in a list reply, zero-filled */
     SM_LAYOUT_VERSION = 1,        /* value of `SM_STRUCT_VER` in the replies that carry it */
     SM_REQUEST_LIMIT = 600000,    /* bytes of the longest request, its 8 header bytes included */
     SM_MALLOC_SIZE = 30000        /* bytes of an ordinary reply buffer; a screennail reply sizes its own */
+};
+
+/* Shooting modes, as the phone's record names them. The camera's has a 5, too, which is manual as well. */
+enum {
+    SM_MODE_AUTO = 0,
+    SM_MODE_PROGRAM = 1,
+    SM_MODE_APERTURE = 2, /* carries the aperture */
+    SM_MODE_SHUTTER = 3,  /* carries the shutter time */
+    SM_MODE_MANUAL = 4,   /* carries both */
+    SM_MODES = 5
 };
 
 /* Function numbers: the first word of a request. A reply carries the request's number plus SM_REPLY. */
@@ -97,8 +108,8 @@ enum {
 #define SM_CUSTOM_INFO_FIELDS(TEXT, WORD, WORDS, BLOCK)                                                           \
     /* Title, opaque bytes in any encoding. It may fill all 52 bytes: bound every read.                     */    \
     TEXT(title, 0, SM_TITLE_SIZE)                                                                                 \
-    /* Shooting mode. Camera: 0 to 5. Phone: 0 to 4 (camera 4 and 5 give 4, unknown values 1). 2 carries    */    \
-    /* the aperture, 3 the shutter time, 4 both.                                                            */    \
+    /* Shooting mode, SM_MODE_AUTO to SM_MODE_MANUAL. Camera: 0 to 5 (5 gives the phone 4, unknown values    */    \
+    /* give 1). The mode says which exposure values the record carries.                                     */    \
     WORD(mode, 52)                                                                                                \
     /* Aperture. Camera: step code of `tKT7_APEX_AV`. Phone: f-number times ten, a value of                 */    \
     /* `tPRO_COMMON_AV`. 0 where the mode carries no aperture.                                              */    \

@@ -3,6 +3,7 @@
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 #include <cstdio>
+#include <fmt/format.h>
 
 #include "ADE_ShotMentor.h"
 #include "AllocationFaults.h"
@@ -105,8 +106,9 @@ void Camera::let_go_if_stalled() {
     if (!phone_ || !is_phone_stalled()) {
         return;
     }
-    say("the phone was let go for another one: for " + std::to_string(budget::stalled_time.count()) +
-        " s it has taken nothing of a reply, or sent nothing more of a request");
+    say(fmt::format("the phone was let go for another one: for {} s it has taken nothing of a reply, or sent nothing "
+                    "more of a request",
+                    budget::stalled_time.count()));
     phone_->link->abort();
     forget_phone();
 }

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -10,13 +11,13 @@
 
 #include "ADE_ShotMentor.h"
 #include "Common/Files.h"
+#include "PresetFiles/PresetJson.h"
 #include "PresetStore.h"
 #include "Services.h"
 #include "Talk.h"
 #include "Wire/Frames.h"
-#include "Wire/PresetJson.h"
-#include "Wire/Results.h"
 #include "Words/Describe.h"
+#include "Words/Results.h"
 
 namespace desk::camera {
 namespace {
@@ -37,9 +38,9 @@ int report_result(int result, const PresetStore& store) {
 void check_number(const PresetStore& store, int number) {
     const size_t count = store.presets().size();
     if (number < 0 || static_cast<size_t>(number) >= count) {
-        throw Failure(exit_missing, "there is no preset " + std::to_string(number) +
-                                        (count == 0 ? "; the store is empty"
-                                                    : "; the numbers go from 0 to " + std::to_string(count - 1)));
+        const std::string known =
+            count == 0 ? "the store is empty" : fmt::format("the numbers go from 0 to {}", count - 1);
+        throw Failure(exit_missing, fmt::format("there is no preset {}; {}", number, known));
     }
 }
 

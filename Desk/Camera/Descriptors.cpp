@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <fmt/format.h>
 #include <string>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -49,8 +50,9 @@ void ensure_descriptors() {
     const rlim_t allowed = limit.rlim_max;
     limit.rlim_cur = needed;
     if (allowed < needed || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        throw Failure(exit_machine, "the camera needs " + std::to_string(needed) + " open files, and may have " +
-                                        std::to_string(allowed) + "; raise the limit (ulimit -n)");
+        throw Failure(exit_machine,
+                      fmt::format("the camera needs {} open files, and may have {}; raise the limit (ulimit -n)",
+                                  needed, allowed));
     }
 }
 

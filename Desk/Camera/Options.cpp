@@ -4,13 +4,15 @@
 #include <climits>
 #include <iostream>
 
+#include "Common/Text.h"
+
 namespace desk::camera {
 namespace {
 
 using CLI::App;
 
 constexpr const char* footer = R"(Links:
-  unix:PATH                  a Unix socket that keeps packet borders
+  unix:PATH                  a Unix socket that keeps message boundaries
   tcp:HOST:PORT              a byte stream; port 0 takes any free one
   rfcomm:CHANNEL, l2cap:PSM  Bluetooth, where the kernel has it
 
@@ -180,13 +182,6 @@ void take_texts(const Texts& texts, Options& options) {
         options.lab.refuse_for_good = texts.refuse.back() == '+';
         options.lab.refuse_allocation = std::stoi(texts.refuse);
     }
-}
-
-std::string one_line(std::string text) {
-    for (char& character : text) {
-        character = character == '\n' ? ' ' : character;
-    }
-    return text;
 }
 
 } // namespace

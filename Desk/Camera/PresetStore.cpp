@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fmt/format.h>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -90,7 +91,7 @@ Descriptor lock(const fs::path& folder) {
 }
 
 bool is_custom_mode(int mode) {
-    return mode >= 0 && mode < custom_modes;
+    return mode >= 0 && mode < SM_CUSTOM_MODES;
 }
 
 // Without links on the way and without a slash at its end.
@@ -356,8 +357,8 @@ std::string PresetStore::fault_of_picture(const tag_custom_info& preset) const {
         const int64_t size = size_of(open_plain_file(path, O_RDONLY), path);
         return size <= int64_t{longest_picture}
                    ? ""
-                   : path.string() + ": it has " + std::to_string(size) + " bytes, more than the " +
-                         std::to_string(longest_picture) + " of the largest picture";
+                   : fmt::format("{}: it has {} bytes, more than the {} of the largest picture", path.string(), size,
+                                 longest_picture);
     } catch (const std::system_error& error) {
         const std::string other = what_is_no_file(path);
         return other.empty() ? error.what() : path.string() + ": it is not a file but " + other;
@@ -367,15 +368,15 @@ std::string PresetStore::fault_of_picture(const tag_custom_info& preset) const {
 int PresetStore::save(tag_custom_info& preset, const void* picture, int length) {
     State& state = *state_;
     if (length < 0 || static_cast<size_t>(length) > longest_picture || (!picture && length > 0)) {
-        return state.refused(SM_RETURN_JPG_ERR, "a picture has 0 to " + std::to_string(longest_picture) +
-                                                    " bytes, not " + std::to_string(length));
+        return state.refused(SM_RETURN_JPG_ERR,
+                             fmt::format("a picture has 0 to {} bytes, not {}", longest_picture, length));
     }
     if (!state.begin_change(NamedBy::identity)) {
         return SM_RETURN_FAIL;
     }
     if (state.contents.presets.size() >= SM_PRESET_LIMIT) {
         return state.refused(SM_RETURN_DATA_ERR,
-                             std::to_string(SM_PRESET_LIMIT) + " presets are stored, delete one first");
+                             fmt::format("{} presets are stored, delete one first", +SM_PRESET_LIMIT));
     }
     tag_custom_info stored = preset;
     std::optional<NewPicture> file;
@@ -405,7 +406,7 @@ int PresetStore::update(int custom_id, int server_id, std::string_view title) {
     }
     const int number = state.contents.number_of(custom_id);
     if (number < 0) {
-        return state.refused(SM_RETURN_LOCALN_ERR, "there is no preset with custom_id " + std::to_string(custom_id));
+        return state.refused(SM_RETURN_LOCALN_ERR, fmt::format("there is no preset with custom_id {}", custom_id));
     }
     return state.change([&](Contents& next) {
         tag_custom_info& preset = next.presets[static_cast<size_t>(number)];
@@ -447,7 +448,7 @@ int PresetStore::link(int custom_mode, int number) {
         return SM_RETURN_FAIL;
     }
     if (number < 0 || static_cast<size_t>(number) >= state.contents.presets.size()) {
-        return state.refused(SM_RETURN_LOCALN_ERR, "there is no preset number " + std::to_string(number));
+        return state.refused(SM_RETURN_LOCALN_ERR, fmt::format("there is no preset number {}", number));
     }
     return state.change([&](Contents& next) {
         const int32_t custom_id = next.presets[static_cast<size_t>(number)].custom_id;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <fmt/format.h>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -45,15 +46,16 @@ enum class Told { the_number, nothing };
 int tell_refusal(const Services& services, const char* what, int result, Told told = Told::the_number) {
     if (result != SM_RETURN_TRUE) {
         const std::string& reason = services.store.last_error();
-        say(std::string(what) + " refused with " + std::to_string(result) +
-            (told == Told::nothing ? ", which the phone is not told" : "") + (reason.empty() ? "" : ": " + reason));
+        say(fmt::format("{} refused with {}{}{}", what, result,
+                        told == Told::nothing ? ", which the phone is not told" : "",
+                        reason.empty() ? "" : ": " + reason));
     }
     return result;
 }
 
 // The library opens whatever lies at a picture's path. Without a path it finds no picture.
 void keep_from_the_library(tag_custom_info& preset, const std::string& fault) {
-    say("the phone gets an empty picture of the preset with id " + std::to_string(preset.custom_id) + ": " + fault);
+    say(fmt::format("the phone gets an empty picture of the preset with id {}: {}", preset.custom_id, fault));
     std::ranges::fill(preset.screennail_path, '\0');
 }
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <fmt/format.h>
 #include <limits>
 #include <memory>
 #include <netdb.h>
@@ -51,9 +52,9 @@ sockaddr_un unix_address(const Endpoint& endpoint) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (endpoint.path.size() >= sizeof address.sun_path) {
-        throw_failure(endpoint, "its path has " + std::to_string(endpoint.path.size()) + " bytes, and a socket's has " +
-                                    std::to_string(sizeof address.sun_path - 1) +
-                                    " at most; give a shorter one with --listen");
+        throw_failure(endpoint, fmt::format("its path has {} bytes, and a socket's has {} at most; give a shorter one "
+                                            "with --listen",
+                                            endpoint.path.size(), sizeof address.sun_path - 1));
     }
     std::memcpy(address.sun_path, endpoint.path.data(), endpoint.path.size());
     return address;

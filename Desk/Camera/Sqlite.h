@@ -12,17 +12,14 @@
 #include <stdexcept>
 #include <string>
 
+#include "Common/Text.h"
+
 namespace desk::camera {
 
 // SQLite repeats what it found in a file, line breaks included; a failure is told in one line.
-inline std::string in_one_line(std::string text) {
-    std::ranges::replace(text, '\n', ' ');
-    return text;
-}
-
 class SqliteError : public std::runtime_error {
   public:
-    SqliteError(int code, const std::string& text) : std::runtime_error(in_one_line(text)), code_(code) {}
+    SqliteError(int code, const std::string& text) : std::runtime_error(one_line(text)), code_(code) {}
     // The primary result code, such as SQLITE_FULL.
     int code() const { return code_ & 0xFF; }
 

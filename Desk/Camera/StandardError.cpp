@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -262,8 +263,8 @@ void StandardError::State::put(std::string_view line, const std::string& color) 
 
 bool StandardError::State::tell_missing() {
     const auto tell = [&](size_t& missing, const std::string& why) {
-        if (missing > 0 && outlet.write(std::string(program_name) + ": " + std::to_string(missing) +
-                                        " lines are missing here: " + why + "\n")) {
+        if (missing > 0 &&
+            outlet.write(fmt::format("{}: {} lines are missing here: {}\n", program_name, missing, why))) {
             missing = 0;
         }
         return missing == 0;
@@ -271,8 +272,7 @@ bool StandardError::State::tell_missing() {
     if (!tell(untaken, "nobody took them in time")) {
         return false;
     }
-    return !lines.gives() ||
-           tell(too_many, "more than " + std::to_string(budget::lines_a_second) + " came in a second");
+    return !lines.gives() || tell(too_many, fmt::format("more than {} came in a second", +budget::lines_a_second));
 }
 
 void StandardError::State::fall_behind() {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <fmt/format.h>
 #include <limits>
 #include <span>
 #include <string>
@@ -58,8 +59,7 @@ void require_nothing(const fs::path& path) {
 
 void require_size(const fs::path& path, int64_t size, int64_t largest) {
     if (size > largest) {
-        throw StoreDamage(path.filename().string() + " has " + std::to_string(size) + " bytes, more than " +
-                          std::to_string(largest));
+        throw StoreDamage(fmt::format("{} has {} bytes, more than {}", path.filename().string(), size, largest));
     }
 }
 
@@ -79,8 +79,8 @@ void check_header(const fs::path& path) {
         throw StoreDamage(path.filename().string() + " is not a database of presets");
     }
     if (number_at(60) != schema_version) {
-        throw StoreDamage(path.filename().string() + " has version " + std::to_string(number_at(60)) +
-                          ", this camera reads version " + std::to_string(schema_version));
+        throw StoreDamage(fmt::format("{} has version {}, this camera reads version {}", path.filename().string(),
+                                      number_at(60), +schema_version));
     }
 }
 
@@ -147,7 +147,7 @@ void check_integrity(Database& database, const fs::path& path) {
     Statement check(database, "PRAGMA integrity_check(1)");
     const std::string fault = check.step() ? check.text(0) : "nothing can be read";
     if (fault != "ok") {
-        throw StoreDamage(path.filename().string() + ": " + in_one_line(fault));
+        throw StoreDamage(path.filename().string() + ": " + one_line(fault));
     }
 }
 
@@ -164,8 +164,7 @@ std::string fault_of(int64_t custom_id, std::span<const uint8_t> record) {
         return "has a custom_id that no preset can have";
     }
     if (record.size() != sizeof(tag_custom_info)) {
-        return "has a record of " + std::to_string(record.size()) + " bytes instead of " +
-               std::to_string(sizeof(tag_custom_info));
+        return fmt::format("has a record of {} bytes instead of {}", record.size(), sizeof(tag_custom_info));
     }
     const tag_custom_info preset = decode_camera_record(record);
     if (preset.custom_id != custom_id ||
@@ -184,7 +183,7 @@ void renumber(std::vector<tag_custom_info>& presets) {
 } // namespace
 
 std::string picture_path(int custom_id) {
-    return "pictures/" + std::to_string(custom_id) + ".jpg";
+    return fmt::format("pictures/{}.jpg", custom_id);
 }
 
 // ---- What it holds --------------------------------------------------------------------------------------------------
@@ -219,8 +218,8 @@ StoreDatabase StoreDatabase::make(const fs::path& path) {
     made.database_.run(settings);
     Transaction transaction = made.begin();
     made.database_.run(schema);
-    made.database_.run(("PRAGMA application_id = " + std::to_string(application_id)).c_str());
-    made.database_.run(("PRAGMA user_version = " + std::to_string(schema_version)).c_str());
+    made.database_.run(fmt::format("PRAGMA application_id = {}", +application_id).c_str());
+    made.database_.run(fmt::format("PRAGMA user_version = {}", +schema_version).c_str());
     transaction.commit();
     return made;
 }
@@ -269,10 +268,10 @@ Contents StoreDatabase::read() {
     while (rows.step()) {
         const std::string fault = fault_of(rows.number(0), rows.blob(1));
         if (!fault.empty()) {
-            throw StoreDamage("the preset with custom_id " + std::to_string(rows.number(0)) + " " + fault);
+            throw StoreDamage(fmt::format("the preset with custom_id {} {}", rows.number(0), fault));
         }
         if (contents.presets.size() == SM_PRESET_LIMIT) {
-            throw StoreDamage("it has more than " + std::to_string(SM_PRESET_LIMIT) + " presets");
+            throw StoreDamage(fmt::format("it has more than {} presets", +SM_PRESET_LIMIT));
         }
         contents.presets.push_back(decode_camera_record(rows.blob(1)));
     }
@@ -287,12 +286,12 @@ void StoreDatabase::read_links(Contents& contents) {
     while (rows.step()) {
         const int64_t mode = rows.number(0);
         const int64_t custom_id = rows.number(1);
-        if (mode < 0 || mode >= custom_modes) {
+        if (mode < 0 || mode >= SM_CUSTOM_MODES) {
             throw StoreDamage("it links a custom mode that no camera has");
         }
         const auto has_id = [&](const tag_custom_info& preset) { return preset.custom_id == custom_id; };
         if (std::ranges::none_of(contents.presets, has_id)) {
-            throw StoreDamage("CUSTOM" + std::to_string(mode + 1) + " uses a preset that is not there");
+            throw StoreDamage(fmt::format("CUSTOM{} uses a preset that is not there", mode + 1));
         }
         contents.linked_ids[static_cast<size_t>(mode)] = static_cast<int>(custom_id);
     }

@@ -17,14 +17,12 @@
 
 namespace desk::camera {
 
-constexpr int custom_modes = 2;
-
 // A record's screennail_path, relative to the store.
 std::string picture_path(int custom_id);
 
 struct Contents {
-    std::vector<tag_custom_info> presets;           // in the order of their numbers: k has preset_num k
-    std::array<int32_t, custom_modes> linked_ids{}; // custom_ids, 0 for none
+    std::vector<tag_custom_info> presets;              // in the order of their numbers: k has preset_num k
+    std::array<int32_t, SM_CUSTOM_MODES> linked_ids{}; // custom_ids, 0 for none
 
     // The number of the preset with this custom_id, or -1.
     int number_of(int custom_id) const;

@@ -1,5 +1,6 @@
 #include "Text.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <glib.h>
 
@@ -58,6 +59,11 @@ std::string printable(std::string_view text) {
 
 std::string printable_lines(std::string_view text) {
     return replaced(text, [](gunichar character) { return character == '\n' ? "\n" : replacement; });
+}
+
+std::string one_line(std::string text) {
+    std::ranges::replace(text, '\n', ' ');
+    return text;
 }
 
 std::string escaped_json(std::string_view document) {

@@ -7,7 +7,7 @@
 
 #include "Options.h"
 #include "Progress.h"
-#include "Wire/Results.h"
+#include "Words/Results.h"
 
 namespace desk::phone {
 namespace {

@@ -15,8 +15,8 @@
 #include "Output.h"
 #include "Pictures.h"
 #include "Presets.h"
-#include "Wire/PresetJson.h"
-#include "Wire/Results.h"
+#include "PresetFiles/PresetJson.h"
+#include "Words/Results.h"
 #include "Words/Describe.h"
 
 namespace desk::phone {

@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "Wire/PresetJson.h"
+#include "PresetFiles/PresetJson.h"
 #include "Words/Describe.h"
 
 namespace desk::phone {

@@ -17,7 +17,7 @@ constexpr auto nothing = "-"; // what the camera decides, or what is not there
 
 enum Mode { mode_aperture = 2, mode_shutter = 3, mode_manual = 4 };
 
-constexpr std::array mode_names = {"Auto", "Program", "Aperture", "Shutter", "Manual"};
+constexpr std::array<const char*, SM_MODES> mode_names = {"Auto", "Program", "Aperture", "Shutter", "Manual"};
 
 struct ShutterTime {
     int32_t position;

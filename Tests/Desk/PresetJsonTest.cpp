@@ -10,7 +10,7 @@
 #include <random>
 #include <sstream>
 
-#include "Wire/PresetJson.h"
+#include "PresetFiles/PresetJson.h"
 
 namespace desk {
 namespace {

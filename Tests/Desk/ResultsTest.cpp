@@ -4,7 +4,7 @@
 
 #include <set>
 
-#include "Wire/Results.h"
+#include "Words/Results.h"
 
 namespace desk {
 namespace {

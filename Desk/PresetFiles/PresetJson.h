@@ -1,4 +1,4 @@
-// Preset records as JSON: one entry for each field of the record, by its name, in the record's order, the colour styles
+// Preset files: records as JSON, one entry for each field of the record, by its name, in the record's order, the colour styles
 // nested in "cs_info", colours as [red, green, blue]. A text is a string when its bytes are clean UTF-8 followed by
 // NULs alone, else {"bytes": "<hexadecimal, all of them>"}. Record to JSON and back gives the same bytes.
 #pragma once
@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "Common/Failure.h"
-#include "Record.h"
+#include "Wire/Record.h"
 
 namespace desk {
 

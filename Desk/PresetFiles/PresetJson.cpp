@@ -4,11 +4,13 @@
 #include <array>
 #include <fmt/format.h>
 #include <iterator>
-#include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
+#include <variant>
 #include <vector>
+
+#include "JsonTree.h"
 
 namespace desk {
 
@@ -90,163 +92,6 @@ ordered_json record_to_json(const Record& preset) {
     return whole;
 }
 
-// ---- JSON to a tree that knows its lines ----------------------------------------------------------------------------
-
-// Where the reading of a text stands.
-struct Position {
-    size_t line = 1;
-    bool after_newline = false;
-};
-
-// The characters of a text. The line is that of the character read last; a newline still belongs to the line that it
-// ends, as the parser reads one character beyond a number to find its end.
-class LineIterator {
-  public:
-    using iterator_category = std::input_iterator_tag;
-    using value_type = char;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const char*;
-    using reference = const char&;
-
-    LineIterator(const char* at, Position* position) : at_(at), position_(position) {}
-
-    reference operator*() const { return *at_; }
-    LineIterator& operator++() {
-        position_->line += position_->after_newline;
-        position_->after_newline = *at_ == '\n';
-        ++at_;
-        return *this;
-    }
-    LineIterator operator++(int) {
-        const LineIterator before = *this;
-        ++*this;
-        return before;
-    }
-    bool operator==(const LineIterator& other) const { return at_ == other.at_; }
-
-  private:
-    const char* at_;
-    Position* position_;
-};
-
-struct Node {
-    enum class Kind { object, array, integer, huge_integer, text, other };
-    Kind kind = Kind::other;
-    size_t line = 0;
-    std::string key;  // where the parent is an object
-    std::string text; // a text itself; else what the value is, for a fault
-    int32_t number = 0;
-    std::vector<Node> children = {};
-};
-
-// What a fault names is cut to a length that a line can bear.
-std::string cut(std::string text) {
-    constexpr size_t longest = 60;
-    if (text.size() > longest) {
-        text.replace(longest, std::string::npos, "...");
-    }
-    return text;
-}
-
-// A name of a file's own in quotes, control characters and all else but ASCII escaped.
-std::string quoted(const std::string& name) {
-    return cut(json(name).dump(-1, ' ', true));
-}
-
-class TreeBuilder : public nlohmann::json_sax<json> {
-  public:
-    explicit TreeBuilder(const Position& position) : position_(position) {}
-
-    const Node& root() const { return root_; }
-    size_t error_position() const { return error_position_; }
-    const std::string& error() const { return error_; }
-
-    bool null() override { return add({Node::Kind::other, line(), key_, "null"}); }
-    bool boolean(bool value) override { return add({Node::Kind::other, line(), key_, value ? "true" : "false"}); }
-    bool number_integer(int64_t value) override {
-        const bool fits = value >= std::numeric_limits<int32_t>::min() && value <= std::numeric_limits<int32_t>::max();
-        return add({fits ? Node::Kind::integer : Node::Kind::huge_integer, line(), key_, std::to_string(value),
-                    fits ? static_cast<int32_t>(value) : 0});
-    }
-    bool number_unsigned(uint64_t value) override {
-        if (value <= uint64_t{std::numeric_limits<int32_t>::max()}) {
-            return number_integer(static_cast<int64_t>(value));
-        }
-        return add({Node::Kind::huge_integer, line(), key_, std::to_string(value)});
-    }
-    bool number_float(double, const std::string& written) override {
-        const bool has_digits_alone = written.find_first_not_of("-0123456789") == std::string::npos;
-        return add({has_digits_alone ? Node::Kind::huge_integer : Node::Kind::other, line(), key_, cut(written)});
-    }
-    bool string(std::string& value) override { return add({Node::Kind::text, line(), key_, std::move(value)}); }
-    bool binary(json::binary_t&) override { return false; } // not in text
-    bool start_object(size_t) override { return open({Node::Kind::object, line(), key_, "an object"}); }
-    bool start_array(size_t) override { return open({Node::Kind::array, line(), key_, "an array"}); }
-    bool end_object() override { return close(); }
-    bool end_array() override { return close(); }
-    bool key(std::string& name) override {
-        key_ = name;
-        key_line_ = position_.line;
-        return true;
-    }
-    bool parse_error(size_t position, const std::string&, const json::exception& exception) override {
-        error_position_ = position;
-        error_ = exception.what();
-        return false;
-    }
-
-  private:
-    // A preset has four levels: the record, its style block, the colours in it, a colour. Nothing deeper can be right;
-    // it is read over.
-    static constexpr size_t deepest = 4;
-
-    // An entry of an object has the line of its name.
-    size_t line() const {
-        const bool in_object = !open_.empty() && open_.back()->kind == Node::Kind::object;
-        return in_object ? key_line_ : position_.line;
-    }
-
-    bool add(Node node) {
-        if (too_deep_ > 0) {
-            return true;
-        }
-        if (open_.empty()) {
-            root_ = std::move(node);
-        } else {
-            open_.back()->children.push_back(std::move(node));
-        }
-        return true;
-    }
-
-    bool open(Node node) {
-        add(std::move(node));
-        if (too_deep_ > 0 || open_.size() == deepest) {
-            ++too_deep_;
-        } else { // the pointers stay good: a node gets no further children while one of them is open
-            open_.push_back(open_.empty() ? &root_ : &open_.back()->children.back());
-        }
-        return true;
-    }
-
-    bool close() {
-        if (too_deep_ > 0) {
-            --too_deep_;
-        } else {
-            open_.pop_back();
-        }
-        return true;
-    }
-
-    const Position& position_;
-    Node root_;
-    std::vector<Node*> open_;
-    size_t too_deep_ = 0;
-    std::string key_;
-    size_t key_line_ = 0;
-    size_t error_position_ = 0;
-    std::string error_;
-};
-
 // ---- Tree to record -------------------------------------------------------------------------------------------------
 
 class Faults {
@@ -284,8 +129,8 @@ class Faults {
     size_t untold_ = 0;
 };
 
-std::string described(const Node& node) {
-    return node.kind == Node::Kind::text ? "a text" : node.text;
+std::string described(const JsonNode& node) {
+    return node.kind == JsonNode::Kind::text ? "a text" : node.text;
 }
 
 class RecordReader {
@@ -294,8 +139,8 @@ class RecordReader {
 
     const Bytes& record() const { return record_; }
 
-    void read(const Node& root) {
-        if (root.kind != Node::Kind::object) {
+    void read(const JsonNode& root) {
+        if (root.kind != JsonNode::Kind::object) {
             faults_.add(root.line, fmt::format("a preset is an object, {{\"title\": ...}}, not {}", described(root)));
             return;
         }
@@ -305,21 +150,21 @@ class RecordReader {
   private:
     using Given = std::map<std::string, size_t>; // entries of an object and their lines
 
-    void read_entries(const Node& object, bool in_style) {
+    void read_entries(const JsonNode& object, bool in_style) {
         Given given;
-        for (const Node& entry : object.children) {
+        for (const JsonNode& entry : object.children) {
             const auto [first, is_first] = given.emplace(entry.key, entry.line);
             if (is_first) {
                 read_entry(entry, in_style);
             } else {
                 faults_.add(entry.line, fmt::format("{} is given twice, first in line {}; remove one",
-                                                    quoted(entry.key), first->second));
+                                                    quoted_for_fault(entry.key), first->second));
             }
         }
         add_missing(object.line, given, in_style);
     }
 
-    void read_entry(const Node& entry, bool in_style) {
+    void read_entry(const JsonNode& entry, bool in_style) {
         if (entry.key == style_block && !in_style) {
             read_style(entry);
             return;
@@ -327,7 +172,7 @@ class RecordReader {
         const auto field =
             std::find_if(fields().begin(), fields().end(), [&](const Field& known) { return known.name == entry.key; });
         if (field == fields().end()) {
-            faults_.add(entry.line, fmt::format("{} is no entry of a preset; remove it", quoted(entry.key)));
+            faults_.add(entry.line, fmt::format("{} is no entry of a preset; remove it", quoted_for_fault(entry.key)));
         } else if (field->offset >= record_.size()) {
             faults_.add(entry.line, fmt::format("\"{}\" is of the phone's presets only; remove it", entry.key));
         } else if (field->in_style != in_style) {
@@ -338,8 +183,8 @@ class RecordReader {
         }
     }
 
-    void read_style(const Node& entry) {
-        if (entry.kind == Node::Kind::object) {
+    void read_style(const JsonNode& entry) {
+        if (entry.kind == JsonNode::Kind::object) {
             read_entries(entry, true);
         } else {
             faults_.add(entry.line, fmt::format("\"{}\" must be an object, not {}", style_block, described(entry)));
@@ -358,7 +203,7 @@ class RecordReader {
         }
     }
 
-    void read_field(const Node& entry, const Field& field) {
+    void read_field(const JsonNode& entry, const Field& field) {
         switch (field.kind) {
         case Field::Kind::text:
             read_text(entry, field);
@@ -375,20 +220,20 @@ class RecordReader {
         }
     }
 
-    void read_word(const Node& node, const std::string& what, size_t offset) {
-        if (node.kind == Node::Kind::integer) {
+    void read_word(const JsonNode& node, const std::string& what, size_t offset) {
+        if (node.kind == JsonNode::Kind::integer) {
             put_word(record_, offset, node.number);
-        } else if (node.kind == Node::Kind::huge_integer) {
-            faults_.add(node.line,
-                        fmt::format("{} is {}; give an integer from -2147483648 to 2147483647", what, cut(node.text)));
+        } else if (node.kind == JsonNode::Kind::huge_integer) {
+            faults_.add(node.line, fmt::format("{} is {}; give an integer from -2147483648 to 2147483647", what,
+                                               cut_for_fault(node.text)));
         } else {
             faults_.add(node.line, fmt::format("{} must be an integer, not {}", what, described(node)));
         }
     }
 
     // Tells what is wrong unless it is an array of so many.
-    bool check_array(const Node& node, const std::string& what, size_t count, const char* of) {
-        if (node.kind != Node::Kind::array) {
+    bool check_array(const JsonNode& node, const std::string& what, size_t count, const char* of) {
+        if (node.kind != JsonNode::Kind::array) {
             faults_.add(node.line,
                         fmt::format("{} must be an array of {} {}, not {}", what, count, of, described(node)));
         } else if (node.children.size() != count) {
@@ -399,7 +244,7 @@ class RecordReader {
         return false;
     }
 
-    void read_words(const Node& entry, const Field& field) {
+    void read_words(const JsonNode& entry, const Field& field) {
         if (!check_array(entry, fmt::format("\"{}\"", field.name), field.count, "integers")) {
             return;
         }
@@ -408,12 +253,12 @@ class RecordReader {
         }
     }
 
-    void read_colors(const Node& entry, const Field& field) {
+    void read_colors(const JsonNode& entry, const Field& field) {
         if (!check_array(entry, fmt::format("\"{}\"", field.name), field.count, "colours")) {
             return;
         }
         for (size_t k = 0; k < field.count; ++k) {
-            const Node& color = entry.children[k];
+            const JsonNode& color = entry.children[k];
             if (!check_array(color, fmt::format("\"{}\" [{}]", field.name, k), color_names.size(), "integers")) {
                 continue;
             }
@@ -424,17 +269,17 @@ class RecordReader {
         }
     }
 
-    void read_text(const Node& entry, const Field& field) {
-        if (entry.kind == Node::Kind::text) {
+    void read_text(const JsonNode& entry, const Field& field) {
+        if (entry.kind == JsonNode::Kind::text) {
             read_string(entry, field);
-        } else if (entry.kind == Node::Kind::object) {
+        } else if (entry.kind == JsonNode::Kind::object) {
             read_bytes(entry, field);
         } else {
             faults_.add(entry.line, fmt::format("\"{}\" must be a text, not {}", field.name, described(entry)));
         }
     }
 
-    void read_string(const Node& entry, const Field& field) {
+    void read_string(const JsonNode& entry, const Field& field) {
         if (entry.text.size() > field.count) {
             faults_.add(entry.line, fmt::format("\"{}\" has {} bytes in UTF-8; shorten it to {}", field.name,
                                                 entry.text.size(), field.count));
@@ -446,9 +291,9 @@ class RecordReader {
         }
     }
 
-    void read_bytes(const Node& entry, const Field& field) {
-        const Node* const hex = entry.children.size() == 1 ? &entry.children[0] : nullptr;
-        const bool is_hex = hex && hex->key == bytes_entry && hex->kind == Node::Kind::text &&
+    void read_bytes(const JsonNode& entry, const Field& field) {
+        const JsonNode* const hex = entry.children.size() == 1 ? &entry.children[0] : nullptr;
+        const bool is_hex = hex && hex->key == bytes_entry && hex->kind == JsonNode::Kind::text &&
                             hex->text.size() == 2 * field.count &&
                             hex->text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
         if (!is_hex) {
@@ -468,46 +313,14 @@ class RecordReader {
     Faults& faults_;
 };
 
-// The parser's own words, without its heading and without the piece of the file that it repeats.
-std::string words_of_parser(std::string error) {
-    if (error.find("out_of_range") != std::string::npos) {
-        return "a number is far too large";
-    }
-    const size_t heading = error.find(": ");
-    if (heading != std::string::npos) {
-        error.erase(0, heading + 2);
-    }
-    const size_t repeated = error.find("; last read: ");
-    if (repeated != std::string::npos) {
-        const size_t expected = error.rfind("; expected ");
-        const bool has_expected = expected != std::string::npos && expected > repeated;
-        error = error.substr(0, repeated) + (has_expected ? error.substr(expected) : "");
-    }
-    std::replace_if(
-        error.begin(), error.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-    return error;
-}
-
-// `count` bytes have been read when the parser stopped, the last of them being the one that it stopped at.
-void add_syntax_fault(std::string_view text, size_t count, const std::string& error, Faults& faults) {
-    const std::string_view before = text.substr(0, std::max(count, size_t{1}) - 1);
-    const auto line = static_cast<size_t>(std::count(before.begin(), before.end(), '\n')) + 1;
-    const size_t newline = before.rfind('\n');
-    const size_t column = newline == std::string_view::npos ? before.size() + 1 : before.size() - newline;
-    faults.add(line, fmt::format("not valid JSON at column {}: {}", column, words_of_parser(error)));
-}
-
 Bytes record_from_json(std::string_view text, const std::string& name, size_t size) {
     Faults faults(name);
     RecordReader reader(size, faults);
-    Position position;
-    TreeBuilder builder(position);
-    const LineIterator first(text.data(), &position);
-    const LineIterator last(text.data() + text.size(), &position);
-    if (json::sax_parse(first, last, &builder)) {
-        reader.read(builder.root());
+    const auto parsed = parse_json(text);
+    if (const auto* const fault = std::get_if<JsonSyntaxFault>(&parsed)) {
+        faults.add(fault->line, fmt::format("not valid JSON at column {}: {}", fault->column, fault->text));
     } else {
-        add_syntax_fault(text, builder.error_position(), builder.error(), faults);
+        reader.read(std::get<JsonNode>(parsed));
     }
     faults.throw_if_any();
     return reader.record();

@@ -404,7 +404,7 @@ void Model::check_reassembly() const {
     PROMISE(sm_BT_total_length >= 0 || (!has_buffer_ && sum_ == 0));
 }
 
-// Every block that the library owns has its place in the model, and what was handed over stays untouched.
+// Every block that the library owns has its place in the model, and what was sent stays untouched.
 void Model::check_replies() {
     PROMISE(shotmentor_p_Full_Q_NUM >= 0 && shotmentor_p_Full_Q_NUM <= 10);
     PROMISE(queue_.size() == static_cast<size_t>(shotmentor_p_Full_Q_NUM));

@@ -13,7 +13,7 @@ namespace fuzz {
 struct Reply {
     const void* data = nullptr;
     size_t size = 0;
-    Bytes bytes; // from the start of the buffer, as they were handed over
+    Bytes bytes; // from the start of the buffer, as they were sent
 };
 
 // What a dispatched request must lead to.

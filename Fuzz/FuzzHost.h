@@ -30,7 +30,7 @@ struct Sent {
     const void* data;
     int length;
     size_t buffer_size; // of the buffer that the library owned at that time
-    Bytes bytes;        // those handed over; of an error reply the 12 of its head
+    Bytes bytes;        // those sent; of an error reply the 12 of its head
 };
 
 struct Saved {

@@ -6,13 +6,37 @@ Usage: Fuzz/make_corpus.py
 Each input of the conversations is written as the decisions that its target reads, step by step.
 """
 import pathlib
+import re
 import struct
 
-CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
-BORDERS = [-2**31, -2**31 + 1, -2, -1, 0, 1, 2, 39, 40, 41, 42, 599999, 600000, 600001, 743, 744, 844, 30000, 74999,
-           2**31 - 1]
-FUNCTIONS = [1, 2, 3, 4, 5, 0, 255, 256, 6]
+FUZZ = pathlib.Path(__file__).resolve().parent
+CORPUS = FUZZ / "corpus"
 STREAM = b"\xff\xd8\xff\xdb"
+
+
+def list_in(path, name):
+    """The entries of a C++ array, as they are written in the source that defines it."""
+    entries = re.search(rf"\b{name}\[\] = \{{(.*?)\}};", path.read_text(), re.DOTALL).group(1)
+    return re.split(r",\s*", entries.strip())
+
+
+def numbers_in(path):
+    """The values of the constants that a header or source defines by a plain number."""
+    return {name: int(value, 0) for name, value in re.findall(r"\b(\w+) = (-?\w+)[,;]", path.read_text())
+            if re.fullmatch(r"-?(0x[0-9A-Fa-f]+|\d+)", value)}
+
+
+def value_of(text, names):
+    """A number, a constant, or a constant plus a number."""
+    return sum(names[term] if term in names else int(term) for term in text.split(" + "))
+
+
+# The targets take a decision for the position of what it chooses in one of their lists.
+NAMES = {"INT32_MIN": -2**31, "INT32_MAX": 2**31 - 1,
+         **numbers_in(FUZZ.parent / "Src" / "ADE_ShotMentor_Records.h"),
+         **numbers_in(FUZZ / "ConversationFuzz.cpp")}
+BORDERS = [value_of(text, NAMES) for text in list_in(FUZZ / "Input.h", "borders")]
+FUNCTIONS = [value_of(text, NAMES) for text in list_in(FUZZ / "ConversationFuzz.cpp", "functions")]
 
 
 def size(value):

@@ -302,7 +302,7 @@ int __ui_get_linked_preseet_num_for_phone(int custom_mode) {
 bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
     tag_custom_info asked = *preset;
     asked.applocal_id = 0;
-    EXPECT_TRUE(is_cleared(&asked, sizeof asked)) << "a look-up hands over more than the phone's identity";
+    EXPECT_TRUE(is_cleared(&asked, sizeof asked)) << "a look-up passes on more than the phone's identity";
     note_call(__func__, custom_id, preset->applocal_id);
     const tag_custom_info* const stored = stored_preset(custom_id);
     const bool known = current->preset_info_answer.value_or(stored != nullptr);

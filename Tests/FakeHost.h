@@ -39,7 +39,7 @@ struct LogLine {
 
 // One call of bt_send_msgs.
 struct Reply {
-    bt_msg_info message; // the record as it was handed over
+    bt_msg_info message; // the record as it was sent
     Bytes bytes;         // `length` bytes from the data pointer
     Bytes buffer;        // the whole reply buffer that the data pointer leads to, sent or not
 };

@@ -1,4 +1,4 @@
-// Readable ways to write what travels over the link.
+// The wire format, written readably: words, frames and records as bytes.
 #pragma once
 
 #include <cstdint>

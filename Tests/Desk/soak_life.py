@@ -225,13 +225,20 @@ class Life:
         self.counts[f"{change.name}s {'confirmed' if result == 1 else 'refused'}"] += 1
 
     def possible_results(self, change):
+        """1 done, -1 not made, -2 no room, -6 no such preset."""
         is_storing = change.name == "store"
-        if is_storing and len(self.book.presets) == PRESET_LIMIT and not self.book.open:
-            return (-2, -1) if self.plan.call_fault else (-2,)
-        if self.plan.call_fault:
-            # What was in doubt may turn out first: a preset that is gone, or one that is the last.
-            return (1, -1, -2 if is_storing else -6) if self.book.open else (1, -1)
-        return (1,) if self.disk.room else (-1,) if is_storing else (1, -1)
+        is_in_doubt = bool(self.book.open)  # what was in doubt may turn out first
+        if is_storing and len(self.book.presets) == PRESET_LIMIT and not is_in_doubt:
+            possible = {-2}
+        elif self.plan.call_fault and is_in_doubt:
+            possible = {1, -2 if is_storing else -6}
+        elif is_storing and not self.disk.room and not self.plan.call_fault:
+            possible = set()
+        else:
+            possible = {1}
+        if self.plan.call_fault or not self.disk.room and possible != {-2}:
+            possible.add(-1)
+        return possible
 
     def enter(self, change, result, answer):
         """Enters the answer to a store or an update in the book."""

@@ -5,10 +5,13 @@
 
 #include "ADE_ShotMentor.h"
 
-/* The services. A camera's firmware has them; here the camera stores no preset and prints what it would send. */
+/* The services that the library calls. This camera stores no preset, and prints what it would send. */
 
 int __dlog_print(int buffer, int priority, const char* tag, const char* format, ...) {
-    (void)buffer, (void)priority, (void)tag, (void)format;
+    (void)buffer;
+    (void)priority;
+    (void)tag;
+    (void)format;
     return 0;
 }
 
@@ -28,26 +31,44 @@ int __ui_get_custom_mode_list_info(tag_custom_info* presets, int* count) {
 bool __ui_get_bt_state_for_phone(void) {
     return true;
 }
+
 int __ui_set_shotmentor_state(int state) {
-    return state;
+    (void)state;
+    return 0;
 }
+
 int __ui_get_linked_preseet_num_for_phone(int custom_mode) {
-    return custom_mode < 0 ? 0 : -1;
+    (void)custom_mode;
+    return -1; /* the custom mode uses no preset */
 }
+
 bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
-    return custom_id == 0 && preset == NULL;
+    (void)custom_id;
+    (void)preset;
+    return false; /* there is no such preset */
 }
+
 int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int length) {
-    return preset != NULL && image != NULL && length > 0 ? SM_RETURN_FAIL : SM_RETURN_DATA_ERR;
+    (void)preset;
+    (void)image;
+    (void)length;
+    return SM_RETURN_FAIL; /* there is no room for it */
 }
+
 int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) {
-    return custom_id == server_id && title == NULL ? SM_RETURN_TRUE : SM_RETURN_FAIL;
+    (void)custom_id;
+    (void)server_id;
+    (void)title;
+    return SM_RETURN_LOCALN_ERR; /* there is no such preset */
 }
+
 int __ui_preset_delete_form_phone(int* flags) {
-    return flags[0];
+    (void)flags;
+    return 0;
 }
+
 int User_Spec_Get_Value(int key) {
-    return key == SM_SPEC_KEY_ISO_STEP ? 1 : 0;
+    return key == SM_SPEC_KEY_ISO_STEP ? 1 : 0; /* ISO is set in full steps */
 }
 
 int main(void) {

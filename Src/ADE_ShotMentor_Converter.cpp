@@ -22,7 +22,7 @@ constexpr int kNoCompensationManual = 15; // the bare step, where the other mode
 
 // Returns the entry at a position, or entry 0 for the failure value of an approximation.
 template<size_t count>
-int entry(const int32_t (&table)[count], int position) {
+int entry_or_first(const int32_t (&table)[count], int position) {
     return table[position < 0 ? 0 : position];
 }
 
@@ -408,7 +408,7 @@ int ADE_PRO_Convert2SysCustomAV(int phone_aperture) {
     if (position >= SM_AV_STEPS) {
         position = nearest_coded_aperture(phone_aperture);
     }
-    return entry(tKT7_APEX_AV, position);
+    return entry_or_first(tKT7_APEX_AV, position);
 }
 
 int ADE_PRO_Convert2SysCustomTV(int phone_position) {
@@ -437,7 +437,7 @@ int ADE_PRO_Convert2SysCustomSV_1_3(int phone_position) {
     if (is_missing(tKT7_APEX_SV_1_3, position, SM_STEP_MISSING_SIGNED)) {
         position = ADE_PRO_ConvertApproxSV_1_3step(position);
     }
-    return entry(tKT7_APEX_SV_1_3, position);
+    return entry_or_first(tKT7_APEX_SV_1_3, position);
 }
 
 int ADE_PRO_Convert2SysCustomEV(int phone_code) {
@@ -445,7 +445,7 @@ int ADE_PRO_Convert2SysCustomEV(int phone_code) {
     if (is_missing(tKT7_APEX_EV_1_3, position, SM_STEP_MISSING_SIGNED)) {
         position = ADE_PRO_ConvertApproxEV(position);
     }
-    return entry(tKT7_APEX_EV_1_3, position);
+    return entry_or_first(tKT7_APEX_EV_1_3, position);
 }
 
 void ADE_PRO_CreateSysCustom(const sm_tag_custom_info* phone, tag_custom_info* camera) {

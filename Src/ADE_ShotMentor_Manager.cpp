@@ -567,7 +567,7 @@ namespace {
 constexpr unsigned kSmallestPicture = 100;
 
 // Lengths are compared as unsigned numbers: a negative one counts as long.
-bool holds(int length, unsigned bytes) {
+bool has_at_least(int length, unsigned bytes) {
     return static_cast<unsigned>(length) >= bytes;
 }
 
@@ -594,7 +594,7 @@ int ADE_SM_Receive_Preset(const void* data, int length) {
     tag_custom_info camera = {};
     ALG_LOG_CYAN("ADE_SM_Receive_Preset() length=%d, sizeof(sm_tag_custom_info)=%d\n", length,
                  static_cast<int>(record_size));
-    if (holds(length, record_size)) {
+    if (has_at_least(length, record_size)) {
         memcpy(&phone, data, record_size);
         ADE_PRO_CreateSysCustom(&phone, &camera);
     } else {
@@ -603,7 +603,7 @@ int ADE_SM_Receive_Preset(const void* data, int length) {
     // A payload too short for its record is too short for a picture, too: the phone is told of the picture, and the
     // record's fault shows in the log alone.
     int result = SM_RETURN_JPG_ERR;
-    if (holds(length, record_size + kSmallestPicture)) {
+    if (has_at_least(length, record_size + kSmallestPicture)) {
         const unsigned char* const picture = static_cast<const unsigned char*>(data) + record_size;
         result = __ui_save_downloaded_preset(&camera, picture, length_without(length, record_size));
     } else {
@@ -637,7 +637,7 @@ int ADE_SM_Update_Preset(const void* data, int length) {
     ALG_LOG_CYAN("ADE_SM_Update_Preset() custom_id=%d, server_id=%d, title=%s\n", phone.custom_id, phone.server_id,
                  title);
     int result = SM_RETURN_STRUCT_ERR;
-    if (!holds(length, sizeof phone)) {
+    if (!has_at_least(length, sizeof phone)) {
         ALG_LOG_ERROR("SM_RETURN_STRUCT_ERR\n");
     } else if (phone.custom_id < 0) {
         result = SM_RETURN_DATA_ERR;

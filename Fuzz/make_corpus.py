@@ -22,8 +22,11 @@ def list_in(path, name):
 
 def numbers_in(path):
     """The values of the constants that a header or source defines by a plain number."""
-    return {name: int(value, 0) for name, value in re.findall(r"\b(\w+) = (-?\w+)[,;]", path.read_text())
-            if re.fullmatch(r"-?(0x[0-9A-Fa-f]+|\d+)", value)}
+    return {
+        name: int(value, 0)
+        for name, value in re.findall(r"\b(\w+) = (-?\w+)[,;]", path.read_text())
+        if re.fullmatch(r"-?(0x[0-9A-Fa-f]+|\d+)", value)
+    }
 
 
 def value_of(text, names):
@@ -32,9 +35,12 @@ def value_of(text, names):
 
 
 # The targets take a decision for the position of what it chooses in one of their lists.
-NAMES = {"INT32_MIN": -2**31, "INT32_MAX": 2**31 - 1,
-         **numbers_in(FUZZ.parent / "Src" / "ADE_ShotMentor_Records.h"),
-         **numbers_in(FUZZ / "ConversationFuzz.cpp")}
+NAMES = {
+    "INT32_MIN": -(2**31),
+    "INT32_MAX": 2**31 - 1,
+    **numbers_in(FUZZ.parent / "Src" / "ADE_ShotMentor_Records.h"),
+    **numbers_in(FUZZ / "ConversationFuzz.cpp"),
+}
 BORDERS = [value_of(text, NAMES) for text in list_in(FUZZ / "Input.h", "borders")]
 FUNCTIONS = [value_of(text, NAMES) for text in list_in(FUZZ / "ConversationFuzz.cpp", "functions")]
 
@@ -55,6 +61,7 @@ def number(value):
 
 # ---- Conversations ------------------------------------------------------------------------------------------------
 
+
 def cuts(*sizes):
     return bytes([len(sizes)]) + b"".join(size(value) for value in sizes)
 
@@ -65,8 +72,13 @@ def request(function, payload=size(0), pieces=cuts()):
 
 def record(seed=b"\0", changes=()):
     """A whole record that repeats `seed`, with words changed at some offsets."""
-    return (bytes([1]) + size(len(seed) - 1) + seed + bytes([len(changes)])
-            + b"".join(size(offset) + number(value) for offset, value in changes))
+    return (
+        bytes([1])
+        + size(len(seed) - 1)
+        + seed
+        + bytes([len(changes)])
+        + b"".join(size(offset) + number(value) for offset, value in changes)
+    )
 
 
 def picture(short=0):
@@ -74,8 +86,9 @@ def picture(short=0):
 
 
 def pairs(*named):
-    return (bytes([len(named)]) + b"".join(b"\0" + number(preset) + b"\0" + number(id_) for preset, id_ in named)
-            + size(0))
+    return (
+        bytes([len(named)]) + b"".join(b"\0" + number(preset) + b"\0" + number(id_) for preset, id_ in named) + size(0)
+    )
 
 
 def announcing(function, total, rest=b"", pieces=cuts()):
@@ -91,15 +104,29 @@ def confirm(times=1):
 
 
 def camera_list(presets, linked=(-1, -1, -1, -1), link_up=True, reported=None):
-    return (bytes([11, 1 if link_up else 0, 1, 0, len(presets)])
-            + (bytes([1]) if reported is None else bytes([0]) + number(reported))
-            + record(b"A\0\0\0") + b"".join(number(num) + number(id_) for num, id_ in presets)
-            + b"".join(b"\0" + number(value) for value in linked) + bytes([1, 1]))
+    return (
+        bytes([11, 1 if link_up else 0, 1, 0, len(presets)])
+        + (bytes([1]) if reported is None else bytes([0]) + number(reported))
+        + record(b"A\0\0\0")
+        + b"".join(number(num) + number(id_) for num, id_ in presets)
+        + b"".join(b"\0" + number(value) for value in linked)
+        + bytes([1, 1])
+    )
 
 
 def answers(known, path=4, custom_id=7, save=1, update=1):
-    return (bytes([12, known]) + record() + bytes([path]) + number(custom_id) + number(save) + b"\1" + number(3)
-            + number(9) + number(5) + number(update))
+    return (
+        bytes([12, known])
+        + record()
+        + bytes([path])
+        + number(custom_id)
+        + number(save)
+        + b"\1"
+        + number(3)
+        + number(9)
+        + number(5)
+        + number(update)
+    )
 
 
 def refuse(nth, for_good=False):
@@ -115,23 +142,25 @@ def flood(value, *extra):
 
 
 def pictures(*parts, path=4):
-    return (bytes([15, len(parts)]) + b"".join(bytes([3]) + size(len(part)) + part for part in parts)
-            + bytes([path]))
+    return bytes([15, len(parts)]) + b"".join(bytes([3]) + size(len(part)) + part for part in parts) + bytes([path])
 
 
 CONVERSATIONS = {
     "list_of_two": camera_list([(0, 1), (1, 3)], (0, 1, 0, 1)) + request(1) + confirm(2),
     "list_link_down": camera_list([(0, 1)], link_up=False) + request(1),
-    "list_impossible_counts": b"".join(camera_list([(0, 1)], reported=count) + request(1)
-                                       for count in (-2**31, -1, 41, 2**31 - 1)),
+    "list_impossible_counts": b"".join(
+        camera_list([(0, 1)], reported=count) + request(1) for count in (-(2**31), -1, 41, 2**31 - 1)
+    ),
     "picture_errors": request(2, number(0) + number(1)) + request(2, number(5) + number(1)) + confirm(2),
     "picture_of_four_streams": pictures(b"one", b"two", b"three", b"four") + request(2, number(5) + number(1)),
     "picture_paths": b"".join(pictures(b"x", path=path) + request(2, number(7) + number(1)) for path in range(5)),
     "store": answers(1) + request(3, record(b"B\1") + picture(), cuts(8, 100, 736)) + confirm(),
     "store_too_short": request(3, record() + picture(short=10)) + announcing(3, 4) + drop_link(),
     "update": answers(1) + request(4, record(b"T", [(600, 5)])) + request(4, record(b"\xff")),
-    "delete_kept_by_both": camera_list([(0, 1), (1, 3)], (0, 1, 0, 1)) + answers(1)
-                           + request(5, pairs((0, 1), (1, 3), (2, 5))) + confirm(),
+    "delete_kept_by_both": camera_list([(0, 1), (1, 3)], (0, 1, 0, 1))
+    + answers(1)
+    + request(5, pairs((0, 1), (1, 3), (2, 5)))
+    + confirm(),
     "delete_impossible_link": camera_list([(0, 1)], (-2, 41, 0, 1)) + answers(1) + request(5, pairs((0, 1))),
     "delete_faulty": answers(1) + request(5, pairs((0, 0))) + request(5, pairs((40, 1))) + request(5, pairs()),
     "state_off_and_on": request(0, size(4) + word(-12)) + request(255) + request(256) + request(6),
@@ -139,8 +168,7 @@ CONVERSATIONS = {
     "refused_totals": announcing(1, -1) + announcing(1, 0) + drop_link() + announcing(257, 8) + announcing(-1, 8),
     "overshoot": announcing(1, 2, b"more") + raw(b"\1\0\0\0\x08\0\0\0") + drop_link() + request(1),
     "too_long": announcing(3, 600001) + flood(7, 0, 0, 0) + drop_link(),
-    "refused_buffers": b"".join(refuse(nth) + camera_list([(0, 1)]) + request(1) + drop_link()
-                                for nth in range(1, 5)),
+    "refused_buffers": b"".join(refuse(nth) + camera_list([(0, 1)]) + request(1) + drop_link() for nth in range(1, 5)),
     "refused_for_good": refuse(2, True) + request(2, number(0) + number(0)) + request(4, record()) + confirm(),
     "total_0_without_buffer": refuse(1) + announcing(1, 0) + raw(b"\1\0\0\0"),
 }
@@ -148,29 +176,40 @@ CONVERSATIONS = {
 
 # ---- The other targets --------------------------------------------------------------------------------------------
 
+
 def bytes_of(*values):
     return bytes(values)
 
 
 # Model code, C4 state and ISO step are left behind, then the kind of conversion follows.
 CONVERSIONS = {
-    **{f"to_phone_mode_{mode}": bytes_of(4, 4, 5, 0, 1, mode + 1, 0, 1, 20 + mode, 1, 30 + mode, 0, 1, 3, 0, 5, 1, 15)
-       for mode in range(7)},
-    **{f"to_camera_mode_{mode}": bytes_of(5, 4, 5, 1, 1, mode + 1, 1, 1, 19, 1, 40 + mode, 1, 1, 4, 1, 6, 1, 53, 1, 1,
-                                          0x44)
-       for mode in range(6)},
+    **{
+        f"to_phone_mode_{mode}": bytes_of(4, 4, 5, 0, 1, mode + 1, 0, 1, 20 + mode, 1, 30 + mode, 0, 1, 3, 0, 5, 1, 15)
+        for mode in range(7)
+    },
+    **{
+        f"to_camera_mode_{mode}": bytes_of(
+            5, 4, 5, 1, 1, mode + 1, 1, 1, 19, 1, 40 + mode, 1, 1, 4, 1, 6, 1, 53, 1, 1, 0x44
+        )
+        for mode in range(6)
+    },
     "there_and_back": bytes_of(6, 4, 5, 2) + bytes(range(256)) * 3,
-    **{f"approximations_of_model_{model}": bytes_of(4, 4, 5, 3, 4, 4, 1, model + 1, 28) + word(105)
-       for model in range(4)},
+    **{
+        f"approximations_of_model_{model}": bytes_of(4, 4, 5, 3, 4, 4, 1, model + 1, 28) + word(105)
+        for model in range(4)
+    },
     "white": bytes_of(4, 4, 5, 2) + word(255) * 186,
-    "extremes": bytes_of(19, 0, 19, 2) + word(2**31 - 1) * 186 + bytes_of(0, 19, 0, 2) + word(-2**31) * 186,
+    "extremes": bytes_of(19, 0, 19, 2) + word(2**31 - 1) * 186 + bytes_of(0, 19, 0, 2) + word(-(2**31)) * 186,
 }
 
 LOG_LINES = {
-    **{f"level_{level}": b"".join(bytes_of(level, tag, 0) + size(7) + b"hello\n\0\1" for tag in range(9))
-       for level in range(6)},
-    "longest": b"".join(bytes_of(level, 0, 1, more) + b"y" * (240 + more) + b"\1"
-                        for level in (0, 1, 5) for more in (5, 6, 7, 8)),
+    **{
+        f"level_{level}": b"".join(bytes_of(level, tag, 0) + size(7) + b"hello\n\0\1" for tag in range(9))
+        for level in range(6)
+    },
+    "longest": b"".join(
+        bytes_of(level, 0, 1, more) + b"y" * (240 + more) + b"\1" for level in (0, 1, 5) for more in (5, 6, 7, 8)
+    ),
     "formats": bytes_of(5, 3, 0) + size(12) + b"%s%n%d%%\\\033[m\1",
 }
 
@@ -214,8 +253,10 @@ STORES = {
     "links": NO_DAMAGE + bytes_of(3, 0, 2) + bytes_of(4, 1) + bytes_of(3, 2, 0) + bytes_of(1, 1, 5, 6),
     "cut_off": bytes_of(0, 1) + size(4096),
     "empty": bytes_of(0, 1) + size(0),
-    **{f"header_{offset}": bytes_of(1) + size(offset) + size(3) + word(7) + bytes_of(0, 2, 1, 1)
-       for offset in (0, 16, 18, 20, 28, 40, 60, 68)},
+    **{
+        f"header_{offset}": bytes_of(1) + size(offset) + size(3) + word(7) + bytes_of(0, 2, 1, 1)
+        for offset in (0, 16, 18, 20, 28, 40, 60, 68)
+    },
     **{f"page_{page}": bytes_of(1) + size(4096 * page) + size(7) + bytes(8) + bytes_of(0) for page in range(1, 4)},
 }
 

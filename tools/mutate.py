@@ -39,7 +39,8 @@ TOKENS = re.compile(
     r"(?P<skipped>//[^\n]*|/\*.*?\*/|^[ \t]*\#(?:[^\n]*\\\n)*[^\n]*|\b(?:static_assert|__attribute__)\b|"
     r"\bextern\s+\"C\"|'(?:\\.|[^'\\\n])+')"
     r"|(?P<text>\"(?:\\.|[^\"\\\n])*\")",
-    re.DOTALL | re.MULTILINE)
+    re.DOTALL | re.MULTILINE,
+)
 
 
 def end_of_brackets(source, start):
@@ -80,9 +81,26 @@ class Mutant:
 
 
 TURNED = {
-    "<": ("<=", ">="), ">": (">=", "<="), "<=": ("<", ">"), ">=": (">", "<"), "==": ("!=",), "!=": ("==",),
-    "&&": ("||",), "||": ("&&",), "+": ("-",), "-": ("+",), "*": ("/",), "/": ("*",), "%": ("/",),
-    "++": ("--",), "--": ("++",), "+=": ("-=",), "-=": ("+=",), "&=": ("|=",), "&": ("|",), ">>": ("<<",),
+    "<": ("<=", ">="),
+    ">": (">=", "<="),
+    "<=": ("<", ">"),
+    ">=": (">", "<"),
+    "==": ("!=",),
+    "!=": ("==",),
+    "&&": ("||",),
+    "||": ("&&",),
+    "+": ("-",),
+    "-": ("+",),
+    "*": ("/",),
+    "/": ("*",),
+    "%": ("/",),
+    "++": ("--",),
+    "--": ("++",),
+    "+=": ("-=",),
+    "-=": ("+=",),
+    "&=": ("|=",),
+    "&": ("|",),
+    ">>": ("<<",),
     "!": ("",),
 }
 # Binary operators have blanks around them in this code.
@@ -94,7 +112,8 @@ WORD = re.compile(r"\b(true|false)\b")
 STATEMENT = re.compile(r"(?:(?<=[;{}])|(?<=[a-z0-9A-Z]:))(\s*\n[ \t]+)(\s*[^\s;{}][^;{}]*;)(?=[ \t]*(?:\n|//))")
 DECLARATION = re.compile(
     r"(?:const|constexpr|void|extern|static|typedef|using|struct|enum|char|int|u?int\d+_t|size_t|bool|va_list|break|"
-    r"unsigned|case|default|else|\w+ \w+;)\b")
+    r"unsigned|case|default|else|\w+ \w+;)\b"
+)
 
 
 def code_changes(source, kinds):
@@ -106,7 +125,7 @@ def code_changes(source, kinds):
         if plain(match):
             number = int(match.group(1), 0)
             hexadecimal = match.group(1)[:2] in ("0x", "0X")
-            line = source[source.rindex("\n", 0, match.start()) + 1:match.end()].strip()
+            line = source[source.rindex("\n", 0, match.start()) + 1 : match.end()].strip()
             other = number + (1 if number == 0 else random.Random(line).choice((-1, 1)))
             yield *match.span(1), f"{other:#x}" if hexadecimal else str(other)
     for match in OPERATOR.finditer(source):
@@ -126,7 +145,7 @@ def dropped_statements(source, kinds):
     for match in STATEMENT.finditer(blanked):
         statement = match.group(2)
         first = match.start(2) + len(statement) - len(statement.lstrip())
-        at_the_end = re.match(r"\s*\n\}", blanked[match.end():])  # falling off a function's end is no fault to test
+        at_the_end = re.match(r"\s*\n\}", blanked[match.end() :])  # falling off a function's end is no fault to test
         if DECLARATION.match(statement.lstrip()) or (statement.lstrip().startswith("return") and at_the_end):
             continue
         yield first, match.end(2), ";" + "\n" * source.count("\n", first, match.end(2))
@@ -179,8 +198,12 @@ class Build:
             source = pathlib.Path(entry["file"])
             if source.parent == ROOT / "Src":
                 self.compilations[source.name] = shlex.split(entry["command"])
-        commands = subprocess.run(["ninja", "-C", str(self.folder), "-t", "commands", "libshotmentor.so"],
-                                  check=True, capture_output=True, text=True).stdout.splitlines()
+        commands = subprocess.run(
+            ["ninja", "-C", str(self.folder), "-t", "commands", "libshotmentor.so"],
+            check=True,
+            capture_output=True,
+            text=True,
+        ).stdout.splitlines()
         link = next(line for line in commands if " -shared " in line)
         self.link = shlex.split(link.replace(": && ", "").replace(" && :", ""))
 
@@ -226,8 +249,17 @@ class Bench:
 
     def succeeds(self, command, timeout, **options):
         try:
-            return subprocess.run(LIMITS + command, timeout=timeout, stdin=subprocess.DEVNULL,
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **options).returncode == 0
+            return (
+                subprocess.run(
+                    LIMITS + command,
+                    timeout=timeout,
+                    stdin=subprocess.DEVNULL,
+                    stdout=subprocess.DEVNULL,
+                    stderr=subprocess.DEVNULL,
+                    **options,
+                ).returncode
+                == 0
+            )
         except subprocess.TimeoutExpired:
             return False
 
@@ -239,8 +271,12 @@ class Bench:
 
     def tests_pass(self, *options):
         environment = dict(os.environ, LD_LIBRARY_PATH=str(self.work / "lib"))
-        return self.succeeds([str(self.build.tests), "--gtest_brief=1", "--gtest_fail_fast", *options], self.timeout,
-                             cwd=self.work / "run", env=environment)
+        return self.succeeds(
+            [str(self.build.tests), "--gtest_brief=1", "--gtest_fail_fast", *options],
+            self.timeout,
+            cwd=self.work / "run",
+            env=environment,
+        )
 
     def finds_slow_tests(self):
         """Runs all tests. Returns the names of the slow ones, or None when a test fails."""
@@ -248,8 +284,9 @@ class Bench:
         if not self.links() or not self.tests_pass(f"--gtest_output=json:{times}"):
             return None
         tests = [test for suite in json.loads(times.read_text())["testsuites"] for test in suite["testsuite"]]
-        return ":".join(f"{test['classname']}.{test['name']}" for test in tests
-                        if float(test["time"].rstrip("s")) > SLOW_TEST)
+        return ":".join(
+            f"{test['classname']}.{test['name']}" for test in tests if float(test["time"].rstrip("s")) > SLOW_TEST
+        )
 
     def affected(self, file):
         if file.endswith(".cpp"):
@@ -258,14 +295,15 @@ class Bench:
 
     def includes(self, source, header, seen=()):
         included = re.findall(r'^#include "(\w+\.h)"', (ROOT / "Src" / source).read_text(), re.MULTILINE)
-        return header in included or any(self.includes(other, header, (*seen, source))
-                                         for other in included if other not in seen)
+        return header in included or any(
+            self.includes(other, header, (*seen, source)) for other in included if other not in seen
+        )
 
     def verdict(self, mutant):
         path = self.work / "Src" / mutant.file
         source = path.read_text()
         affected = self.affected(mutant.file)
-        path.write_text(source[:mutant.first] + mutant.new + source[mutant.end:])
+        path.write_text(source[: mutant.first] + mutant.new + source[mutant.end :])
         try:
             if not all(self.compiles(unit) for unit in affected):
                 return NOT_BUILT
@@ -309,6 +347,7 @@ def verdicts_of(mutants, build, jobs):
 
 # ---- Explanations and the report ------------------------------------------------------------------------------------
 
+
 def read_explanations():
     """Blocks, apart by blank lines, of a file, a line's text, changes of it and why no test sees them; # comments."""
     explanations = []
@@ -328,8 +367,9 @@ def explains(entry, mutant):
 
 
 def report(verdicts, all_mutants, explanations, whole):
-    counts = {kind: sum(verdict == kind for _, verdict in verdicts)
-              for kind in (KILLED, SURVIVED, NOT_BUILT, EQUIVALENT)}
+    counts = {
+        kind: sum(verdict == kind for _, verdict in verdicts) for kind in (KILLED, SURVIVED, NOT_BUILT, EQUIVALENT)
+    }
     survivors = [mutant for mutant, verdict in verdicts if verdict == SURVIVED]
     unexplained = [mutant for mutant in survivors if not any(explains(entry, mutant) for entry in explanations)]
     # A sample may leave out the fault that an entry explains; it must then at least be one that can be planted.
@@ -340,8 +380,10 @@ def report(verdicts, all_mutants, explanations, whole):
     run = counts[KILLED] + counts[SURVIVED]
     share = len(unexplained) / run if run else 0
     print(", ".join(f"{number} {kind}" for kind, number in counts.items()))
-    print(f"{run} faults run, {len(survivors) - len(unexplained)} survivors explained, "
-          f"{len(unexplained)} unexplained: {100 * share:.2f} %")
+    print(
+        f"{run} faults run, {len(survivors) - len(unexplained)} survivors explained, "
+        f"{len(unexplained)} unexplained: {100 * share:.2f} %"
+    )
     return 1 if stale or share >= MOST_SURVIVORS else 0
 
 

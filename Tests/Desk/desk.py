@@ -44,9 +44,7 @@ PRESET_LIMIT = 40
 TITLE_SIZE = PATH_SIZE = 52
 CAMERA_RECORD, PHONE_RECORD = 740, 744
 
-_STYLE = (
-    "color_style cs_color_off_color cs_color:c13 cs_saturation:14 cs_sharpness:14 cs_contrast:14 cs_hue:14"
-)
+_STYLE = "color_style cs_color_off_color cs_color:c13 cs_saturation:14 cs_sharpness:14 cs_contrast:14 cs_hue:14"
 _FIELDS = (
     "title:t52 mode av_index tv_index iso iso_1_3 ev_step metering drive hdr type k_value cwb_red cwb_green "
     "cwb_blue auto_xy auto_tungsten_xy daylight_xy cloudy_xy flu_w_xy flu_n_xy flu_d_xy tungsten_xy flash_xy "
@@ -303,9 +301,7 @@ def picture_request(custom_id, applocal_id=0):
 
 
 def update_request(custom_id, server_id, title):
-    return request(
-        UPDATE, changed(bytes(PHONE_RECORD), custom_id=custom_id, server_id=server_id, title=title)
-    )
+    return request(UPDATE, changed(bytes(PHONE_RECORD), custom_id=custom_id, server_id=server_id, title=title))
 
 
 def list_reply(records):
@@ -314,9 +310,7 @@ def list_reply(records):
 
 
 def delete_reply(result, records, kept=0):
-    return request(
-        REPLY + DELETE, struct.pack("<iii", result, 1, len(records)) + b"".join(records) + bytes(8 * kept)
-    )
+    return request(REPLY + DELETE, struct.pack("<iii", result, 1, len(records)) + b"".join(records) + bytes(8 * kept))
 
 
 def records_in(reply, head=28):

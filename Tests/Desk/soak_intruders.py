@@ -140,9 +140,7 @@ def ask_for_much(life, link):
         send_change(life, link, any_change(life))
     presets = life.book.presets
     for preset in life.dice.choices(presets, k=life.dice.randint(2, 60)) if presets else ():
-        life.send(
-            link, picture_request(preset.custom_id), whole=True
-        )  # in pieces they are more than it takes
+        life.send(link, picture_request(preset.custom_id), whole=True)  # in pieces they are more than it takes
     if life.book.presets and not life.book.pending:
         send_change(life, link, life.dice.choice((updating, deleting))(life))
 
@@ -159,9 +157,7 @@ def hear_beside(life):
         other.send(request(LIST))
         began = time.monotonic()
         answer = other.receive(BUDGETS.waiting_time + SLACK)
-        life.counts.highest(
-            "longest wait beside one that has half left, ms", round(1000 * (time.monotonic() - began))
-        )
+        life.counts.highest("longest wait beside one that has half left, ms", round(1000 * (time.monotonic() - began)))
         if answer == BUSY_FRAME:
             life.counts["phones turned away beside one that has half left"] += 1
             return False

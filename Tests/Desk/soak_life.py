@@ -218,9 +218,7 @@ class Life:
         if change.name != "delete":
             self.enter(change, result, answer)
         self.is_settled = self.is_settled or result == 1
-        self.counts["changes of which the store could not tell whether they were made"] += (
-            change in self.book.open
-        )
+        self.counts["changes of which the store could not tell whether they were made"] += change in self.book.open
         self.counts["answers checked"] += 1
         self.counts[f"{change.name}s {'confirmed' if result == 1 else 'refused'}"] += 1
 
@@ -312,9 +310,7 @@ class Life:
 
     def check_pictures(self, where, contents=True):
         """Where system calls fail there may be more until the next start."""
-        names, seen = sorted(f"{preset.custom_id}.jpg" for preset in self.book.presets), pictures_of(
-            self.store
-        )
+        names, seen = sorted(f"{preset.custom_id}.jpg" for preset in self.book.presets), pictures_of(self.store)
         may_have_more = self.plan.call_fault is not None and where != "a store at rest"
         check(f"{where}: its pictures", names, [n for n in seen if n in names] if may_have_more else seen)
         for preset in self.book.presets if contents else ():

@@ -186,9 +186,7 @@ class Soak:
             check("the exit code of a camera that cannot start", True, end.code in (1, 3))
             check("the lines of a camera that cannot start", 1, len(end.talk.splitlines()))
             self.counts["starts that failed with a system call"] += 1
-            return self.begin(
-                name, book, dataclasses.replace(plan, call_fault=None, is_obstructed=False), dice
-            )
+            return self.begin(name, book, dataclasses.replace(plan, call_fault=None, is_obstructed=False), dice)
 
     def end(self, life):
         life.end()
@@ -246,9 +244,7 @@ class Soak:
 
     def tell_what_did_not_come(self):
         missing = [count_of(kind) for kind in PHONES if not self.counts[count_of(kind)]]
-        missing += [
-            f"rounds with {special}" for special in set(ROUNDS) if not self.counts[f"rounds with {special}"]
-        ]
+        missing += [f"rounds with {special}" for special in set(ROUNDS) if not self.counts[f"rounds with {special}"]]
         if missing:
             print("the time was too short for", ", ".join(sorted(missing)))
         if not self.disk.mounted:

@@ -140,9 +140,7 @@ class Options(DeskTest):
                 link.send(request(LIST))
                 self.assertTrue(link.is_silent())
                 custom_id = self.before.ids()[0]
-                self.assertEqual(
-                    struct.unpack_from("<i", link.ask(picture_request(custom_id)), 8)[0], custom_id
-                )
+                self.assertEqual(struct.unpack_from("<i", link.ask(picture_request(custom_id)), 8)[0], custom_id)
             self.assertEnds(run_phone(camera.url, "--timeout", 1, "list"), 4)
 
     def test_save_result_is_answered_and_nothing_is_stored(self):
@@ -254,9 +252,7 @@ class Options(DeskTest):
     def log_of(self, level, *options):
         path = os.path.join(self.folder, f"{level}.log")
         arguments = ("--log-level", level) if level else ()
-        with self.camera(
-            "--log", f"file:{path}", *arguments, *options, "--link-down"
-        ) as camera, camera.link() as link:
+        with self.camera("--log", f"file:{path}", *arguments, *options, "--link-down") as camera, camera.link() as link:
             link.send(request(LIST))  # warns that the link is down
             link.send(request(9999))  # an error
             link.ask(update_request(self.before.ids()[0], get(self.before.records[0], "server_id"),
@@ -283,9 +279,7 @@ class Options(DeskTest):
                         for text in log.splitlines()
                         if "9999" in line or "9999" not in text
                     )
-                    self.assertEqual(
-                        present, line in [text.strip() for text in expected], f"{line!r} in {log!r}"
-                    )
+                    self.assertEqual(present, line in [text.strip() for text in expected], f"{line!r} in {log!r}")
         self.assertEqual(self.log_of("off"), "")
 
     def test_the_log_goes_to_standard_error_unless_told_otherwise(self):
@@ -399,9 +393,7 @@ class Commands(DeskTest):
         self.command("add", self.file("short.bin", bytes(739)), image, code=2)
         self.command("add", self.file("long.bin", bytes(744)), image, code=2)
         self.command("add", self.file("x.json", "{}"), image, code=2)
-        done = self.command(
-            "add", self.file("y.json", json.dumps({**entries, "drive": 1.5}, indent=1)), image, code=2
-        )
+        done = self.command("add", self.file("y.json", json.dumps({**entries, "drive": 1.5}, indent=1)), image, code=2)
         self.assertIn("drive", done.stderr.decode())
         self.command("add", os.path.join(self.folder, "missing"), image, code=1)
         self.command("add", good, os.path.join(self.folder, "missing"), code=1)
@@ -429,9 +421,7 @@ class Commands(DeskTest):
         for number in (12, 40, -1):
             self.command("remove", number, code=9)
             self.command("link", "CUSTOM1", number, code=9)
-        self.assertEqual(
-            (Stored(self.store).records, Stored(self.store).linked), (before.records, before.linked)
-        )
+        self.assertEqual((Stored(self.store).records, Stored(self.store).linked), (before.records, before.linked))
 
     def test_wrong_usage_is_told_apart(self):
         self.samples()

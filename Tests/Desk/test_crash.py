@@ -138,9 +138,7 @@ class KilledCameras(DeskTest):
             process.wait()
             with self.subTest(delay=delay), self.camera() as camera:
                 records = records_in(camera.ask(request(LIST)))
-                self.assertEqual(
-                    pictures_of(self.store), sorted(f"{get(r, 'custom_id')}.jpg" for r in records)
-                )
+                self.assertEqual(pictures_of(self.store), sorted(f"{get(r, 'custom_id')}.jpg" for r in records))
                 self.assertEqual(len(records), 12)
 
 
@@ -188,9 +186,7 @@ class FullDisk(DeskTest):
                     self.assertEqual([get(record, "custom_id") for record in listed], list(images))
                 os.remove(filler)
             image = picture(10, 100000)
-            result, _, custom_id, _ = store_result(
-                link.ask(store_request(phone_record(b"Fits again"), image))
-            )
+            result, _, custom_id, _ = store_result(link.ask(store_request(phone_record(b"Fits again"), image)))
             self.assertEqual(result, 1)
             images[custom_id] = image
         camera.stop()

@@ -296,18 +296,14 @@ class TurnedAway(Crowd):
 
     def test_the_served_phone_stores_and_reads_with_no_descriptor_to_spare_while_others_come(self):
         for kind in KINDS:
-            with self.subTest(kind=kind), self.limited(
-                DESCRIPTORS, kind=kind
-            ) as camera, camera.link() as link:
+            with self.subTest(kind=kind), self.limited(DESCRIPTORS, kind=kind) as camera, camera.link() as link:
                 with self.flood(camera):
                     for number in range(12):
                         answer = link.ask(store_request(phone_record(b"Stored"), picture(number)))
                         self.assertEqual(store_result(answer)[0], 1)
                         custom_id = store_result(answer)[2]
                         got = link.ask(picture_request(custom_id))
-                        self.assertEqual(
-                            got, request(REPLY + PICTURE, struct.pack("<i", custom_id) + picture(number))
-                        )
+                        self.assertEqual(got, request(REPLY + PICTURE, struct.pack("<i", custom_id) + picture(number)))
                 self.assertNotIn("cannot take a phone in", camera.talk())
             self.samples_anew()
 

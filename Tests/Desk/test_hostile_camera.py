@@ -225,9 +225,7 @@ class Answers(DeskTest):
     def test_an_answer_as_long_as_its_kind_is_waited_for(self):
         for function, longest in self.LONGEST.items():
             with self.subTest(function=function):
-                done = self.ask(
-                    function, lambda: struct.pack("<ii", REPLY + function, longest), "--timeout", 0.3
-                )
+                done = self.ask(function, lambda: struct.pack("<ii", REPLY + function, longest), "--timeout", 0.3)
                 self.assertEnds(done, 4)
 
     def test_a_delete_answer_of_forty_kept_presets_is_taken(self):
@@ -323,9 +321,7 @@ class Answers(DeskTest):
 
         image = self.file("large.jpg", picture(1, 590000))
         with Sipping(self.folder, None) as camera:
-            done = measure_phone(
-                camera.url, "--timeout", 0.5, "--mtu", 1000, "store", self.commands[STORE][1], image
-            )
+            done = measure_phone(camera.url, "--timeout", 0.5, "--mtu", 1000, "store", self.commands[STORE][1], image)
         self.assertEnds(done, 4)
         self.assertIn(b"--timeout", done.stderr)
         self.assertLess(done.seconds, 12)  # 1 s, and half a second for each of 9 times 64 KiB

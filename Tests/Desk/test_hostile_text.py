@@ -17,9 +17,7 @@ from desk import (
 )  # fmt: skip
 
 # Half of a surrogate pair (Cs) is no character; JSON files can name it all the same.
-HARMFUL = [
-    c for c in map(chr, range(sys.maxunicode + 1)) if unicodedata.category(c) in ("Cc", "Cf", "Zl", "Zp")
-]
+HARMFUL = [c for c in map(chr, range(sys.maxunicode + 1)) if unicodedata.category(c) in ("Cc", "Cf", "Zl", "Zp")]
 BROKEN = [bytes([byte]) for byte in range(0x80, 0x100)]
 PRESETS_AT_ONCE = 40
 
@@ -68,9 +66,7 @@ class Text(DeskTest):
                 for number, title in enumerate(self.titles[start : start + PRESETS_AT_ONCE])
             ]
             answers = {
-                LIST: request(
-                    REPLY + LIST, struct.pack("<12sii", model, 1, len(records)) + b"".join(records)
-                ),
+                LIST: request(REPLY + LIST, struct.pack("<12sii", model, 1, len(records)) + b"".join(records)),
                 DELETE: delete_reply(-7, records, kept=1),
             }
             yield records, lambda: FakeCamera(self.folder, lambda function, _: answers[function])
@@ -136,8 +132,7 @@ class Text(DeskTest):
 
     def test_titles_come_out_harmless_above_pictures(self):
         records = [
-            phone_record(title, custom_id=number + 1)
-            for number, title in enumerate(self.titles[:PRESETS_AT_ONCE])
+            phone_record(title, custom_id=number + 1) for number, title in enumerate(self.titles[:PRESETS_AT_ONCE])
         ]
         reply = request(REPLY + LIST, struct.pack("<12sii", b"KT7", 1, len(records)) + b"".join(records))
         with FakeCamera(

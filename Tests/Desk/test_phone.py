@@ -284,9 +284,7 @@ class Files(DeskTest):
         with FakeCamera(self.folder, lambda function, _: FakeCamera.CLOSE) as camera:
             done = run_phone(camera.url, "--timeout", 5, "store", preset, image)
             self.assertEnds(done, 2)
-            self.assertEqual(
-                [data[:4] for data in camera.requests if data[:4] == struct.pack("<i", STORE)], []
-            )
+            self.assertEqual([data[:4] for data in camera.requests if data[:4] == struct.pack("<i", STORE)], [])
         talk = done.stderr.decode()
         self.assertTrue(
             any(all(re.search(part, line) for part in parts) for line in talk.splitlines()),
@@ -302,9 +300,7 @@ class Files(DeskTest):
 
     def edited(self, entry, value):
         """The file with the value of one entry replaced, and the entry's line."""
-        text = re.sub(
-            rf'("{entry}": )("[^"]*"|-?\d+)', lambda found: found.group(1) + value, self.preset(str), count=1
-        )
+        text = re.sub(rf'("{entry}": )("[^"]*"|-?\d+)', lambda found: found.group(1) + value, self.preset(str), count=1)
         self.assertIn(value, text)
         return self.file("edited.json", text), self.line_of(text, entry)
 
@@ -323,9 +319,7 @@ class Files(DeskTest):
 
     def test_an_unknown_entry_is_named_with_its_line(self):
         text = self.preset(lambda text: text.replace('"metering"', '"meterings": 1,\n  "metering"'))
-        self.refuse(
-            self.file("x.json", text), self.image, "meterings", rf"\b{self.line_of(text, 'meterings')}\b"
-        )
+        self.refuse(self.file("x.json", text), self.image, "meterings", rf"\b{self.line_of(text, 'meterings')}\b")
 
     def test_an_unknown_colour_style_entry_is_named_with_its_line(self):
         text = self.preset(lambda text: text.replace('"color_style"', '"colour": 1,\n    "color_style"'))
@@ -398,9 +392,7 @@ class Files(DeskTest):
 
     def test_a_picture_that_makes_the_request_too_large_is_refused(self):
         preset = self.file("good.json", self.preset(str))
-        self.refuse(
-            preset, self.file("huge.jpg", picture(1, 600000 - 8 - PHONE_RECORD + 1)), r"huge\.jpg|600000"
-        )
+        self.refuse(preset, self.file("huge.jpg", picture(1, 600000 - 8 - PHONE_RECORD + 1)), r"huge\.jpg|600000")
 
     def test_files_that_cannot_be_read_fail_this_machine(self):
         preset = self.file("good.json", self.preset(str))
@@ -420,9 +412,7 @@ class Files(DeskTest):
             PICTURE: request(REPLY + PICTURE, struct.pack("<i", 3) + picture(1)),
         }
         with FakeCamera(self.folder, lambda function, _: answers[function]) as camera:
-            self.assertEnds(
-                run_phone(camera.url, "picture", 0, "-o", os.path.join(self.folder, "no", "where.jpg")), 1
-            )
+            self.assertEnds(run_phone(camera.url, "picture", 0, "-o", os.path.join(self.folder, "no", "where.jpg")), 1)
 
 
 class AgainstCamerasThatBreakTheRules(DeskTest):
@@ -515,9 +505,7 @@ class AgainstCamerasThatBreakTheRules(DeskTest):
         table.update({2: 30, 77: 30, -13: 30, -2147483648: 30, 2147483647: 30})
         for result, code in table.items():
             with self.subTest(result=result):
-                done, _ = self.talk(
-                    STORE, answer=request(REPLY + STORE, struct.pack("<iiii", result, 0, 0, 0))
-                )
+                done, _ = self.talk(STORE, answer=request(REPLY + STORE, struct.pack("<iiii", result, 0, 0, 0)))
                 self.assertEnds(done, code)
                 done, _ = self.talk(UPDATE, answer=request(REPLY + UPDATE, struct.pack("<i", result)))
                 self.assertEnds(done, code)
@@ -572,9 +560,7 @@ class AgainstCamerasThatBreakTheRules(DeskTest):
                     done, _ = self.talk(function, "--timeout", 1, answer=answer)
                     # An answer that announces more than it holds is one that never becomes whole.
                     announced = struct.unpack_from("<i", answer, 4)[0]
-                    self.assertIn(
-                        done.returncode, (4, 6) if len(answer) < announced < 1 << 30 else (6,), done.stderr
-                    )
+                    self.assertIn(done.returncode, (4, 6) if len(answer) < announced < 1 << 30 else (6,), done.stderr)
 
     def test_a_picture_of_another_preset_is_refused(self):
         done, _ = self.talk(PICTURE, answer=request(REPLY + PICTURE, struct.pack("<i", 31) + picture(1)))
@@ -686,9 +672,7 @@ class Output(DeskTest):
 
     def test_json_is_the_same_on_a_terminal_and_when_piped(self):
         expected = [record_to_json(record) for record in self.seen]
-        self.assertEqual(
-            json.loads(run_phone(self.serving.url, "--json", "list").stdout)["presets"], expected
-        )
+        self.assertEqual(json.loads(run_phone(self.serving.url, "--json", "list").stdout)["presets"], expected)
         text = self.on_terminal("--json", "list", environment={"NO_COLOR": "1"})
         self.assertEqual(json.loads(text[text.index("{") :])["presets"], expected)
 
@@ -708,9 +692,7 @@ class Output(DeskTest):
 
     def test_no_color_is_honoured_on_a_terminal(self):
         for arguments in (("list",), ("show", 0)):
-            self.assertNotRegex(
-                self.on_terminal(*arguments, environment={"NO_COLOR": "1"}), "\x1b\\[[0-9;]*m"
-            )
+            self.assertNotRegex(self.on_terminal(*arguments, environment={"NO_COLOR": "1"}), "\x1b\\[[0-9;]*m")
 
     def test_data_goes_to_stdout_and_talk_to_stderr(self):
         self.assertEqual(

@@ -355,9 +355,7 @@ class OverTcp(Requests, DeskTest):
         with self.serving.link() as link:
             link.send(b"".join(requests))
             functions = [struct.unpack_from("<i", link.receive())[0] for _ in range(5)]
-        self.assertEqual(
-            functions, [REPLY + LIST, REPLY + PICTURE, REPLY + UPDATE, REPLY + STORE, REPLY + LIST]
-        )
+        self.assertEqual(functions, [REPLY + LIST, REPLY + PICTURE, REPLY + UPDATE, REPLY + STORE, REPLY + LIST])
 
     def test_requests_cut_without_regard_to_their_borders_are_answered_in_order(self):
         dice = random.Random(5)

@@ -89,9 +89,7 @@ LINK_FAILURES = {
     "shutdown": [errno.ENOTCONN],
     "close": [errno.EIO],
 }
-LINK_INTERRUPTIONS = {
-    kind: [errno.EINTR, errno.EAGAIN] for kind in ("accept", "recvmsg", "recv", "send", "sendmsg")
-}
+LINK_INTERRUPTIONS = {kind: [errno.EINTR, errno.EAGAIN] for kind in ("accept", "recvmsg", "recv", "send", "sendmsg")}
 LINK_INTERRUPTIONS["poll"] = [errno.EINTR]
 CUT_SHORT = {kind: [SHORT] for kind in ("recvmsg", "recv", "send", "sendmsg")}
 
@@ -356,9 +354,7 @@ class PhoneCalls(WatchedTest):
 
     def test_a_stream_that_is_cut_short_or_connects_late_is_not_seen(self):
         self.serve("tcp")
-        self.try_all(
-            ("picture", "store"), {**CUT_SHORT, "connect": [errno.EINTR]}, lambda _: (0,), 8, sockets=True
-        )
+        self.try_all(("picture", "store"), {**CUT_SHORT, "connect": [errno.EINTR]}, lambda _: (0,), 8, sockets=True)
 
 
 if __name__ == "__main__":

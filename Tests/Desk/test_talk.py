@@ -15,7 +15,7 @@ import unicodedata
 import unittest
 
 from desk import (
-    CAMERA, FIRST_START, LIST, PATIENCE, DeskTest, Link, Stored, delete_request, get, list_reply,
+    CAMERA, FIRST_START, LIST, PATIENCE, DeskTest, Link, Stored, delete_request, list_reply,
     environment_of_programs, phone_record, picture, request, run_camera, store_request, store_result,
     update_request,
 )  # fmt: skip
@@ -284,9 +284,7 @@ class Characters(Talk):
 
     def test_a_terminal_shows_the_colours_of_the_library_and_none_of_a_phone(self):
         data = self.on_a_terminal()
-        self.assertIn(
-            b"\x1b[31m[ALG_SMM   ] ERR : RESULT ADE_ShotMentor_Receive_Manager funcN=9999\x1b[m\n", data
-        )
+        self.assertIn(b"\x1b[31m[ALG_SMM   ] ERR : RESULT ADE_ShotMentor_Receive_Manager funcN=9999\x1b[m\n", data)
         lines = [line for line in data.split(b"\n") if b"title=" in line]
         self.assertGreater(len(lines), 0)
         for line in data.split(b"\n"):

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds the camera and the phone for this PC and lets the phone use the camera once, each command and its outcome shown.
+# Builds the camera and the phone for this PC and lets the phone use the camera once, each command and its outcome
+# shown.
 #
 # Usage: ./demo.sh
 # Installs what is missing (Debian 12 packages, as root or through sudo).

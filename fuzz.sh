@@ -4,8 +4,8 @@
 # Usage: [FUZZ_ENGINE=afl] ./fuzz.sh TARGET|all MINUTES
 #   TARGET       a Fuzz/<TARGET>Fuzz.cpp, such as Conversation
 #   FUZZ_ENGINE  libfuzzer (the default), or afl for AFL++
-# Inputs that reach new code are kept in build/<engine>/corpus/TARGET for the next run. An input that breaks a promise is
-# left in build/<engine>/findings/TARGET, and the exit code is then 1. FUZZ_WORKERS runs on fewer cores.
+# Inputs that reach new code are kept in build/<engine>/corpus/TARGET for the next run. An input that breaks a promise
+# is left in build/<engine>/findings/TARGET, and the exit code is then 1. FUZZ_WORKERS runs on fewer cores.
 set -euo pipefail
 cd "$(dirname "$0")"
 source tools/packages.sh

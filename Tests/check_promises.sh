@@ -11,7 +11,8 @@ fail() {
     failed=1
 }
 
-grep -oE '`[A-Z][A-Za-z]+\.([A-Z][A-Za-z0-9]+|test_[a-z0-9_]+)`' "$page" | tr -d '`' | grep -v '\.h$' | sort -u >"$work/named"
+grep -oE '`[A-Z][A-Za-z]+\.([A-Z][A-Za-z0-9]+|test_[a-z0-9_]+)`' "$page" | tr -d '`' | grep -v '\.h$' |
+    sort -u >"$work/named"
 {
     sed -nE 's/^TEST(_F|_P)?\(([A-Za-z]+), ([A-Za-z0-9]+)\).*/\2.\3/p' \
         "$project"/Tests/*.cpp "$project"/Tests/Desk/*.cpp
@@ -31,7 +32,9 @@ awk '/^[0-9]+\. \*\*/ { ++promises; tests = 0 }
     /^ +Fuzzers: `/ && tests { ++held; tests = 0 }
     END { print promises + 0, held + 0 }' "$page" >"$work/promises"
 read -r promises held <"$work/promises"
-[ "$promises" -gt 0 ] && [ "$promises" -eq "$held" ] || fail "$held of $promises promises name a test and a fuzzer"
+if [ "$promises" -eq 0 ] || [ "$promises" -ne "$held" ]; then
+    fail "$held of $promises promises name a test and a fuzzer"
+fi
 
 [ "$failed" -eq 0 ] || exit 1
 echo "ok: $promises promises, $(wc -l <"$work/named") tests and $(wc -l <"$work/files") files that $page names"

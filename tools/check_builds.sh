@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the tests of the release build in valgrind, and against the library as other compilers and optimisations make it,
-# and compares the transcripts. Fails also when a condition in one of the library's decisions is never seen to decide on its
-# own (MC/DC).
+# and compares the transcripts. Fails also when a condition in one of the library's decisions is never seen to decide
+# on its own (MC/DC).
 #
 # Usage: tools/check_builds.sh
 set -euo pipefail

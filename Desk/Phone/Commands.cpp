@@ -14,10 +14,10 @@
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
-#include "Presets.h"
 #include "PresetFiles/PresetJson.h"
-#include "Words/Results.h"
+#include "Presets.h"
 #include "Words/Describe.h"
+#include "Words/Results.h"
 
 namespace desk::phone {
 namespace {

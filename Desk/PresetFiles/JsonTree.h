@@ -1,4 +1,4 @@
-// A JSON document as a tree whose every entry knows the line that it stands in, so that a fault can be told by its line.
+// A JSON document as a tree whose every entry knows its line in the document, so that a fault can be told by its line.
 #pragma once
 
 #include <cstddef>

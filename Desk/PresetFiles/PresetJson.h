@@ -1,6 +1,6 @@
-// Preset files: records as JSON, one entry for each field of the record, by its name, in the record's order, the colour styles
-// nested in "cs_info", colours as [red, green, blue]. A text is a string when its bytes are clean UTF-8 followed by
-// NULs alone, else {"bytes": "<hexadecimal, all of them>"}. Record to JSON and back gives the same bytes.
+// Preset files: records as JSON, one entry for each field of the record, by its name, in the record's order, the colour
+// styles nested in "cs_info", colours as [red, green, blue]. A text is a string when its bytes are clean UTF-8 followed
+// by NULs alone, else {"bytes": "<hexadecimal, all of them>"}. Record to JSON and back gives the same bytes.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

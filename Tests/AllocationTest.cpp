@@ -1,5 +1,6 @@
 // What every command does when the allocator refuses it memory: it says how much it asked for, sends nothing, gives
 // back what it has, and serves the next request as if nothing had happened.
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
@@ -315,17 +316,92 @@ TEST(Allocation, RefusedToAReplyKeepsTheParkedReplyUntilALaterOneIsCurrent) {
     EXPECT_EQ(host.blocks_owned(), 0u);
 }
 
-TEST(Allocation, RefusedToALaterListLeavesAnUnconfirmedReplyCurrent) {
-    FakeHost host;
-    host.receive(list_request());
-    for (const int array : {2, 3}) {
-        host.refuse_allocation(array);
-        EXPECT_EQ(host.receive(list_request()), SM_RETURN_FAIL);
-        EXPECT_EQ(shotmentor_p_FullData, host.replies[0].message.data);
-        EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
+// ---- Behind a reply that is still unconfirmed -----------------------------------------------------------------------
+
+// Sends reply number 0, which nobody confirms, and runs a command behind it whose n-th allocation (from 1) is refused.
+void run_behind_a_reply(FakeHost& host, const Command& command, size_t n) {
+    SCOPED_TRACE(command.name + ", allocation " + std::to_string(n));
+    host.receive(delete_request({}));
+    command.set_up(host);
+    host.refuse_allocation(static_cast<int>(n));
+    EXPECT_EQ(run(command), command.refusals[n - 1].result);
+    EXPECT_EQ(host.replies.size(), 1u);
+}
+
+// The commands whose last allocation is that of an ordinary reply, or else of an error reply to a picture.
+std::vector<Command> commands_with_a_reply(bool of_an_error) {
+    constexpr int error_reply = 20;
+    std::vector<Command> commands = all_commands();
+    std::erase_if(commands, [of_an_error](const Command& command) {
+        return command.refusals.empty() || (command.refusals.back().size == error_reply) != of_an_error;
+    });
+    return commands;
+}
+
+TEST(Allocation, RefusedToAReplyParksTheUnconfirmedOneAndLeavesNoneCurrent) {
+    for (const Command& command : commands_with_a_reply(false)) {
+        FakeHost host;
+        run_behind_a_reply(host, command, command.refusals.size());
+        SCOPED_TRACE(command.name);
+        EXPECT_EQ(shotmentor_p_FullData, nullptr);
+        EXPECT_EQ(shotmentor_p_Full_Q_NUM, 1);
+        EXPECT_EQ(shotmentor_p_Full_Q[0], host.replies[0].message.data);
+        EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
+        EXPECT_EQ(host.freed, std::vector<int>{});
+        EXPECT_EQ(host.blocks_owned(), 1u);
     }
-    EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
-    EXPECT_EQ(host.freed, std::vector<int>{0});
+}
+
+TEST(Allocation, RefusedToAnErrorReplyReplacesTheUnconfirmedOneWhichIsNeverFreed) {
+    const std::vector<Command> commands = commands_with_a_reply(true);
+    EXPECT_EQ(commands.size(), 2u);
+    for (const Command& command : commands) {
+        FakeHost host;
+        run_behind_a_reply(host, command, command.refusals.size());
+        SCOPED_TRACE(command.name);
+        EXPECT_EQ(shotmentor_p_FullData, nullptr);
+        EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
+        EXPECT_EQ(host.confirm(), SM_RETURN_FAIL);
+        EXPECT_EQ(host.freed, std::vector<int>{});
+        EXPECT_EQ(host.blocks_owned(), 1u);
+
+        std::free(host.replies[0].message.data);
+    }
+}
+
+TEST(Allocation, RefusedToAWorkingArrayLeavesAnUnconfirmedReplyCurrent) {
+    for (const Command& command : all_commands()) {
+        for (size_t array = 1; array < command.refusals.size(); ++array) {
+            FakeHost host;
+            run_behind_a_reply(host, command, array);
+            SCOPED_TRACE(command.name + ", array " + std::to_string(array));
+            EXPECT_EQ(shotmentor_p_FullData, host.replies[0].message.data);
+            EXPECT_EQ(shotmentor_p_Full_Q_NUM, 0);
+            EXPECT_EQ(host.confirm(), SM_RETURN_TRUE);
+            EXPECT_EQ(host.freed, std::vector<int>{0});
+            EXPECT_EQ(host.blocks_owned(), 0u);
+        }
+    }
+}
+
+TEST(Allocation, RefusedToAReplyPutsTheUnconfirmedOneIntoTheLastSlotOfAFullQueue) {
+    for (const Command& command : commands_with_a_reply(false)) {
+        SCOPED_TRACE(command.name);
+        FakeHost host;
+        for (int reply = 0; reply < SM_REPLY_QUEUE + 1; ++reply) {
+            host.receive(delete_request({}));
+        }
+        command.set_up(host);
+        host.refuse_allocation(static_cast<int>(command.refusals.size()));
+        run(command);
+        EXPECT_EQ(shotmentor_p_FullData, nullptr);
+        EXPECT_EQ(shotmentor_p_Full_Q_NUM, 10);
+        EXPECT_EQ(shotmentor_p_Full_Q[8], host.replies[8].message.data);
+        EXPECT_EQ(shotmentor_p_Full_Q[9], host.replies[10].message.data);
+        EXPECT_EQ(host.blocks_owned(), 11u);
+
+        std::free(host.replies[9].message.data);
+    }
 }
 
 } // namespace

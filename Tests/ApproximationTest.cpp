@@ -376,6 +376,16 @@ TEST_F(Approximation, WildAperturesAreTakenForTheFirstOrTheLastOne) {
     }
 }
 
+TEST_F(Approximation, ANumberAPowerOf2AwayFromAnApertureIsNoNearerToItThanToTheOthers) {
+    for (int power = 10; power <= 30; ++power) { // 1024 and more lie beyond the scale
+        for (const int aperture : AV_LUT) {
+            SCOPED_TRACE(text(aperture) + " and 2 to the power of " + text(power));
+            EXPECT_EQ(ADE_PRO_ConvertApproxAV(aperture + (1 << power)), 150); // f/90, the last one
+            EXPECT_EQ(ADE_PRO_ConvertApproxAV(aperture - (1 << power)), 0);
+        }
+    }
+}
+
 TEST_F(Approximation, NumbersBetween0AndF1AreTakenForTheNearerOne) {
     for (int aperture = 1; aperture <= 9; ++aperture) {
         EXPECT_EQ(ADE_PRO_ConvertApproxAV(aperture), aperture <= 5 ? 0 : 1) << aperture;

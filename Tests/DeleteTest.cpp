@@ -377,6 +377,24 @@ TEST(Delete, OfTheLongestRequestReadsAll74999Entries) {
     EXPECT_EQ(host.presets.size(), 1u);
 }
 
+TEST(Delete, ReadsEachEntryOfTheLongestRequestAtItsOwnPlace) {
+    FakeHost host;
+    host.presets = presets_from_100(40);
+    host.preset_info_answer = true;
+    std::vector<sm_delete_pair> all;
+    for (int index = 0; index < 74999; ++index) {
+        all.push_back({index % 40, 1 + index});
+    }
+    EXPECT_EQ(host.receive(delete_request(all)), SM_RETURN_TRUE);
+    const Transcript lines = command_lines(host.transcript);
+    ASSERT_GT(lines.size(), 2u * 74999u);
+    for (int index = 0; index < 74999; ++index) {
+        ASSERT_EQ(lines[1 + static_cast<size_t>(index)], entry(2 * index, index % 40, 1 + index));
+        ASSERT_EQ(lines[1 + 74999 + static_cast<size_t>(index)], looked_up(1 + index));
+    }
+    EXPECT_TRUE(host.presets.empty());
+}
+
 // ---- Presets that a custom mode keeps -------------------------------------------------------------------------------
 
 TEST(Delete, KeepsThePresetOfCustom1AndDeletesTheOthers) {
@@ -476,6 +494,17 @@ TEST(Delete, TakesTheIdentityOfTheLastEntryThatNamesAKeptPreset) {
     host.linked[1] = 2;
     EXPECT_EQ(host.receive(delete_request({{2, 100}, {2, 103}, {2, 101}})), SM_RETURN_OPENED_ERR);
     EXPECT_EQ(kept_words_of(host, 4), kept_words({1, 101, 1, 101}));
+}
+
+TEST(Delete, TakesTheIdentityOfTheLastOf74999Entries) {
+    FakeHost host;
+    host.presets = presets_from_100(4);
+    host.linked[0] = 3;
+    std::vector<sm_delete_pair> all(74999, {0, 100});
+    all[74998 - 65536] = {3, 102};
+    all[74998] = {3, 103};
+    EXPECT_EQ(host.receive(delete_request(all)), SM_RETURN_OPENED_ERR);
+    EXPECT_EQ(kept_words_of(host, 3), kept_words({2, 103, nothing, nothing}));
 }
 
 TEST(Delete, KeepsTheOldNumberOfAPresetThatTheListNoLongerNames) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "CommandLines.h"
+#include "Conversion.h"
 
 namespace {
 
@@ -94,6 +95,32 @@ TEST(StorePreset, HandsTheConvertedRecordAndThePictureToTheService) {
     ASSERT_EQ(host.saved.size(), 1u);
     EXPECT_EQ(image(host.saved[0].record), image(automatic_preset_of_camera()));
     EXPECT_EQ(host.saved[0].length, 100);
+    EXPECT_EQ(host.saved[0].image, pattern(100));
+}
+
+TEST(StorePreset, HandsEveryByteOfTheRecordOver) {
+    FakeHost host;
+    sm_tag_custom_info phone = numbered_record<sm_tag_custom_info>();
+    put_text(phone.title, fifty_two_characters);
+    put_text(phone.screennail_path, fifty_two_characters);
+    phone.mode = 1;
+    phone.av_index = phone.tv_index = phone.iso = phone.iso_1_3 = 0;
+    phone.ev_step = 50;
+    phone.made_id = 0x44;
+    for (int32_t* const colour : colour_words(phone)) {
+        *colour = 256; // the camera's 200
+    }
+
+    tag_custom_info camera{};
+    std::memcpy(&camera, &phone, sizeof camera);
+    camera.ev_step = 15;
+    for (int32_t* const colour : colour_words(camera)) {
+        *colour = 200;
+    }
+
+    host.receive(store_request(phone, pattern(100)));
+    ASSERT_EQ(host.saved.size(), 1u);
+    EXPECT_EQ(image(host.saved[0].record), image(camera));
     EXPECT_EQ(host.saved[0].image, pattern(100));
 }
 

@@ -44,6 +44,19 @@ TEST_F(ToCamera, EveryThirdStepPositionGivesItsCodeOrTheNearestOne) {
     }
 }
 
+TEST_F(ToCamera, AThirdStepApproximatedForAnotherModelIsReadFromTheSameCodes) {
+    for (const int model : {SM_CAMERA_ZE, SM_CAMERA_RH}) {
+        gADE_PRO_model = model;
+        // Both have no third step at 1 and 2, whatever full steps they have there.
+        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomSV_1_3, 1), gives(0, {"CYAN ALG_SM Converted SV :(0)"}));
+        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomSV_1_3, 2),
+                  gives(1, {"CYAN ALG_SM TotalSize:26", "CYAN ALG_SM rstartpt(1)rstep:1\t result:3",
+                            "CYAN ALG_SM Converted SV :(3)"}));
+        // The camera's own codes reach beyond their scales.
+        EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomSV_1_3, 30), gives(28, {}));
+    }
+}
+
 TEST_F(ToCamera, AThirdStepPositionOutsideTheScaleBecomesAutomatic) {
     for (const int position : {-1, 31, 32, 100, 125, 51200, INT_MAX, INT_MIN}) {
         EXPECT_EQ(outcome_of(ADE_PRO_Convert2SysCustomSV_1_3, position), gives(0, {"CYAN ALG_SM Converted SV :(0)"}))

@@ -384,6 +384,21 @@ TEST(Allocation, RefusedToAWorkingArrayLeavesAnUnconfirmedReplyCurrent) {
     }
 }
 
+TEST(Allocation, RefusedToACommandLeavesTheRecordOfTheLastSendAsItWas) {
+    for (const Command& command : all_commands()) {
+        for (size_t n = 1; n <= command.refusals.size(); ++n) {
+            FakeHost host;
+            run_behind_a_reply(host, command, n);
+            EXPECT_EQ(image(shotmentor_BT_info), image(host.replies[0].message)) << command.name << ", " << n;
+
+            host.settle();
+            if (host.blocks_owned() > 0) { // replaced by an error reply
+                std::free(host.replies[0].message.data);
+            }
+        }
+    }
+}
+
 TEST(Allocation, RefusedToAReplyPutsTheUnconfirmedOneIntoTheLastSlotOfAFullQueue) {
     for (const Command& command : commands_with_a_reply(false)) {
         SCOPED_TRACE(command.name);

@@ -958,4 +958,27 @@ TEST(Delete, NeverWritesTheKeptWordsWhereTheyWouldReachTheBuffersEnd) {
     }
 }
 
+TEST(Delete, KeepsAPresetOfAnyIdentity) {
+    for (const int id : {256, 32768, 65536, 65636, 0x12345678, -0x12345678, INT_MAX, INT_MIN}) {
+        SCOPED_TRACE(id);
+        FakeHost host;
+        host.presets = {preset(100, 0), preset(id, 1)};
+        host.linked[0] = 1;
+        EXPECT_EQ(host.receive(delete_request({{0, 100}, {1, id}})), SM_RETURN_OPENED_ERR);
+        EXPECT_EQ(kept_words_of(host, 1), kept_words({0, id, nothing, nothing}));
+        EXPECT_EQ(lines_with("sendlength=", host.log()),
+                  Transcript{sent(772, SM_RETURN_OPENED_ERR, 1, {0, id, nothing, nothing})[2]});
+    }
+}
+
+TEST(Delete, ShowsLargeNumbersWholeInTheLog) {
+    FakeHost host;
+    host.preset_info_answer = true;
+    host.receive(delete_request({{0x12345678, -0x12345678}, {-0x7654321, 0x7654321}}));
+    EXPECT_EQ(command_lines(host.transcript),
+              joined({{begins(2), entry(0, 0x12345678, -0x12345678), entry(2, -0x7654321, 0x7654321), faulty,
+                       looked_up(-0x12345678), faulty, looked_up(0x7654321)},
+                      sent(20, SM_RETURN_STRUCT_ERR, 0)}));
+}
+
 } // namespace

@@ -700,4 +700,25 @@ TEST(Intake, StoresBytesBeyondTheClearedPartWhereTheyBelong) {
     EXPECT_TRUE(stored(1061, 64700) == pattern(64700));
 }
 
+TEST(Intake, ShowsTheLengthsOfALongRequestWholeInTheLog) {
+    FakeHost host;
+    const Bytes all = request(SM_FUNCTION_STATE_ON, Bytes(131064));
+    host.receive(slice(all, 0, 65537));
+    host.receive(slice(all, 65537, 65535));
+    EXPECT_EQ(host.log(),
+              joined({first_packet(255, 131072),
+                      {append_line(65537, 65537), append_line(65535, 131072),
+                       "GREEN ALG_SMM ADE_ShotMentor_Receive_Manager funcNum=FF, length=131072", request_freed}}));
+}
+
+TEST(Intake, ShowsALargeNumberThatItRefusesWholeInTheLog) {
+    FakeHost host;
+    host.receive_with_length(list_request(), -0x12345678);
+    host.receive(request(0x12345678));
+    host.receive(header(SM_FUNCTION_SEND_LIST, -0x12345678));
+    EXPECT_EQ(lines_with("ERR : RESULT", host.log()),
+              (Transcript{refused_length_line(-0x12345678), refused_function_line(0x12345678),
+                          refused_total_line(-0x12345678)}));
+}
+
 } // namespace

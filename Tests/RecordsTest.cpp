@@ -405,4 +405,38 @@ TEST_F(Records, HighBitsOfAnOriginCodeAreCarriedToTheCameraUnlessAKorvelSmartFil
     }
 }
 
+// ---- Numbers that need more than 16 bits ----------------------------------------------------------------------------
+
+// Sets the words that name a preset.
+template<class Record>
+Record with_large_identities(Record record) {
+    std::memset(record.title, 0, sizeof record.title);
+    record.title[0] = 'T';
+    record.preset_num = 0x11111111;
+    record.custom_id = -0x12345678;
+    record.applocal_id = 0x7654321;
+    record.server_id = -0x7654321;
+    record.made_id = 0x12340044;
+    return record;
+}
+
+// Of a line that names a preset by all of its words: by hand, in decimal.
+const std::string large_identities =
+    "PLAIN ALG_SM title : T preset_num : 286331153 custom_id : -305419896 applocal_id : 124076833 "
+    "server_id : -124076833 made_id : 305397828";
+
+TEST_F(Records, LogLinesShowLargeIdentitiesWholeOnTheWayToThePhone) {
+    (void)converted_to_phone(with_large_identities(tag_custom_info{}));
+    EXPECT_EQ(host.log()[0], "PLAIN ALG_SMM tag_custom : 740 => sm_tag_custom : 744 title : T custom_id : -305419896 "
+                             "server_id : -124076833");
+    EXPECT_EQ(host.log()[1], large_identities);
+}
+
+TEST_F(Records, LogLinesShowLargeIdentitiesWholeOnTheWayToTheCamera) {
+    (void)converted_to_camera(with_large_identities(sm_tag_custom_info{}));
+    EXPECT_EQ(host.log()[0], "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : T custom_id : -305419896 "
+                             "server_id : -124076833");
+    EXPECT_EQ(host.log()[1], large_identities);
+}
+
 } // namespace

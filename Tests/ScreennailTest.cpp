@@ -530,4 +530,28 @@ TEST_F(Screennail, CarriesTheIdentityOfTheRecordNotTheOneThatWasAskedFor) {
     EXPECT_EQ(host.replies.back().bytes, picture_reply(70000, pattern(10)));
 }
 
+TEST_F(Screennail, ShowsLargeNumbersWholeInTheLog) {
+    store_picture(mark + mark + Bytes(70000, 7) + mark + Bytes(100000, 8));
+    host.fill_preset_info = [](tag_custom_info& record) { record.custom_id = -0x12345678; };
+    host.presets[0].custom_id = 0x12345678;
+    host.receive(picture_request(0x12345678, -0x7654321));
+    // The third stream begins at 4 + 4 + 70000, and 100004 bytes of it are not sent.
+    EXPECT_EQ(command_lines(host.transcript),
+              (Transcript{"CYAN ALG_SMM ADE_SM_Send_Preset() custom_ID=305419896, applocal_ID=-124076833",
+                          "__ui_get_preset_info(305419896, -124076833)", "PLAIN ALG_SMM __ui_get_preset_info() ",
+                          "PLAIN ALG_SMM malloc(SM_MALLOC_SIZE) size=170062, add=#1",
+                          "PLAIN ALG_SMM open file: " + written.back() + " image size : 170012",
+                          "PLAIN ALG_SMM trim screennail image size : 70008",
+                          "PLAIN ALG_SMM ADE_ShotMentor_SEND preset funcNum=1002, sendlength=70020, "
+                          "custom_ID=-305419896",
+                          "bt_send_msgs(70020)", "PLAIN ALG_SMM shotmentor_p_Full_Q_NUM : 0"}));
+}
+
+TEST_F(Screennail, ShowsTheWholeSizeOfALargeReplyThatIsRefused) {
+    store_picture(Bytes(70000, 7));
+    host.refuse_allocation(2);
+    ask();
+    EXPECT_EQ(lines_with("malloc ERR", host.log()), Transcript{"ERROR ALG_SMM malloc ERR size=70050"});
+}
+
 } // namespace

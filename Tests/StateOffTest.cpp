@@ -120,4 +120,14 @@ TEST(StateOff, ComparesTheLengthAsASignedNumberWhenCalledDirectly) {
     }
 }
 
+// ---- Numbers that need more than 16 bits ----------------------------------------------------------------------------
+
+TEST(StateOff, ShowsALongPayloadAndALargeCodeWholeInTheLog) {
+    for (const int code : {0x12345678, -0x12345678}) {
+        FakeHost host;
+        EXPECT_EQ(host.receive(request(SM_FUNCTION_STATE_OFF, words({code}) + Bytes(100000))), SM_RETURN_FAIL);
+        EXPECT_EQ(host.transcript, leaving(100004, code));
+    }
+}
+
 } // namespace

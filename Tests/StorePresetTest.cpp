@@ -339,4 +339,24 @@ TEST(StorePreset, ReportsTheRecordAsItCameWhereTheServiceWritesNothingIntoIt) {
     EXPECT_EQ(host.replies.back().bytes, store_reply(-9, 5, 6, 7));
 }
 
+TEST(StorePreset, ShowsLargeNumbersWholeInTheLog) {
+    FakeHost host;
+    host.save = [](tag_custom_info& record) {
+        record.preset_num = 0x12345678;
+        record.custom_id = -0x12345678;
+        record.applocal_id = 0x7654321;
+        return -0x7654321;
+    };
+    sm_tag_custom_info phone = automatic_preset();
+    phone.custom_id = 0x11111111;
+    phone.server_id = -0x11111111;
+    host.receive(store_request(phone, pattern(131072)));
+    EXPECT_EQ(command_lines(host.transcript),
+              (Transcript{begins(131816),
+                          "PLAIN ALG_SMM sm_tag_custom : 744 => tag_custom : 740 title : Harbour "
+                          "custom_id : 286331153 server_id : -286331153",
+                          "__ui_save_downloaded_preset(131072)", allocated,
+                          send_line(-0x7654321, 0x12345678, -0x12345678, 0x7654321), send_call}));
+}
+
 } // namespace

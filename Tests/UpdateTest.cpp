@@ -237,4 +237,13 @@ TEST(Update, HandsATitleOf51CharactersOverWithItsNul) {
     EXPECT_EQ(host.updated_titles.at(0), Bytes(title.begin(), title.end()) + zeros(2));
 }
 
+TEST(Update, ShowsLargeNumbersWholeInTheLog) {
+    FakeHost host;
+    host.update_answer = -0x7654321;
+    host.receive(update_request(update_of(0x12345678, -0x12345678, "Dusk")));
+    EXPECT_EQ(command_lines(host.transcript), joined({{begins(0x12345678, -0x12345678, "Dusk")},
+                                                      {update_calls(0x12345678, -0x12345678, "Dusk")[0]},
+                                                      sent(-0x7654321)}));
+}
+
 } // namespace

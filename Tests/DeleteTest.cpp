@@ -583,6 +583,18 @@ TEST(Delete, TakesLink40ForAPresetThatWasNotAskedFor) {
     EXPECT_EQ(host.replies[0].bytes, head(764, SM_RETURN_TRUE, 1) + phone_record(preset(101, 0)));
 }
 
+TEST(Delete, ShowsEveryLinkToAPresetThatWasNotAskedForInTheLog) {
+    for (int link = 1; link <= 40; ++link) {
+        SCOPED_TRACE(link);
+        FakeHost host;
+        host.presets = presets_from_100(1);
+        host.linked_answers = {link, link, -1, -1};
+        EXPECT_EQ(host.receive(delete_request({{0, 100}})), SM_RETURN_TRUE);
+        EXPECT_EQ(lines_with(" DEL ", host.log()),
+                  (Transcript{settled(1, not_included(1), link)[1], settled(2, not_included(2), link)[1]}));
+    }
+}
+
 TEST(Delete, MarksNoPresetForALinkOutside0To39) {
     for (const int link : {-2, INT_MIN, 39, 40, 41, INT_MAX}) {
         SCOPED_TRACE(link);
@@ -969,6 +981,18 @@ TEST(Delete, KeepsAPresetOfAnyIdentity) {
         EXPECT_EQ(lines_with("sendlength=", host.log()),
                   Transcript{sent(772, SM_RETURN_OPENED_ERR, 1, {0, id, nothing, nothing})[2]});
     }
+}
+
+TEST(Delete, TellsOfKeptPresetsOfBothCustomModesByAnyNumberAndIdentity) {
+    FakeHost host;
+    host.presets = {preset(0x12345678, 65536), preset(-0x7654321, -0x7654321)};
+    host.deletes = false; // a deletion would renumber them
+    host.linked[0] = 0;
+    host.linked[1] = 1;
+    EXPECT_EQ(host.receive(delete_request({{0, 0x12345678}, {1, -0x7654321}})), SM_RETURN_OPENED_BOTH_ERR);
+    const Kept kept = {65536, 0x12345678, -0x7654321, -0x7654321};
+    EXPECT_EQ(kept_words_of(host, 2), kept_words(kept));
+    EXPECT_EQ(lines_with("sendlength=", host.log()), Transcript{sent(1524, SM_RETURN_OPENED_BOTH_ERR, 2, kept)[2]});
 }
 
 TEST(Delete, ShowsLargeNumbersWholeInTheLog) {

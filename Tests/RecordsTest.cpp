@@ -439,4 +439,14 @@ TEST_F(Records, LogLinesShowLargeIdentitiesWholeOnTheWayToTheCamera) {
     EXPECT_EQ(host.log()[1], large_identities);
 }
 
+TEST_F(Records, LogLinesShowTheHighBitsOfAnOriginCodeInBothDirections) {
+    (void)converted_to_phone(with_large_identities(tag_custom_info{}));
+    (void)converted_to_camera(with_large_identities(sm_tag_custom_info{}));
+    Transcript origins = host.log();
+    std::erase_if(origins, [](const std::string& line) { return line.find("made_id") == std::string::npos; });
+    EXPECT_EQ(origins,
+              (Transcript{large_identities, "CYAN ALG_SM *made_id :(0x12340044)", large_identities,
+                          "YELLOW ALG_SM *curSysInfo->made_id* : 0x12340044 ", "CYAN ALG_SM *made_id :(0x12340044)"}));
+}
+
 } // namespace

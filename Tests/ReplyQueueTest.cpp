@@ -212,6 +212,30 @@ TEST(SendRecord, HoldsTheKindTheReplyAndItsLengthAndIsZeroElsewhere) {
     }
 }
 
+TEST(SendRecord, StaysAsItWasWhenItsReplyIsConfirmedOrAnotherOne) {
+    FakeHost host;
+    send_reply(host, 1);
+    send_reply(host, 2);
+    for (int confirmation = 1; confirmation <= 3; ++confirmation) { // the third one too many
+        host.confirm();
+        EXPECT_EQ(image(shotmentor_BT_info), image(host.replies[1].message)) << confirmation;
+    }
+}
+
+TEST(SendRecord, StaysAsItWasWhenARequestGetsNoReply) {
+    const Bytes requests[] = {
+        state_off_request(SM_RETURN_TRUE), state_on_request(), list_request(), request(6), request(257),
+        header(SM_FUNCTION_SEND_LIST, -1)};
+    for (const Bytes& unanswered : requests) {
+        FakeHost host;
+        send_reply(host, 1);
+        host.link_up = false; // so that the list gets none either
+        host.receive(unanswered);
+        ASSERT_EQ(host.replies.size(), 1u);
+        EXPECT_EQ(image(shotmentor_BT_info), image(host.replies[0].message)) << word_at(unanswered, 0);
+    }
+}
+
 TEST(SendRecord, IsRewrittenByTheNextSendWhileTheFirstReplyStaysUntouched) {
     FakeHost host;
     send_reply(host, 1);

@@ -219,6 +219,7 @@ Expected Model::update(const Bytes& request, int total) {
     return expected;
 }
 
+// The whole of a deletion in the order of its steps. NOLINTNEXTLINE(readability-function-cognitive-complexity)
 Expected Model::remove(const Bytes& request, int total) {
     const uint32_t pairs = (static_cast<uint32_t>(total) - 8) / 8;
     Expected expected;
@@ -238,7 +239,8 @@ Expected Model::remove(const Bytes& request, int total) {
     }
     PROMISE(heard.asked_ids == asked);
     int count = 0;
-    int kept_number[2] = {-1, -1}, kept_id[2] = {-1, -1};
+    int kept_number[2] = {-1, -1};
+    int kept_id[2] = {-1, -1};
     Bytes presets;
     if (faulty || pairs == 0) {
         expected.result = faulty ? SM_RETURN_STRUCT_ERR : SM_RETURN_DATA_ERR;

@@ -78,7 +78,8 @@ void to_phone(const tag_custom_info& camera, sm_tag_custom_info& phone) {
     PROMISE(phone.linked_custom_mode == linked);
     PROMISE(pro_film_mode == film_mode && pro_custom04_state == 0);
     check_state();
-    const tag_custom_info source = common_part(camera), result = common_part(phone);
+    const tag_custom_info source = common_part(camera);
+    const tag_custom_info result = common_part(phone);
     PROMISE(std::memcmp(&source, &result, sizeof source) == 0);
     check_phone_exposure(camera, phone);
     check_colors(camera.cs_info.cs_color, phone.cs_info.cs_color, color_for_phone, 255);
@@ -137,7 +138,8 @@ void approximate(Input& input) {
     gADE_PRO_model = input.flag() ? input.below(4) - 1 : input.word();
     const bool known = gADE_PRO_model >= 0 && gADE_PRO_model <= 2;
     const int value = input.number();
-    const int tv = ADE_PRO_ConvertApproxTV(value), av = ADE_PRO_ConvertApproxAV(value);
+    const int tv = ADE_PRO_ConvertApproxTV(value);
+    const int av = ADE_PRO_ConvertApproxAV(value);
     const int ev = ADE_PRO_ConvertApproxEV(value);
     const bool fixed = value >= 103 && value <= 107; // whatever the model
     PROMISE(known || fixed ? in_scale(tv, SM_TV_STEPS) : tv == -1);
@@ -147,7 +149,8 @@ void approximate(Input& input) {
         PROMISE(in_scale(sv, SM_SV_STEPS));
         PROMISE((known && in_scale(value, SM_SV_STEPS)) || sv == 0);
     }
-    const int first = input.number(), last = input.number();
+    const int first = input.number();
+    const int last = input.number();
     const int found_av = ADE_PRO_SearchCommonAV(value, first, last);
     const int found_sv = ADE_PRO_SearchCommonSV(value, first, last);
     PROMISE(found_av == 0 || (found_av >= first && found_av <= last && tPRO_COMMON_AV[found_av] == value));

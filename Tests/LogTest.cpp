@@ -114,10 +114,12 @@ TEST(Log, EvaluatesItsArgumentsOnce) {
 TEST(Log, IsOneStatementInAnIfWithoutBraces) {
     FakeHost host;
     for (const bool first : {true, false}) {
+        // NOLINTBEGIN(readability-braces-around-statements)
         if (first)
             ALG_LOG_PLAIN("first\n");
         else
             ALG_LOG_PLAIN("second\n");
+        // NOLINTEND(readability-braces-around-statements)
     }
     EXPECT_EQ(host.transcript, (Transcript{"PLAIN ALG_SMM first", "PLAIN ALG_SMM second"}));
 }

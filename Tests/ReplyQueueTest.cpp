@@ -204,7 +204,7 @@ TEST(SendRecord, HoldsTheKindTheReplyAndItsLengthAndIsZeroElsewhere) {
         const int32_t kind = 9;
         const void* const data = shotmentor_p_FullData;
         const int32_t length = 12;
-        std::memcpy(&expected[0], &kind, sizeof kind);
+        std::memcpy(expected.data(), &kind, sizeof kind);
         std::memcpy(&expected[80], &data, sizeof data);
         std::memcpy(&expected[80 + sizeof data], &length, sizeof length);
         EXPECT_EQ(image(host.replies.back().message), expected);

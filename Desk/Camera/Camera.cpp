@@ -18,7 +18,7 @@ namespace desk::camera {
 
 Camera::Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services)
     : loop_(loop), listener_(listener), sends_(sends), services_(services),
-      waiting_(loop, budget::waiting_time, [this](std::shared_ptr<Link> link) { waited_long_enough(std::move(link)); }),
+      waiting_(loop, budget::waiting_time, [this](const std::shared_ptr<Link>& link) { waited_long_enough(link); }),
       turned_away_(loop, budget::turned_away_time, [](const std::shared_ptr<Link>& link) { link->close(); }) {}
 
 Camera::~Camera() {
@@ -38,20 +38,20 @@ void Camera::phone_came(std::shared_ptr<Link> link) {
         take_in_next();
     }
     if (!phone_) {
-        take_in(std::move(link));
+        take_in(link);
     } else if (waiting_.size() < budget::waiting_phones && all_before_have_closed()) {
         waiting_.add(std::move(link));
     } else {
-        turn_away(std::move(link));
+        turn_away(link);
     }
 }
 
-void Camera::waited_long_enough(std::shared_ptr<Link> link) {
+void Camera::waited_long_enough(const std::shared_ptr<Link>& link) {
     let_go_if_stalled();
     if (!phone_) {
-        take_in(std::move(link));
+        take_in(link);
     } else {
-        turn_away(std::move(link));
+        turn_away(link);
     }
 }
 
@@ -61,7 +61,7 @@ bool Camera::all_before_have_closed() {
     return phone_->link->phone_has_closed() && waiting_.have_all_closed();
 }
 
-void Camera::take_in(std::shared_ptr<Link> link) {
+void Camera::take_in(const std::shared_ptr<Link>& link) {
     say("a phone connected");
     link->on_lost([this](const std::string& why) { phone_left(why); });
     sends_.connect(link);
@@ -89,7 +89,7 @@ void discard_what_arrives(Link& link, size_t at_most) {
 
 // The link stays open for a moment: a close before the phone's request has been read would take the frame away from a
 // phone that has not read it yet.
-void Camera::turn_away(std::shared_ptr<Link> link) {
+void Camera::turn_away(const std::shared_ptr<Link>& link) {
     say("a second phone was turned away");
     if (turned_away_.size() == budget::turned_away_phones) {
         turned_away_.take_oldest()->close();

@@ -38,11 +38,11 @@ class Camera {
     };
 
     void phone_came(std::shared_ptr<Link> link);
-    void waited_long_enough(std::shared_ptr<Link> link);
+    void waited_long_enough(const std::shared_ptr<Link>& link);
     bool all_before_have_closed();
-    void take_in(std::shared_ptr<Link> link);
+    void take_in(const std::shared_ptr<Link>& link);
     void take_in_next();
-    void turn_away(std::shared_ptr<Link> link);
+    void turn_away(const std::shared_ptr<Link>& link);
     void let_go_if_stalled();
     bool is_phone_stalled();
     void phone_left(const std::string& why);

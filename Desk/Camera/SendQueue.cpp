@@ -70,7 +70,7 @@ void SendQueue::sent() {
     });
 }
 
-bool SendQueue::is_to_drop() {
+bool SendQueue::is_to_drop() const {
     return lab_.drop_every > 0 && sends_ % lab_.drop_every == 0;
 }
 

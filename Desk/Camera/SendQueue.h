@@ -46,7 +46,7 @@ class SendQueue {
 
     void send_next();
     void sent();
-    bool is_to_drop();
+    bool is_to_drop() const;
     void confirm_later();
     void confirm_due();
     void confirm();

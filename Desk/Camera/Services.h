@@ -11,8 +11,8 @@ namespace desk::camera {
 // becomes the service's own way to say no, and a line on standard error.
 class Services {
   public:
-    // `sends` may be null where nothing is sent.
-    Services(PresetStore& store, SendQueue* sends, const Options& options);
+    // `send_queue` may be null where nothing is sent.
+    Services(PresetStore& preset_store, SendQueue* send_queue, const Options& options);
     ~Services();
     Services(const Services&) = delete;
     Services& operator=(const Services&) = delete;

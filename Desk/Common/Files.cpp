@@ -22,7 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t read_at_once = 64 * 1024;
+constexpr size_t read_at_once = size_t{64} * 1024;
 constexpr mode_t all_permissions = 07777;
 constexpr mode_t new_file_mode = 0666; // less the umask
 constexpr mode_t private_mode = 0600;

@@ -20,7 +20,7 @@ constexpr size_t longest_stray_frame = longest_delete_reply;
 
 // A request and its answer may take the timeout twice, and once more for so many of their bytes. With 5 s that is a
 // tenth of what a Bluetooth link carries.
-constexpr int64_t bytes_in_a_timeout = 64 * 1024;
+constexpr int64_t bytes_in_a_timeout = int64_t{64} * 1024;
 
 constexpr const char* list_silence = "see that it runs and that its link state is up, or give a longer --timeout";
 constexpr const char* picture_silence = "it answers so when it does not have the preset";

@@ -237,6 +237,7 @@ std::vector<NumberedPreset> chosen(const Presets& presets, const std::vector<int
 
 std::vector<sm_delete_pair> pairs_of(const std::vector<NumberedPreset>& presets) {
     std::vector<sm_delete_pair> pairs;
+    pairs.reserve(presets.size());
     for (const NumberedPreset& one : presets) {
         pairs.push_back({one.preset.preset_num, one.preset.custom_id});
     }

@@ -183,6 +183,7 @@ std::string labelled_lines(const std::vector<std::pair<std::string, std::string>
 
 std::vector<Deletion> deletions_of(const std::vector<NumberedPreset>& presets, const DeleteReply& reply) {
     std::vector<Deletion> deletions;
+    deletions.reserve(presets.size());
     for (const NumberedPreset& asked : presets) {
         deletions.push_back(deletion_of(asked, reply));
     }

@@ -10,7 +10,7 @@
 namespace desk::phone {
 namespace {
 
-constexpr size_t worth_showing = 64 * 1024; // what is smaller is through before it can be read
+constexpr size_t worth_showing = size_t{64} * 1024; // what is smaller is through before it can be read
 constexpr size_t bar_length = 30;
 constexpr size_t never_shown = SIZE_MAX;
 

@@ -292,7 +292,7 @@ class RecordReader {
     }
 
     void read_bytes(const JsonNode& entry, const Field& field) {
-        const JsonNode* const hex = entry.children.size() == 1 ? &entry.children[0] : nullptr;
+        const JsonNode* const hex = entry.children.size() == 1 ? &entry.children.front() : nullptr;
         const bool is_hex = hex && hex->key == bytes_entry && hex->kind == JsonNode::Kind::text &&
                             hex->text.size() == 2 * field.count &&
                             hex->text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;

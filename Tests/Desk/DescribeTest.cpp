@@ -69,22 +69,25 @@ double seconds_of(const std::string& text) {
     char slash = 0;
     std::istringstream stream(text);
     stream >> first;
-    if (stream.peek() == '/')
+    if (stream.peek() == '/') {
         stream >> slash >> second;
+    }
     std::string unit;
     stream >> unit;
     return unit == "s" && stream.eof() ? first / second : 0;
 }
 
 TEST(Describe, HasAShutterTimeForExactlyThePositionsThatTheCameraHasACodeFor) {
-    for (int32_t position = 0; position < SM_TV_STEPS; ++position)
+    for (int32_t position = 0; position < SM_TV_STEPS; ++position) {
         EXPECT_EQ(seconds_of(shutter_text(position)) > 0, tKT7_APEX_TV[position] != SM_STEP_MISSING) << position;
+    }
 }
 
 TEST(Describe, HasShutterTimesThatAreThoseOfTheCamerasCodes) {
     for (int32_t position = 0; position < SM_TV_STEPS; ++position) {
-        if (tKT7_APEX_TV[position] == SM_STEP_MISSING)
+        if (tKT7_APEX_TV[position] == SM_STEP_MISSING) {
             continue;
+        }
         const auto code = static_cast<int16_t>(tKT7_APEX_TV[position]);
         const double exact = std::pow(2.0, -code / 16.0);
         // A dial's round numbers miss the powers of two by up to 7.4 per cent; the next third step is 26 away.
@@ -102,8 +105,9 @@ TEST(Describe, WritesShutterTimesAsTheyStandOnADial) {
 }
 
 TEST(Describe, ShowsTheNumberOfAStepWithoutAShutterTime) {
-    for (const int32_t position : {0, 53, 86, 103, 110, -1})
+    for (const int32_t position : {0, 53, 86, 103, 110, -1}) {
         EXPECT_EQ(shutter_text(position), "step " + std::to_string(position));
+    }
 }
 
 TEST(Describe, WritesCompensationsInThirds) {
@@ -112,8 +116,9 @@ TEST(Describe, WritesCompensationsInThirds) {
                           "+0.3 EV", "+0.7 EV", "+1 EV",   "+1.3 EV", "+1.7 EV", "+2 EV",   "+2.3 EV", "+2.7 EV",
                           "+3 EV",   "+3.3 EV", "+3.7 EV", "+4 EV",   "+4.3 EV", "+4.7 EV", "+5 EV"};
     ASSERT_EQ(thirds.size(), size_t{SM_EV_STEPS});
-    for (size_t k = 0; k < thirds.size(); ++k)
+    for (size_t k = 0; k < thirds.size(); ++k) {
         EXPECT_EQ(compensation_text(tPRO_COMMON_EV[k]), thirds[k]) << tPRO_COMMON_EV[k];
+    }
 }
 
 TEST(Describe, TakesACompensationBetweenThirdsForTheNearestOne) {
@@ -189,9 +194,11 @@ TEST(Describe, ReadsATitleUpToItsEnd) {
 }
 
 std::string line_of(const sm_tag_custom_info& preset, const std::string& label) {
-    for (const auto& [name, text] : description_of(preset))
-        if (name == label)
+    for (const auto& [name, text] : description_of(preset)) {
+        if (name == label) {
             return text;
+        }
+    }
     return "no line " + label;
 }
 

@@ -67,8 +67,9 @@ TEST(Endpoint, KnowsWhichLinksKeepMessageBoundaries) {
 
 TEST(Endpoint, WritesTheUrlThatItWasReadFrom) {
     for (const char* const url : {"unix:/tmp/camera.sock", "tcp:localhost:0", "tcp:[::1]:5000", "rfcomm:1",
-                                  "rfcomm:00:11:22:33:44:FF:30", "l2cap:1", "l2cap:0A:11:22:33:44:55:65279"})
+                                  "rfcomm:00:11:22:33:44:FF:30", "l2cap:1", "l2cap:0A:11:22:33:44:55:65279"}) {
         EXPECT_EQ(parse_endpoint(url).url(), url);
+    }
 }
 
 TEST(Endpoint, TakesAPathAsLongAsASocketsName) {

@@ -18,8 +18,9 @@ namespace {
 
 Bytes words(std::initializer_list<int32_t> values) {
     Bytes bytes;
-    for (const int32_t value : values)
+    for (const int32_t value : values) {
         append_word(bytes, value);
+    }
     return bytes;
 }
 
@@ -43,8 +44,9 @@ const Bytes model = {'K', 'T', '7', 0, 0, 0, 0, 0, 0, 0, 0, 0};
 
 Bytes list_reply(int32_t number) {
     Bytes body = model + words({1, number});
-    for (int32_t id = 1; id <= number; ++id)
+    for (int32_t id = 1; id <= number; ++id) {
         body = body + record_with_id(id);
+    }
     return frame(0x1001, body);
 }
 
@@ -96,8 +98,9 @@ std::optional<Bytes> take(FrameReader& reader, const Bytes& piece, size_t longes
 TEST(FrameReader, GivesAFrameOnceItsLastByteHasArrived) {
     const Bytes whole = frame(0x1004, words({1}));
     FrameReader reader;
-    for (size_t k = 0; k + 1 < whole.size(); ++k)
+    for (size_t k = 0; k + 1 < whole.size(); ++k) {
         EXPECT_FALSE(take(reader, {whole[k]})) << k;
+    }
     EXPECT_EQ(take(reader, {whole.back()}), whole);
     EXPECT_FALSE(take(reader, {}));
 }
@@ -195,8 +198,9 @@ TEST(FrameReader, PutsFramesTogetherWhateverThePieces) {
             const size_t size = std::min<size_t>(1 + random() % 100, stream.size() - at);
             auto piece = std::span<const uint8_t>(stream).subspan(at, size);
             at += size;
-            while (const auto next = reader.take(piece, plenty))
+            while (const auto next = reader.take(piece, plenty)) {
                 got.push_back(*next);
+            }
         }
         ASSERT_EQ(got, sent);
     }
@@ -363,8 +367,9 @@ TEST(Replies, OfAnyBytesAreTakenOrRefusedButNothingElse) {
         const auto kind = static_cast<size_t>(round) % std::size(parsers);
         Bytes bytes = list_reply(2);
         bytes.resize(random() % bytes.size());
-        for (int k = 0; k < 3 && !bytes.empty(); ++k)
+        for (int k = 0; k < 3 && !bytes.empty(); ++k) {
             bytes[random() % std::min<size_t>(bytes.size(), 32)] = static_cast<uint8_t>(random());
+        }
         if (bytes.size() >= 8 && round % 3 != 0) { // past the first two checks
             put_word(bytes, 0, 0x1001 + static_cast<int32_t>(kind));
             put_word(bytes, 4, static_cast<int32_t>(bytes.size()));

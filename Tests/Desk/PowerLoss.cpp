@@ -167,32 +167,42 @@ std::string Judge::violation(const Tree& tree, const fs::path& store, const Expe
     return "";
 }
 
-void each_power_loss(const Disk& disk, int random_choices, std::mt19937& dice,
-                     const std::function<bool(const Tree&)>& see) {
+namespace {
+
+// One piece apart from all others: kept alone, lost alone, and torn where it can be, the others lost. False when `left`
+// wants no more.
+bool each_fate_of(size_t piece, const Disk& disk, const std::function<bool(const std::vector<Disk::Fate>&)>& left) {
     // Of a page of 4096 bytes, eight sectors: the first half, and the second.
     static const std::vector<Disk::Fate> halves = {0x0F0F0F0F0F0F0F0F, 0xF0F0F0F0F0F0F0F0};
+    std::vector fates(disk.unflushed(), Disk::lost);
+    fates[piece] = Disk::kept;
+    if (!left(fates)) {
+        return false;
+    }
+    std::ranges::fill(fates, Disk::kept);
+    fates[piece] = Disk::lost;
+    if (!left(fates)) {
+        return false;
+    }
+    std::ranges::fill(fates, Disk::lost);
+    return std::ranges::all_of(disk.can_be_torn(piece) ? halves : std::vector<Disk::Fate>{}, [&](Disk::Fate half) {
+        fates[piece] = half;
+        return left(fates);
+    });
+}
+
+} // namespace
+
+void each_power_loss(const Disk& disk, int random_choices, std::mt19937& dice,
+                     const std::function<bool(const Tree&)>& see) {
     const size_t pieces = disk.unflushed();
     const auto left = [&](const std::vector<Disk::Fate>& fates) { return see(disk.after_power_loss(fates)); };
     if (!left(std::vector(pieces, Disk::lost)) || pieces == 0 || !left(std::vector(pieces, Disk::kept))) {
         return;
     }
     for (size_t piece = 0; piece < pieces; ++piece) {
-        std::vector fates(pieces, Disk::lost);
-        fates[piece] = Disk::kept;
-        if (!left(fates)) {
+        if (!each_fate_of(piece, disk, left)) {
             return;
-        }
-        std::ranges::fill(fates, Disk::kept);
-        fates[piece] = Disk::lost;
-        if (!left(fates)) {
-            return;
-        }
-        for (const Disk::Fate half : disk.can_be_torn(piece) ? halves : std::vector<Disk::Fate>{}) {
-            std::ranges::fill(fates, Disk::lost);
-            fates[piece] = half;
-            if (!left(fates)) {
-                return;
-            }
         }
     }
     for (int choice = 0; choice < random_choices; ++choice) {

@@ -336,7 +336,7 @@ TEST_F(PowerLoss, BreaksThePromiseWhenARepeatedFlushIsLeftOutEachTime) {
     constexpr int random_choices = 4;
     const Session session = whole_session();
     for (const auto& [call, flush] : flushes_in(session)) {
-        const auto spare = std::ranges::find(spares, flush, &Spare::flush);
+        const auto* const spare = std::ranges::find(spares, flush, &Spare::flush);
         if (spare != std::end(spares) && spare->reason == Spare::Reason::repeated) {
             EXPECT_NE(violation_in(session, flushes_like(call, session), random_choices), "")
                 << line_of(flush, spare->needed, spare->spare);

@@ -44,8 +44,9 @@ std::string changed(const std::function<void(ordered_json&)>& change) {
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
+    for (std::string line; std::getline(stream, line);) {
         lines.push_back(line);
+    }
     return lines;
 }
 
@@ -69,34 +70,40 @@ using Lines = std::vector<std::string>;
 // ---- There and back -------------------------------------------------------------------------------------------------
 
 TEST(PresetJson, GivesBackEveryWordOfAPhoneRecordWhateverItsValue) {
-    for (const Field& field : fields())
-        for (size_t k = 0; k < field.words(); ++k)
+    for (const Field& field : fields()) {
+        for (size_t k = 0; k < field.words(); ++k) {
             for (const int32_t value : extremes) {
                 Bytes bytes = rising(sizeof(sm_tag_custom_info));
                 put_word(bytes, field.offset + 4 * k, value);
                 ASSERT_EQ(there_and_back(decode_phone_record(bytes)), bytes) << field.name << ' ' << k;
             }
+        }
+    }
 }
 
 TEST(PresetJson, GivesBackEveryWordOfACameraRecordWhateverItsValue) {
-    for (const Field& field : fields())
-        for (size_t k = 0; k < field.words() && !field.phone_only; ++k)
+    for (const Field& field : fields()) {
+        for (size_t k = 0; k < field.words() && !field.phone_only; ++k) {
             for (const int32_t value : extremes) {
                 Bytes bytes = rising(sizeof(tag_custom_info));
                 put_word(bytes, field.offset + 4 * k, value);
                 ASSERT_EQ(there_and_back(decode_camera_record(bytes)), bytes) << field.name << ' ' << k;
             }
+        }
+    }
 }
 
 TEST(PresetJson, GivesBackTextsOfAnyBytes) {
-    for (const size_t offset : {offsetof(sm_tag_custom_info, title), offsetof(sm_tag_custom_info, screennail_path)})
-        for (const size_t position : {0u, 1u, 25u, 50u, 51u})
+    for (const size_t offset : {offsetof(sm_tag_custom_info, title), offsetof(sm_tag_custom_info, screennail_path)}) {
+        for (const size_t position : {0u, 1u, 25u, 50u, 51u}) {
             for (int byte = 0; byte < 256; ++byte) {
                 Bytes bytes(sizeof(sm_tag_custom_info));
                 std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), position, uint8_t{'t'});
                 bytes[offset + position] = static_cast<uint8_t>(byte);
                 ASSERT_EQ(there_and_back(decode_phone_record(bytes)), bytes) << position << ' ' << byte;
             }
+        }
+    }
 }
 
 struct Title {
@@ -144,8 +151,9 @@ TEST(PresetJson, WritesATextThatIsNoStringAsAllItsBytes) {
 TEST(PresetJson, WritesTheEntriesInTheRecordsOrder) {
     const ordered_json json = to_json(sm_tag_custom_info{});
     std::vector<std::string> names;
-    for (const auto& [name, value] : json.items())
+    for (const auto& [name, value] : json.items()) {
         names.push_back(name);
+    }
     ASSERT_EQ(names.size(), 61u); // 2 texts, 56 single words, reserved_636, cs_info, linked_custom_mode
     EXPECT_EQ(names[0], "title");
     EXPECT_EQ(names[1], "mode");
@@ -179,8 +187,9 @@ TEST(PresetJson, TakesWhatAFileLeavesOutAs0) {
     const char* const optional[] = {"linked_custom_mode", "screennail_path", "reserved_636", "preset_num",
                                     "custom_id",          "applocal_id",     "server_id"};
     ordered_json json = to_json(preset);
-    for (const char* const name : optional)
+    for (const char* const name : optional) {
         ASSERT_EQ(json.erase(name), 1u) << name;
+    }
     Bytes expected(sizeof preset, 0x11);
     std::fill(expected.begin() + 636, expected.begin() + 660, uint8_t{0}); // reserved_636
     std::fill(expected.begin() + 668, expected.begin() + 684, uint8_t{0}); // preset_num to server_id
@@ -192,10 +201,12 @@ TEST(PresetJson, TakesEntriesInAnyOrder) {
     const ordered_json json = to_json(decode_phone_record(rising(744)));
     ordered_json reversed = ordered_json::object();
     std::vector<std::string> names;
-    for (const auto& [name, value] : json.items())
+    for (const auto& [name, value] : json.items()) {
         names.insert(names.begin(), name);
-    for (const std::string& name : names)
+    }
+    for (const std::string& name : names) {
         reversed[name] = json[name];
+    }
     EXPECT_EQ(encode(phone_record_from_json(reversed.dump(), file)), rising(744));
 }
 
@@ -349,8 +360,9 @@ const Fault single_faults[] = {
 };
 
 TEST(PresetJsonFaults, NameTheFileTheLineTheEntryAndTheRemedy) {
-    for (const Fault& fault : single_faults)
+    for (const Fault& fault : single_faults) {
         EXPECT_EQ(faults_of(changed(fault.change)), fault.faults) << fault.what;
+    }
 }
 
 TEST(PresetJsonFaults, NameTheLineOfAnEntryThatIsGivenTwice) {
@@ -377,8 +389,9 @@ TEST(PresetJsonFaults, AreToldUpToAHundredAndCountedBeyond) {
     for (const size_t number : {size_t{100}, size_t{101}, size_t{5000}}) {
         const std::string text = changed([&](ordered_json& preset) {
             preset["title"] = 1;
-            for (size_t k = 1; k < number; ++k)
+            for (size_t k = 1; k < number; ++k) {
                 preset["zoom" + std::to_string(k)] = 1;
+            }
         });
         const Lines faults = faults_of(text);
         ASSERT_EQ(faults.size(), number > 100 ? 101u : 100u);
@@ -457,15 +470,17 @@ TEST(PresetJsonFaults, AreAllThatAFileOfAnyBytesCauses) {
             text.replace(at, removed, 1,
                          random() % 2 == 0 ? "{}[],:\"0-.e\\"[random() % 12] : static_cast<char>(random()));
         }
-        for (const std::string& fault : faults_of(text))
+        for (const std::string& fault : faults_of(text)) {
             ASSERT_EQ(fault.rfind("preset.json:", 0), 0u) << fault;
+        }
     }
 }
 
 TEST(PresetJsonFaults, StandAFileThatIsCutAnywhere) {
     const std::string whole = to_json(decode_phone_record(rising(744))).dump(1);
-    for (size_t size = 0; size < whole.size(); ++size)
+    for (size_t size = 0; size < whole.size(); ++size) {
         ASSERT_EQ(faults_of(whole.substr(0, size)).size(), 1u) << size;
+    }
     EXPECT_TRUE(faults_of(whole).empty());
 }
 

@@ -43,8 +43,9 @@ TEST(Fields, CoverEveryByteOfThePhonesRecordOnceAndInOrder) {
 
 TEST(Fields, HaveOneNameEach) {
     std::vector<std::string> names;
-    for (const Field& field : fields())
+    for (const Field& field : fields()) {
         names.push_back(field.name);
+    }
     std::sort(names.begin(), names.end());
     EXPECT_EQ(std::adjacent_find(names.begin(), names.end()), names.end());
 }

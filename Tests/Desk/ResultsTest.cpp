@@ -32,13 +32,15 @@ const Known known[] = {
 };
 
 TEST(Results, HaveTheirNames) {
-    for (const Known& result : known)
+    for (const Known& result : known) {
         EXPECT_EQ(name_of_result(result.code), result.name);
+    }
 }
 
 TEST(Results, HaveAnExitCodeOfTheirOwn) {
-    for (const Known& result : known)
+    for (const Known& result : known) {
         EXPECT_EQ(exit_code_of_result(result.code), result.exit_code) << result.name;
+    }
 }
 
 TEST(Results, HaveDifferentMeaningsWithoutAFullStop) {
@@ -62,8 +64,9 @@ TEST(Results, BetweenZeroAndMinusTwelveHaveAnExitCodeEvenWithoutAName) {
 }
 
 TEST(Results, BeyondShareOneExitCode) {
-    for (const int32_t result : {2, 77, -13, INT32_MAX, INT32_MIN})
+    for (const int32_t result : {2, 77, -13, INT32_MAX, INT32_MIN}) {
         EXPECT_EQ(exit_code_of_result(result), 30) << result;
+    }
 }
 
 } // namespace

@@ -62,7 +62,7 @@ State& state() {
 }
 
 std::optional<Kind> kind_named(std::string_view name) {
-    const auto found = std::ranges::find(names, name);
+    const auto* const found = std::ranges::find(names, name);
     if (found == names.end()) {
         return std::nullopt;
     }

@@ -1,10 +1,10 @@
 // Camera model, and the search for the nearest step that a model supports. The step tables are defined here, in their
 // own header.
 
-#define ALG_LOG_TAG "ALG_SM"
+#define LOG_SOURCE kApproximationSource
 
 #include "ADE_ShotMentor.h"
-#include "ADE_ShotMentor_Log.h"
+#include "ADE_ShotMentor_LogLine.h"
 #include "ADE_ShotMentor_Steps.h"
 #include "ADE_ShotMentor_Tables.h"
 

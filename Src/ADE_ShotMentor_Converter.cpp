@@ -1,11 +1,10 @@
 // Conversion of presets between the camera's record and the phone's. Both directions copy the common 740 bytes and then
 // rewrite the words that the two sides encode differently.
 
-#define ALG_LOG_TAG "ALG_SM"
-#define MANAGER_LOG_TAG "ALG_SMM" // for the line in which a copy names the records that the manager exchanges
+#define LOG_SOURCE kConverterSource
 
 #include "ADE_ShotMentor.h"
-#include "ADE_ShotMentor_Log.h"
+#include "ADE_ShotMentor_LogLine.h"
 #include "ADE_ShotMentor_Steps.h"
 #include "ADE_ShotMentor_Words.h"
 
@@ -81,20 +80,32 @@ enum TraceForm : uint8_t {
 
 enum Direction { kToPhone, kToCamera, kDirections };
 
+enum TraceNumber : uint8_t { kNoNumber, kDecimal, kHexadecimal };
+
+// What a line shows behind its label: at most two numbers, with text around them.
 struct TraceFormat {
-    char format[24]; // takes the field's label, the first value and the second
+    ShortText before;
+    TraceNumber first;
+    ShortText between;
+    TraceNumber second;
+    ShortText behind;
     bool result_first;
 };
 
 // clang-format off
-constexpr TraceFormat kTraceFormats[kTraceForms][kDirections] = {
-    //                 to the phone                           to the camera
-    /* kBoth */       {{"%s :(%d)\t =>(%d)\n", false},        {"%s :(%d)\t =>(%d)\n", false}},
-    /* kStepCode */   {{"%s :(0x%x)\t =>(%d)\n", false},      {"%s :(%d)\t =>(0x%x)\n", false}},
-    /* kColor */      {{"%s :(%d)\t =>(%d)\n", false},        {"%s :(%d)\t => (%d)\n", false}},
-    /* kSource */     {{"%s:(%d)\n", false},                  {"%s:(%d)\n", false}},
-    /* kResult */     {{"%s :(%d)\n", true},                  {"%s :(%d)\n", true}},
-    /* kCameraOnly */ {{"%s :(%d)\t =>(-)\n", false},         {"%s :(-)\t =>(%d)\n", true}},
+constexpr TraceFormat kTraceFormats[kTraceForms][kDirections] = { // first to the phone, then to the camera
+    /* kBoth */       {{" :(",          kDecimal,     ")\t =>(",   kDecimal,     ")\n",         false},
+                       {" :(",          kDecimal,     ")\t =>(",   kDecimal,     ")\n",         false}},
+    /* kStepCode */   {{" :(0x",        kHexadecimal, ")\t =>(",   kDecimal,     ")\n",         false},
+                       {" :(",          kDecimal,     ")\t =>(0x", kHexadecimal, ")\n",         false}},
+    /* kColor */      {{" :(",          kDecimal,     ")\t =>(",   kDecimal,     ")\n",         false},
+                       {" :(",          kDecimal,     ")\t => (",  kDecimal,     ")\n",         false}},
+    /* kSource */     {{":(",           kDecimal,     "",          kNoNumber,    ")\n",         false},
+                       {":(",           kDecimal,     "",          kNoNumber,    ")\n",         false}},
+    /* kResult */     {{" :(",          kDecimal,     "",          kNoNumber,    ")\n",         true},
+                       {" :(",          kDecimal,     "",          kNoNumber,    ")\n",         true}},
+    /* kCameraOnly */ {{" :(",          kDecimal,     "",          kNoNumber,    ")\t =>(-)\n", false},
+                       {" :(-)\t =>(", kDecimal,     "",          kNoNumber,    ")\n",         true}},
 };
 // clang-format on
 
@@ -182,27 +193,82 @@ constexpr TraceLine kTrace[] = {
 };
 static_assert(sizeof kTrace / sizeof kTrace[0] == 69, "each trace has 71 lines, two of them before the table");
 
-void log_field(alg_log_level level, const TraceFormat& format, const TraceLine& line, const void* source,
-               const void* result) {
-    const int32_t second = word_at(result, line.offset);
-    const int32_t first = format.result_first ? second : word_at(source, line.offset);
-    ALG_LOG(level, ALG_LOG_TAG, format.format, line.label, first, second);
+// The same table as it is kept: what a line needs in four bytes, and the labels back to back.
+constexpr size_t packed_labels_size() {
+    size_t size = 0;
+    for (const TraceLine& line : kTrace) {
+        size += __builtin_strlen(line.label) + 1;
+    }
+    return size;
+}
+
+struct PackedTrace {
+    struct Line {
+        uint16_t offset;
+        TraceForm form;
+        uint8_t to_phone_level;
+    };
+    Line lines[sizeof kTrace / sizeof kTrace[0]];
+    char labels[packed_labels_size()]; // in the order of the lines, with their NULs
+};
+
+constexpr PackedTrace packed(const TraceLine (&trace)[sizeof kTrace / sizeof kTrace[0]]) {
+    PackedTrace packed = {};
+    PackedTrace::Line* to = packed.lines;
+    char* label = packed.labels;
+    for (const TraceLine& line : trace) {
+        *to++ = {line.offset, line.form, static_cast<uint8_t>(line.to_phone_level)};
+        for (const char* from = line.label; *from != '\0'; ++from) {
+            *label++ = *from;
+        }
+        ++label;
+    }
+    return packed;
+}
+
+constexpr PackedTrace kPackedTrace = packed(kTrace);
+
+char* put_number(char* at, TraceNumber form, int32_t number) {
+    switch (form) {
+    case kDecimal:
+        return put_decimal(at, number);
+    case kHexadecimal:
+        return put_hexadecimal(at, static_cast<uint32_t>(number));
+    case kNoNumber:
+        break;
+    }
+    return at;
+}
+
+// Logs the trace of a conversion.
+void log_trace(Direction direction, const void* source, const void* result) {
+    const char* label = kPackedTrace.labels;
+    for (const PackedTrace::Line& line : kPackedTrace.lines) {
+        const TraceFormat& format = kTraceFormats[line.form][direction];
+        const auto level = static_cast<alg_log_level>(direction == kToPhone ? line.to_phone_level : uint8_t{0});
+        const int32_t second = word_at(result, line.offset);
+        const int32_t first = format.result_first ? second : word_at(source, line.offset);
+        char text[ALG_LOG_LINE_SIZE];
+        char* const message = alg_log_begin(text, level);
+        char* at = put_text(message, label);
+        label += at - message + 1;
+        at = put_number(format.before.put(at), format.first, first);
+        at = put_number(format.between.put(at), format.second, second);
+        alg_log_end(format.behind.put(at));
+        print_line(log_site(LOG_SOURCE, level, __LINE__), __func__, text);
+    }
 }
 
 void log_conversion_to_phone(const tag_custom_info& camera, const sm_tag_custom_info& phone) {
     ALG_LOG_YELLOW("*ShotMentor*\t  ADE_PRO_CreateProFilm \n");
     ALG_LOG_CYAN("*made_id :(0x%x)\n", static_cast<unsigned>(phone.made_id));
-    for (const TraceLine& line : kTrace) {
-        log_field(line.to_phone_level, kTraceFormats[line.form][kToPhone], line, &camera, &phone);
-    }
+    log_trace(kToPhone, &camera, &phone);
 }
 
 void log_conversion_to_camera(const sm_tag_custom_info& phone, const tag_custom_info& camera) {
     ALG_LOG_GREEN("*ShotMentor*\t  ADE_PRO_CreateSysCustom \n");
     ALG_LOG_CYAN("*made_id :(0x%x)\n", static_cast<unsigned>(camera.made_id));
-    for (const TraceLine& line : kTrace) {
-        log_field(ALG_LOG_LEVEL_PLAIN, kTraceFormats[line.form][kToCamera], line, &phone, &camera);
-    }
+    log_trace(kToCamera, &phone, &camera);
 }
 
 template<class Record>
@@ -218,10 +284,10 @@ void log_identities(const Record& record) {
 
 int ADE_ShotMentor_Conv2ProFilmStruct(const tag_custom_info* camera, sm_tag_custom_info* phone) {
     memcpy(phone, camera, sizeof *camera);
-    ALG_LOG(ALG_LOG_LEVEL_PLAIN, MANAGER_LOG_TAG,
-            "tag_custom : %d => sm_tag_custom : %d title : " TITLE_FORMAT " custom_id : %d server_id : %d\n",
-            static_cast<int>(sizeof *camera), static_cast<int>(sizeof *phone), phone->title, phone->custom_id,
-            phone->server_id);
+    LOG_LINE(kConverterSourceForManager, ALG_LOG_LEVEL_PLAIN,
+             "tag_custom : %d => sm_tag_custom : %d title : " TITLE_FORMAT " custom_id : %d server_id : %d\n",
+             static_cast<int>(sizeof *camera), static_cast<int>(sizeof *phone), phone->title, phone->custom_id,
+             phone->server_id);
     log_identities(*phone);
     return SM_RETURN_TRUE;
 }
@@ -352,10 +418,10 @@ void force_style_c4(sm_cs_info& style) {
 
 int ADE_ShotMentor_Conv2SysCustomStruct(const sm_tag_custom_info* phone, tag_custom_info* camera) {
     memcpy(camera, phone, sizeof *camera);
-    ALG_LOG(ALG_LOG_LEVEL_PLAIN, MANAGER_LOG_TAG,
-            "sm_tag_custom : %d => tag_custom : %d title : " TITLE_FORMAT " custom_id : %d server_id : %d\n",
-            static_cast<int>(sizeof *phone), static_cast<int>(sizeof *camera), camera->title, camera->custom_id,
-            camera->server_id);
+    LOG_LINE(kConverterSourceForManager, ALG_LOG_LEVEL_PLAIN,
+             "sm_tag_custom : %d => tag_custom : %d title : " TITLE_FORMAT " custom_id : %d server_id : %d\n",
+             static_cast<int>(sizeof *phone), static_cast<int>(sizeof *camera), camera->title, camera->custom_id,
+             camera->server_id);
     log_identities(*camera);
     return SM_RETURN_TRUE;
 }

@@ -53,36 +53,38 @@ enum {
 
 /* Returns the escape sequence that starts a line of a level; warnings and errors share theirs. */
 ALG_LOG_INLINE const char* alg_log_color(alg_log_level level) {
-    static const char colors[ALG_LOG_LEVELS][6] = {"\033[m",   "\033[32m", "\033[33m",
+    static const char colors[ALG_LOG_LEVELS][8] = {"\033[m",   "\033[32m", "\033[33m",
                                                    "\033[36m", "\033[31m", "\033[31m"};
     return colors[level];
+}
+
+/* Begins a line in `text` (ALG_LOG_LINE_SIZE bytes) with the level's colour. Returns where the message goes. */
+ALG_LOG_INLINE char* alg_log_begin(char* text, alg_log_level level) {
+    memcpy(text, alg_log_color(level), 8); /* of which 3 or 5 stay */
+    return text + (level == ALG_LOG_LEVEL_PLAIN ? 3 : 5);
+}
+
+/* Ends a line whose message ends before `end`: without the message's newline, with the colour reset and a NUL. */
+ALG_LOG_INLINE void alg_log_end(char* end) {
+    if (end[-1] == '\n') {
+        --end;
+    }
+    memcpy(end, ALG_LOG_COLOR_RESET, sizeof ALG_LOG_COLOR_RESET);
 }
 
 /* Builds the line in `text` (ALG_LOG_LINE_SIZE bytes) from the level's colour, the message and the colour reset. */
 __attribute__((format(printf, 3, 0))) ALG_LOG_INLINE void alg_log_compose(char* text, alg_log_level level,
                                                                           const char* format, va_list arguments) {
-    const char* const color = alg_log_color(level);
-    const size_t prefix = strlen(color);
-    memset(text, 0, ALG_LOG_LINE_SIZE);
-    memcpy(text, color, prefix);
-    vsnprintf(text + prefix, ALG_LOG_TEXT_SIZE - prefix, format, arguments);
-    size_t end = strlen(text);
-    if (text[end - 1] == '\n') {
-        --end;
-    }
-    memcpy(text + end, ALG_LOG_COLOR_RESET, sizeof ALG_LOG_COLOR_RESET);
+    char* const message = alg_log_begin(text, level);
+    message[0] = '\0'; /* should the formatter fail before it writes anything */
+    vsnprintf(message, (size_t)(text + ALG_LOG_TEXT_SIZE - message), format, arguments);
+    alg_log_end(message + strlen(message));
 }
 
-/* Logs one formatted line, with its call site (`file` is a base name) or, where `file` is null, without. */
-__attribute__((format(printf, 6, 7))) ALG_LOG_INLINE void alg_log_write(alg_log_level level, const char* tag,
-                                                                        const char* file, const char* function,
-                                                                        int line, const char* format, ...) {
-    char text[ALG_LOG_LINE_SIZE];
+/* Logs a finished line, with its call site (`file` is a base name) or, where `file` is null, without. */
+ALG_LOG_INLINE void alg_log_print(alg_log_level level, const char* tag, const char* file, const char* function,
+                                  int line, const char* text) {
     const int priority = level == ALG_LOG_LEVEL_ERROR ? ALG_LOG_PRIORITY_ERROR : ALG_LOG_PRIORITY;
-    va_list arguments;
-    va_start(arguments, format);
-    alg_log_compose(text, level, format, arguments);
-    va_end(arguments);
     if (file == NULL) {
         __dlog_print(ALG_LOG_BUFFER, priority, tag, "%s", text);
     } else {
@@ -91,6 +93,18 @@ __attribute__((format(printf, 6, 7))) ALG_LOG_INLINE void alg_log_write(alg_log_
     if (level == ALG_LOG_LEVEL_ERROR) {
         fprintf(stderr, "[%-10s] %s", tag, text);
     }
+}
+
+/* Logs one formatted line; the other arguments are those of alg_log_print. */
+__attribute__((format(printf, 6, 7))) ALG_LOG_INLINE void alg_log_write(alg_log_level level, const char* tag,
+                                                                        const char* file, const char* function,
+                                                                        int line, const char* format, ...) {
+    char text[ALG_LOG_LINE_SIZE];
+    va_list arguments;
+    va_start(arguments, format);
+    alg_log_compose(text, level, format, arguments);
+    va_end(arguments);
+    alg_log_print(level, tag, file, function, line, text);
 }
 
 /* The compiler evaluates these for a constant string. */
@@ -109,11 +123,16 @@ __attribute__((format(printf, 6, 7))) ALG_LOG_INLINE void alg_log_write(alg_log_
         }                                                                                                              \
     } while (0)
 
-#define ALG_LOG_PLAIN(...) ALG_LOG(ALG_LOG_LEVEL_PLAIN, ALG_LOG_TAG, __VA_ARGS__)
-#define ALG_LOG_GREEN(...) ALG_LOG(ALG_LOG_LEVEL_GREEN, ALG_LOG_TAG, __VA_ARGS__)
-#define ALG_LOG_YELLOW(...) ALG_LOG(ALG_LOG_LEVEL_YELLOW, ALG_LOG_TAG, __VA_ARGS__)
-#define ALG_LOG_CYAN(...) ALG_LOG(ALG_LOG_LEVEL_CYAN, ALG_LOG_TAG, __VA_ARGS__)
-#define ALG_LOG_WARN(...) ALG_LOG(ALG_LOG_LEVEL_WARN, ALG_LOG_TAG, __VA_ARGS__)
-#define ALG_LOG_ERROR(...) ALG_LOG(ALG_LOG_LEVEL_ERROR, ALG_LOG_TAG, __VA_ARGS__)
+/* A line of the unit's tag. A unit that makes its lines another way defines this before it includes the header. */
+#ifndef ALG_LOG_LINE
+#define ALG_LOG_LINE(level, ...) ALG_LOG(level, ALG_LOG_TAG, __VA_ARGS__)
+#endif
+
+#define ALG_LOG_PLAIN(...) ALG_LOG_LINE(ALG_LOG_LEVEL_PLAIN, __VA_ARGS__)
+#define ALG_LOG_GREEN(...) ALG_LOG_LINE(ALG_LOG_LEVEL_GREEN, __VA_ARGS__)
+#define ALG_LOG_YELLOW(...) ALG_LOG_LINE(ALG_LOG_LEVEL_YELLOW, __VA_ARGS__)
+#define ALG_LOG_CYAN(...) ALG_LOG_LINE(ALG_LOG_LEVEL_CYAN, __VA_ARGS__)
+#define ALG_LOG_WARN(...) ALG_LOG_LINE(ALG_LOG_LEVEL_WARN, __VA_ARGS__)
+#define ALG_LOG_ERROR(...) ALG_LOG_LINE(ALG_LOG_LEVEL_ERROR, __VA_ARGS__)
 
 #endif

@@ -1,10 +1,10 @@
 // Phone message manager: reassembles requests, runs them against the camera's preset store, and keeps every reply until
 // its send has been confirmed.
 
-#define ALG_LOG_TAG "ALG_SMM"
+#define LOG_SOURCE kManagerSource
 
 #include "ADE_ShotMentor.h"
-#include "ADE_ShotMentor_Log.h"
+#include "ADE_ShotMentor_LogLine.h"
 #include "ADE_ShotMentor_Words.h"
 
 #include <limits.h>
@@ -144,7 +144,13 @@ int ADE_ShotMentor_Combine_BTData(const void* data, int length) {
         ALG_LOG_ERROR("ERR ADE_ShotMentor_Combine_BTData \n");
         return SM_RETURN_FAIL;
     }
-    ALG_LOG_GREEN("ADE_ShotMentor_Combine_BTData length=%d, sm_BT_combine_length=%d\n", length, sm_BT_combine_length);
+    // The one line that every packet costs, so it does without the formatter.
+    char text[ALG_LOG_LINE_SIZE];
+    char* at = alg_log_begin(text, ALG_LOG_LEVEL_GREEN);
+    at = put_decimal(put_text(at, "ADE_ShotMentor_Combine_BTData length="), length);
+    at = put_decimal(put_text(at, ", sm_BT_combine_length="), sm_BT_combine_length);
+    alg_log_end(at);
+    print_line(log_site(LOG_SOURCE, ALG_LOG_LEVEL_GREEN, __LINE__), __func__, text);
     return SM_RETURN_TRUE;
 }
 
@@ -471,13 +477,20 @@ void open_screennail(Screennail& picture, const tag_custom_info& preset) {
     picture.size = size > 0 && !picture.failed ? static_cast<int>(size) : 0;
 }
 
+// Reads an open picture into the current reply. Its bytes were not cleared before: those that a short read leaves out
+// are sent as zeros.
+void fill_from_file(Screennail& picture) {
+    unsigned char* const image = shotmentor_p_FullData + sizeof(sm_screennail_reply);
+    const auto size = static_cast<size_t>(picture.size);
+    const size_t read = fread(image, 1, size, picture.file);
+    memset(image + read, 0, size - read);
+    picture.failed = ferror(picture.file) != 0;
+}
+
 // Reads the picture into the current reply. One that cannot be read has the size 0 from then on.
 void read_screennail(Screennail& picture) {
     if (!picture.failed) {
-        unsigned char* const image = shotmentor_p_FullData + sizeof(sm_screennail_reply);
-        // Bytes that a short read leaves out are sent as zeros.
-        [[maybe_unused]] const size_t items = fread(image, static_cast<size_t>(picture.size), 1, picture.file);
-        picture.failed = ferror(picture.file) != 0;
+        fill_from_file(picture);
     }
     ALG_LOG_PLAIN("open file: %s image size : %d", picture.path, picture.size);
     if (picture.failed) {
@@ -490,24 +503,31 @@ void read_screennail(Screennail& picture) {
 // the start-of-image marker and a define-quantisation-table marker.
 int trimmed_size(const unsigned char* image, int size) {
     constexpr unsigned char kStreamStart[] = {0xFF, 0xD8, 0xFF, 0xDB};
-    static_assert(sizeof kStreamStart - 1 <= kScreennailSpareBytes);
-    int streams = 0;
-    for (int offset = 0; offset < size; ++offset) {
-        if (memcmp(image + offset, kStreamStart, sizeof kStreamStart) == 0) {
-            ++streams;
+    const unsigned char* const end = image + size;
+    const unsigned char* at = image;
+    for (int streams = 1;; ++streams) {
+        at = static_cast<const unsigned char*>(
+            memmem(at, static_cast<size_t>(end - at), kStreamStart, sizeof kStreamStart));
+        if (at == nullptr) {
+            return size;
         }
         if (streams == kFirstUnsentStream) {
-            return offset;
+            return static_cast<int>(at - image);
         }
+        at += sizeof kStreamStart;
     }
-    return size;
 }
 
-// Begins the reply in a buffer that the picture fits. Returns false when it was refused.
+// Begins the reply in a buffer that the picture fits, cleared but for the picture's place. Returns false when it was
+// refused.
 bool begin_screennail_reply(int picture_size) {
     const int size = picture_size + kScreennailExtraBytes;
     park_reply();
-    allocate_reply(size);
+    shotmentor_p_FullData = static_cast<unsigned char*>(malloc(static_cast<size_t>(size)));
+    if (shotmentor_p_FullData != nullptr) {
+        memset(shotmentor_p_FullData, 0, sizeof(sm_screennail_reply));
+        memset(shotmentor_p_FullData + size - kScreennailSpareBytes, 0, kScreennailSpareBytes);
+    }
     ALG_LOG_PLAIN("malloc(SM_MALLOC_SIZE) size=%d, add=%p\n", size, static_cast<void*>(shotmentor_p_FullData));
     return has_reply(size);
 }

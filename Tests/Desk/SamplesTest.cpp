@@ -17,6 +17,8 @@
 
 #include "ADE_ShotMentor.h"
 #include "Camera/Samples.h"
+#include "SamplePictures/DrawPicture.h"
+#include "SamplePictures/SamplePictures.h"
 
 namespace {
 
@@ -211,9 +213,14 @@ Decoded decode(const Picture& stream) {
     return decoded;
 }
 
+Picture picture_of(int number) {
+    const auto bytes = desk::camera::sample_picture(number);
+    return {bytes.begin(), bytes.end()};
+}
+
 TEST(SamplePicture, HoldsFourStreamsThatBeginWithTheirTables) {
     for (const int number : {0, 5, 11}) {
-        const Picture picture = desk::camera::draw_picture(number);
+        const Picture picture = picture_of(number);
         const std::vector<size_t> starts = stream_starts(picture);
         ASSERT_EQ(starts.size(), 4U);
         EXPECT_EQ(starts.front(), 0U);
@@ -221,7 +228,7 @@ TEST(SamplePicture, HoldsFourStreamsThatBeginWithTheirTables) {
 }
 
 TEST(SamplePicture, EndsEachStreamWhereTheNextBegins) {
-    for (const Picture& stream : streams_of(desk::camera::draw_picture(1))) {
+    for (const Picture& stream : streams_of(picture_of(1))) {
         ASSERT_GE(stream.size(), 4U);
         EXPECT_EQ(stream[stream.size() - 2], 0xFF);
         EXPECT_EQ(stream[stream.size() - 1], 0xD9);
@@ -229,7 +236,7 @@ TEST(SamplePicture, EndsEachStreamWhereTheNextBegins) {
 }
 
 TEST(SamplePicture, DecodesAsOnePictureInFourSizes) {
-    const std::vector<Picture> streams = streams_of(desk::camera::draw_picture(2));
+    const std::vector<Picture> streams = streams_of(picture_of(2));
     ASSERT_EQ(streams.size(), 4U);
     const Decoded whole = decode(streams[0]);
     for (unsigned number = 0; number < 4; ++number) {
@@ -246,20 +253,20 @@ TEST(SamplePicture, DecodesAsOnePictureInFourSizes) {
 
 TEST(SamplePicture, HasTheSizeOfACamerasPicture) {
     for (const int number : {0, 7}) {
-        const Picture picture = desk::camera::draw_picture(number);
+        const Picture picture = picture_of(number);
         EXPECT_GT(picture.size(), 200'000U);
         EXPECT_LT(picture.size(), 500'000U);
     }
 }
 
-TEST(SamplePicture, IsDrawnTheSameWayEachTime) {
-    EXPECT_EQ(desk::camera::draw_picture(3), desk::camera::draw_picture(3));
+TEST(SamplePicture, IsWhatIsDrawnForItsNumber) {
+    EXPECT_EQ(picture_of(3), desk::camera::draw_picture(3));
 }
 
 TEST(SamplePicture, HasColorsOfItsOwnForEachNumber) {
     std::set<std::tuple<int, int, int>> colors;
     for (int number = 0; number < 12; ++number) {
-        const Decoded smallest = decode(streams_of(desk::camera::draw_picture(number)).back());
+        const Decoded smallest = decode(streams_of(picture_of(number)).back());
         colors.emplace(static_cast<int>(smallest.red / 4), static_cast<int>(smallest.green / 4),
                        static_cast<int>(smallest.blue / 4));
     }

@@ -47,6 +47,7 @@ std::array<Block, 64> owned;
 size_t overrun_count = 0;
 int asked_count = 0;
 int refuse_at = 0;
+size_t most_owned_bytes = 0;
 bool refuse_for_good = false;
 void (*free_watcher)(const void*) = nullptr;
 
@@ -122,6 +123,7 @@ void* own(void* address, size_t size) {
     if (Block* const slot = address != nullptr ? find(nullptr) : nullptr) {
         std::memset(static_cast<char*>(address) + size, guard_byte, guard());
         *slot = {address, size};
+        most_owned_bytes = std::max(most_owned_bytes, bytes());
     }
     return address;
 }
@@ -196,6 +198,7 @@ int asked() {
 void reset() {
     refuse(0, false);
     overrun_count = 0;
+    most_owned_bytes = bytes();
 }
 
 bool has_other_guards() {
@@ -249,6 +252,10 @@ size_t bytes() {
         sum += block.size;
     }
     return sum;
+}
+
+size_t most_bytes() {
+    return most_owned_bytes;
 }
 
 void on_free(void (*watcher)(const void*)) {

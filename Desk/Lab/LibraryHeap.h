@@ -22,6 +22,7 @@ bool knows_unwritten();
 size_t size_of(const void* block); // bytes of a block that the library owns, 0 for any other address
 size_t blocks();                   // blocks that the library owns
 size_t bytes();                    // their bytes
+size_t most_bytes();               // the most that they were since `reset`
 
 // Blocks freed since `reset` behind whose end something was written. The address sanitizer and valgrind stop at such a
 // write; with them the answer is always 0.

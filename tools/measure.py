@@ -243,6 +243,18 @@ def draw(nanoseconds):
     run("gnuplot", input="\n".join(script) + "\n")
 
 
+def desk_costs():
+    """What serving costs the desk's camera, a row for each size of its store."""
+    folder = WORK / "desk"
+    run("cmake", "-S", ROOT, "-B", folder, "-G", "Ninja", "-DSHOTMENTOR_TESTS=OFF", *OPTIMISATIONS[SHIPPED])
+    run("cmake", "--build", folder, "--target", "shotmentor-camera", "shotmentor-phone")
+    programs = {
+        f"SHOTMENTOR_{name.upper()}": str(folder / "Desk" / f"shotmentor-{name}") for name in ("camera", "phone")
+    }
+    output = run("python3", ROOT / "Bench" / "desk_costs.py", env={**os.environ, **programs})
+    return json.loads(output)
+
+
 # ---- The page -------------------------------------------------------------------------------------------------------
 
 
@@ -300,7 +312,11 @@ def reassembly_table(nanoseconds):
     return table(["bytes of a packet", "600,000 bytes", "÷ `memcpy` alone"], rows)
 
 
-def page(found, nanoseconds):
+def desk_table(rows):
+    return table(list(rows[0]), [[f"{value:,.0f}" for value in row.values()] for row in rows])
+
+
+def page(found, nanoseconds, desk):
     text = (ROOT / "tools" / "measurements.template.md").read_text()
     processor = next(
         (line.split(":", 1)[1].strip() for line in open("/proc/cpuinfo") if line.startswith("model name")), "unknown"
@@ -316,6 +332,7 @@ def page(found, nanoseconds):
         "memory": memory_table(found),
         "ratios": ratios_table(nanoseconds),
         "reassembly": reassembly_table(nanoseconds),
+        "desk": desk_table(desk),
     }
     for name, value in filled.items():
         text = text.replace("{" + name + "}", value)
@@ -330,7 +347,7 @@ def write():
     nanoseconds = times()
     draw(nanoseconds)
     COMMITTED.write_text(json.dumps(found, indent=1) + "\n")
-    PAGE.write_text(page(found, nanoseconds))
+    PAGE.write_text(page(found, nanoseconds, desk_costs()))
     print(f"wrote {COMMITTED.name}, {PAGE.name} and {DRAWING.name} to Docs")
 
 

@@ -134,6 +134,18 @@ LogLevel level_of(int priority, const std::string& text) {
     return is_warning ? LogLevel::warn : LogLevel::all;
 }
 
+// Whether it can be told without formatting that a line is neither an error nor a warning. A list causes some 3,000
+// lines: the library's have their text, which begins with its colour, as the last argument of one format.
+bool is_plain_line(int priority, const char* format, va_list arguments) {
+    if (priority >= error_priority || std::strcmp(format, "%s: %s(%d) > %s") != 0) {
+        return false;
+    }
+    (void)va_arg(arguments, const char*);
+    (void)va_arg(arguments, const char*);
+    (void)va_arg(arguments, int);
+    return std::strncmp(va_arg(arguments, const char*), warning_color, std::strlen(warning_color)) != 0;
+}
+
 void drop_ending(std::string& text, const std::string& ending) {
     if (text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0) {
         text.resize(text.size() - ending.size());
@@ -178,8 +190,14 @@ extern "C" int __dlog_print(int, int priority, const char* tag, const char* form
     if (format == nullptr || kept == LogLevel::off || (kept == LogLevel::error && !is_error)) {
         return 0;
     }
-    std::array<char, 1024> text; // the library's lines are shorter, others are cut
     va_list arguments;
+    va_start(arguments, format);
+    const bool is_dropped = kept == LogLevel::warn && is_plain_line(priority, format, arguments);
+    va_end(arguments);
+    if (is_dropped) {
+        return 0;
+    }
+    std::array<char, 1024> text; // the library's lines are shorter, others are cut
     va_start(arguments, format);
     const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
@@ -25,8 +26,8 @@ std::array<tag_custom_info, SM_PRESET_LIMIT> make_presets() {
             const uint32_t value = word >> 24; // numbers of one to three digits, as most fields have
             std::memcpy(reinterpret_cast<char*>(&preset) + offset, &value, sizeof value);
         }
-        std::strcpy(preset.title, "Golden hour");
-        std::strcpy(preset.screennail_path, path);
+        std::snprintf(preset.title, sizeof preset.title, "Golden hour");
+        std::snprintf(preset.screennail_path, sizeof preset.screennail_path, "%s", path);
         preset.mode = SM_MODE_MANUAL;
         preset.av_index = 48;
         preset.tv_index = 112;
@@ -39,12 +40,12 @@ std::array<tag_custom_info, SM_PRESET_LIMIT> make_presets() {
     return presets;
 }
 
-const std::array<tag_custom_info, SM_PRESET_LIMIT> presets = make_presets();
+const std::array<tag_custom_info, SM_PRESET_LIMIT> stored = make_presets();
 
 } // namespace
 
 const tag_custom_info& camera_preset() {
-    return presets[0];
+    return stored[0];
 }
 
 const char* picture_path() {
@@ -83,8 +84,8 @@ int bt_send_msgs(bt_msg_info*) {
     return 0;
 }
 
-int __ui_get_custom_mode_list_info(tag_custom_info* list, int* count) {
-    std::memcpy(list, presets.data(), static_cast<size_t>(preset_count) * sizeof *list);
+int __ui_get_custom_mode_list_info(tag_custom_info* presets, int* count) {
+    std::memcpy(presets, stored.data(), static_cast<size_t>(preset_count) * sizeof *presets);
     *count = preset_count;
     return 0;
 }
@@ -102,7 +103,7 @@ int __ui_get_linked_preseet_num_for_phone(int) {
 }
 
 bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
-    *preset = presets[0];
+    *preset = stored[0];
     preset->custom_id = custom_id;
     return true;
 }

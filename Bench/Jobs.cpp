@@ -9,8 +9,6 @@
 #include "Host.h"
 #include "Requests.h"
 
-#define ALG_LOG_TAG "BENCH"
-
 namespace bench {
 namespace {
 
@@ -122,10 +120,10 @@ void confirm() {
 
 void nothing() {}
 
-#define LOG_JOB(level)                                                                                                 \
-    {                                                                                                                  \
-        "a line of " #level, nothing, [] { level("length=%d, total=%d\n", 512, 600000); }, nothing                     \
-    }
+template<alg_log_level level>
+void log_a_line() {
+    ALG_LOG(level, "BENCH", "length=%d, total=%d\n", 512, 600000);
+}
 
 constexpr Job all_jobs[] = {
     {"camera record to phone record", nothing, convert_to_phone, nothing},
@@ -141,12 +139,12 @@ constexpr Job all_jobs[] = {
     {"update", prepare_update, deliver_whole, confirm},
     {"deletion of 1 of 40", prepare_deletion, deliver_whole, confirm},
     {"link state off", prepare_state_off, deliver_whole, confirm},
-    LOG_JOB(ALG_LOG_PLAIN),
-    LOG_JOB(ALG_LOG_GREEN),
-    LOG_JOB(ALG_LOG_YELLOW),
-    LOG_JOB(ALG_LOG_CYAN),
-    LOG_JOB(ALG_LOG_WARN),
-    LOG_JOB(ALG_LOG_ERROR),
+    {"a line of ALG_LOG_PLAIN", nothing, log_a_line<ALG_LOG_LEVEL_PLAIN>, nothing},
+    {"a line of ALG_LOG_GREEN", nothing, log_a_line<ALG_LOG_LEVEL_GREEN>, nothing},
+    {"a line of ALG_LOG_YELLOW", nothing, log_a_line<ALG_LOG_LEVEL_YELLOW>, nothing},
+    {"a line of ALG_LOG_CYAN", nothing, log_a_line<ALG_LOG_LEVEL_CYAN>, nothing},
+    {"a line of ALG_LOG_WARN", nothing, log_a_line<ALG_LOG_LEVEL_WARN>, nothing},
+    {"a line of ALG_LOG_ERROR", nothing, log_a_line<ALG_LOG_LEVEL_ERROR>, nothing},
 };
 
 } // namespace

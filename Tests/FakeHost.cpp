@@ -12,6 +12,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "ADE_ShotMentor_Log.h"
 #include "Lab/LibraryHeap.h"
 #include "Lab/LibraryState.h"
 
@@ -250,7 +251,9 @@ int __dlog_print(int buffer, int priority, const char* tag, const char* format, 
         line.file = va_arg(arguments, const char*);
         line.function = va_arg(arguments, const char*);
         line.line = va_arg(arguments, int);
-        line.text = va_arg(arguments, const char*);
+        const char* const text = va_arg(arguments, const char*);
+        library_heap::forget_stack(text, ALG_LOG_LINE_SIZE);
+        line.text = text;
     } else {
         line.text = text_of(format, arguments);
     }

@@ -20,6 +20,8 @@ void* __interceptor_calloc(size_t count, size_t size) __attribute__((weak));
 void __interceptor_free(void* block) __attribute__((weak));
 
 void __msan_poison(const volatile void* data, size_t size) __attribute__((weak));
+void __msan_unpoison(const volatile void* data, size_t size) __attribute__((weak));
+void __msan_check_mem_is_initialized(const volatile void* data, size_t size) __attribute__((weak));
 intptr_t __msan_test_shadow(const volatile void* data, size_t size) __attribute__((weak));
 
 // The C++ library is not built with the memory sanitizer, which does not see what that writes. Therefore only the
@@ -227,6 +229,16 @@ const void* first_unwritten(const void* data, size_t size) {
 #else
     return nullptr;
 #endif
+}
+
+void forget_stack(const char* line, size_t size) {
+    constexpr size_t deepest_call = 1024; // of the library's functions that a line is made of
+    if (__msan_unpoison != nullptr) {
+        __msan_check_mem_is_initialized(line, std::strlen(line) + 1);
+        __msan_unpoison(line, size);
+        const auto* const frame = static_cast<const char*>(__builtin_frame_address(0));
+        __msan_unpoison(frame - deepest_call, deepest_call);
+    }
 }
 
 bool knows_unwritten() {

@@ -19,6 +19,11 @@ void fill_at_most(size_t size);
 const void* first_unwritten(const void* data, size_t size);
 bool knows_unwritten();
 
+// To be called with each line of the log that the library hands over, before its text is used. The memory sanitizer
+// knows which bytes of the library's stack nobody has written, and would take that for whoever has that stack next: the
+// bytes behind the line's end, and those of functions that have returned.
+void forget_stack(const char* line, size_t size);
+
 size_t size_of(const void* block); // bytes of a block that the library owns, 0 for any other address
 size_t blocks();                   // blocks that the library owns
 size_t bytes();                    // their bytes

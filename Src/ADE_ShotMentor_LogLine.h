@@ -1,6 +1,6 @@
 // How the library's own units log: the lines that the levels of ADE_ShotMentor_Log.h make, from call sites of a few
-// instructions and without the C library's general formatter. Internal to the library. A unit names itself before it
-// includes this:
+// instructions. Text and integers can also be put together without the C library's formatter, for the lines that there
+// are many of. Internal to the library. A unit names itself before it includes this:
 //     #define LOG_SOURCE kManagerSource
 //     #include "ADE_ShotMentor_LogLine.h"
 #ifndef ADE_SHOTMENTOR_LOG_LINE_H
@@ -61,7 +61,7 @@ constexpr bool names_file(const char* path, const char* file) {
     return *name == *file;
 }
 
-// ---- The text -------------------------------------------------------------------------------------------------------
+// ---- Text without the formatter -------------------------------------------------------------------------------------
 
 // Each writes at `at` and returns where it ended, without a NUL.
 

@@ -229,15 +229,10 @@ constexpr PackedTrace packed(const TraceLine (&trace)[sizeof kTrace / sizeof kTr
 constexpr PackedTrace kPackedTrace = packed(kTrace);
 
 char* put_number(char* at, TraceNumber form, int32_t number) {
-    switch (form) {
-    case kDecimal:
+    if (form == kDecimal) {
         return put_decimal(at, number);
-    case kHexadecimal:
-        return put_hexadecimal(at, static_cast<uint32_t>(number));
-    case kNoNumber:
-        break;
     }
-    return at;
+    return form == kHexadecimal ? put_hexadecimal(at, static_cast<uint32_t>(number)) : at;
 }
 
 // Logs the trace of a conversion.

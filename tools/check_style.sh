@@ -32,7 +32,7 @@ run_clang_tidy() {
         cat "$build/log"
         return 1
     fi
-    python3 - "$build/compile_commands.json" <<'END'
+    python3 - "$build/compile_commands.json" <<'END' || return 1
 import json, sys
 with open(sys.argv[1]) as file:
     commands = json.load(file)

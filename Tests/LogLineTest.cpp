@@ -100,6 +100,18 @@ TEST(LogLine, KnowsAFileByTheEndOfItsPath) {
     EXPECT_FALSE(names_file("Src/a.c", "a.cpp"));
 }
 
+TEST(LogLine, OfTheLibraryNamesALineThatASourceCanHaveAtEveryLevel) {
+    FakeHost host;
+    host.receive(request_announcing(1000, SM_FUNCTION_RECEIVE_PRESET, pattern(504)));
+    host.receive(pattern(488));
+    host.receive(list_request());
+    ASSERT_GT(host.lines.size(), 80U);
+    for (const LogLine& line : host.lines) {
+        EXPECT_GE(line.line, 1) << line.text;
+        EXPECT_LE(line.line, 2047) << line.text;
+    }
+}
+
 // ---- Every shape of a trace's line ----------------------------------------------------------------------------------
 
 class TraceShapes : public testing::Test {

@@ -16,7 +16,7 @@ tools/install.sh "${packaging_packages[@]}" "${armhf_packages[@]}"
 
 scratch=$(mktemp -d)
 trap 'rm -rf --one-file-system "$scratch"' EXIT
-log=build/packages.log
+log=$PWD/build/packages.log
 mkdir -p build
 
 say() { printf '==> %s\n' "$*"; }
@@ -48,7 +48,7 @@ echo "ok: byte for byte the same"
 
 say "Debian's linter"
 lintian --allow-root --fail-on warning --display-level '>=warning' build/packages/*.deb
-echo "ok: it minds nothing but what debian/*.lintian-overrides explains"
+echo "ok: it minds nothing but what Packaging/debian/*.lintian-overrides explains"
 
 say "a minimal Debian"
 root=$scratch/root

@@ -39,10 +39,8 @@ export SOURCE_DATE_EPOCH
 build=build/packages/$machine
 [ "${CI:-}" != true ] || options+=(-DCMAKE_COMPILE_WARNING_AS_ERROR=ON)
 mkdir -p "$build"
-# Beside the folder of the checkout, nothing that is told apart by it may get into an object.
-flags=-ffile-prefix-map=$PWD=.
 cmake --preset "$preset" -B "$build" -DSHOTMENTOR_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_RPATH=ON \
-    -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" "${options[@]}"
+    -DCMAKE_BUILD_RPATH_USE_ORIGIN=ON "${options[@]}"
 cmake --build "$build"
 rm -rf "$build/_CPack_Packages" build/packages/*_"$machine".deb
 (cd "$build" && umask 022 && cpack -B ..)

@@ -75,9 +75,10 @@ printf 'Package: libc6\nStatus: install ok installed\nArchitecture: armhf\nMulti
 quietly dpkg --root="$arm" --force-architecture -i build/packages/libshotmentor{1,-dev}_*_armhf.deb
 quietly arm-linux-gnueabihf-gcc -std=c11 -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror \
     -I"$arm/usr/include/shotmentor" Examples/host.c -L"$arm/usr/lib/arm-linux-gnueabihf" -lshotmentor -o "$arm/host"
+cp build/packages/amd64/Desk/SamplePictures/pictures.bin "$arm/picture.jpg"
 phone=build/packages/amd64/Desk/shotmentor-phone
 printf '' >"$scratch/host.out"
-(cd "$arm" && exec qemu-arm-static -L "$arm" ./host unix:"$scratch/arm.sock") >"$scratch/host.out" 2>"$scratch/host.log" &
+(cd "$arm" && exec qemu-arm-static -L "$arm" ./host unix:"$scratch/arm.sock" picture.jpg) >"$scratch/host.out" 2>"$scratch/host.log" &
 host=$!
 for _ in $(seq 100); do
     ! grep -q listening "$scratch/host.out" || break

@@ -10,8 +10,8 @@ class App;
 
 namespace desk::command_line {
 
-// What a shell can offer for a value. `choices` are whole words, or starts that end in a colon; where a path follows the
-// colon, the choice ends in ":PATH".
+// What a shell can offer for a value. `choices` are whole words, or starts that end in a colon; where a path follows
+// the colon, the choice ends in ":PATH".
 struct Values {
     enum class Kind { unknown, file, folder, choices };
     Kind kind = Kind::unknown;

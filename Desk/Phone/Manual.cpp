@@ -9,8 +9,8 @@ command_line::Manual manual() {
         .description =
             {"What the phone's application does with a camera, for a terminal and for scripts: a real one, or "
              "shotmentor-camera.",
-             "Data goes to standard output, talk to standard error. Progress and pictures show on a terminal only. What "
-             "cameras and files write is not trusted: what could do something to a terminal is replaced."},
+             "Data goes to standard output, talk to standard error. Progress and pictures show on a terminal only. "
+             "What cameras and files write is not trusted: what could do something to a terminal is replaced."},
         .words_title = "Values",
         .words = {{"NUMBER", "the number that list prints first, from 0 on"},
                   {"ID", "the custom_id that list prints second"},

@@ -19,7 +19,9 @@ enum ExitCode {
     exit_store_damaged = 8, // the store's files are not what they should be
     exit_missing = 9,       // no such store, or no such preset
     exit_result = 10,       // result codes 0 to -12: 10 plus the number without its sign
-    exit_other_result = 30  // any other result code but 1
+    exit_other_result = 30, // any other result code but 1
+    exit_faulty_camera = 31, // a check of the camera found that something does not hold
+    exit_stopped = 32        // a signal ended a check of the camera before all was checked
 };
 
 // `what` is the one line that the tool prints: what is wrong, and how to mend it.

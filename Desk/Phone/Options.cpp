@@ -7,7 +7,10 @@
 #include <limits>
 
 #include "ADE_ShotMentor_Records.h"
+#include "ADE_ShotMentor_Version.h"
+#include "CommandLine/Reference.h"
 #include "Common/Text.h"
+#include "Manual.h"
 #include "Output.h"
 
 namespace desk::phone {
@@ -17,31 +20,6 @@ constexpr double shortest_timeout = 0.001;
 constexpr double longest_timeout = 86400; // a day; more is a slip of the hand
 constexpr size_t largest_mtu = SM_REQUEST_LIMIT;
 constexpr size_t largest_width = 100000;
-
-constexpr const char* examples_and_codes =
-    R"(NUMBER is the number that list prints first, from 0 on; ID the custom_id that it prints second.
-URL is unix:PATH, tcp:HOST:PORT, rfcomm:ADDRESS:CHANNEL or l2cap:ADDRESS:PSM.
-
-Examples:
-  shotmentor-phone --connect unix:store/camera.sock list
-  shotmentor-phone --connect tcp:localhost:7700 show 3 --picture
-  shotmentor-phone --connect tcp:localhost:7700 picture 3 -o dawn.jpg
-  shotmentor-phone --connect tcp:localhost:7700 --json show 3 > dawn.json
-  shotmentor-phone --connect tcp:localhost:7700 store dawn.json dawn.jpg
-  shotmentor-phone --connect tcp:localhost:7700 rename 12 "Dawn over the sea"
-  shotmentor-phone --connect tcp:localhost:7700 delete 3 4
-
-Exit codes:
-  0         done
-  1         this machine failed: a file, the disk
-  2         wrong usage or input: options, preset files, pictures that are no JPEG
-  3         cannot connect
-  4         no answer in time
-  5         the camera is busy with another phone
-  6         the answer is not what the protocol promises, or the link was closed before it was complete
-  9         no such preset, or a picture that the camera could not read
-  10 to 22  the camera's result 0 to -12: 10 plus the number without its sign
-  30        any other result)";
 
 // What CLI11 fills before it is turned into options.
 struct Arguments {
@@ -126,6 +104,22 @@ void add_changing_commands(CLI::App& app, Options& options) {
     leave->add_option("--code", options.code, "the phone's own result code, 1 unless given")->type_name("N");
 }
 
+// A list of the checks is the one thing that needs no camera.
+void add_checking_command(CLI::App& app, Options& options) {
+    CLI::App* check = app.add_subcommand("check", "find out what the camera gets wrong");
+    check->parse_complete_callback([&app, &options] {
+        options.command = Options::Command::check;
+        app.get_option("--connect")->required(!options.list_checks);
+    });
+    check->add_flag("--quick", options.quick, "without the longest picture and without filling the camera");
+    check->add_option("--junit", options.junit_file, "where to put the results as JUnit XML, too")->type_name("FILE");
+    check
+        ->add_option("--camera-log", options.camera_log,
+                     "the file that the camera writes its log to: confirmations and memory show there")
+        ->type_name("FILE");
+    check->add_flag("--list-checks", options.list_checks, "print the id of each check and what must hold, and end");
+}
+
 Endpoint endpoint_of(const std::string& url) {
     try {
         return parse_endpoint(url);
@@ -136,7 +130,9 @@ Endpoint endpoint_of(const std::string& url) {
 
 Options options_from(Arguments& arguments) {
     Options& options = arguments.options;
-    options.camera = endpoint_of(arguments.url);
+    if (!options.list_checks) {
+        options.camera = endpoint_of(arguments.url);
+    }
     options.timeout = std::chrono::milliseconds(std::llround(std::ceil(arguments.timeout_seconds * 1000)));
     if (options.command == Options::Command::show || options.command == Options::Command::picture) {
         options.numbers = {arguments.number};
@@ -147,7 +143,7 @@ Options options_from(Arguments& arguments) {
 Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     if (app.get_subcommands().empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
         return {exit_usage,
-                "--connect URL and a command are needed: list, show, picture, store, rename, delete or leave; "
+                "--connect URL and a command are needed: list, show, picture, store, rename, delete, leave or check; "
                 "see shotmentor-phone --help"};
     }
     std::string line = error.what();
@@ -160,16 +156,25 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
 std::optional<Options> options_of(int argc, char** argv) {
     Arguments arguments;
     CLI::App app("Reads and changes the shooting presets of a camera.", "shotmentor-phone");
-    app.footer(examples_and_codes);
+    app.footer(command_line::footer_of(manual()));
+    app.set_version_flag("--version", SHOTMENTOR_VERSION);
     app.fallthrough(); // the common options may stand behind the command as well
     app.require_subcommand(1);
     add_common_options(app, arguments);
     add_reading_commands(app, arguments);
     add_changing_commands(app, arguments.options);
+    add_checking_command(app, arguments.options);
+    command_line::add_reference(app, manual());
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
         print(app.help());
+        return std::nullopt;
+    } catch (const CLI::CallForVersion& version) {
+        print(std::string(version.what()) + "\n");
+        return std::nullopt;
+    } catch (const command_line::CallForReference& reference) {
+        print(reference.what());
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
         throw usage_failure(app, error);

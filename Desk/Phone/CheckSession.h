@@ -32,7 +32,11 @@ struct Question {
     std::string what;
     const char* blame; // who gives the reply its content
     Unanswered unanswered = Unanswered::no_memory;
+    bool may_repeat = false; // it changes nothing the second time
 };
+
+// The camera serves another phone: it has said so before it has answered anything.
+struct Busy {};
 
 // The services and obligations that checks blame.
 namespace blame {
@@ -75,7 +79,7 @@ struct DeletionRecord {
 
 struct Cleanup {
     bool done = false;             // the list was looked at
-    std::vector<std::string> left; // presets of this run that are still there
+    std::vector<size_t> left; // positions of presets of this run that are still there
     std::string harm;              // what happened to the others
     std::string why;               // presets were left, or nothing is known
 };
@@ -143,11 +147,15 @@ class CheckSession {
     std::optional<Bytes> try_to_ask(const Bytes& bytes);
     bool answers_on_new_link();
     Finding finding_of(const Question& question, const Failure& failure);
+    // Whether a request that had no reply has one the second time: then memory was refused once.
+    bool is_answered_again(const Question& question);
     Finding silence_finding(const Question& question, const std::string& what_came);
     Finding unanswered_finding(const Question& question, const std::string& what_came);
     Finding stalled_finding(const Question& question, const std::string& what_came);
     template<class Parse>
     auto parsed(const Question& question, Parse parse);
+
+    bool has_answered_ = false;
 };
 
 // ---- Requests -------------------------------------------------------------------------------------------------------

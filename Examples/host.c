@@ -1,29 +1,22 @@
 /*
- * A whole small host: keeps presets in memory, and serves one phone after the other on a socket.
- *
- *     example_host [-v] unix:PATH|tcp:PORT [PICTURE.jpg]     -v logs all lines of the library, not the errors alone
- *
- * The Numbers in brackets are a host's obligations, as README.md lists them. What a camera does in another way: packets
- * come from its Bluetooth service instead of a socket, and presets lie in flash.
+ * A whole small host: presets in memory, and one phone after the other on a Unix socket. Its numbers in brackets are a
+ * host's obligations, as README.md lists them. Usage: example_host unix:PATH PICTURE.jpg 2>log
  */
 #define _POSIX_C_SOURCE 200809L
 
-#include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "ADE_ShotMentor.h"
 
-enum { PACKET_SIZE = SM_REQUEST_LIMIT + 1, SEND_SIZE = 4096, PATIENCE_MS = 10000 };
+enum { SEND_SIZE = 4096, PATIENCE_MS = 10000 };
 
 static tag_custom_info stored[SM_PRESET_LIMIT] = {
     {.title = "Landscape", .mode = SM_MODE_APERTURE, .av_index = 96, .ev_step = 15}, /* f/8 */
@@ -31,23 +24,12 @@ static tag_custom_info stored[SM_PRESET_LIMIT] = {
     {.title = "Evening", .mode = SM_MODE_PROGRAM, .ev_step = 15},
 };
 static int stored_count = 3;
-static int next_id = 1;                                /* [14] an identity is above 0 and never given twice */
-static int linked_ids[SM_CUSTOM_MODES] = {1, 0};       /* CUSTOM1 uses the first; by identity, as numbers change */
-static const char* first_picture = "example_host.jpg"; /* the three share it */
-static bool is_verbose;
-
-static struct {
-    int socket; /* -1 without a phone */
-    bool is_stream;
-    unsigned char bytes[PACKET_SIZE + sizeof(sm_frame)];
-    size_t received, to_skip;
-} phone = {.socket = -1};
-
-static struct {
-    bool is_on_its_way;
-    const unsigned char* bytes;
-    size_t left;
-} reply;
+static int next_id = 1;                          /* [14] an identity is above 0 and never given twice */
+static int linked_ids[SM_CUSTOM_MODES] = {1, 0}; /* CUSTOM1 uses the first; by identity, as numbers change */
+static const char* first_picture;                /* the three share it */
+static int phone = -1;                           /* its socket */
+static const unsigned char* reply;               /* the rest of the reply that is on its way; null for none */
+static size_t reply_left;
 
 static _Noreturn void fail(const char* what, const char* fault) {
     fprintf(stderr, "example_host: %s: %s\n", what, fault);
@@ -56,9 +38,9 @@ static _Noreturn void fail(const char* what, const char* fault) {
 
 /* ---- [1] The services, which the library imports from the program ------------------------------------------------ */
 
-/* [8] The library copies errors to standard error itself. A system log gets them here, like all other lines. */
+/* [8] Errors, priority 6, are on standard error already: the library copies them there itself. */
 int __dlog_print(int buffer, int priority, const char* tag, const char* format, ...) {
-    if (is_verbose && priority != 6) {
+    if (priority != 6) {
         va_list arguments;
         va_start(arguments, format);
         fprintf(stderr, "%d %s ", buffer, tag);
@@ -70,14 +52,13 @@ int __dlog_print(int buffer, int priority, const char* tag, const char* format, 
 
 /* [4] The reply's bytes stay where they are. A request sends one reply at most, and [3] lets no other request in. */
 int bt_send_msgs(bt_msg_info* message) {
-    reply.bytes = message->data;
-    reply.left = (size_t)message->length;
-    reply.is_on_its_way = true; /* [5] also with 0 bytes; confirmed when the library has returned, never in here */
+    reply = message->data; /* [5] also of 0 bytes; confirmed when the library has returned, never in here */
+    reply_left = (size_t)message->length;
     return 0;
 }
 
 bool __ui_get_bt_state_for_phone(void) {
-    return phone.socket >= 0;
+    return phone >= 0;
 }
 
 int __ui_set_shotmentor_state(int state) {
@@ -118,28 +99,24 @@ bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
     return number >= 0;
 }
 
-static bool write_picture(const char* path, const void* image, size_t length) {
-    FILE* const file = fopen(path, "wb");
-    const bool is_written = file != NULL && fwrite(image, 1, length, file) == length;
-    return file != NULL && fclose(file) == 0 && is_written;
-}
-
 /* [11] Refuses what it cannot keep. A camera flushes picture and record before it answers: success outlives power. */
 int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int length) {
     if (length < 0 || stored_count == SM_PRESET_LIMIT) {
         return length < 0 ? SM_RETURN_JPG_ERR : SM_RETURN_DATA_ERR;
     }
-    preset->preset_num = stored_count; /* these two travel back to the phone */
-    preset->custom_id = next_id;
     tag_custom_info* const added = &stored[stored_count];
     *added = *preset;
+    added->preset_num = stored_count;
+    added->custom_id = next_id;
     memset(added->screennail_path, 0, SM_SCREENNAIL_PATH_SIZE); /* the phone's own text */
     snprintf(added->screennail_path, SM_SCREENNAIL_PATH_SIZE, "example_host_%d.jpg", next_id);
-    if (!write_picture(added->screennail_path, image, (size_t)length)) {
+    FILE* const file = fopen(added->screennail_path, "wb");
+    const bool is_written = file != NULL && fwrite(image, 1, (size_t)length, file) == (size_t)length;
+    if (file == NULL || fclose(file) != 0 || !is_written) {
         return SM_RETURN_FAIL;
     }
-    ++stored_count;
-    ++next_id;
+    preset->preset_num = stored_count++; /* these two travel back to the phone */
+    preset->custom_id = next_id++;
     return SM_RETURN_TRUE;
 }
 
@@ -175,153 +152,94 @@ int __ui_preset_delete_form_phone(int* flags) {
 
 /* [5] Once for each send, when its last byte has gone: the library then frees the reply. */
 static void confirm(void) {
-    reply.is_on_its_way = false;
+    reply = NULL;
     ADE_ShotMentor_Result_Manager(NULL, 0);
 }
 
 /* [6] The next phone begins anew, and no send stays unconfirmed. */
 static void lose_phone(void) {
-    close(phone.socket);
-    phone.socket = -1;
-    phone.received = phone.to_skip = 0;
+    close(phone);
+    phone = -1;
     ADE_ShotMentor_Return_To_Idle();
-    if (reply.is_on_its_way) {
+    if (reply != NULL) {
         confirm();
     }
 }
 
 static void send_on(void) {
-    const size_t size = reply.left < SEND_SIZE ? reply.left : SEND_SIZE;
-    const ssize_t sent = size > 0 ? send(phone.socket, reply.bytes, size, 0) : 0;
+    const size_t size = reply_left < SEND_SIZE ? reply_left : SEND_SIZE;
+    const ssize_t sent = size > 0 ? send(phone, reply, size, MSG_DONTWAIT) : 0;
     if (sent < 0 && errno != EAGAIN) {
         lose_phone();
     } else if (sent >= 0) {
-        reply.bytes += sent;
-        reply.left -= (size_t)sent;
-        if (reply.left == 0) {
+        reply += sent;
+        reply_left -= (size_t)sent;
+        if (reply_left == 0) {
             confirm();
         }
     }
 }
 
-/* [2] What to read of a stream, so that no packet for the library holds bytes of two requests: the header whole, then
- * what the library misses. Where the link keeps message boundaries a packet is one already. */
-static size_t wanted(void) {
-    const int missing = sm_BT_total_length - sm_BT_combine_length;
-    const size_t rest = phone.to_skip > 0 ? phone.to_skip : (size_t)(missing > 0 ? missing : 0);
-    const size_t size = rest > 0 ? rest : sizeof(sm_frame) - phone.received;
-    return !phone.is_stream ? PACKET_SIZE : size < PACKET_SIZE ? size : PACKET_SIZE - 1;
-}
-
-static void deliver(void) {
-    const bool is_first = sm_BT_total_length < 0;
-    const int length = (int)phone.received;
-    sm_frame head;
-    memset(phone.bytes + length, 0, sizeof head); /* [2] 8 bytes are read of however short a packet */
-    memcpy(&head, phone.bytes, sizeof head);
-    phone.received = 0;
-    ADE_ShotMentor_Receive_Manager(phone.bytes, length);
-    if (phone.is_stream && is_first && sm_BT_total_length < 0 && head.total_length > length) {
-        phone.to_skip = (size_t)(head.total_length - length); /* refused by its header: the rest is no request */
-    }
-}
-
+/* [2] Each packet as the link delivers it, with room for the 8 bytes that are read of however short a one. A byte stream
+ * has no packets: there a host counts bytes, so that none holds bytes of two requests. */
 static void receive(void) {
-    const ssize_t length = recv(phone.socket, phone.bytes + phone.received, wanted(), 0);
-    if (length == 0 || length == PACKET_SIZE || (length < 0 && errno != EAGAIN)) {
+    static unsigned char packet[SM_REQUEST_LIMIT + 1];
+    memset(packet, 0, sizeof(sm_frame));
+    const ssize_t length = recv(phone, packet, sizeof packet, MSG_DONTWAIT);
+    if (length == 0 || length > SM_REQUEST_LIMIT || (length < 0 && errno != EAGAIN)) {
         lose_phone(); /* a packet that fills all the room may have been cut */
-    } else if (length > 0 && phone.to_skip > 0) {
-        phone.to_skip -= (size_t)length;
     } else if (length > 0) {
-        phone.received += (size_t)length;
-        if (!phone.is_stream || sm_BT_total_length >= 0 || phone.received == sizeof(sm_frame)) {
-            deliver();
-        }
+        ADE_ShotMentor_Receive_Manager(packet, (int)length);
     }
 }
 
 /* One phone at a time; others wait. [3] While a reply is on its way nothing is read. [7] A phone that stops halfway for
  * ten seconds counts as gone. */
 static void serve(int listener) {
-    const bool is_halfway = reply.is_on_its_way || sm_BT_total_length >= 0 || phone.received + phone.to_skip > 0;
-    const short awaited = reply.is_on_its_way ? POLLOUT : POLLIN;
-    struct pollfd link = {phone.socket >= 0 ? phone.socket : listener, awaited, 0};
-    const int ready = poll(&link, 1, is_halfway ? PATIENCE_MS : -1);
-    if (ready == 0) {
+    const bool is_halfway = reply != NULL || sm_BT_total_length >= 0;
+    struct pollfd link = {phone >= 0 ? phone : listener, reply != NULL ? POLLOUT : POLLIN, 0};
+    if (poll(&link, 1, is_halfway ? PATIENCE_MS : -1) == 0) {
         lose_phone();
-    } else if (ready > 0 && phone.socket < 0) {
-        phone.socket = accept(listener, NULL, NULL);
-        fcntl(phone.socket, F_SETFL, O_NONBLOCK);
-    } else if (ready > 0 && reply.is_on_its_way) {
+    } else if (phone < 0) {
+        phone = accept(listener, NULL, NULL);
+    } else if (reply != NULL) {
         send_on();
-    } else if (ready > 0) {
+    } else {
         receive();
     }
 }
 
-/* ---- The start --------------------------------------------------------------------------------------------------- */
-
 static void make_presets(const char* picture) {
-    static const char grey[] = /* 8 by 8 pixels: quantisation, frame, two Huffman tables, scan */
-        "\xff\xd8\xff\xdb\0\x43\0\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1"
-        "\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\1\xff\xc0\0\x0b\x08\0\x08\0\x08\1\1\x11\0\xff\xc4\0\x14\0\1\0\0\0"
-        "\0\0\0\0\0\0\0\0\0\0\0\0\0\xff\xc4\0\x14\x10\1\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\xff\xda\0\x08\1\1\0\0?\0?\xff"
-        "\xd9";
-    struct stat state;
-    if (picture != NULL) {
-        first_picture = picture;
-    } else if (!write_picture(first_picture, grey, sizeof grey - 1)) {
-        fail(first_picture, "cannot be written; start in another folder");
+    if (access(picture, R_OK) != 0 || strlen(picture) >= SM_SCREENNAIL_PATH_SIZE) { /* [10] the library opens it */
+        fail(picture, "cannot be read, or its path has over 51 bytes; name another");
     }
-    if (stat(first_picture, &state) != 0 || !S_ISREG(state.st_mode) || strlen(first_picture) > 51) {
-        fail(first_picture,
-             "is no file, or its path has over 51 bytes; name another"); /* [10] the library opens what is there */
-    }
+    first_picture = picture;
     for (int number = 0; number < stored_count; ++number) {
         stored[number].preset_num = number;
         stored[number].custom_id = next_id++;
         stored[number].made_id = SM_MADE_FAMILY_KT;
-        memcpy(stored[number].screennail_path, first_picture, strlen(first_picture));
+        memcpy(stored[number].screennail_path, picture, strlen(picture));
     }
 }
 
 static int listen_on(const char* url) {
-    union {
-        struct sockaddr any;
-        struct sockaddr_in port;
-        struct sockaddr_un path;
-    } address = {.path = {.sun_family = AF_UNIX}};
-    socklen_t size = sizeof address.path;
-    phone.is_stream = strncmp(url, "tcp:", 4) == 0;
-    if (phone.is_stream) {
-        address.port.sin_family = AF_INET;
-        address.port.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.port.sin_port = htons((uint16_t)strtoul(url + 4, NULL, 10));
-        size = sizeof address.port;
-    } else if (strncmp(url, "unix:", 5) == 0 && strlen(url + 5) < sizeof address.path.sun_path) {
-        memcpy(address.path.sun_path, url + 5, strlen(url + 5));
-    } else {
-        fail(url, "is no link; write unix:PATH or tcp:PORT");
+    struct sockaddr_un address = {.sun_family = AF_UNIX};
+    if (strncmp(url, "unix:", 5) != 0 || strlen(url + 5) >= sizeof address.sun_path) {
+        fail(url, "is no link; write unix:PATH, with at most 107 bytes");
     }
-    const int listener = socket(address.any.sa_family, phone.is_stream ? SOCK_STREAM : SOCK_SEQPACKET, 0);
-    if (bind(listener, &address.any, size) != 0 || listen(listener, 4) != 0) {
+    memcpy(address.sun_path, url + 5, strlen(url + 5));
+    const int listener = socket(AF_UNIX, SOCK_SEQPACKET, 0); /* keeps message boundaries, as L2CAP does */
+    if (bind(listener, (const struct sockaddr*)&address, sizeof address) != 0 || listen(listener, 4) != 0) {
         fail(url, "cannot listen there; choose another one, or remove what is in its place");
     }
-    getsockname(listener, &address.any, &size);
-    if (phone.is_stream) {
-        printf("listening on tcp:127.0.0.1:%d\n", ntohs(address.port.sin_port));
-    } else {
-        printf("listening on %s\n", url);
-    }
+    printf("listening on %s\n", url);
     fflush(stdout);
     return listener;
 }
 
 int main(int argc, char** argv) {
-    is_verbose = argc > 1 && strcmp(argv[1], "-v") == 0;
-    argv += is_verbose ? 1 : 0;
-    if (argc < 2 || argv[1] == NULL) {
-        fail("usage", "example_host [-v] unix:PATH|tcp:PORT [PICTURE.jpg]");
+    if (argc != 3) {
+        fail("usage", "example_host unix:PATH PICTURE.jpg");
     }
     signal(SIGPIPE, SIG_IGN); /* [7] a phone that has left is an error of its link, not the end of the host */
     make_presets(argv[2]);

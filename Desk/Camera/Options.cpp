@@ -4,6 +4,7 @@
 #include <climits>
 #include <iostream>
 
+#include "ADE_ShotMentor_Version.h"
 #include "Common/Text.h"
 
 namespace desk::camera {

@@ -102,8 +102,8 @@ void check_update_server_id(CheckSession& session) {
 
 void check_update_rest(CheckSession& session) {
     const UpdateRecord& record = made_update(session);
-    const std::vector<std::string> changed = differing_fields(
-        record.before[record.position], preset_at(record.after, record.position), updated_fields);
+    const std::vector<std::string> changed =
+        differing_fields(record.before[record.position], preset_at(record.after, record.position), updated_fields);
     if (!changed.empty()) {
         throw Finding{fmt::format("other values in {}", fmt::join(changed, ", ")),
                       "that only title and server_id change", blame::update};
@@ -122,17 +122,17 @@ void check_update_long_title(CheckSession& session) {
     const UpdateRecord record = update_own(session, title);
     const sm_tag_custom_info& now = preset_at(record.after, record.position);
     if (text_of(now.title, SM_TITLE_SIZE) != title) {
-        throw Finding{fmt::format("the title \"{}\", {} bytes", title_text(now),
-                                  text_of(now.title, SM_TITLE_SIZE).size()),
-                      fmt::format("\"{}\", all {} bytes", title, title.size()), blame::update};
+        throw Finding{
+            fmt::format("the title \"{}\", {} bytes", title_text(now), text_of(now.title, SM_TITLE_SIZE).size()),
+            fmt::format("\"{}\", all {} bytes", title, title.size()), blame::update};
     }
 }
 
 // The service gets 52 bytes and a NUL, where a stored title has room for 51 and a NUL.
 void check_update_full_title(CheckSession& session) {
     const UpdateRecord record = update_own(session, long_title(session, SM_TITLE_SIZE));
-    const std::vector<std::string> changed = differing_fields(
-        record.before[record.position], preset_at(record.after, record.position), updated_fields);
+    const std::vector<std::string> changed =
+        differing_fields(record.before[record.position], preset_at(record.after, record.position), updated_fields);
     const std::string others = change_of_others(record);
     if (!changed.empty() || !others.empty()) {
         throw Finding{changed.empty() ? others : fmt::format("other values in {}", fmt::join(changed, ", ")),
@@ -154,9 +154,9 @@ const DeletionRecord& made_deletion(const CheckSession& session) {
 void expect_deleted(const DeletionRecord& record) {
     const int32_t result = record.reply.result;
     if (result == SM_RETURN_SYSTEM_DATA_ERR) {
-        throw Finding{fmt::format("{}: the number of the preset that a custom mode uses is impossible",
-                                  result_text(result)),
-                      "result 1", blame::links};
+        throw Finding{
+            fmt::format("{}: the number of the preset that a custom mode uses is impossible", result_text(result)),
+            "result 1", blame::links};
     }
     expect_result(result, result == SM_RETURN_OPENED_ERR || result == SM_RETURN_OPENED_BOTH_ERR ? blame::links
                           : result == SM_RETURN_STRUCT_ERR                                      ? blame::info
@@ -188,13 +188,12 @@ void check_delete_one(CheckSession& session) {
 void check_delete_list(CheckSession& session) {
     const DeletionRecord& record = made_deletion(session);
     const Presets& told = record.reply.presets;
-    const bool same = std::ranges::equal(told, record.after, [](const auto& one, const auto& other) {
-        return differing_fields(one, other).empty();
-    });
+    const bool same = std::ranges::equal(
+        told, record.after, [](const auto& one, const auto& other) { return differing_fields(one, other).empty(); });
     if (!same) {
-        throw Finding{fmt::format("{} presets in the reply, {} in the list, not all the same", told.size(),
-                                  record.after.size()),
-                      "the same list", blame::list};
+        throw Finding{
+            fmt::format("{} presets in the reply, {} in the list, not all the same", told.size(), record.after.size()),
+            "the same list", blame::list};
     }
 }
 
@@ -211,9 +210,9 @@ void check_delete_numbers(CheckSession& session) {
     const Presets& after = made_deletion(session).after;
     for (size_t position = 0; position < after.size(); ++position) {
         if (after[position].preset_num != static_cast<int>(position)) {
-            throw Finding{fmt::format("{} has preset_num {}", name_of(after[position], position),
-                                      after[position].preset_num),
-                          fmt::format("preset_num {}: a deletion renumbers the rest", position), blame::remove};
+            throw Finding{
+                fmt::format("{} has preset_num {}", name_of(after[position], position), after[position].preset_num),
+                fmt::format("preset_num {}: a deletion renumbers the rest", position), blame::remove};
         }
     }
 }

@@ -57,9 +57,9 @@ void check_list_numbers(CheckSession& session) {
     const Presets& presets = session.presets.foreign();
     for (size_t position = 0; position < presets.size(); ++position) {
         if (presets[position].preset_num != static_cast<int>(position)) {
-            throw Finding{fmt::format("{} has preset_num {}", name_of(presets[position], position),
-                                      presets[position].preset_num),
-                          fmt::format("preset_num {}", position), blame::list};
+            throw Finding{
+                fmt::format("{} has preset_num {}", name_of(presets[position], position), presets[position].preset_num),
+                fmt::format("preset_num {}", position), blame::list};
         }
     }
 }

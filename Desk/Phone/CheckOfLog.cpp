@@ -36,8 +36,7 @@ CheckSession::Confirmations find_confirmations(CheckSession& session) {
     std::this_thread::sleep_for(longest_confirmation);
     const int64_t parked = lines_of(session).parked;
     session.ask_shortest();
-    return lines_of(session).parked > parked ? CheckSession::Confirmations::missing
-                                             : CheckSession::Confirmations::late;
+    return lines_of(session).parked > parked ? CheckSession::Confirmations::missing : CheckSession::Confirmations::late;
 }
 
 void need_lines(CheckSession& session) {
@@ -59,9 +58,9 @@ void check_store_as_before(CheckSession& session) {
     session.cleanup = session.clean_up();
     const Cleanup& cleanup = *session.cleanup;
     if (!cleanup.done || !cleanup.left.empty()) {
-        throw Finding{cleanup.left.empty() ? cleanup.why
-                                           : fmt::format("still there: presets {}; {}",
-                                                         fmt::join(cleanup.left, ", "), cleanup.why),
+        throw Finding{cleanup.left.empty()
+                          ? cleanup.why
+                          : fmt::format("still there: presets {}; {}", fmt::join(cleanup.left, ", "), cleanup.why),
                       "that all presets of this run are gone", blame::remove};
     }
     if (!cleanup.harm.empty()) {
@@ -73,9 +72,9 @@ void check_store_as_before(CheckSession& session) {
     for (size_t position = 0; position < before.size(); ++position) {
         const std::vector<std::string> changed = differing_fields(before[position], now.at(position));
         if (!changed.empty()) {
-            throw Finding{fmt::format("{} has other values in {}", name_of(before[position], position),
-                                      fmt::join(changed, ", ")),
-                          "the values that it had before", fmt::format("{}, {}", blame::remove, blame::links)};
+            throw Finding{
+                fmt::format("{} has other values in {}", name_of(before[position], position), fmt::join(changed, ", ")),
+                "the values that it had before", fmt::format("{}, {}", blame::remove, blame::links)};
         }
     }
     if (now.size() != before.size()) {
@@ -129,8 +128,7 @@ void check_confirm_once(CheckSession& session) {
 void check_memory(CheckSession& session) {
     const int64_t refused = session.log ? lines_of(session).refused_memory : 0;
     if (refused > 0 || !session.refused_memory.empty()) {
-        throw Finding{fmt::format("the camera refused memory: {}{}{}",
-                                  fmt::join(session.refused_memory, ", "),
+        throw Finding{fmt::format("the camera refused memory: {}{}{}", fmt::join(session.refused_memory, ", "),
                                   refused > 0 && !session.refused_memory.empty() ? "; " : "",
                                   refused > 0 ? fmt::format("lines of its log that say so: {}", refused) : ""),
                       "600000 bytes for a request, and what its reply needs", blame::memory};

@@ -290,7 +290,8 @@ void check_pipelined(CheckSession& session) {
         const std::string what = fmt::format("list {} of {} in a row", number + 1, requests);
         const Bytes next = session.answer_to({{}, what, blame::delivery});
         if (next != first) {
-            throw Finding{fmt::format("{}, other than the first", frame_text(next)), fmt::format("the reply to {}", what),
+            throw Finding{fmt::format("{}, other than the first", frame_text(next)),
+                          fmt::format("the reply to {}", what),
                           fmt::format("{}, and keeping a reply's bytes until they have gone", blame::send)};
         }
     }

@@ -18,10 +18,22 @@ constexpr size_t sent_streams = 2; // of the three, as the phone gets a picture 
 
 // Fields that the camera writes by itself, those that stand for exposure values, and the multi AF frame, which is the
 // camera's alone.
-const std::set<std::string> not_carried = {
-    "preset_num",     "custom_id",      "applocal_id",     "screennail_path",  "linked_custom_mode", "mode",
-    "av_index",       "tv_index",       "iso",             "iso_1_3",          "ev_step",            "multi_af_pos_x",
-    "multi_af_pos_y", "multi_af_width", "multi_af_height", "multi_af_box_size"};
+const std::set<std::string> not_carried = {"preset_num",
+                                           "custom_id",
+                                           "applocal_id",
+                                           "screennail_path",
+                                           "linked_custom_mode",
+                                           "mode",
+                                           "av_index",
+                                           "tv_index",
+                                           "iso",
+                                           "iso_1_3",
+                                           "ev_step",
+                                           "multi_af_pos_x",
+                                           "multi_af_pos_y",
+                                           "multi_af_width",
+                                           "multi_af_height",
+                                           "multi_af_box_size"};
 
 // Colours that are the same after they have gone to the camera's scale of 200 and back to 255.
 constexpr int32_t lasting_colors[] = {0, 64, 128, 255};
@@ -70,8 +82,8 @@ Bytes picture_number(size_t number) {
 // The preset of a list that has the title of one that was sent, or null.
 const sm_tag_custom_info* find_sent(const Presets& list, const SentPreset& sent) {
     const std::string title = text_of(sent.record.title, SM_TITLE_SIZE);
-    const auto found = std::ranges::find_if(
-        list, [&](const auto& preset) { return text_of(preset.title, SM_TITLE_SIZE) == title; });
+    const auto found =
+        std::ranges::find_if(list, [&](const auto& preset) { return text_of(preset.title, SM_TITLE_SIZE) == title; });
     return found == list.end() ? nullptr : &*found;
 }
 
@@ -171,9 +183,9 @@ void check_store_new_ids(CheckSession& session) {
 void check_store_unlinked(CheckSession& session) {
     for (const auto& [sent, now] : trio_of(session)) {
         if (now.linked_custom_mode != 0) {
-            throw Finding{fmt::format("linked_custom_mode {} of the new preset {}", now.linked_custom_mode,
-                                      now.preset_num),
-                          "0: nobody has linked it", blame::links};
+            throw Finding{
+                fmt::format("linked_custom_mode {} of the new preset {}", now.linked_custom_mode, now.preset_num),
+                "0: nobody has linked it", blame::links};
         }
     }
 }

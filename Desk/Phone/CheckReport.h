@@ -22,7 +22,7 @@ struct Outcome {
 struct CheckReport {
     std::string camera; // its URL
     std::string model;
-    size_t presets = 0; // that it held before
+    size_t presets = 0;            // that it held before
     std::vector<size_t> leftovers; // numbers of presets of a run that was ended before its end
     std::vector<Outcome> outcomes;
     Cleanup cleanup;

@@ -78,8 +78,8 @@ Question update_question(const sm_tag_custom_info& record) {
 }
 
 Question delete_question(std::span<const sm_delete_pair> pairs) {
-    return {request(SM_FUNCTION_DELETE_PRESET, delete_payload(pairs)),
-            fmt::format("deleting {} presets", pairs.size()), blame::remove};
+    return {request(SM_FUNCTION_DELETE_PRESET, delete_payload(pairs)), fmt::format("deleting {} presets", pairs.size()),
+            blame::remove};
 }
 
 bool is_answer_to_shortest(std::span<const uint8_t> frame) {
@@ -93,6 +93,9 @@ std::string result_text(int32_t result) {
 }
 
 std::string frame_text(std::span<const uint8_t> frame) {
+    if (frame.empty()) {
+        return "bytes that are no frame";
+    }
     return fmt::format("a frame of function {:#x} with {} bytes", static_cast<uint32_t>(get_word(frame, 0)),
                        frame.size());
 }
@@ -177,8 +180,8 @@ DeleteReply CheckSession::remove(std::span<const sm_delete_pair> pairs) {
 void CheckSession::ask_shortest() {
     const Bytes frame = answer_to(shortest_question());
     if (!is_answer_to_shortest(frame)) {
-        throw Finding{frame_text(frame), "the reply to an update without a record: function 0x1004, 12 bytes, result -3",
-                      blame::delivery};
+        throw Finding{frame_text(frame),
+                      "the reply to an update without a record: function 0x1004, 12 bytes, result -3", blame::delivery};
     }
 }
 
@@ -221,6 +224,10 @@ std::optional<Bytes> CheckSession::first_reply_on_new_link() {
             probe.send(shortest_question().bytes);
             return probe.receive();
         } catch (const Failure& failure) {
+            const bool is_closed = dynamic_cast<const LinkClosed*>(&failure) != nullptr;
+            if (failure.code() == exit_protocol && !is_closed) {
+                return Bytes(); // bytes came, and they are no frame
+            }
             if (failure.code() != exit_busy) {
                 return std::nullopt;
             }
@@ -238,10 +245,10 @@ bool CheckSession::answers_on_new_link() {
 Finding CheckSession::silence_finding(const Question& question, const std::string& what_came) {
     const std::optional<Bytes> next = try_to_ask(shortest_question().bytes);
     if (next && !is_answer_to_shortest(*next)) {
-        return {fmt::format("{}, but later {}", what_came, frame_text(*next)),
-                fmt::format("the reply to {} in time; give a longer --timeout if the camera is that slow",
-                            question.what),
-                question.blame};
+        return {
+            fmt::format("{}, but later {}", what_came, frame_text(*next)),
+            fmt::format("the reply to {} in time; give a longer --timeout if the camera is that slow", question.what),
+            question.blame};
     }
     return next ? unanswered_finding(question, what_came) : stalled_finding(question, what_came);
 }
@@ -261,8 +268,8 @@ Finding CheckSession::unanswered_finding(const Question& question, const std::st
     }
     switch (question.unanswered) {
     case Question::Unanswered::link_state:
-        return {found + ", and this one not the second time either: the camera takes its link state for down",
-                expected, blame::link_state};
+        return {found + ", and this one not the second time either: the camera takes its link state for down", expected,
+                blame::link_state};
     case Question::Unanswered::no_preset:
         return {found + ", and this one not the second time either: the camera does not find the preset that it lists",
                 expected, blame::info};
@@ -316,7 +323,7 @@ void CheckSession::take_first_list() {
         const ListReply reply = parse_list_reply(*first_list);
         model = reply.model;
         presets.begin(reply.presets);
-    } catch (const Finding&) {   // the check that asked first has told
+    } catch (const Finding&) { // the check that asked first has told
     } catch (const Failure&) {
     }
 }
@@ -328,9 +335,9 @@ SentPreset CheckSession::store_own(sm_tag_custom_info record, Bytes picture) {
     SentPreset sent = {record, std::move(picture), {}};
     sent.reply = store(sent.record, sent.picture);
     if (sent.reply.result != SM_RETURN_TRUE) {
-        throw Finding{fmt::format("{} to {}", result_text(sent.reply.result),
-                                  store_question(sent.record, sent.picture).what),
-                      "result 1", blame::save};
+        throw Finding{
+            fmt::format("{} to {}", result_text(sent.reply.result), store_question(sent.record, sent.picture).what),
+            "result 1", blame::save};
     }
     presets.claim(sent.reply.custom_id);
     return sent;

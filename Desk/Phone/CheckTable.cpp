@@ -94,8 +94,7 @@ constexpr Check checks[] = {
      check_requests_together},
     {"pipelined", "twelve requests in a row have their replies, in order and whole", guide::links, needs_list,
      check_pipelined},
-    {"replies-apart", "a packet never holds bytes of two replies", guide::links, needs_boundaries,
-     check_replies_apart},
+    {"replies-apart", "a packet never holds bytes of two replies", guide::links, needs_boundaries, check_replies_apart},
 
     {"drop-in-request", "a request that the link cut off does not reach into the next link", guide::drops,
      needs_nothing, check_drop_in_request},
@@ -117,8 +116,7 @@ constexpr Check checks[] = {
      check_confirm_in_time},
     {"confirm-once", "no send is confirmed twice", guide::confirmations, needs_log, check_confirm_once},
     {"memory", "the camera has memory for all requests and replies", guide::memory, needs_nothing, check_memory},
-    {"pictures-opened", "the camera opens the picture of every preset", guide::files, needs_log,
-     check_pictures_opened},
+    {"pictures-opened", "the camera opens the picture of every preset", guide::files, needs_log, check_pictures_opened},
 };
 
 } // namespace

@@ -88,8 +88,8 @@ void Probe::send(std::span<const uint8_t> bytes, const Cut& cut) {
         const std::optional<size_t> moved = link().send_packet(bytes.subspan(sent, packet_end - sent));
         if (!moved) {
             throw_if_busy();
-            throw LinkClosed(fmt::format("the camera closed the link when it had taken {} of {} bytes", sent,
-                                         bytes.size()));
+            throw LinkClosed(
+                fmt::format("the camera closed the link when it had taken {} of {} bytes", sent, bytes.size()));
         }
         sent += *moved;
         if (sent == packet_end) {

@@ -153,7 +153,7 @@ class Reference(InFolder):
         super().setUp()
         self.headers = os.path.join(self.folder, "headers")
         os.mkdir(self.headers)
-        for path in glob.glob(os.path.join(ROOT, "Src", "*.h")):
+        for path in glob.glob(os.path.join(ROOT, "Src", "*.h*")):
             shutil.copy(path, self.headers)
 
     def make(self, folder, *headers):

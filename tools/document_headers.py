@@ -356,7 +356,7 @@ class Header:
 
     def declaration(self, comment, lines):
         code = "\n".join(lines)
-        trailing = TRAILING.search(lines[0]) if len(lines) == 1 and not lines[0].startswith("#") else None
+        trailing = TRAILING.search(lines[0]) if len(lines) == 1 else None
         self.behind = trailing.group(1) if trailing else self.behind
         said = [self.behind, ""] * bool(self.behind) + comment
         if said:

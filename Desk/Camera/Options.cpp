@@ -4,6 +4,7 @@
 #include <climits>
 #include <iostream>
 
+#include "ADE_ShotMentor_Version.h"
 #include "CommandLine/Reference.h"
 #include "Common/Text.h"
 #include "Manual.h"

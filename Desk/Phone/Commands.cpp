@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "CameraClient.h"
+#include "Check.h"
 #include "Common/Files.h"
 #include "Common/Text.h"
 #include "Jpeg.h"
@@ -288,6 +289,8 @@ int run(const Options& options) {
         return delete_presets(options);
     case Options::Command::leave:
         return leave(options);
+    case Options::Command::check:
+        return check(options);
     }
     return exit_usage;
 }

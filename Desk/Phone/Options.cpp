@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "ADE_ShotMentor_Records.h"
+#include "ADE_ShotMentor_Version.h"
 #include "CommandLine/Reference.h"
 #include "Common/Text.h"
 #include "Manual.h"
@@ -103,6 +104,22 @@ void add_changing_commands(CLI::App& app, Options& options) {
     leave->add_option("--code", options.code, "the phone's own result code, 1 unless given")->type_name("N");
 }
 
+// A list of the checks is the one thing that needs no camera.
+void add_checking_command(CLI::App& app, Options& options) {
+    CLI::App* check = app.add_subcommand("check", "find out what the camera gets wrong");
+    check->parse_complete_callback([&app, &options] {
+        options.command = Options::Command::check;
+        app.get_option("--connect")->required(!options.list_checks);
+    });
+    check->add_flag("--quick", options.quick, "without the longest picture and without filling the camera");
+    check->add_option("--junit", options.junit_file, "where to put the results as JUnit XML, too")->type_name("FILE");
+    check
+        ->add_option("--camera-log", options.camera_log,
+                     "the file that the camera writes its log to: confirmations and memory show there")
+        ->type_name("FILE");
+    check->add_flag("--list-checks", options.list_checks, "print the id of each check and what must hold, and end");
+}
+
 Endpoint endpoint_of(const std::string& url) {
     try {
         return parse_endpoint(url);
@@ -113,7 +130,9 @@ Endpoint endpoint_of(const std::string& url) {
 
 Options options_from(Arguments& arguments) {
     Options& options = arguments.options;
-    options.camera = endpoint_of(arguments.url);
+    if (!options.list_checks) {
+        options.camera = endpoint_of(arguments.url);
+    }
     options.timeout = std::chrono::milliseconds(std::llround(std::ceil(arguments.timeout_seconds * 1000)));
     if (options.command == Options::Command::show || options.command == Options::Command::picture) {
         options.numbers = {arguments.number};
@@ -124,7 +143,7 @@ Options options_from(Arguments& arguments) {
 Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     if (app.get_subcommands().empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
         return {exit_usage,
-                "--connect URL and a command are needed: list, show, picture, store, rename, delete or leave; "
+                "--connect URL and a command are needed: list, show, picture, store, rename, delete, leave or check; "
                 "see shotmentor-phone --help"};
     }
     std::string line = error.what();
@@ -144,6 +163,7 @@ std::optional<Options> options_of(int argc, char** argv) {
     add_common_options(app, arguments);
     add_reading_commands(app, arguments);
     add_changing_commands(app, arguments.options);
+    add_checking_command(app, arguments.options);
     command_line::add_reference(app, manual());
     try {
         app.parse(argc, argv);

@@ -12,7 +12,7 @@
 namespace desk::phone {
 
 struct Options {
-    enum class Command { list, show, picture, store, rename, remove, leave };
+    enum class Command { list, show, picture, store, rename, remove, leave, check };
 
     Endpoint camera;
     std::chrono::milliseconds timeout{5000};
@@ -31,6 +31,10 @@ struct Options {
     std::string title;                // rename
     std::optional<int32_t> server_id; // rename
     int32_t code = 1;                 // leave
+    bool quick = false;               // check
+    bool list_checks = false;         // check
+    std::string junit_file;           // check
+    std::string camera_log;           // check
 };
 
 // The options that the command line gives, or nothing when it asked for help, the version or the reference, which is

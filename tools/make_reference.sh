@@ -20,12 +20,17 @@ find "$1" -mindepth 1 -delete
 
 made=$(mktemp -d)
 trap 'rm -rf "$made"' EXIT
+mkdir "$made/made"
 IFS=. read -r major minor patch <<<"$version"
 sed -e "s/@PROJECT_VERSION@/$version/; s/@PROJECT_VERSION_MAJOR@/$major/; s/@PROJECT_VERSION_MINOR@/$minor/" \
-    -e "s/@PROJECT_VERSION_PATCH@/$patch/" "$headers/ADE_ShotMentor_Version.h.in" >"$made/ADE_ShotMentor_Version.h"
+    -e "s/@PROJECT_VERSION_PATCH@/$patch/" "$headers/ADE_ShotMentor_Version.h.in" >"$made/made/ADE_ShotMentor_Version.h"
+# Doxygen cuts a path at its blanks: it gets others.
+ln -s "$headers" "$made/headers"
+ln -s "$here/document_headers.py" "$made/filter"
+ln -s "$(realpath "$1")" "$made/output"
 
-faults=$(REFERENCE_HEADERS=$headers REFERENCE_MADE=$made REFERENCE_OUTPUT=$(realpath "$1") \
-    REFERENCE_VERSION=$version REFERENCE_FILTER=$here/document_headers.py \
+faults=$(REFERENCE_HEADERS=$made/headers REFERENCE_MADE=$made/made REFERENCE_OUTPUT=$made/output \
+    REFERENCE_VERSION=$version REFERENCE_FILTER=$made/filter \
     doxygen "$here/../Docs/Doxyfile" 2>&1) || faults+=$'\n'"doxygen ended with $?"
 if [ -n "$faults" ]; then
     printf 'make_reference.sh: the headers have gaps in their documentation:\n%s\n' "$faults" >&2

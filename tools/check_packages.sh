@@ -78,13 +78,15 @@ quietly arm-linux-gnueabihf-gcc -std=c11 -Wall -Wextra -Wpedantic -Wconversion -
 cp build/packages/amd64/Desk/SamplePictures/pictures.bin "$arm/picture.jpg"
 phone=build/packages/amd64/Desk/shotmentor-phone
 printf '' >"$scratch/host.out"
-(cd "$arm" && exec qemu-arm-static -L "$arm" ./host unix:"$scratch/arm.sock" picture.jpg) >"$scratch/host.out" 2>"$scratch/host.log" &
+(cd "$arm" && exec qemu-arm-static -L "$arm" ./host unix:"$scratch/arm.sock" picture.jpg) \
+    >"$scratch/host.out" 2>"$scratch/host.log" &
 host=$!
 for _ in $(seq 100); do
     ! grep -q listening "$scratch/host.out" || break
     sleep 0.1
 done
 "$phone" --connect unix:"$scratch/arm.sock" list
-"$phone" --connect unix:"$scratch/arm.sock" check || { cat "$scratch/host.log" >&2; fail "the ARM host"; }
+quietly "$phone" --connect unix:"$scratch/arm.sock" check
+tail -n 1 "$log"
 kill "$host"
 echo "ok: the library for 32-bit ARM has had its conversation"

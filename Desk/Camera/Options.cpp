@@ -5,30 +5,14 @@
 #include <iostream>
 
 #include "ADE_ShotMentor_Version.h"
+#include "CommandLine/Reference.h"
 #include "Common/Text.h"
+#include "Manual.h"
 
 namespace desk::camera {
 namespace {
 
 using CLI::App;
-
-constexpr const char* footer = R"(Links:
-  unix:PATH                  a Unix socket that keeps message boundaries
-  tcp:HOST:PORT              a byte stream; port 0 takes any free one
-  rfcomm:CHANNEL, l2cap:PSM  Bluetooth, where the kernel has it
-
-Examples:
-  shotmentor-camera --store /tmp/camera
-  shotmentor-camera --store /tmp/camera --listen tcp:127.0.0.1:0 --log-level all
-  shotmentor-camera --store /tmp/camera presets
-  shotmentor-camera --store /tmp/camera link CUSTOM1 3
-
-Exit codes:
-  0  done                                  7  another camera has the store open
-  1  this machine failed: a file, a disk   8  the store is damaged
-  2  wrong usage or input                  9  no such store, or no such preset
-  3  cannot listen                         10 to 22, 30  the store's own result: 10 plus
-                                           the number without its sign, 30 any other)";
 
 constexpr const char* link_group = "Phone link";
 constexpr const char* log_group = "Log";
@@ -192,7 +176,7 @@ std::optional<Options> parse_options(int argc, char** argv) {
     Texts texts;
     App app("A camera without a camera: serves a preset store to a phone, with the camera's own library.",
             "shotmentor-camera");
-    app.footer(footer);
+    app.footer(command_line::footer_of(manual()));
     app.set_version_flag("--version", SHOTMENTOR_VERSION);
     app.fallthrough();
     app.require_subcommand(0, 1);
@@ -201,8 +185,12 @@ std::optional<Options> parse_options(int argc, char** argv) {
     add_log_options(app, options, texts);
     add_lab_options(app, options.lab, texts);
     add_commands(app, options, texts);
+    command_line::add_reference(app, manual());
     try {
         app.parse(argc, argv);
+    } catch (const command_line::CallForReference& reference) {
+        std::cout << reference.what();
+        return std::nullopt;
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             app.exit(error);

@@ -42,8 +42,8 @@ struct Options {
     std::filesystem::path picture; // add
 };
 
-// Nothing when the command line asked for help or the version, which has then been printed. Throws Failure
-// (exit_usage).
+// Nothing when the command line asked for help, the version or the reference, which has then been printed. Throws
+// Failure (exit_usage).
 std::optional<Options> parse_options(int argc, char** argv);
 
 } // namespace desk::camera

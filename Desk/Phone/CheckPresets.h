@@ -66,8 +66,8 @@ class CheckPresets {
     std::set<int32_t> claimed_;
 };
 
-// The presets of `before` less those at some positions that `after` no longer holds, by their names: gone, or with other
-// values.
+// The presets of `before` less those at some positions that are gone from `after`, or have other values there, by their
+// names.
 std::vector<std::string> lost_presets(const Presets& before, const std::vector<size_t>& removed, const Presets& after);
 // Those of them whose ids are gone as well.
 std::vector<std::string> gone_presets(const Presets& before, const std::vector<size_t>& removed, const Presets& after);

@@ -7,7 +7,10 @@
 #include <limits>
 
 #include "ADE_ShotMentor_Records.h"
+#include "ADE_ShotMentor_Version.h"
+#include "CommandLine/Reference.h"
 #include "Common/Text.h"
+#include "Manual.h"
 #include "Output.h"
 
 namespace desk::phone {
@@ -17,34 +20,6 @@ constexpr double shortest_timeout = 0.001;
 constexpr double longest_timeout = 86400; // a day; more is a slip of the hand
 constexpr size_t largest_mtu = SM_REQUEST_LIMIT;
 constexpr size_t largest_width = 100000;
-
-constexpr const char* examples_and_codes =
-    R"(NUMBER is the number that list prints first, from 0 on; ID the custom_id that it prints second.
-URL is unix:PATH, tcp:HOST:PORT, rfcomm:ADDRESS:CHANNEL or l2cap:ADDRESS:PSM.
-
-Examples:
-  shotmentor-phone --connect unix:store/camera.sock list
-  shotmentor-phone --connect tcp:localhost:7700 show 3 --picture
-  shotmentor-phone --connect tcp:localhost:7700 picture 3 -o dawn.jpg
-  shotmentor-phone --connect tcp:localhost:7700 --json show 3 > dawn.json
-  shotmentor-phone --connect tcp:localhost:7700 store dawn.json dawn.jpg
-  shotmentor-phone --connect tcp:localhost:7700 rename 12 "Dawn over the sea"
-  shotmentor-phone --connect tcp:localhost:7700 delete 3 4
-  shotmentor-phone --connect tcp:localhost:7700 check --junit check.xml
-
-Exit codes:
-  0         done
-  1         this machine failed: a file, the disk
-  2         wrong usage or input: options, preset files, pictures that are no JPEG
-  3         cannot connect
-  4         no answer in time
-  5         the camera is busy with another phone
-  6         the answer is not what the protocol promises, or the link was closed before it was complete
-  9         no such preset, or a picture that the camera could not read
-  10 to 22  the camera's result 0 to -12: 10 plus the number without its sign
-  30        any other result
-  31        check found that the camera got something wrong
-  32        check was stopped by a signal)";
 
 // What CLI11 fills before it is turned into options.
 struct Arguments {
@@ -181,17 +156,25 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
 std::optional<Options> options_of(int argc, char** argv) {
     Arguments arguments;
     CLI::App app("Reads and changes the shooting presets of a camera.", "shotmentor-phone");
-    app.footer(examples_and_codes);
+    app.footer(command_line::footer_of(manual()));
+    app.set_version_flag("--version", SHOTMENTOR_VERSION);
     app.fallthrough(); // the common options may stand behind the command as well
     app.require_subcommand(1);
     add_common_options(app, arguments);
     add_reading_commands(app, arguments);
     add_changing_commands(app, arguments.options);
     add_checking_command(app, arguments.options);
+    command_line::add_reference(app, manual());
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
         print(app.help());
+        return std::nullopt;
+    } catch (const CLI::CallForVersion& version) {
+        print(std::string(version.what()) + "\n");
+        return std::nullopt;
+    } catch (const command_line::CallForReference& reference) {
+        print(reference.what());
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
         throw usage_failure(app, error);

@@ -37,8 +37,8 @@ struct Options {
     std::string camera_log;           // check
 };
 
-// The options that the command line gives, or nothing when it asked for help, which is then on standard output. Throws
-// Failure (exit_usage).
+// The options that the command line gives, or nothing when it asked for help, the version or the reference, which is
+// then on standard output. Throws Failure (exit_usage).
 std::optional<Options> options_of(int argc, char** argv);
 
 } // namespace desk::phone

@@ -47,15 +47,21 @@ all_requests() {
     "$@" store preset.json picture.jpg >stored
     number=$(sed -n 's/^stored as preset \([0-9]*\) with id .*/\1/p' stored)
     id=$(sed -n 's/^stored as preset .* with id \([0-9]*\)$/\1/p' stored)
-    "$@" picture "$number" -o back.jpg 2>/dev/null
+    quietly "$@" picture "$number" -o back.jpg
     cmp picture.jpg back.jpg
-    "$@" rename "$id" "Under another title" 2>/dev/null
+    quietly "$@" rename "$id" "Under another title"
     "$@" show "$number" | grep -q "Under another title" || fail "$name did not rename the preset"
     "$@" delete "$number" >/dev/null
     "$@" --json list >after.json
-    "$@" leave 2>/dev/null
+    quietly "$@" leave
     cmp before.json after.json
     echo "ok: $name answers all six requests"
+}
+
+# What the phone itself finds out about a camera's host.
+check() {
+    quietly shotmentor-phone --connect "$url" check
+    tail -n 1 output
 }
 
 say "a tester installs the packages"
@@ -71,7 +77,7 @@ shotmentor-phone --connect "$url" list
 shotmentor-phone --connect "$url" --json show 0 >preset.json
 shotmentor-phone --connect "$url" picture 0 -o picture.jpg
 all_requests
-shotmentor-phone --connect "$url" check
+check
 stop
 
 say "a firmware engineer builds the example with pkg-config"
@@ -82,7 +88,7 @@ quietly cc -std=c11 $warnings /usr/share/doc/libshotmentor-dev/examples/host.c \
     $(pkg-config --cflags --libs shotmentor) -o example_host
 serve example_host ./example_host unix:"$work/socket" picture.jpg
 all_requests
-shotmentor-phone --connect "$url" check
+check
 stop
 
 say "another one builds a host in C++17 with find_package"

@@ -103,10 +103,17 @@ int __ui_preset_delete_form_phone(int* flags) {
     return SM_RETURN_TRUE;
 }
 
+// The socket waits for room. That the phone has gone is seen by recv.
 int bt_send_msgs(bt_msg_info* message) {
-    if (message->length > 0) {
-        // The socket takes the message whole or not at all, and waits for room; a phone that has gone is seen by recv.
-        static_cast<void>(send(phone, message->data, static_cast<std::size_t>(message->length), MSG_NOSIGNAL));
+    const char* const bytes = static_cast<const char*>(message->data);
+    const int longest = 4096;
+    int sent = 0;
+    while (sent < message->length) {
+        const int size = std::min(message->length - sent, longest);
+        if (send(phone, bytes + sent, static_cast<std::size_t>(size), MSG_NOSIGNAL) != size) {
+            break;
+        }
+        sent += size;
     }
     ++unconfirmed;
     return 0;

@@ -1,0 +1,33 @@
+#include "Manual.h"
+
+#include "CommandLine/ExitCodes.h"
+
+namespace desk::camera {
+
+command_line::Manual manual() {
+    return {
+        .description =
+            {"A host for libshotmentor.so that drives it as a camera's firmware does, over a preset store in a folder "
+             "and a real link. shotmentor-phone is the phone that belongs to it.",
+             "Without a command it serves. It creates the store on first start, with twelve sample presets and their "
+             "pictures, and prints \"listening on URL\" to standard output once a phone can connect. It serves one "
+             "phone at a time. SIGINT and SIGTERM end it in order.",
+             "A store is the folder DIR: a database, presets.sqlite, and a folder pictures. An answer of success means "
+             "that the change outlives a loss of power."},
+        .words_title = "Links",
+        .words = {{"unix:PATH", "a Unix socket that keeps message boundaries"},
+                  {"tcp:HOST:PORT", "a byte stream; port 0 takes any free one"},
+                  {"rfcomm:CHANNEL, l2cap:PSM", "Bluetooth, where the kernel has it"}},
+        .examples = {{"Serve the store /tmp/camera, and create it with samples where there is none:",
+                      "shotmentor-camera --store /tmp/camera"},
+                     {"Serve it over TCP, with all lines of the library on standard error:",
+                      "shotmentor-camera --store /tmp/camera --listen tcp:127.0.0.1:0 --log-level all"},
+                     {"Print what it holds:", "shotmentor-camera --store /tmp/camera presets"},
+                     {"Let CUSTOM1 use preset 3:", "shotmentor-camera --store /tmp/camera link CUSTOM1 3"}},
+        .exit_codes = command_line::exit_codes_of_camera(),
+        .environment = {{"NO_COLOR", "when it is not empty, the library's lines have no colours on a terminal"}},
+        .see_also = "shotmentor-phone",
+    };
+}
+
+} // namespace desk::camera

@@ -1,0 +1,37 @@
+#include "Manual.h"
+
+#include "CommandLine/ExitCodes.h"
+
+namespace desk::phone {
+
+command_line::Manual manual() {
+    return {
+        .description =
+            {"What the phone's application does with a camera, for a terminal and for scripts: a real one, or "
+             "shotmentor-camera.",
+             "Data goes to standard output, talk to standard error. Progress and pictures show on a terminal only. "
+             "What cameras and files write is not trusted: what could do something to a terminal is replaced."},
+        .words_title = "Values",
+        .words = {{"NUMBER", "the number that list prints first, from 0 on"},
+                  {"ID", "the custom_id that list prints second"},
+                  {"URL", "unix:PATH, tcp:HOST:PORT, rfcomm:ADDRESS:CHANNEL or l2cap:ADDRESS:PSM"}},
+        .examples = {{"List the presets of a camera on this machine:",
+                      "shotmentor-phone --connect unix:store/camera.sock list"},
+                     {"Show preset 3 of a camera behind TCP, and draw its picture:",
+                      "shotmentor-phone --connect tcp:localhost:7700 show 3 --picture"},
+                     {"Save its picture:", "shotmentor-phone --connect tcp:localhost:7700 picture 3 -o dawn.jpg"},
+                     {"Save its record:", "shotmentor-phone --connect tcp:localhost:7700 --json show 3 > dawn.json"},
+                     {"Store both as a new preset:",
+                      "shotmentor-phone --connect tcp:localhost:7700 store dawn.json dawn.jpg"},
+                     {"Give the preset with custom_id 12 another title:",
+                      "shotmentor-phone --connect tcp:localhost:7700 rename 12 \"Dawn over the sea\""},
+                     {"Delete two presets:", "shotmentor-phone --connect tcp:localhost:7700 delete 3 4"},
+                     {"Try all that a phone may send, and report it to a build server:",
+                      "shotmentor-phone --connect tcp:localhost:7700 check --junit check.xml"}},
+        .exit_codes = command_line::exit_codes_of_phone(),
+        .environment = {{"NO_COLOR", "when it is not empty, no picture is drawn"}},
+        .see_also = "shotmentor-camera",
+    };
+}
+
+} // namespace desk::phone

@@ -5,6 +5,7 @@
 #include <exception>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "CheckReport.h"
 #include "CheckSession.h"
@@ -75,6 +76,7 @@ void run_one(const Check& check, CheckSession& session, Outcome& outcome) {
     try {
         check.run(session);
         outcome.kind = Outcome::Kind::passed;
+        outcome.note = std::exchange(session.note, "");
     } catch (const Finding& finding) {
         outcome.kind = Outcome::Kind::failed;
         outcome.finding = finding;
@@ -87,7 +89,7 @@ void run_one(const Check& check, CheckSession& session, Outcome& outcome) {
 }
 
 Outcome outcome_of(const Check& check, CheckSession& session, const Options& options) {
-    Outcome outcome = {&check, Outcome::Kind::skipped, {}, obstacle(check, session, options), 0};
+    Outcome outcome = {&check, Outcome::Kind::skipped, {}, obstacle(check, session, options), "", 0};
     if (!outcome.why.empty()) {
         return outcome;
     }
@@ -118,7 +120,7 @@ void run_checks(CheckSession& session, CheckReport& report, const Options& optio
                 session.probe.heed(nullptr);
             }
         }
-        add(report, {&check, Outcome::Kind::skipped, {}, "a signal stopped the run", 0}, options);
+        add(report, {&check, Outcome::Kind::skipped, {}, "a signal stopped the run", "", 0}, options);
     }
 }
 

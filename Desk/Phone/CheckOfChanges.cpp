@@ -43,6 +43,9 @@ UpdateRecord update_own(CheckSession& session, std::string title) {
     title.resize(std::max(title.size(), sizeof record.sent.title), '\0');
     title.copy(record.sent.title, sizeof record.sent.title);
     record.sent.custom_id = own.list[record.position].custom_id;
+    if (session.presets.is_foreign_id(record.sent.custom_id)) {
+        throw Skip{"the new preset has the id of another one, which might be changed instead (store-new-ids)"};
+    }
     record.sent.server_id = new_server_id;
     expect_result(session.update_preset(record.sent), blame::update);
     record.after = session.list().presets;

@@ -69,17 +69,17 @@ void check_store_as_before(CheckSession& session) {
     }
     const Presets now = session.list().presets;
     const Presets& before = session.presets.foreign();
+    if (now.size() != before.size()) {
+        throw Finding{fmt::format("{} presets instead of {}", now.size(), before.size()),
+                      "as many as before, unless somebody else has stored one", blame::remove};
+    }
     for (size_t position = 0; position < before.size(); ++position) {
-        const std::vector<std::string> changed = differing_fields(before[position], now.at(position));
+        const std::vector<std::string> changed = differing_fields(before[position], now[position]);
         if (!changed.empty()) {
             throw Finding{
                 fmt::format("{} has other values in {}", name_of(before[position], position), fmt::join(changed, ", ")),
                 "the values that it had before", fmt::format("{}, {}", blame::remove, blame::links)};
         }
-    }
-    if (now.size() != before.size()) {
-        throw Finding{fmt::format("{} presets instead of {}", now.size(), before.size()),
-                      "as many as before, unless somebody else has stored one", blame::remove};
     }
 }
 

@@ -134,18 +134,42 @@ std::string CheckPresets::harm_in(const Presets& list) const {
     return fmt::format("{}", fmt::join(fates, "; "));
 }
 
-std::vector<std::string> lost_presets(const Presets& before, const std::vector<size_t>& removed, const Presets& after) {
+namespace {
+
+// Positions of the presets of `before`, less those that were removed, that `after` no longer holds as they were.
+std::vector<size_t> lost_positions(const Presets& before, const std::vector<size_t>& removed, const Presets& after) {
     std::vector<bool> found(after.size());
-    std::vector<std::string> names;
+    std::vector<size_t> lost;
     for (size_t position = 0; position < before.size(); ++position) {
         if (std::ranges::find(removed, position) != removed.end()) {
             continue;
         }
         const size_t match = position_of(before[position], after, found);
         if (match == after.size()) {
-            names.push_back(name_of(before[position], position));
+            lost.push_back(position);
         } else {
             found[match] = true;
+        }
+    }
+    return lost;
+}
+
+} // namespace
+
+std::vector<std::string> lost_presets(const Presets& before, const std::vector<size_t>& removed, const Presets& after) {
+    std::vector<std::string> names;
+    for (const size_t position : lost_positions(before, removed, after)) {
+        names.push_back(name_of(before[position], position));
+    }
+    return names;
+}
+
+std::vector<std::string> gone_presets(const Presets& before, const std::vector<size_t>& removed, const Presets& after) {
+    std::vector<std::string> names;
+    for (const size_t position : lost_positions(before, removed, after)) {
+        const int32_t custom_id = before[position].custom_id;
+        if (std::ranges::none_of(after, [=](const auto& preset) { return preset.custom_id == custom_id; })) {
+            names.push_back(name_of(before[position], position));
         }
     }
     return names;

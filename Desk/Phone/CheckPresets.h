@@ -52,20 +52,24 @@ class CheckPresets {
     };
     Sorted sorted(const Presets& list) const;
 
+    // Whether one of the foreign presets has this id.
+    bool is_foreign_id(int32_t custom_id) const;
+
     // What has happened to the foreign presets, empty when nothing has.
     std::string harm_in(const Presets& list) const;
 
   private:
     bool looks_own(const sm_tag_custom_info& preset) const;
-    bool is_foreign_id(int32_t custom_id) const;
-
     std::string title_begin_;
     int titles_ = 0;
     std::optional<Presets> foreign_;
     std::set<int32_t> claimed_;
 };
 
-// The presets of `before` less those at some positions that `after` no longer holds, by their names.
+// The presets of `before` less those at some positions that are gone from `after`, or have other values there, by their
+// names.
 std::vector<std::string> lost_presets(const Presets& before, const std::vector<size_t>& removed, const Presets& after);
+// Those of them whose ids are gone as well.
+std::vector<std::string> gone_presets(const Presets& before, const std::vector<size_t>& removed, const Presets& after);
 
 } // namespace desk::phone

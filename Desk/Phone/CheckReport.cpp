@@ -38,7 +38,8 @@ const char* name_of(Kind kind) {
 std::vector<std::array<std::string, 2>> details_of(const Outcome& outcome) {
     switch (outcome.kind) {
     case Kind::passed:
-        return {};
+        return outcome.note.empty() ? std::vector<std::array<std::string, 2>>{}
+                                    : std::vector<std::array<std::string, 2>>{{"note", outcome.note}};
     case Kind::failed:
         return {{"found", outcome.finding.found},
                 {"expected", outcome.finding.expected},

@@ -14,8 +14,9 @@ struct Outcome {
     enum class Kind { passed, failed, skipped };
     const Check* check;
     Kind kind;
-    Finding finding; // failed
-    std::string why; // skipped
+    Finding finding;  // failed
+    std::string why;  // skipped
+    std::string note; // passed, but could be better
     double seconds;
 };
 

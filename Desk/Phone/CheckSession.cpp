@@ -34,11 +34,15 @@ bool names_own(int number, const Presets& list, const std::vector<size_t>& own) 
     return names_any && number >= 0 && number < SM_PRESET_LIMIT;
 }
 
+// What to put into a deletion's request. A camera that does not renumber may take a number for either.
 std::vector<sm_delete_pair> pairs_of(const Presets& list, const std::vector<size_t>& positions,
-                                     const std::vector<size_t>& own) {
+                                     const std::vector<size_t>& own, NamedBy named_by) {
     std::vector<sm_delete_pair> pairs;
     for (const size_t position : positions) {
-        for (const int number : {list[position].preset_num, static_cast<int>(position)}) {
+        const int told = list[position].preset_num;
+        const int counted = static_cast<int>(position);
+        const bool by_told = named_by == NamedBy::told_number;
+        for (const int number : {by_told ? told : counted, by_told ? counted : told}) {
             if (names_own(number, list, own)) {
                 pairs.push_back({number, list[position].custom_id});
                 break;
@@ -186,7 +190,10 @@ void CheckSession::ask_shortest() {
 }
 
 void CheckSession::expect_silence(const std::string& what, const char* blame_for_reply) {
-    const Bytes frame = answer_to(shortest_question());
+    Question next = shortest_question();
+    next.what = fmt::format("the next request after {}", what);
+    next.may_repeat = false; // without a reply it is not clear which of the two has none
+    const Bytes frame = answer_to(next);
     if (!is_answer_to_shortest(frame)) {
         throw Finding{fmt::format("{} came after {}", frame_text(frame), what),
                       "no reply to it, and one to the next request", blame_for_reply};
@@ -218,22 +225,22 @@ std::optional<Bytes> CheckSession::try_to_ask(const Bytes& bytes) {
 // The camera may take a moment to see that the last link is gone.
 std::optional<Bytes> CheckSession::first_reply_on_new_link() {
     const Clock::time_point deadline = Clock::now() + probe.timeout();
-    do {
+    while (true) {
         try {
             probe.connect();
             probe.send(shortest_question().bytes);
             return probe.receive();
+        } catch (const LinkClosed&) {
+            return std::nullopt;
         } catch (const Failure& failure) {
-            const bool is_closed = dynamic_cast<const LinkClosed*>(&failure) != nullptr;
-            if (failure.code() == exit_protocol && !is_closed) {
+            if (failure.code() == exit_protocol) {
                 return Bytes(); // bytes came, and they are no frame
             }
-            if (failure.code() != exit_busy) {
+            if (failure.code() != exit_busy || Clock::now() >= deadline) {
                 return std::nullopt;
             }
         }
-    } while (Clock::now() < deadline);
-    return std::nullopt;
+    }
 }
 
 bool CheckSession::answers_on_new_link() {
@@ -361,18 +368,18 @@ CheckSession::Own CheckSession::own(size_t least) {
     return own;
 }
 
-DeletionRecord CheckSession::delete_own(const Presets& list, const std::vector<size_t>& positions) {
-    const std::vector<sm_delete_pair> pairs = pairs_of(list, positions, presets.sorted(list).own);
+DeletionRecord CheckSession::delete_own(const Presets& list, const std::vector<size_t>& positions, NamedBy named_by) {
+    const std::vector<sm_delete_pair> pairs = pairs_of(list, positions, presets.sorted(list).own, named_by);
     if (pairs.size() < positions.size()) {
         deletion_fault = "the numbers in the list do not tell this run's presets from others";
         throw Skip{deletion_fault};
     }
     DeletionRecord record = {positions, list, remove(pairs), {}};
-    const std::vector<std::string> lost = lost_presets(list, positions, record.reply.presets);
-    if (!lost.empty() && record.reply.result == SM_RETURN_TRUE) {
+    const std::vector<std::string> gone = gone_presets(list, positions, record.reply.presets);
+    if (!gone.empty() && record.reply.result == SM_RETURN_TRUE) {
         deletion_fault = "the camera deletes other presets than those that are named";
         const std::string harm = presets.harm_in(record.reply.presets);
-        throw Finding{fmt::format("the camera has deleted or changed what was not named: {}{}", fmt::join(lost, ", "),
+        throw Finding{fmt::format("the camera has deleted what was not named: {}{}", fmt::join(gone, ", "),
                                   harm.empty() ? "" : "; THIS IS NO PRESET OF THIS RUN, AND IT IS LOST"),
                       fmt::format("that only {} goes", name_of(list[positions.front()], positions.front())),
                       blame::remove};
@@ -387,7 +394,11 @@ void CheckSession::delete_all_own() {
         if (positions.empty()) {
             return;
         }
-        delete_own(now, positions);
+        delete_own(now, positions, round == 0 ? NamedBy::told_number : NamedBy::position);
+    }
+    if (deletion_fault.empty() && !presets.sorted(list().presets).own.empty()) {
+        deletion_fault = "the camera does not delete what is named";
+        throw Skip{deletion_fault};
     }
 }
 

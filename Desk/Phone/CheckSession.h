@@ -77,6 +77,9 @@ struct DeletionRecord {
     Presets after;
 };
 
+// What a preset's number is taken from: from what the camera says it is, or from its place in the list.
+enum class NamedBy { told_number, position };
+
 struct Cleanup {
     bool done = false;        // the list was looked at
     std::vector<size_t> left; // positions of presets of this run that are still there
@@ -97,12 +100,14 @@ class CheckSession {
     std::string model;
     std::string store_fault;    // why nothing can be stored and found again
     std::string deletion_fault; // why nothing is to be deleted any more
+    std::string idle_fault;     // why bytes too many would end the run
     std::string silence;        // why the camera is not asked any more
     std::vector<std::string> refused_memory;
     std::vector<SentPreset> trio;
     std::optional<UpdateRecord> update;
     std::optional<DeletionRecord> deletion;
     std::optional<Cleanup> cleanup;
+    std::string note; // of the check that runs: what holds, but could be better
     enum class Confirmations { unknown, in_time, late, missing } confirmations = Confirmations::unknown;
 
     // ---- Requests with replies: Finding when there is none, or not the right one ----
@@ -135,7 +140,9 @@ class CheckSession {
     };
     Own own(size_t least);
     // Deletes presets of ours, and nothing else: Finding when the camera has deleted others.
-    DeletionRecord delete_own(const Presets& list, const std::vector<size_t>& positions);
+    DeletionRecord delete_own(const Presets& list, const std::vector<size_t>& positions,
+                              NamedBy named_by = NamedBy::told_number);
+    // Skip when the camera keeps some.
     void delete_all_own();
 
     // After a check that failed: a new link. False when the camera answers nothing on it.

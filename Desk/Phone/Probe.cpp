@@ -17,6 +17,9 @@ constexpr std::chrono::milliseconds pause_before_next_try{20};
 // A frame may take the time-out twice, and once more for so many of its bytes, as with every other command.
 constexpr int64_t bytes_in_a_timeout = int64_t{64} * 1024;
 
+// What is kept of replies that have come before they were asked for: more than twelve lists.
+constexpr size_t most_untaken_bytes = longest_picture_reply + (size_t{1} << 20);
+
 } // namespace
 
 Probe::Probe(const Options& options)
@@ -38,6 +41,7 @@ void Probe::hang_up() {
     link_.reset();
     reader_ = {};
     frames_.clear();
+    frames_size_ = 0;
     closed_ = false;
 }
 
@@ -126,6 +130,7 @@ Bytes Probe::receive() {
     throw_if_busy();
     Bytes frame = std::move(frames_.front());
     frames_.pop_front();
+    frames_size_ -= frame.size();
     return frame;
 }
 
@@ -147,6 +152,10 @@ void Probe::receive_some() {
         std::optional<Bytes> frame = reader_.take(*bytes, longest_picture_reply);
         if (!frame) {
             return;
+        }
+        frames_size_ += frame->size();
+        if (frames_size_ > most_untaken_bytes) {
+            throw Failure(exit_protocol, "the camera sends more replies than were asked for");
         }
         frames_.push_back(*std::move(frame));
         mixed_packets_ += keeps_message_boundaries() && !bytes->empty() ? 1 : 0;

@@ -71,6 +71,7 @@ class Probe {
     std::optional<Link> link_;
     FrameReader reader_;
     std::deque<Bytes> frames_; // whole ones that nobody has asked for yet
+    size_t frames_size_ = 0;   // their bytes
     bool closed_ = false;
     size_t mixed_packets_ = 0;
 };

@@ -20,7 +20,8 @@ FAULTY = 31  # the exit code
 @dataclasses.dataclass
 class Fault:
     """A passage of the host that occurs once, what stands there instead, the check that has to fail, and words that
-    name the fault. `more` are further passages."""
+    name the fault. `more` are further passages. A fault may keep presets of the check in the camera, and harm others.
+    """
 
     passage: str
     instead: str
@@ -28,6 +29,8 @@ class Fault:
     words: str
     quick: bool = True
     more: tuple = ()
+    leaves: bool = False
+    harms: bool = False
 
 
 FAULTS = {
@@ -43,12 +46,13 @@ FAULTS = {
         "return stored_count - 1;",
         "store-unlinked",
         "linked_custom_mode 2",
+        leaves=True,
     ),
     "numbers_that_begin_with_1": Fault(
         "stored[number].preset_num = number;", "stored[number].preset_num = number + 1;", "list-numbers", "preset_num 1"
     ),
     "a_list_that_changes_by_itself": Fault(
-        "*count = stored_count;", "*count = stored_count; stored[0].bulb ^= 1;", "list-steady", "bulb"
+        "*count = stored_count;", "*count = stored_count; stored[0].bulb ^= 1;", "list-steady", "bulb", harms=True
     ),
     "iso_steps_that_change_by_themselves": Fault(
         "return key == SM_SPEC_KEY_ISO_STEP ? 1 : 0;",
@@ -65,7 +69,17 @@ FAULTS = {
     "one_identity_for_all_presets": Fault(
         "preset->custom_id = next_id++;", "preset->custom_id = next_id;", "store-new-ids", "another preset has as well"
     ),
-    "an_identity_of_0": Fault("added->custom_id = next_id;", "added->custom_id = 0;", "store-new-ids", "has id 0"),
+    "the_identity_of_another_preset": Fault(
+        "added->custom_id = next_id;",
+        "added->custom_id = 1;",
+        "store-new-ids",
+        "another preset has as well",
+        more=(("preset->custom_id = next_id++;", "preset->custom_id = 1; next_id++;"),),
+        leaves=True,
+    ),
+    "an_identity_of_0": Fault(
+        "added->custom_id = next_id;", "added->custom_id = 0;", "store-new-ids", "has id 0", leaves=True
+    ),
     "a_record_that_loses_a_field": Fault(
         "*added = *preset;", "*added = *preset; added->drive = 0;", "store-fields", "drive"
     ),
@@ -114,18 +128,24 @@ FAULTS = {
         "stored[number].server_id = stored[0].server_id = server_id;",
         "update-others",
         "Landscape",
+        harms=True,
     ),
     "an_update_that_always_succeeds": Fault(
         "return SM_RETURN_LOCALN_ERR;", "return SM_RETURN_TRUE;", "refuse-unknown-id", "result 1"
     ),
     "a_deletion_of_the_preset_before": Fault(
-        "if (flags[number] == 0) {", "if (flags[number + 1] == 0) {", "delete-one", "what was not named"
+        "if (flags[number] == 0) {", "if (flags[number + 1] == 0) {", "delete-one", "what was not named", leaves=True
     ),
     "a_deletion_of_a_foreign_preset_as_well": Fault(
-        "if (flags[number] == 0) {", "if (flags[number] == 0 && number != 1) {", "delete-one", "IT IS LOST"
+        "if (flags[number] == 0) {",
+        "if (flags[number] == 0 && number != 1) {",
+        "delete-one",
+        "IT IS LOST",
+        leaves=True,
+        harms=True,
     ),
     "a_deletion_of_nothing": Fault(
-        "if (flags[number] == 0) {", "if (flags[number] != 2) {", "delete-one", "still listed"
+        "if (flags[number] == 0) {", "if (flags[number] != 2) {", "delete-one", "still listed", leaves=True
     ),
     "numbers_that_keep_their_gap": Fault("stored[kept].preset_num = kept;", "", "delete-numbers", "renumbers"),
     "a_confirmation_twice": Fault(
@@ -237,7 +257,24 @@ class PlantedFaults(unittest.TestCase):
         for check in failed.values():
             for label in ("found", "expected", "blame"):
                 self.assertNotEqual(check[label], "", check)
+        cleanup = report["cleanup"]
+        self.assertEqual((cleanup["left"] != [], cleanup["harm"] != ""), (fault.leaves, fault.harms), cleanup)
         return report
+
+    def test_an_identity_that_comes_back_is_noted_and_no_fault(self):
+        done, report = checked(
+            Fault(
+                "added->custom_id = next_id;",
+                "added->custom_id = stored_count + 100;",
+                "",
+                "",
+                more=(("preset->custom_id = next_id++;", "preset->custom_id = added->custom_id; next_id++;"),),
+            )
+        )
+        self.assertEqual(done.returncode, 0, done.stdout)
+        notes = {check["id"]: check["note"] for check in report["checks"] if "note" in check}
+        self.assertEqual(list(notes), ["id-after-deletion"])
+        self.assertIn("id 103 came back", notes["id-after-deletion"])
 
     def test_a_lost_preset_ends_all_deletions_and_is_told_in_the_end(self):
         report = self.assertFound("a_deletion_of_a_foreign_preset_as_well")

@@ -104,10 +104,10 @@ int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int 
     if (length < 0 || stored_count == SM_PRESET_LIMIT) {
         return length < 0 ? SM_RETURN_JPG_ERR : SM_RETURN_DATA_ERR;
     }
-    preset->preset_num = stored_count; /* these two travel back to the phone */
-    preset->custom_id = next_id;
     tag_custom_info* const added = &stored[stored_count];
     *added = *preset;
+    added->preset_num = stored_count;
+    added->custom_id = next_id;
     memset(added->screennail_path, 0, SM_SCREENNAIL_PATH_SIZE); /* the phone's own text */
     snprintf(added->screennail_path, SM_SCREENNAIL_PATH_SIZE, "example_host_%d.jpg", next_id);
     FILE* const file = fopen(added->screennail_path, "wb");
@@ -115,8 +115,8 @@ int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int 
     if (file == NULL || fclose(file) != 0 || !is_written) {
         return SM_RETURN_FAIL;
     }
-    ++stored_count;
-    ++next_id;
+    preset->preset_num = stored_count++; /* these two travel back to the phone */
+    preset->custom_id = next_id++;
     return SM_RETURN_TRUE;
 }
 

@@ -17,12 +17,12 @@ class CameraLog {
 
     // Lines that the library writes, by what they tell.
     struct Counts {
-        int64_t parked = 0;           // a request ran while the last reply was unconfirmed
-        int64_t confirmed_late = 0;   // a confirmation came after the next request
-        int64_t confirmed_twice = 0;  // a confirmation came, and no reply was waiting for it
-        int64_t refused_memory = 0;   // an allocation was refused
-        int64_t unread_pictures = 0;  // a picture's file could not be read
-        int64_t refused_records = 0;  // a request was shorter than its record
+        int64_t parked = 0;          // a request ran while the last reply was unconfirmed
+        int64_t confirmed_late = 0;  // a confirmation came after the next request
+        int64_t confirmed_twice = 0; // a confirmation came, and no reply was waiting for it
+        int64_t refused_memory = 0;  // an allocation was refused
+        int64_t unread_pictures = 0; // a picture's file could not be read
+        int64_t refused_records = 0; // a request was shorter than its record
     };
     // All lines so far. Throws Failure (exit_machine) when the file has become shorter.
     const Counts& read_on();

@@ -82,7 +82,7 @@ void run_one(const Check& check, CheckSession& session, Outcome& outcome) {
         outcome.why = skip.why;
     } catch (const Failure& failure) { // a reply that is none, a log that cannot be read
         outcome.kind = Outcome::Kind::failed;
-        outcome.finding = {failure.what(), check.sentence, blame::send};
+        outcome.finding = {failure.what(), "what Docs/protocol.md promises", blame::send};
     }
 }
 
@@ -113,7 +113,7 @@ void run_checks(CheckSession& session, CheckReport& report, const Options& optio
             try {
                 add(report, outcome_of(check, session, options), options);
                 continue;
-            } catch (const Interrupted&) {
+            } catch (const Interrupted&) { // what was under way shows as the first that was stopped
                 report.stopped = true;
                 session.probe.heed(nullptr);
             }
@@ -144,19 +144,6 @@ void tell(const CheckReport& report, const Options& options) {
     }
 }
 
-// A camera that serves another phone says so at once.
-void throw_if_busy(CheckSession& session) {
-    try {
-        session.probe.send(shortest_question().bytes);
-        session.probe.receive();
-    } catch (const Failure& failure) {
-        if (failure.code() == exit_busy) {
-            throw;
-        }
-        session.probe.connect(); // the first check tells what is wrong
-    }
-}
-
 int exit_code_of(const CheckReport& report) {
     if (report.stopped) {
         return exit_stopped;
@@ -178,10 +165,9 @@ int check(const Options& options) {
     CheckReport report;
     report.camera = options.camera.url();
     try {
-        throw_if_busy(session);
         run_checks(session, report, options);
-    } catch (const Interrupted&) { // before anything was asked
-        report.stopped = true;
+    } catch (const Busy&) {
+        throw Failure(exit_busy, "the camera is busy with another phone");
     } catch (...) { // nobody reads what is printed, or this machine fails
         finish(session, report);
         throw;

@@ -60,7 +60,7 @@ void check_store_as_before(CheckSession& session) {
     if (!cleanup.done || !cleanup.left.empty()) {
         throw Finding{cleanup.left.empty()
                           ? cleanup.why
-                          : fmt::format("still there: {}; {}", fmt::join(cleanup.left, ", "), cleanup.why),
+                          : fmt::format("still there: presets {}; {}", fmt::join(cleanup.left, ", "), cleanup.why),
                       "that all presets of this run are gone", blame::remove};
     }
     if (!cleanup.harm.empty()) {
@@ -128,11 +128,13 @@ void check_confirm_once(CheckSession& session) {
 void check_memory(CheckSession& session) {
     const int64_t refused = session.log ? lines_of(session).refused_memory : 0;
     if (refused > 0 || !session.refused_memory.empty()) {
-        throw Finding{fmt::format("the camera refused memory: {}{}{}",
-                                  refused > 0 ? fmt::format("{} lines of its log say so", refused) : "",
-                                  refused > 0 && !session.refused_memory.empty() ? ", and there was none " : "",
-                                  fmt::join(session.refused_memory, ", ")),
+        throw Finding{fmt::format("the camera refused memory: {}{}{}", fmt::join(session.refused_memory, ", "),
+                                  refused > 0 && !session.refused_memory.empty() ? "; " : "",
+                                  refused > 0 ? fmt::format("lines of its log that say so: {}", refused) : ""),
                       "600000 bytes for a request, and what its reply needs", blame::memory};
+    }
+    if (!session.silence.empty()) {
+        throw Skip{session.silence};
     }
     if (!session.log) {
         throw Skip{"every request was answered; --camera-log FILE shows what memory was refused nevertheless"};

@@ -255,6 +255,17 @@ void check_cut_store(CheckSession& session) {
     }
 }
 
+namespace {
+
+void expect_answer_to_shortest(CheckSession& session, const std::string& what) {
+    const Bytes frame = session.answer_to({{}, what, blame::delivery});
+    if (!is_answer_to_shortest(frame)) {
+        throw Finding{frame_text(frame), "the reply to " + what, blame::delivery};
+    }
+}
+
+} // namespace
+
 void check_requests_together(CheckSession& session) {
     const Bytes list = list_question().bytes;
     const Bytes shortest = shortest_question().bytes;
@@ -263,9 +274,9 @@ void check_requests_together(CheckSession& session) {
         together.insert(together.end(), one->begin(), one->end());
     }
     session.send(together);
-    session.expect_silence("the first of three requests in one piece", blame::delivery);
+    expect_answer_to_shortest(session, "the first of three requests in one piece");
     parse_list_reply(session.answer_to({{}, "the second of three requests in one piece", blame::delivery}));
-    session.expect_silence("the last of three requests in one piece", blame::delivery);
+    expect_answer_to_shortest(session, "the last of three requests in one piece");
 }
 
 void check_pipelined(CheckSession& session) {

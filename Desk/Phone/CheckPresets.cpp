@@ -67,15 +67,14 @@ void CheckPresets::begin(const Presets& presets) {
     foreign_ = presets;
 }
 
-std::vector<std::string> CheckPresets::leftovers() const {
-    std::vector<std::string> names;
+std::vector<size_t> CheckPresets::leftovers() const {
+    std::vector<size_t> positions;
     for (size_t position = 0; position < foreign_->size(); ++position) {
-        const sm_tag_custom_info& preset = (*foreign_)[position];
-        if (text_of(preset.title, SM_TITLE_SIZE).starts_with(check_title)) {
-            names.push_back(name_of(preset, position));
+        if (text_of((*foreign_)[position].title, SM_TITLE_SIZE).starts_with(check_title)) {
+            positions.push_back(position);
         }
     }
-    return names;
+    return positions;
 }
 
 std::string CheckPresets::next_title() {

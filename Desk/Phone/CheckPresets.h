@@ -36,11 +36,12 @@ class CheckPresets {
     void begin(const Presets& presets);
     bool has_begun() const { return foreign_.has_value(); }
     const Presets& foreign() const { return *foreign_; }
-    // Presets of a check that was killed.
-    std::vector<std::string> leftovers() const;
+    // Positions of the presets of a check that was killed.
+    std::vector<size_t> leftovers() const;
 
     // A title that no other preset has.
     std::string next_title();
+    const std::string& title_begin() const { return title_begin_; }
     // The id that the camera gave to a preset of ours.
     void claim(int32_t custom_id);
 

@@ -96,9 +96,29 @@ size_t CheckReport::count(Kind kind) const {
         std::ranges::count_if(outcomes, [=](const Outcome& outcome) { return outcome.kind == kind; }));
 }
 
+namespace {
+
+std::string delete_command(const CheckReport& report, const std::vector<size_t>& numbers) {
+    return fmt::format("shotmentor-phone --connect {} delete {}", printable(report.camera), fmt::join(numbers, " "));
+}
+
+std::string state_of_presets(const Cleanup& cleanup) {
+    if (!cleanup.done) {
+        return "the camera's presets were not looked at again: " + printable(cleanup.why);
+    }
+    return cleanup.left.empty() && cleanup.harm.empty() ? "the camera's presets are as they were"
+                                                        : "the camera's presets are NOT as they were";
+}
+
+} // namespace
+
 std::string lines_of(const Outcome& outcome) {
     std::string lines =
-        fmt::format("{:<8}{:<{}}{}\n", word_for(outcome.kind), outcome.check->id, id_width, outcome.check->sentence);
+        fmt::format("{:<8}{:<{}}{}", word_for(outcome.kind), outcome.check->id, id_width, outcome.check->sentence);
+    if (outcome.kind == Kind::skipped) {
+        return lines + fmt::format(" ({})\n", printable(outcome.why));
+    }
+    lines += "\n";
     for (const auto& [label, text] : details_of(outcome)) {
         lines += fmt::format("{}{:<10}{}\n", detail, label + ":", printable(text));
     }
@@ -108,28 +128,20 @@ std::string lines_of(const Outcome& outcome) {
 std::string summary_of(const CheckReport& report) {
     std::string text;
     if (!report.leftovers.empty()) {
-        text += fmt::format("\nThe camera holds presets of a check that was ended before its end: {}. This run leaves "
-                            "them alone; delete their numbers with shotmentor-phone --connect {} delete NUMBER...\n",
-                            printable(fmt::format("{}", fmt::join(report.leftovers, ", "))), printable(report.camera));
+        text += fmt::format("\nThe camera holds presets of a check that was ended before its end. They are left alone; "
+                            "this deletes them:\n  {}\n",
+                            delete_command(report, report.leftovers));
     }
     if (!report.cleanup.left.empty()) {
-        text +=
-            fmt::format("\nLEFT IN THE CAMERA, because {}: {}; delete their numbers with shotmentor-phone "
-                        "--connect {} delete NUMBER...\n",
-                        printable(report.cleanup.why),
-                        printable(fmt::format("{}", fmt::join(report.cleanup.left, ", "))), printable(report.camera));
+        text += fmt::format("\nPRESETS OF THIS RUN ARE LEFT in the camera: {}. This deletes them:\n  {}\n",
+                            printable(report.cleanup.why), delete_command(report, report.cleanup.left));
     }
     if (!report.cleanup.harm.empty()) {
         text += fmt::format("\nPRESETS THAT ARE NOT THIS RUN'S HAVE CHANGED: {}\n", printable(report.cleanup.harm));
     }
-    const bool is_as_before = report.cleanup.done && report.cleanup.left.empty() && report.cleanup.harm.empty();
     return text + fmt::format("\n{}{} passed, {} failed, {} skipped; {}\n", report.stopped ? "stopped: " : "",
                               report.count(Kind::passed), report.count(Kind::failed), report.count(Kind::skipped),
-                              is_as_before          ? "the camera's presets are as they were"
-                              : report.cleanup.done ? "the camera's presets are NOT as they were"
-                                                    : printable(fmt::format("the camera's presets were not looked at "
-                                                                            "again: {}",
-                                                                            report.cleanup.why)));
+                              state_of_presets(report.cleanup));
 }
 
 nlohmann::ordered_json json_of(const CheckReport& report) {

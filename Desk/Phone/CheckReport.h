@@ -22,8 +22,8 @@ struct Outcome {
 struct CheckReport {
     std::string camera; // its URL
     std::string model;
-    size_t presets = 0; // that it held before
-    std::vector<std::string> leftovers;
+    size_t presets = 0;            // that it held before
+    std::vector<size_t> leftovers; // numbers of presets of a run that was ended before its end
     std::vector<Outcome> outcomes;
     Cleanup cleanup;
     bool stopped = false; // by a signal

@@ -53,17 +53,18 @@ std::vector<sm_delete_pair> pairs_of(const Presets& list, const std::vector<size
 // ---- Requests -------------------------------------------------------------------------------------------------------
 
 Question list_question() {
-    return {request(SM_FUNCTION_SEND_LIST), "a list", blame::list, Question::Unanswered::link_state};
+    return {request(SM_FUNCTION_SEND_LIST), "a list", blame::list, Question::Unanswered::link_state, true};
 }
 
 Question shortest_question() {
-    return {request(SM_FUNCTION_UPDATE_PRESET), "an update without a record", blame::delivery};
+    return {request(SM_FUNCTION_UPDATE_PRESET), "an update without a record", blame::delivery,
+            Question::Unanswered::no_memory, true};
 }
 
 Question picture_question(int32_t custom_id) {
     return {request(SM_FUNCTION_SEND_PRESET, picture_payload(custom_id, 0)),
             fmt::format("the picture of the preset with id {}", custom_id), blame::info,
-            Question::Unanswered::no_preset};
+            Question::Unanswered::no_preset, true};
 }
 
 Question store_question(const sm_tag_custom_info& record, std::span<const uint8_t> picture) {
@@ -72,7 +73,8 @@ Question store_question(const sm_tag_custom_info& record, std::span<const uint8_
 }
 
 Question update_question(const sm_tag_custom_info& record) {
-    return {request(SM_FUNCTION_UPDATE_PRESET, encode(record)), "an update", blame::update};
+    return {request(SM_FUNCTION_UPDATE_PRESET, encode(record)), "an update", blame::update,
+            Question::Unanswered::no_memory, true};
 }
 
 Question delete_question(std::span<const sm_delete_pair> pairs) {
@@ -91,6 +93,9 @@ std::string result_text(int32_t result) {
 }
 
 std::string frame_text(std::span<const uint8_t> frame) {
+    if (frame.empty()) {
+        return "bytes that are no frame";
+    }
     return fmt::format("a frame of function {:#x} with {} bytes", static_cast<uint32_t>(get_word(frame, 0)),
                        frame.size());
 }
@@ -115,8 +120,13 @@ CheckSession::CheckSession(const Options& options) : probe(options) {
 Bytes CheckSession::answer_to(const Question& question) {
     try {
         probe.send(question.bytes);
-        return probe.receive();
+        Bytes frame = probe.receive();
+        has_answered_ = true;
+        return frame;
     } catch (const Failure& failure) {
+        if (failure.code() == exit_busy && !has_answered_) {
+            throw Busy{};
+        }
         throw finding_of(question, failure);
     }
 }
@@ -214,6 +224,10 @@ std::optional<Bytes> CheckSession::first_reply_on_new_link() {
             probe.send(shortest_question().bytes);
             return probe.receive();
         } catch (const Failure& failure) {
+            const bool is_closed = dynamic_cast<const LinkClosed*>(&failure) != nullptr;
+            if (failure.code() == exit_protocol && !is_closed) {
+                return Bytes(); // bytes came, and they are no frame
+            }
             if (failure.code() != exit_busy) {
                 return std::nullopt;
             }
@@ -239,39 +253,51 @@ Finding CheckSession::silence_finding(const Question& question, const std::strin
     return next ? unanswered_finding(question, what_came) : stalled_finding(question, what_came);
 }
 
+bool CheckSession::is_answered_again(const Question& question) {
+    return question.may_repeat && try_to_ask(question.bytes).has_value();
+}
+
 // It goes on with the next request: this one alone has no reply.
 Finding CheckSession::unanswered_finding(const Question& question, const std::string& what_came) {
     const std::string found = fmt::format("{}, while the next request is answered", what_came);
     const std::string expected = fmt::format("the reply to {}", question.what);
-    const bool may_repeat = question.unanswered != Question::Unanswered::no_memory;
-    if (may_repeat && !try_to_ask(question.bytes)) {
-        return question.unanswered == Question::Unanswered::link_state
-                   ? Finding{found + ", and so again: the camera takes its link state for down", expected,
-                             blame::link_state}
-                   : Finding{found + ", and so again: the camera does not find the preset that it lists", expected,
-                             blame::info};
+    if (is_answered_again(question)) {
+        refused_memory.push_back(expected);
+        return {found + ", and so is this one the second time: the camera refused memory for the reply", expected,
+                blame::memory};
     }
-    refused_memory.push_back(fmt::format("for the reply to {}", question.what));
-    return {fmt::format("{}{}: the camera refused memory for the reply, or did not send it", found,
-                        may_repeat ? ", and so is this one the second time" : ""),
-            expected, blame::memory};
+    switch (question.unanswered) {
+    case Question::Unanswered::link_state:
+        return {found + ", and this one not the second time either: the camera takes its link state for down", expected,
+                blame::link_state};
+    case Question::Unanswered::no_preset:
+        return {found + ", and this one not the second time either: the camera does not find the preset that it lists",
+                expected, blame::info};
+    case Question::Unanswered::no_memory:
+        break;
+    }
+    return {found + ": the camera refused memory for the reply, or did not send it", expected,
+            fmt::format("{}, or {}", blame::memory, blame::send)};
 }
 
 // It answers nothing more on this link.
 Finding CheckSession::stalled_finding(const Question& question, const std::string& what_came) {
     const std::string expected = fmt::format("the reply to {}", question.what);
-    if (answers_on_new_link()) {
-        refused_memory.push_back(fmt::format("for the request of {}", question.what));
-        return {fmt::format("{}, and nothing more was answered until the phone had connected again: the camera refused "
-                            "memory for the request, or counted other bytes than were sent",
+    if (!answers_on_new_link()) {
+        silence = "the camera answers nothing any more";
+        return {fmt::format("{}, and nothing after connecting again either: the camera has no memory for requests, "
+                            "hands none to the library, sends no reply, or did not return to idle",
                             what_came),
-                expected, fmt::format("{}, or {}", blame::memory, blame::delivery)};
+                expected, fmt::format("{}, {}, {}, or {}", blame::memory, blame::delivery, blame::send, blame::idle)};
     }
-    silence = "the camera answers nothing any more";
-    return {fmt::format("{}, and nothing after connecting again either: the camera has no memory for requests, hands "
-                        "none to the library, sends no reply, or did not return to idle",
-                        what_came),
-            expected, fmt::format("{}, {}, {}, or {}", blame::memory, blame::delivery, blame::send, blame::idle)};
+    const std::string found =
+        fmt::format("{}, and nothing more was answered until the phone had connected again", what_came);
+    if (is_answered_again(question)) {
+        refused_memory.push_back("the request of " + question.what);
+        return {found + ", and then this one is: the camera refused memory for the request", expected, blame::memory};
+    }
+    return {found + ": the camera counted other bytes than were sent, or refused memory for the request", expected,
+            fmt::format("{}, or {}", blame::delivery, blame::memory)};
 }
 
 bool CheckSession::recover() {
@@ -373,7 +399,8 @@ Cleanup CheckSession::clean_up() {
     }
     try {
         if (!answers_on_new_link() && !answers_on_new_link()) {
-            result.why = "the camera answers nothing any more";
+            result.why = fmt::format("the camera answers nothing any more; presets called \"{}...\" may be left in it",
+                                     presets.title_begin());
             return result;
         }
         try {
@@ -386,9 +413,7 @@ Cleanup CheckSession::clean_up() {
         }
         const Presets now = list().presets;
         result.done = true;
-        for (const size_t position : presets.sorted(now).own) {
-            result.left.push_back(name_of(now[position], position));
-        }
+        result.left = presets.sorted(now).own;
         result.harm = presets.harm_in(now);
     } catch (const Finding& finding) {
         result.why = finding.found;

@@ -32,7 +32,11 @@ struct Question {
     std::string what;
     const char* blame; // who gives the reply its content
     Unanswered unanswered = Unanswered::no_memory;
+    bool may_repeat = false; // it changes nothing the second time
 };
+
+// The camera serves another phone: it has said so before it has answered anything.
+struct Busy {};
 
 // The services and obligations that checks blame.
 namespace blame {
@@ -74,10 +78,10 @@ struct DeletionRecord {
 };
 
 struct Cleanup {
-    bool done = false;             // the list was looked at
-    std::vector<std::string> left; // presets of this run that are still there
-    std::string harm;              // what happened to the others
-    std::string why;               // presets were left, or nothing is known
+    bool done = false;        // the list was looked at
+    std::vector<size_t> left; // positions of presets of this run that are still there
+    std::string harm;         // what happened to the others
+    std::string why;          // presets were left, or nothing is known
 };
 
 class CheckSession {
@@ -89,11 +93,11 @@ class CheckSession {
     std::optional<CameraLog> log;
 
     // ---- What has come out so far ----
-    std::optional<Bytes> first_list;        // the frame
+    std::optional<Bytes> first_list; // the frame
     std::string model;
-    std::string store_fault;                // why nothing can be stored and found again
-    std::string deletion_fault;             // why nothing is to be deleted any more
-    std::string silence;                    // why the camera is not asked any more
+    std::string store_fault;    // why nothing can be stored and found again
+    std::string deletion_fault; // why nothing is to be deleted any more
+    std::string silence;        // why the camera is not asked any more
     std::vector<std::string> refused_memory;
     std::vector<SentPreset> trio;
     std::optional<UpdateRecord> update;
@@ -115,7 +119,8 @@ class CheckSession {
     // What is not answered, or not yet.
     void send(std::span<const uint8_t> bytes, const Cut& cut = {});
     void connect();
-    // The reply to the shortest request on a new link, or whatever comes first there.
+    // The reply to the shortest request on a new link, or whatever frame comes first there: an empty one stands for
+    // bytes that are none.
     std::optional<Bytes> first_reply_on_new_link();
     // The camera answers the shortest request next: what was sent before it had no reply.
     void expect_silence(const std::string& what, const char* blame_for_reply);
@@ -143,11 +148,15 @@ class CheckSession {
     std::optional<Bytes> try_to_ask(const Bytes& bytes);
     bool answers_on_new_link();
     Finding finding_of(const Question& question, const Failure& failure);
+    // Whether a request that had no reply has one the second time: then memory was refused once.
+    bool is_answered_again(const Question& question);
     Finding silence_finding(const Question& question, const std::string& what_came);
     Finding unanswered_finding(const Question& question, const std::string& what_came);
     Finding stalled_finding(const Question& question, const std::string& what_came);
     template<class Parse>
     auto parsed(const Question& question, Parse parse);
+
+    bool has_answered_ = false;
 };
 
 // ---- Requests -------------------------------------------------------------------------------------------------------

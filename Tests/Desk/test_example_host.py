@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import signal
 import socket
 import struct
 import subprocess
@@ -116,10 +117,15 @@ class WithAPhone(HostTest):
     def test_rename_of_an_identity_that_nobody_has_is_refused(self):
         self.phone("rename", 99, "Nobody", code=16)
 
-    def test_delete_renumbers_and_its_identity_is_not_given_again(self):
-        self.phone("delete", 2)
-        self.phone("store", self.preset_file("Next"), self.file("next.jpg", picture(1)))
-        self.assertEqual([(p["preset_num"], p["custom_id"]) for p in self.presets()], [(0, 1), (1, 2), (2, 4)])
+    def test_delete_renumbers(self):
+        self.phone("delete", 1)
+        self.assertEqual([(p["preset_num"], p["custom_id"]) for p in self.presets()], [(0, 1), (1, 3)])
+
+    def test_the_identity_of_a_deleted_preset_is_not_given_again(self):
+        for identity in (4, 5, 6):
+            stored = self.phone("--json", "store", self.preset_file(), self.file("mine.jpg", picture(1))).stdout
+            self.assertEqual(json.loads(stored)["custom_id"], identity)
+            self.phone("delete", 3)
 
     def test_delete_keeps_the_preset_that_custom1_uses(self):
         self.phone("delete", 0, 1, code=17)
@@ -245,6 +251,16 @@ class Raw(HostTest):
             self.assertEqual(self.identities(link), [1, 2, 3, 4])
         self.assertEachSendWasConfirmedOnce(self.serving, 5)
 
+    def test_a_phone_that_left_before_its_answer_does_not_end_the_host(self):
+        self.serving.ask(store_request(phone_record(), picture(1, 100000)))
+        os.kill(self.serving.pid, signal.SIGSTOP)
+        with Link(self.serving.url) as link:
+            link.send(picture_request(4))
+        os.kill(self.serving.pid, signal.SIGCONT)
+        with self.serving.link() as link:
+            self.assertEqual(self.identities(link), [1, 2, 3, 4])
+        self.assertEachSendWasConfirmedOnce(self.serving, 3)
+
     def test_a_phone_that_stops_halfway_is_given_up_for_the_next_one(self):
         with self.serving.link() as stopped, Link(self.serving.url) as waiting:
             stopped.send(struct.pack("<ii", STORE, 1000))
@@ -280,16 +296,16 @@ class Raw(HostTest):
 
     def test_a_picture_path_of_the_phone_is_not_opened(self):
         with self.serving.link() as link:
-            record = phone_record(screennail_path=b"/etc/passwd")
+            record = phone_record(screennail_path=b"/etc/passwd".rjust(52, b"/"))
             self.assertEqual(store_result(link.ask(store_request(record, picture(5)))), (RESULT_TRUE, 3, 4, 0))
             self.assertEqual(link.ask(picture_request(4))[12:], picture(5))
-            self.assertEqual(get(records_in(link.ask(request(LIST)))[3], "screennail_path").rstrip(b"\0"),
-                             b"example_host_4.jpg")  # fmt: skip
+            stored = get(records_in(link.ask(request(LIST)))[3], "screennail_path")
+            self.assertEqual(stored, b"example_host_4.jpg".ljust(52, b"\0"))
 
     def test_a_picture_that_cannot_be_stored_is_refused(self):
         os.mkdir(os.path.join(self.folder, "example_host_4.jpg"))
         with self.serving.link() as link:
-            self.assertEqual(store_result(link.ask(store_request(phone_record(), picture(1))))[0], -1)
+            self.assertEqual(store_result(link.ask(store_request(phone_record(), picture(1)))), (-1, 0, 0, 0))
             self.assertEqual(self.identities(link), [1, 2, 3])
 
     def test_a_packet_with_more_bytes_than_announced_stalls_that_phone_alone(self):

@@ -164,6 +164,7 @@ class CheckSession {
     auto parsed(const Question& question, Parse parse);
 
     bool has_answered_ = false;
+    bool deletion_is_proven_ = false; // once what was named has gone, and nothing else
 };
 
 // ---- Requests -------------------------------------------------------------------------------------------------------

@@ -106,7 +106,7 @@ class OverTcp(GoodCameras):
     kind = "tcp"
 
 
-del GoodCameras
+del GoodCameras  # a base, and no test by itself
 
 
 class OtherCameras(CheckTest):

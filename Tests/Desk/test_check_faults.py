@@ -4,11 +4,12 @@ import concurrent.futures
 import dataclasses
 import json
 import os
+import signal
 import subprocess
 import tempfile
 import unittest
 
-from desk import PATIENCE, Camera, _die_with_the_test, picture, run_phone
+from desk import PATIENCE, PHONE, Camera, _die_with_the_test, picture, run_phone
 
 HOST_SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "Examples", "host.c")
 COMPILER = os.environ.get("SHOTMENTOR_C_COMPILER", "cc")
@@ -52,7 +53,7 @@ FAULTS = {
         "stored[number].preset_num = number;", "stored[number].preset_num = number + 1;", "list-numbers", "preset_num 1"
     ),
     "a_list_that_changes_by_itself": Fault(
-        "*count = stored_count;", "*count = stored_count; stored[0].bulb ^= 1;", "list-steady", "bulb", harms=True
+        "*count = stored_count;", "*count = stored_count; stored[0].bulb += 1;", "list-steady", "bulb", harms=True
     ),
     "iso_steps_that_change_by_themselves": Fault(
         "return key == SM_SPEC_KEY_ISO_STEP ? 1 : 0;",
@@ -282,6 +283,21 @@ class PlantedFaults(unittest.TestCase):
         self.assertNotIn("Landscape", report["cleanup"]["harm"])
         self.assertNotIn("Evening", report["cleanup"]["harm"])
         self.assertNotEqual(report["cleanup"]["left"], [])
+
+    def test_a_check_that_is_stopped_takes_the_same_care(self):
+        with tempfile.TemporaryDirectory(prefix="desk-") as folder:
+            host = PlantedHost(folder, compiled(folder, FAULTS["a_deletion_of_the_preset_before"]))
+            try:
+                process = subprocess.Popen([PHONE, "--connect", host.url, "check"], stdout=subprocess.PIPE)
+                for line in process.stdout:
+                    if b"picture-id" in line:
+                        break
+                process.send_signal(signal.SIGINT)
+                output = process.communicate(timeout=2 * PATIENCE)[0].decode()
+            finally:
+                host.kill()
+        self.assertIn("PRESETS OF THIS RUN ARE LEFT in the camera: the camera has deleted what was not named", output)
+        self.assertNotIn("PRESETS THAT ARE NOT THIS RUN'S HAVE CHANGED", output)
 
     def test_a_camera_that_deletes_the_wrong_preset_loses_none_of_its_own(self):
         report = self.assertFound("a_deletion_of_the_preset_before")

@@ -67,12 +67,26 @@ check() {
 say "a tester installs the packages"
 quietly apt-get update
 quietly apt-get install -y --no-install-recommends "$packages"/*.deb
+version=$(shotmentor-phone --version)
+[ "$(shotmentor-camera --version)" = "$version" ] || fail "the tools are of several versions"
 for package in libshotmentor1 libshotmentor-dev shotmentor-tools; do
-    [ "$(dpkg-query --show --showformat='${db:Status-Status}' "$package")" = installed ] || fail "$package is not there"
+    installed=$(dpkg-query --show --showformat='${db:Status-Status} ${Version}' "$package")
+    [ "$installed" = "installed $version" ] || fail "$package is '$installed', the tools say $version"
 done
+for tool in shotmentor-camera shotmentor-phone; do
+    for file in man/man1/$tool.1.gz bash-completion/completions/$tool zsh/vendor-completions/_$tool \
+        fish/vendor_completions.d/$tool.fish; do
+        [ -s "/usr/share/$file" ] || fail "/usr/share/$file is not there"
+    done
+done
+[ -s /usr/share/doc/libshotmentor-dev/html/index.html ] || fail "there is no reference of the headers"
 
 say "the camera and the phone run, with nothing but the packages"
-serve shotmentor-camera shotmentor-camera --store "$work/store"
+# Started as the user's service manager would, which makes the folders.
+mkdir -p state/shotmentor
+service=$(sed -n "s#%S#$work/state#; s#%t#$work#; s#^ExecStart=##p" /usr/lib/systemd/user/shotmentor-camera.service)
+# shellcheck disable=SC2086
+serve shotmentor-camera $service
 shotmentor-phone --connect "$url" list
 shotmentor-phone --connect "$url" --json show 0 >preset.json
 shotmentor-phone --connect "$url" picture 0 -o picture.jpg

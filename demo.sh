@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the camera and the phone for this PC and lets the phone use the camera once, each command and its outcome
-# shown.
+# Builds the camera and the phone for this PC and lets the phone use the camera once. Each command is shown as you would
+# type it, and below it what it prints.
 #
 # Usage: ./demo.sh
 # Installs what is missing (Debian 12 packages, as root or through sudo).
@@ -19,8 +19,6 @@ tools/install.sh "${library_packages[@]}" "${desk_packages[@]}"
 # ---- Build ----------------------------------------------------------------------------------------------------------
 
 build=build/demo
-camera=$build/Desk/shotmentor-camera
-phone=$build/Desk/shotmentor-phone
 scratch=$(mktemp -d)
 camera_id=
 
@@ -52,35 +50,57 @@ fi
 
 # ---- The camera -----------------------------------------------------------------------------------------------------
 
-store=$scratch/store
+# In the folder of the demo, where names are short.
+programs=$PWD/$build/Desk
+cd "$scratch"
+PATH=$programs:$PATH
+url=unix:camera/camera.sock
+
+# Shows a command as it is typed.
+show_typed() {
+    local word line='$'
+    for word in "$@"; do
+        case $word in
+        *"'"* | *' '*) line+=" \"$word\"" ;;
+        *) line+=" $word" ;;
+        esac
+    done
+    printf '%s\n' "$line"
+}
+
 say "a camera starts on a fresh store"
-"$camera" --store "$store" >"$scratch/camera.out" 2>"$scratch/camera.log" &
+show_typed shotmentor-camera --store camera '&'
+touch camera.out
+shotmentor-camera --store camera >camera.out 2>camera.log &
 camera_id=$!
-url=
 for ((tries = 0; tries < 300; tries++)); do
-    url=$(sed -n 's/^listening on //p' "$scratch/camera.out")
-    [ -z "$url" ] || break
+    ! grep -q '^listening on ' camera.out || break
     kill -0 "$camera_id" 2>/dev/null || break
     sleep 0.1
 done
-if [ -z "$url" ]; then
-    cat "$scratch/camera.log" >&2
+if ! grep '^listening on ' camera.out; then
+    cat camera.log >&2
     fail "the camera does not listen"
 fi
-echo "listening on $url"
 
 # ---- The phone ------------------------------------------------------------------------------------------------------
 
 # Runs one command of the phone, which must end with the exit code given.
-ask() {
+run_phone() {
     local expected=$1 code=0
     shift
-    "$phone" --connect "$url" "$@" || code=$?
+    shotmentor-phone --connect "$url" "$@" || code=$?
     [ "$code" = "$expected" ] || fail "shotmentor-phone $* ended with $code where $expected was expected"
 }
 
+# The same, and shows it.
+ask() {
+    show_typed shotmentor-phone --connect "$url" "${@:2}"
+    run_phone "$@"
+}
+
 # Prints the number of the first row of a list that names a text.
-number_of() { ask 0 --width 0 list | awk -v text="$1" 'index($0, text) { print $1; exit }'; }
+number_of() { run_phone 0 --width 0 list | awk -v text="$1" 'index($0, text) { print $1; exit }'; }
 
 say "the phone lists the presets"
 ask 0 list
@@ -89,24 +109,26 @@ say "it shows preset 1 in full"
 ask 0 show 1
 
 say "it fetches the picture of preset 1 and saves it"
-ask 0 picture 1 -o "$scratch/picture.jpg"
-[ "$(head -c 3 "$scratch/picture.jpg" | od -An -tx1 | tr -d ' ')" = ffd8ff ] || fail "the saved picture is no JPEG"
-echo "a JPEG of $(stat -c %s "$scratch/picture.jpg") bytes"
+ask 0 picture 1 -o picture.jpg
+[ "$(head -c 3 picture.jpg | od -An -tx1 | tr -d ' ')" = ffd8ff ] || fail "the saved picture is no JPEG"
+show_typed ls -l picture.jpg
+ls -l picture.jpg
 
 say "it stores a new preset: preset 1 under another title, with that picture"
-ask 0 --json show 1 >"$scratch/shown.json"
-sed 's/^\( *"title": \).*/\1"Made by the demo",/' "$scratch/shown.json" >"$scratch/new.json"
-grep -q '"title": "Made by the demo"' "$scratch/new.json" || fail "the preset file has no line for the title"
-ask 0 store "$scratch/new.json" "$scratch/picture.jpg"
+show_typed shotmentor-phone --connect "$url" --json show 1 '>' new.json
+run_phone 0 --json show 1 >new.json
+printf '%s\n' "\$ sed -i 's/\"title\": .*/\"title\": \"Made by the demo\",/' new.json"
+sed -i 's/"title": .*/"title": "Made by the demo",/' new.json
+grep -q '"title": "Made by the demo"' new.json || fail "the preset file has no line for the title"
+ask 0 store new.json picture.jpg
 
 say "it lists the presets again"
-ask 0 list >"$scratch/list"
-cat "$scratch/list"
+ask 0 list
 number=$(number_of "Made by the demo")
 [ -n "$number" ] || fail "the new preset is not in the list"
 
 say "it renames the new preset"
-id=$(ask 0 --json show "$number" | sed -n 's/^ *"custom_id": \([0-9]*\),*$/\1/p')
+id=$(run_phone 0 --json show "$number" | sed -n 's/^ *"custom_id": \([0-9]*\),*$/\1/p')
 [ -n "$id" ] || fail "preset $number has no custom_id"
 ask 0 rename "$id" "Renamed by the demo"
 [ "$(number_of "Renamed by the demo")" = "$number" ] || fail "the new title is not in the list"
@@ -124,18 +146,23 @@ say "it leaves"
 ask 0 leave
 
 say "the camera ends in order"
+show_typed kill %1
 kill "$camera_id"
 code=0
 wait "$camera_id" || code=$?
 camera_id=
-[ "$code" = 0 ] || fail "the camera ended with $code: $(cat "$scratch/camera.log")"
+[ "$code" = 0 ] || fail "the camera ended with $code: $(cat camera.log)"
 
 cat <<END
 
 All went well. By hand, in one terminal:
-    $camera --store my-camera
+    cd /tmp
+    PATH=$programs:\$PATH
+    shotmentor-camera --store camera
 and in another:
-    $phone --connect unix:my-camera/camera.sock list
-    $phone --connect unix:my-camera/camera.sock show 1
-    $phone --help
+    cd /tmp
+    PATH=$programs:\$PATH
+    shotmentor-phone --connect $url list
+    shotmentor-phone --connect $url show 1
+    shotmentor-phone --help
 END

@@ -32,7 +32,7 @@ done
 packages=("${library_packages[@]}" "${test_packages[@]}")
 for preset in "${presets[@]}"; do
     case $preset in
-    release | debug | asan) packages+=("${desk_packages[@]}") ;;
+    release | debug | asan) packages+=("${desk_packages[@]}" "${reference_packages[@]}") ;;
     clang) packages+=("${wire_packages[@]}" "${clang_packages[@]}") ;;
     msan) packages+=("${clang_packages[@]}") ;;
     coverage) packages+=("${coverage_packages[@]}") ;;

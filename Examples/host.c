@@ -180,8 +180,8 @@ static void send_on(void) {
     }
 }
 
-/* [2] Each packet as the link delivers it, with room for the 8 bytes that are read of however short a one. A byte stream
- * has no packets: there a host counts bytes, so that none holds bytes of two requests. */
+/* [2] Each packet as the link delivers it, with room for the 8 bytes that are read of however short a one. A byte
+ * stream has no packets: there a host counts bytes, so that none holds bytes of two requests. */
 static void receive(void) {
     static unsigned char packet[SM_REQUEST_LIMIT + 1];
     memset(packet, 0, sizeof(sm_frame));

@@ -222,6 +222,7 @@ static inline void ADE_ShotMentor_Return_To_Idle(void) {
 
 /* ---- State of the replies ---------------------------------------------------------------------------------------- */
 
+/* Entries that the queue of unconfirmed replies has. */
 enum { SM_REPLY_QUEUE = 10 };
 
 extern bt_msg_info shotmentor_BT_info;                     /* the record of every send, zeroed before each */
@@ -234,17 +235,26 @@ extern int32_t shotmentor_p_Full_Q_NUM;                    /* entries in the que
 /*
  * Converts a camera record into a phone record.
  *
- *   camera  [in]
+ *   camera  [in] the record to convert
  *   phone   [out] bytes 0 to 739; `linked_custom_mode` is left as it is
  *
  * Sets gADE_PRO_model to 2, pro_sys_mode from the record and pro_custom04_state to 0, and logs both records.
  */
 void ADE_PRO_CreateProFilm(const tag_custom_info* camera, sm_tag_custom_info* phone);
 
-/* The copy that the conversion starts with: 740 bytes as they are, and two log lines. Result: always 1. */
+/*
+ * The copy that the conversion starts with: 740 bytes as they are, and two log lines. Result: always 1.
+ *
+ *   camera  [in] the record to convert
+ *   phone   [out] bytes 0 to 739
+ */
 int ADE_ShotMentor_Conv2ProFilmStruct(const tag_custom_info* camera, sm_tag_custom_info* phone);
 
-/* Sets pro_sys_mode from the record and pro_custom04_state to 0. */
+/*
+ * Sets pro_sys_mode from the record and pro_custom04_state to 0.
+ *
+ *   camera  [in] the record to convert
+ */
 void ADE_PRO_InitializeProFilm(const tag_custom_info* camera);
 
 /* Aperture: code of tKT7_APEX_AV to value of tPRO_COMMON_AV; 0 when unknown, or in a mode other than 2 and 4. */
@@ -262,7 +272,12 @@ int ADE_PRO_Convert2ProFilmSV_1_3(int camera_code);
 /* Compensation: 0 to 30 to value of tPRO_COMMON_EV; always 15 in mode 4; 50 (none) outside 0 to 30. */
 int ADE_PRO_Convert2ProFilmEV(int camera_index);
 
-/* Returns the ISO number that is in force: `iso_1_3` when the model sets third steps, else `iso`. */
+/*
+ * Returns the ISO number that is in force: `iso_1_3` when the model sets third steps, else `iso`.
+ *
+ *   iso      the ISO number of the full steps
+ *   iso_1_3  the ISO number of the third steps
+ */
 int ADE_PRO_Convert2ProFilmIsoStep(int iso, int iso_1_3);
 
 /* ---- Conversion, phone to camera --------------------------------------------------------------------------------- */
@@ -270,7 +285,7 @@ int ADE_PRO_Convert2ProFilmIsoStep(int iso, int iso_1_3);
 /*
  * Converts a phone record into a camera record, exposure values to the nearest step that the model supports.
  *
- *   phone   [in]
+ *   phone   [in] the record to convert
  *   camera  [out] written whole
  *
  * Sets gADE_PRO_model to 2, pro_film_mode and pro_custom04_state, and logs both records. It reads pro_sys_mode as the
@@ -278,13 +293,27 @@ int ADE_PRO_Convert2ProFilmIsoStep(int iso, int iso_1_3);
  */
 void ADE_PRO_CreateSysCustom(const sm_tag_custom_info* phone, tag_custom_info* camera);
 
-/* The copy that the conversion starts with: 740 bytes as they are, and two log lines. Result: always 1. */
+/*
+ * The copy that the conversion starts with: 740 bytes as they are, and two log lines. Result: always 1.
+ *
+ *   phone   [in] the record to convert
+ *   camera  [out] written whole
+ */
 int ADE_ShotMentor_Conv2SysCustomStruct(const sm_tag_custom_info* phone, tag_custom_info* camera);
 
-/* Sets pro_film_mode, and the colour style, origin code and pro_custom04_state that the preset's origin demands. */
+/*
+ * Sets pro_film_mode, and the colour style, origin code and pro_custom04_state that the preset's origin demands.
+ *
+ *   camera  [in, out] the copy of the phone's record
+ */
 void ADE_PRO_InitializeSysCustom(tag_custom_info* camera);
 
-/* Sets pro_custom04_state by the origin code's last digit: below 4 to 0, 4 with colour style 13 to 1; else it stays. */
+/*
+ * Sets pro_custom04_state by the origin code's last digit: below 4 to 0, 4 with colour style 13 to 1; else it stays.
+ *
+ *   color_style  the record's colour style
+ *   made_id      the record's origin code
+ */
 void ADE_PRO_SetCustom04State(int color_style, int made_id);
 
 /*
@@ -308,6 +337,9 @@ int ADE_PRO_Convert2SysCustomEV(int phone_code);
 /*
  * The first position from `first` to `last` of tPRO_COMMON_AV or tPRO_COMMON_SV that holds `value`; 0 when none does.
  * The range is cut to the table.
+ *
+ *   value        an f-number times ten, or an ISO number
+ *   first, last  the positions to look at, both included
  */
 int ADE_PRO_SearchCommonAV(int value, int first, int last);
 int ADE_PRO_SearchCommonSV(int value, int first, int last);
@@ -328,7 +360,11 @@ int ADE_PRO_GetModel(void);
 /* Sets gADE_PRO_model to SM_CAMERA_KT7. */
 void ADE_PRO_SetModel(void);
 
-/* Returns the system mode of a record: its mode 0 to 3 as it is, 4 for 4 and 5, 1 for any other. */
+/*
+ * Returns the system mode of a record: its mode 0 to 3 as it is, 4 for 4 and 5, 1 for any other.
+ *
+ *   camera  [in] the record
+ */
 int ADE_PRO_GetSysMode(const tag_custom_info* camera);
 
 /* Returns 0 when the model sets full ISO steps, 1 when it sets third steps (any answer of the service but 1). */

@@ -24,31 +24,34 @@
 
 #include "ADE_ShotMentor_Services.h"
 
+/* The levels. */
 typedef enum alg_log_level {
-    ALG_LOG_LEVEL_PLAIN,
-    ALG_LOG_LEVEL_GREEN,
-    ALG_LOG_LEVEL_YELLOW,
-    ALG_LOG_LEVEL_CYAN,
-    ALG_LOG_LEVEL_WARN,
-    ALG_LOG_LEVEL_ERROR,
-    ALG_LOG_LEVELS
+    ALG_LOG_LEVEL_PLAIN,  /* in the terminal's own colour */
+    ALG_LOG_LEVEL_GREEN,  /* in green */
+    ALG_LOG_LEVEL_YELLOW, /* in yellow */
+    ALG_LOG_LEVEL_CYAN,   /* in cyan */
+    ALG_LOG_LEVEL_WARN,   /* in red */
+    ALG_LOG_LEVEL_ERROR,  /* in red, on standard error as well */
+    ALG_LOG_LEVELS        /* how many there are */
 } alg_log_level;
 
+/* Constants of a line. */
 enum {
-    ALG_LOG_BUFFER = 3,      /* log buffer identifier of every line */
-    ALG_LOG_LINE_SIZE = 256, /* the finished line with its NUL */
-    ALG_LOG_TEXT_SIZE = 251, /* colour and message with their NUL; the rest is for the colour reset */
-    ALG_LOG_PRIORITY = 4,    /* all levels but ALG_LOG_ERROR */
-    ALG_LOG_PRIORITY_ERROR = 6
+    ALG_LOG_BUFFER = 3,        /* log buffer identifier of every line */
+    ALG_LOG_LINE_SIZE = 256,   /* the finished line with its NUL */
+    ALG_LOG_TEXT_SIZE = 251,   /* colour and message with their NUL; the rest is for the colour reset */
+    ALG_LOG_PRIORITY = 4,      /* all levels but ALG_LOG_ERROR */
+    ALG_LOG_PRIORITY_ERROR = 6 /* ALG_LOG_ERROR */
 };
 
-/* One copy for all units where the language allows it. */
 #ifdef __cplusplus
+/* One copy for all units where the language allows it. */
 #define ALG_LOG_INLINE inline
 #else
 #define ALG_LOG_INLINE static inline
 #endif
 
+/* What every line ends in. */
 #define ALG_LOG_COLOR_RESET "\033[m\n"
 
 /* Returns the escape sequence that starts a line of a level; warnings and errors share theirs. */
@@ -123,11 +126,12 @@ __attribute__((format(printf, 6, 7))) ALG_LOG_INLINE void alg_log_write(alg_log_
         }                                                                                                              \
     } while (0)
 
-/* A line of the unit's tag. A unit that makes its lines another way defines this before it includes the header. */
 #ifndef ALG_LOG_LINE
+/* A line of the unit's tag. A unit that makes its lines another way defines this before it includes the header. */
 #define ALG_LOG_LINE(level, ...) ALG_LOG(level, ALG_LOG_TAG, __VA_ARGS__)
 #endif
 
+/* A line of each level, used like printf. */
 #define ALG_LOG_PLAIN(...) ALG_LOG_LINE(ALG_LOG_LEVEL_PLAIN, __VA_ARGS__)
 #define ALG_LOG_GREEN(...) ALG_LOG_LINE(ALG_LOG_LEVEL_GREEN, __VA_ARGS__)
 #define ALG_LOG_YELLOW(...) ALG_LOG_LINE(ALG_LOG_LEVEL_YELLOW, __VA_ARGS__)

@@ -35,12 +35,12 @@ enum {
 
 /* Shooting modes, as the phone's record names them. The camera's has a 5, too, which is manual as well. */
 enum {
-    SM_MODE_AUTO = 0,
-    SM_MODE_PROGRAM = 1,
+    SM_MODE_AUTO = 0,     /* carries neither aperture nor shutter time */
+    SM_MODE_PROGRAM = 1,  /* carries neither */
     SM_MODE_APERTURE = 2, /* carries the aperture */
     SM_MODE_SHUTTER = 3,  /* carries the shutter time */
     SM_MODE_MANUAL = 4,   /* carries both */
-    SM_MODES = 5
+    SM_MODES = 5          /* how many there are */
 };
 
 /* Function numbers: the first word of a request. A reply carries the request's number plus SM_REPLY. */
@@ -53,7 +53,7 @@ enum {
     SM_FUNCTION_DELETE_PRESET = 5,  /* the phone deletes presets */
     SM_FUNCTION_STATE_ON = 255,     /* the phone arrives; no reply */
     SM_FUNCTION_LAST = 256,         /* highest number that a first packet may carry */
-    SM_REPLY = 0x1000
+    SM_REPLY = 0x1000               /* what a reply adds to the number of its request */
 };
 
 /* Result codes: what a command returns to its caller and writes into the result word of its reply. */
@@ -126,8 +126,11 @@ enum {
     /* Exposure compensation. Camera: third steps 0 to 30, 15 none. Phone: 0 to 100, 50 none, a value of    */    \
     /* `tPRO_COMMON_EV`; the bare number 15 in mode 4.                                                      */    \
     WORD(ev_step, 72)                                                                                             \
+    /* Metering.                                                                                            */    \
     WORD(metering, 76)                                                                                            \
+    /* Drive.                                                                                               */    \
     WORD(drive, 80)                                                                                               \
+    /* HDR.                                                                                                 */    \
     WORD(hdr, 84)                                                                                                 \
     /* White-balance type; 10 is Kelvin, forced on the way to the camera for presets that were not made on  */    \
     /* a KT camera and name a colour temperature.                                                           */    \
@@ -151,14 +154,19 @@ enum {
     WORD(flash_xy, 140)                                                                                           \
     WORD(cwb_xy, 144)                                                                                             \
     WORD(k_xy, 148)                                                                                               \
+    /* The colour styles, a block of their own.                                                             */    \
     BLOCK(cs_info, 152, sm_cs_info)                                                                               \
     /* Smart filter; 0 none.                                                                                */    \
     WORD(smart_filter, 540)                                                                                       \
+    /* Flash and its compensation.                                                                          */    \
     WORD(flash, 544)                                                                                              \
     WORD(flash_ev, 548)                                                                                           \
+    /* Autofocus: mode and area.                                                                            */    \
     WORD(af_mode, 552)                                                                                            \
     WORD(af_area, 556)                                                                                            \
+    /* Picture size.                                                                                        */    \
     WORD(photosize, 560)                                                                                          \
+    /* Touch AF.                                                                                            */    \
     WORD(touch_af, 564)                                                                                           \
     /* Selection AF frame.                                                                                  */    \
     WORD(selection_af_pos_x, 568)                                                                                 \
@@ -180,10 +188,13 @@ enum {
     WORD(counti_h_frame, 620)                                                                                     \
     WORD(counti_n_frame, 624)                                                                                     \
     WORD(burst_frame, 628)                                                                                        \
+    /* The selected continuous drive.                                                                       */    \
     WORD(drive_set_conti, 632)                                                                                    \
     /* Words without a meaning here, carried byte for byte.                                                 */    \
     WORDS(reserved_636, 636, 6)                                                                                   \
+    /* Picture quality.                                                                                     */    \
     WORD(quality, 660)                                                                                            \
+    /* Bulb exposure.                                                                                       */    \
     WORD(bulb, 664)                                                                                               \
     /* Position in the camera's preset list, 0 to 39. Deleting other presets renumbers it.                  */    \
     WORD(preset_num, 668)                                                                                         \
@@ -211,8 +222,10 @@ enum {
     SM_MADE_LESS_KIND = 0xFFF0    /* what a korvel preset with a smart filter keeps; clears bits 16 to 31 too */
 };
 
+/* The white-balance type that has a colour temperature. */
 enum { SM_WHITE_BALANCE_KELVIN = 10 };
 
+/* How a record's struct declares the fields of a list. */
 #define SM_DECLARE_TEXT(name, offset, size) char name[size];
 #define SM_DECLARE_WORD(name, offset) int32_t name;
 #define SM_DECLARE_WORDS(name, offset, count) int32_t name[count];
@@ -221,9 +234,9 @@ enum { SM_WHITE_BALANCE_KELVIN = 10 };
 
 /* One colour triple: camera scale 0 to 200, phone scale 0 to 255. */
 typedef struct sm_color {
-    int32_t cs_color_r;
-    int32_t cs_color_g;
-    int32_t cs_color_b;
+    int32_t cs_color_r; /* red */
+    int32_t cs_color_g; /* green */
+    int32_t cs_color_b; /* blue */
 } sm_color;
 
 /* The colour-style block of both records, 388 bytes. */
@@ -251,7 +264,7 @@ typedef struct sm_frame {
 
 /* Head of reply 0x1001, before num_Preset phone records. */
 typedef struct sm_list_reply {
-    sm_frame frame;
+    sm_frame frame;               /* function 0x1001 */
     char SM_MODEL[SM_MODEL_SIZE]; /* "KT7", zero-filled */
     int32_t SM_STRUCT_VER;        /* SM_LAYOUT_VERSION */
     int32_t num_Preset;           /* 0 to 40 */
@@ -259,23 +272,23 @@ typedef struct sm_list_reply {
 
 /* Head of reply 0x1002, before the picture's bytes; an error reply is this head alone. */
 typedef struct sm_screennail_reply {
-    sm_frame frame;
+    sm_frame frame;    /* function 0x1002 */
     int32_t custom_id; /* the preset's custom_id; in an error reply -5 or -6 */
 } sm_screennail_reply;
 
 /* Reply 0x1003. The identity words are those of the record after the UI service saved it. */
 typedef struct sm_receive_reply {
-    sm_frame frame;
-    int32_t result;
-    int32_t preset_num;
-    int32_t custom_id;
-    int32_t applocal_id;
+    sm_frame frame;      /* function 0x1003 */
+    int32_t result;      /* what the UI service answered, or SM_RETURN_JPG_ERR */
+    int32_t preset_num;  /* its position in the camera's list */
+    int32_t custom_id;   /* the camera's identity of it */
+    int32_t applocal_id; /* the phone's own identity of it */
 } sm_receive_reply;
 
 /* Reply 0x1004. */
 typedef struct sm_update_reply {
-    sm_frame frame;
-    int32_t result;
+    sm_frame frame; /* function 0x1004 */
+    int32_t result; /* result code */
 } sm_update_reply;
 
 /*
@@ -283,8 +296,8 @@ typedef struct sm_update_reply {
  * records for each custom mode whose link is reported; these bytes are zero.
  */
 typedef struct sm_delete_reply {
-    sm_frame frame;
-    int32_t result;
+    sm_frame frame;        /* function 0x1005 */
+    int32_t result;        /* result code */
     int32_t SM_STRUCT_VER; /* SM_LAYOUT_VERSION */
     int32_t num_Preset;    /* presets left after the deletion, 0 to 40 */
 } sm_delete_reply;

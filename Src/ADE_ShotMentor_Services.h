@@ -41,7 +41,13 @@ int __dlog_print(int buffer, int priority, const char* tag, const char* format, 
 
 /* ---- Camera user-interface service: the stored presets ----------------------------------------------------------- */
 
-/* Records whether the phone uses the feature: 1 yes, 0 no. The result is ignored. */
+/*
+ * Records whether the phone uses the feature.
+ *
+ *   state  1 yes, 0 no
+ *
+ * Result: ignored.
+ */
 int __ui_set_shotmentor_state(int state);
 
 /* Whether the phone link is up. While it is not, a list request gets no reply. */
@@ -154,7 +160,11 @@ int bt_send_msgs(bt_msg_info* message);
 /* The one key that the library asks for: the camera's ISO step setting. */
 enum { SM_SPEC_KEY_ISO_STEP = 272 };
 
-/* Returns the model's value for a key. For SM_SPEC_KEY_ISO_STEP 1 means full steps, anything else third steps. */
+/*
+ * Returns the model's value for a key. For SM_SPEC_KEY_ISO_STEP 1 means full steps, anything else third steps.
+ *
+ *   key  SM_SPEC_KEY_ISO_STEP
+ */
 int User_Spec_Get_Value(int key);
 
 #ifdef __cplusplus

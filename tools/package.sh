@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 source tools/packages.sh
 
 preset=${1:-release}
-packages=("${library_packages[@]}" "${packaging_packages[@]}")
+packages=("${library_packages[@]}" "${packaging_packages[@]}" "${reference_packages[@]}")
 case $preset in
 release)
     packages+=("${desk_packages[@]}")
@@ -40,7 +40,7 @@ build=build/packages/$machine
 [ "${CI:-}" != true ] || options+=(-DCMAKE_COMPILE_WARNING_AS_ERROR=ON)
 mkdir -p "$build"
 cmake --preset "$preset" -B "$build" -DSHOTMENTOR_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_RPATH=ON \
-    -DCMAKE_BUILD_RPATH_USE_ORIGIN=ON "${options[@]}"
+    -DCMAKE_BUILD_RPATH_USE_ORIGIN=ON -DSHOTMENTOR_REFERENCE=ON "${options[@]}"
 cmake --build "$build"
 rm -rf "$build/_CPack_Packages" build/packages/*_"$machine".deb
 (cd "$build" && umask 022 && cpack -B ..)

@@ -1,4 +1,6 @@
 // Completions for bash, with the functions of the package bash-completion.
+#include <fmt/format.h>
+
 #include "Reference.h"
 #include "Words.h"
 
@@ -89,10 +91,10 @@ std::string values_of_options(const Command& command, const std::string& place) 
     for (const Entry& option : options_with_value(command)) {
         std::vector<std::string> patterns;
         for (const std::string& name : option.names) {
-            patterns.push_back(place + "/" + name);
+            patterns.push_back(fmt::format("{}/{}", place, name));
         }
         const std::string action = completer(option.values);
-        lines += "    " + joined(patterns, " | ") + ") " + action + (action.empty() ? "" : "; ") + "return ;;\n";
+        lines += fmt::format("    {}) {}{}return ;;\n", joined(patterns, " | "), action, action.empty() ? "" : "; ");
     }
     return lines;
 }
@@ -103,7 +105,7 @@ std::string values_of_arguments(const Command& command) {
     for (const Entry& argument : command.arguments) {
         const std::string place = argument.is_repeated ? "*" : std::to_string(position++);
         const std::string action = completer(argument.values);
-        lines += action.empty() ? "" : "        " + command.name + "/" + place + ") " + action + " ;;\n";
+        lines += action.empty() ? "" : fmt::format("        {}/{}) {} ;;\n", command.name, place, action);
     }
     return lines;
 }
@@ -121,9 +123,10 @@ std::string bash_completion(const Table& table) {
         valued.insert(valued.end(), more.begin(), more.end());
         commands.push_back(command.name);
         values += values_of_options(command, command.name);
-        options += command.options.empty() ? ""
-                                           : "        " + command.name + ") options+=' " +
-                                                 joined(names_in(command.options), " ") + "' ;;\n";
+        if (!command.options.empty()) {
+            const std::string names = joined(names_in(command.options), " ");
+            options += fmt::format("        {}) options+=' {}' ;;\n", command.name, names);
+        }
         arguments += values_of_arguments(command);
     }
     return filled(script, {{"<options with a value>", joined(valued, " | ")},

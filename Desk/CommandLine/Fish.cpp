@@ -1,4 +1,6 @@
 // Completions for fish.
+#include <fmt/format.h>
+
 #include "Reference.h"
 #include "Words.h"
 
@@ -86,11 +88,12 @@ std::string value_of(const Entry& option) {
 std::string option_lines(const std::vector<Entry>& options, const std::string& condition) {
     std::string lines;
     for (const Entry& option : options) {
-        lines += "complete -c <tool>" + condition;
+        std::string names;
         for (const std::string& name : option.names) {
-            lines += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
+            names += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
         }
-        lines += value_of(option) + " -d " + quoted(option.help) + "\n";
+        lines +=
+            fmt::format("complete -c <tool>{}{}{} -d {}\n", condition, names, value_of(option), quoted(option.help));
     }
     return lines;
 }
@@ -101,14 +104,14 @@ std::string at(const std::string& place) {
 
 std::string lines_of(const Command& command) {
     std::string lines =
-        "\ncomplete -c <tool>" + at("/0") + " -a " + command.name + " -d " + quoted(command.help) + "\n";
-    lines += option_lines(command.options, at("\"" + command.name + "/*\""));
+        fmt::format("\ncomplete -c <tool>{} -a {} -d {}\n", at("/0"), command.name, quoted(command.help));
+    const std::string anywhere = fmt::format("\"{}/*\"", command.name);
+    lines += option_lines(command.options, at(anywhere));
     size_t position = 0;
     for (const Entry& argument : command.arguments) {
-        const std::string place =
-            argument.is_repeated ? "\"" + command.name + "/*\"" : command.name + "/" + std::to_string(position++);
+        const std::string place = argument.is_repeated ? anywhere : fmt::format("{}/{}", command.name, position++);
         const std::string flags = value_flags(argument.values);
-        lines += flags.empty() ? "" : "complete -c <tool>" + at(place) + flags + "\n";
+        lines += flags.empty() ? "" : fmt::format("complete -c <tool>{}{}\n", at(place), flags);
     }
     return lines;
 }

@@ -1,4 +1,6 @@
 // Completions for zsh, with its own function _arguments.
+#include <fmt/format.h>
+
 #include "Reference.h"
 #include "Words.h"
 
@@ -45,11 +47,24 @@ constexpr const char* script = R"(#compdef <tool>
 @ "$@"
 )";
 
-// In single quotes, and with nothing in it that _arguments would read.
-std::string quoted(std::string text) {
-    return "'" + replaced(std::move(text), "'", "'\\''") + "'";
+// With its name, and the lines of its options and arguments.
+constexpr const char* own_of_command = R"(        {})
+            local -a own=(
+{}{}            )
+            _arguments -S $options $own
+            ;;
+)";
+
+// The margins of arrays.
+constexpr int of_tool = 8;
+constexpr int of_command = 16;
+
+// A line of an array.
+std::string quoted_line(int margin, const std::string& text) {
+    return fmt::format("{:{}}'{}'\n", "", margin, replaced(text, "'", "'\\''"));
 }
 
+// With nothing in it that _arguments would read.
 std::string message(std::string text) {
     for (const char* const special : {"\\", ":", "[", "]"}) {
         text = replaced(std::move(text), special, std::string("\\") + special);
@@ -76,25 +91,27 @@ std::string name_of(const Entry& option, const std::string& name) {
     return option.value.empty() ? name : name + (name.starts_with("--") ? "=" : "+");
 }
 
-std::string option_lines(const std::vector<Entry>& options, const std::string& margin) {
+std::string option_lines(int margin, const std::vector<Entry>& options) {
     std::string lines;
     for (const Entry& option : options) {
         const std::string others = option.names.size() > 1 ? "(" + joined(option.names, " ") + ")" : "";
         for (const std::string& name : option.names) {
             const std::string value =
-                option.value.empty() ? "" : ":" + message(option.value) + ":" + action(option.values);
-            lines += margin + quoted(others + name_of(option, name) + "[" + message(option.help) + "]" + value) + "\n";
+                option.value.empty() ? "" : fmt::format(":{}:{}", message(option.value), action(option.values));
+            const std::string names = others + name_of(option, name);
+            lines += quoted_line(margin, fmt::format("{}[{}]{}", names, message(option.help), value));
         }
     }
     return lines;
 }
 
-std::string argument_lines(const std::vector<Entry>& arguments, const std::string& margin) {
+std::string argument_lines(int margin, const std::vector<Entry>& arguments) {
     std::string lines;
     size_t position = 1;
     for (const Entry& argument : arguments) {
         const std::string place = argument.is_repeated ? "*" : std::to_string(position++);
-        lines += margin + quoted(place + ":" + message(argument.help) + ":" + action(argument.values)) + "\n";
+        const std::string value = fmt::format("{}:{}", message(argument.help), action(argument.values));
+        lines += quoted_line(margin, fmt::format("{}:{}", place, value));
     }
     return lines;
 }
@@ -102,17 +119,14 @@ std::string argument_lines(const std::vector<Entry>& arguments, const std::strin
 } // namespace
 
 std::string zsh_completion(const Table& table) {
-    const std::string margin(8, ' ');
     std::string commands;
     std::string own;
     for (const Command& command : table.commands) {
-        commands += margin + quoted(message(command.name) + ":" + message(command.help)) + "\n";
-        std::string lines =
-            option_lines(command.options, margin + "        ") + argument_lines(command.arguments, margin + "        ");
-        own += margin + command.name + ")\n" + margin + "    local -a own=(\n" + lines + margin + "    )\n" + margin +
-               "    _arguments -S $options $own\n" + margin + "    ;;\n";
+        commands += quoted_line(of_tool, fmt::format("{}:{}", message(command.name), message(command.help)));
+        own += fmt::format(own_of_command, command.name, option_lines(of_command, command.options),
+                           argument_lines(of_command, command.arguments));
     }
-    return filled(script, {{"<options>", option_lines(table.tool.options, margin)},
+    return filled(script, {{"<options>", option_lines(of_tool, table.tool.options)},
                            {"<commands>", commands},
                            {"<commands' own>", own},
                            {"<tool>", table.tool.name},

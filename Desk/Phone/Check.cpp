@@ -24,6 +24,16 @@ void note_signal(int number) {
     stop_signal = number;
 }
 
+// A request's first packet holds its header, where packets have boundaries.
+void require_room_for_headers(const Options& options) {
+    if (options.camera.keeps_message_boundaries() && options.mtu < sizeof(sm_frame)) {
+        throw Failure(exit_usage,
+                      fmt::format("--mtu {} is too small for this link: a request begins with a packet of {} "
+                                  "bytes at least",
+                                  options.mtu, sizeof(sm_frame)));
+    }
+}
+
 // The first signal ends the run in order, the second one at once.
 void heed_signals() {
     struct sigaction action = {};
@@ -161,6 +171,7 @@ int check(const Options& options) {
         print(lines_of_all_checks());
         return exit_done;
     }
+    require_room_for_headers(options);
     heed_signals();
     CheckSession session(options);
     session.probe.heed(&stop_signal);

@@ -24,13 +24,12 @@ void note_signal(int number) {
     stop_signal = number;
 }
 
-// A request's first packet holds its header, where packets have boundaries.
-void require_room_for_headers(const Options& options) {
-    if (options.camera.keeps_message_boundaries() && options.mtu < sizeof(sm_frame)) {
+// Where packets have boundaries, a header, and one with a word too many, have to fit into one.
+void require_large_packets(const Options& options) {
+    constexpr size_t least = sizeof(sm_frame) + sizeof(int32_t);
+    if (options.camera.keeps_message_boundaries() && options.mtu < least) {
         throw Failure(exit_usage,
-                      fmt::format("--mtu {} is too small for this link: a request begins with a packet of {} "
-                                  "bytes at least",
-                                  options.mtu, sizeof(sm_frame)));
+                      fmt::format("--mtu {} is too small to check this link; give {} or more", options.mtu, least));
     }
 }
 
@@ -171,7 +170,7 @@ int check(const Options& options) {
         print(lines_of_all_checks());
         return exit_done;
     }
-    require_room_for_headers(options);
+    require_large_packets(options);
     heed_signals();
     CheckSession session(options);
     session.probe.heed(&stop_signal);

@@ -24,6 +24,15 @@ void note_signal(int number) {
     stop_signal = number;
 }
 
+// Where packets have boundaries, a header, and one with a word too many, have to fit into one.
+void require_large_packets(const Options& options) {
+    constexpr size_t least = sizeof(sm_frame) + sizeof(int32_t);
+    if (options.camera.keeps_message_boundaries() && options.mtu < least) {
+        throw Failure(exit_usage,
+                      fmt::format("--mtu {} is too small to check this link; give {} or more", options.mtu, least));
+    }
+}
+
 // The first signal ends the run in order, the second one at once.
 void heed_signals() {
     struct sigaction action = {};
@@ -161,6 +170,7 @@ int check(const Options& options) {
         print(lines_of_all_checks());
         return exit_done;
     }
+    require_large_packets(options);
     heed_signals();
     CheckSession session(options);
     session.probe.heed(&stop_signal);

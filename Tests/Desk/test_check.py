@@ -147,6 +147,13 @@ class OtherCameras(CheckTest):
             self.assertEnds(done, BUSY)
             self.assertEqual(done.stdout, b"")
 
+    def test_packets_too_small_to_check_a_link_with_boundaries_are_refused(self):
+        camera = self.camera("--empty")
+        done = run_phone(camera.url, "--mtu", 11, "check")
+        self.assertEnds(done, USAGE)
+        self.assertIn("--mtu 11 is too small to check this link; give 12 or more", done.stderr.decode())
+        self.check(camera, "--quick", "--mtu", 12)
+
     def test_no_camera_is_told_as_by_every_other_command(self):
         self.assertEnds(run_phone(f"unix:{self.folder}/none", "--timeout", 0.2, "check"), 3)
 

@@ -151,6 +151,9 @@ void check_leave(CheckSession& session) {
         session.send(request(SM_FUNCTION_STATE_OFF, payload));
         session.expect_silence(fmt::format("function 0 with code {}", code), blame::delivery);
     }
+    if (session.presets.has_begun()) {
+        session.list(); // the phone may change its mind
+    }
 }
 
 void check_refuse_functions(CheckSession& session) {

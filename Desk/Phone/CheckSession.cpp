@@ -408,6 +408,19 @@ void CheckSession::delete_all_own() {
     }
 }
 
+// Deletes what it can. Returns why that may not be all.
+std::string CheckSession::delete_what_is_left() {
+    try {
+        delete_all_own();
+    } catch (const Finding& finding) {
+        recover();
+        return finding.found;
+    } catch (const Skip& skip) {
+        return skip.why;
+    }
+    return deletion_fault;
+}
+
 Cleanup CheckSession::clean_up() {
     Cleanup result;
     if (!presets.has_begun()) {
@@ -415,30 +428,17 @@ Cleanup CheckSession::clean_up() {
         return result;
     }
     try {
-        if (!answers_on_new_link() && !answers_on_new_link()) {
-            result.why = fmt::format("the camera answers nothing any more; presets called \"{}...\" may be left in it",
-                                     presets.title_begin());
-            return result;
+        if (!recover()) {
+            throw Finding{silence, "", ""};
         }
-        try {
-            delete_all_own();
-        } catch (const Finding& finding) { // what is left shows below
-            result.why = finding.found;
-            recover();
-        } catch (const Skip& skip) {
-            result.why = skip.why;
-        }
+        result.why = delete_what_is_left();
         const Presets now = list().presets;
         result.done = true;
         result.left = presets.sorted(now).own;
         result.harm = presets.harm_in(now);
     } catch (const Finding& finding) {
-        result.why = finding.found;
-    } catch (const Failure& failure) {
-        result.why = failure.what();
-    }
-    if (result.why.empty()) {
-        result.why = deletion_fault;
+        result.why =
+            fmt::format("{}; presets called \"{}...\" may be left in it", finding.found, presets.title_begin());
     }
     return result;
 }

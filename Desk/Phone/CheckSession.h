@@ -152,6 +152,7 @@ class CheckSession {
     void take_first_list();
 
   private:
+    std::string delete_what_is_left();
     std::optional<Bytes> try_to_ask(const Bytes& bytes);
     bool answers_on_new_link();
     Finding finding_of(const Question& question, const Failure& failure);

@@ -124,6 +124,35 @@ FAULTS = {
     "an_update_that_writes_behind_the_title": Fault(
         "strnlen(title, SM_TITLE_SIZE - 1)", "strlen(title) + 1", "update-full-title", "mode"
     ),
+    "an_update_that_changes_more_than_it_should": Fault(
+        "stored[number].server_id = server_id;",
+        "stored[number].server_id = server_id; stored[number].bulb = 99;",
+        "update-rest",
+        "bulb",
+    ),
+    "a_deletion_that_changes_the_others": Fault(
+        "stored[kept].preset_num = kept;",
+        "stored[kept].preset_num = kept; stored[kept].bulb = 99;",
+        "delete-others",
+        "Landscape",
+        harms=True,
+    ),
+    "a_phone_that_has_left_for_good": Fault(
+        "return phone >= 0;",
+        "return in_use;",
+        "leave",
+        "link state for down",
+        more=(
+            (
+                "bool __ui_get_bt_state_for_phone(void) {",
+                "static bool in_use = true;\nbool __ui_get_bt_state_for_phone(void) {",
+            ),
+            (
+                "int __ui_set_shotmentor_state(int state) {",
+                "int __ui_set_shotmentor_state(int state) {\n    in_use = in_use && state == 1;",
+            ),
+        ),
+    ),
     "an_update_of_another_preset_as_well": Fault(
         "stored[number].server_id = server_id;",
         "stored[number].server_id = stored[0].server_id = server_id;",
@@ -283,6 +312,13 @@ class PlantedFaults(unittest.TestCase):
         self.assertNotIn("Landscape", report["cleanup"]["harm"])
         self.assertNotIn("Evening", report["cleanup"]["harm"])
         self.assertNotEqual(report["cleanup"]["left"], [])
+
+    def test_presets_that_cannot_be_found_again_are_told(self):
+        report = self.assertFound("a_phone_that_has_left_for_good")
+        self.assertFalse(report["cleanup"]["done"])
+        self.assertRegex(
+            report["cleanup"]["why"], r'presets called "ShotMentor check [0-9a-f]{8} \.\.\." may be left in it$'
+        )
 
     def test_a_check_that_is_stopped_takes_the_same_care(self):
         with tempfile.TemporaryDirectory(prefix="desk-") as folder:

@@ -52,11 +52,9 @@ echo "ok: it minds nothing but what Packaging/debian/*.lintian-overrides explain
 
 say "a minimal Debian"
 root=$scratch/root
-sources=()
-for file in /etc/apt/sources.list.d/debian.sources /etc/apt/sources.list; do
-    [ ! -s "$file" ] || [ ${#sources[@]} -gt 0 ] || sources=("$file")
-done
-quietly mmdebstrap --mode=root --variant=minbase bookworm "$root" "${sources[@]}"
+# From where this machine has its own packages, but without the updates: a mirror that is just being filled breaks them.
+mapfile -t mirror < <(apt-get indextargets --format '$(REPO_URI)' 'Identifier: Packages' 'Codename: bookworm')
+quietly mmdebstrap --mode=root --variant=minbase bookworm "$root" "${mirror[@]::1}"
 mkdir -p "$root/packages" "$root/tests"
 cp build/packages/*_"$(dpkg --print-architecture)".deb "$root/packages"
 cp -r Tests/Packaging/in_fresh_debian.sh Tests/Packaging/consumer "$root/tests"

@@ -8,7 +8,6 @@ import tempfile
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-FILES = ["ABI", "CMakeLists.txt", "CMakePresets.json", "cmake", "Packaging", "Src", "tools"]
 MACHINE = "amd64"
 
 
@@ -16,13 +15,8 @@ class AbiTest(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
-        self.copy = pathlib.Path(folder.name)
-        for name in FILES:
-            source = ROOT / name
-            if source.is_dir():
-                shutil.copytree(source, self.copy / name)
-            else:
-                shutil.copy(source, self.copy)
+        self.copy = pathlib.Path(folder.name) / "copy"
+        shutil.copytree(ROOT, self.copy, ignore=shutil.ignore_patterns(".git", "build", "corpus", "__pycache__"))
 
     def plant(self, file, old, new):
         path = self.copy / file

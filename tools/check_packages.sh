@@ -31,6 +31,13 @@ quietly() { "$@" >"$log" 2>&1 || { cat "$log" >&2; fail "$*"; }; }
 SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct)}
 export SOURCE_DATE_EPOCH
 
+# A minimal Debian is fetched while the packages are built: from where this machine has its own packages, but without
+# the updates, which a mirror that is just being filled breaks.
+root=$scratch/root
+mapfile -t mirror < <(apt-get indextargets --format '$(REPO_URI)' 'Identifier: Packages' 'Codename: bookworm')
+mmdebstrap --mode=root --variant=minbase bookworm "$root" "${mirror[@]::1}" >"$scratch/debian.log" 2>&1 &
+debian=$!
+
 say "packages for this machine and for armhf"
 quietly tools/package.sh release
 quietly tools/package.sh armhf
@@ -51,10 +58,7 @@ lintian --allow-root --fail-on warning --display-level '>=warning' build/package
 echo "ok: it minds nothing but what Packaging/debian/*.lintian-overrides explains"
 
 say "a minimal Debian"
-root=$scratch/root
-# From where this machine has its own packages, but without the updates: a mirror that is just being filled breaks them.
-mapfile -t mirror < <(apt-get indextargets --format '$(REPO_URI)' 'Identifier: Packages' 'Codename: bookworm')
-quietly mmdebstrap --mode=root --variant=minbase bookworm "$root" "${mirror[@]::1}"
+wait "$debian" || { cat "$scratch/debian.log" >&2; fail "mmdebstrap"; }
 mkdir -p "$root/packages" "$root/tests"
 cp build/packages/*_"$(dpkg --print-architecture)".deb "$root/packages"
 cp -r Tests/Packaging/in_fresh_debian.sh Tests/Packaging/consumer "$root/tests"

@@ -8,6 +8,7 @@
 #include "ADE_ShotMentor.h"
 #include "AllocationFaults.h"
 #include "Budgets.h"
+#include "LabTalk.h"
 #include "Options.h"
 #include "PresetStore.h"
 #include "Services.h"
@@ -159,6 +160,7 @@ void Camera::serve() {
             listen_to_phone();
             return;
         }
+        tell_refused_allocations(services_.lab);
         sends_.free_lost_replies();
         phone_->link->forgive();
         tell_if_stuck();
@@ -226,6 +228,7 @@ void serve_phones(asio::io_context& loop, PresetStore& store, const Options& opt
     Services services(store, &sends, options);
     Camera camera(loop, listener, sends, services, options.quiet);
     camera.open();
+    announce_lab(options.lab);
     refuse_allocations(options.lab);
     announce(listener.endpoint());
     loop.run();

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "ADE_ShotMentor_Services.h"
+#include "LabTalk.h"
 #include "Talk.h"
 
 namespace desk::camera {
@@ -50,6 +51,12 @@ int tell_refusal(const Services& services, const char* what, int result, Told to
                         told == Told::nothing ? ", which the phone is not told" : "",
                         reason.empty() ? "" : ": " + reason));
     }
+    return result;
+}
+
+// The store is not asked.
+int answer_of_lab(const char* what, int result) {
+    tell_of_lab(fmt::format("{} is answered with {}, and nothing was done", what, result));
     return result;
 }
 
@@ -98,6 +105,9 @@ int __ui_set_shotmentor_state(int state) {
 bool __ui_get_bt_state_for_phone(void) {
     return answer("__ui_get_bt_state_for_phone", false, [](Services& services) {
         services.calls.link_is_down = services.lab.link_down;
+        if (services.lab.link_down) {
+            desk::camera::tell_of_lab("the link state was reported as down");
+        }
         return !services.lab.link_down;
     });
 }
@@ -135,7 +145,7 @@ bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
 int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int length) {
     return answer("__ui_save_downloaded_preset", int{SM_RETURN_FAIL}, [&](Services& services) {
         if (services.lab.save_result) {
-            return *services.lab.save_result;
+            return desk::camera::answer_of_lab("the store", *services.lab.save_result);
         }
         return tell_refusal(services, "storing a preset", services.store.save(*preset, image, length));
     });
@@ -144,7 +154,7 @@ int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int 
 int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) {
     return answer("__ui_preset_update_comfirm", int{SM_RETURN_FAIL}, [&](Services& services) {
         if (services.lab.update_result) {
-            return *services.lab.update_result;
+            return desk::camera::answer_of_lab("the rename", *services.lab.update_result);
         }
         return tell_refusal(services, "updating a preset", services.store.update(custom_id, server_id, title));
     });

@@ -16,9 +16,10 @@ import unicodedata
 import unittest
 
 from desk import (
-    CAMERA, FIRST_START, LIST, LONGEST_REQUEST, PATIENCE, STATE_OFF, STATE_ON, STORE, DeskTest, Link, Stored,
-    delete_request, environment_of_programs, get, list_reply, phone_record, picture, picture_request, request,
-    run_camera, store_request, store_result, stored_picture, update_request, what_a_phone_gets,
+    CAMERA, FIRST_START, LIST, LONGEST_REQUEST, PATIENCE, SILENCE, STATE_OFF, STATE_ON, STORE, DeskTest, Link,
+    Silent, Stored, delete_request, environment_of_programs, get, list_reply, phone_record, picture,
+    picture_request, request, run_camera, store_request, store_result, stored_picture, update_request,
+    what_a_phone_gets,
 )  # fmt: skip
 
 LINES_AT_ONCE, LINES_A_SECOND = 200, 50
@@ -31,6 +32,7 @@ ERRORS = 2 * PAIRS  # of each pair that names no preset: an impossible number, a
 LONG_DELETE = delete_request(*[(50, 99999)] * PAIRS)
 HOSTILE = b"\x1b[31mred\x1b[0m \x9b32m\xc2\x9bbell\x07 \x1b]0;title\x07\r\x7f\xe2\x80\xae\nforged"
 TOLD = re.compile(r"^shotmentor-camera: \d\d:\d\d:\d\d (.*)$", re.MULTILINE)  # of requests
+LAB = re.compile(r"^shotmentor-camera: lab: (.*)$", re.MULTILINE)
 MISSING = re.compile(r"shotmentor-camera: (\d+) lines are missing here: (.*)")
 
 
@@ -443,6 +445,97 @@ class Requests(Talk):
             camera.link().close()  # taken in when all is said of the first phone
             self.assertIn("shotmentor-camera: a phone connected\n", camera.talk())
             self.assertEqual(TOLD.findall(camera.talk()), [])
+
+
+class Lab(Talk):
+    """Each fault that the camera was asked for is announced at the start, and told when it strikes."""
+
+    def lab(self, camera, count):
+        """What was told of the lab; so many lines have to come."""
+        end = time.monotonic() + PATIENCE
+        while len(lines := LAB.findall(camera.talk())) < count and time.monotonic() < end:
+            time.sleep(0.02)
+        return lines
+
+    def assertLab(self, options, requests, *expected):
+        """What a camera with these faults tells of its lab when a phone asks for this."""
+        with self.camera(*options) as camera, camera.link() as link:
+            for data in requests:
+                link.send(data)
+                with contextlib.suppress(Silent):
+                    link.receive(SILENCE)
+            self.assertEqual(self.lab(camera, len(expected)), list(expected))
+
+    def test_a_camera_without_faults_tells_of_no_lab(self):
+        self.assertLab((), [request(LIST)])
+
+    def test_sends_that_are_not_confirmed_are_told_by_their_number(self):
+        self.assertLab(
+            ("--drop-confirmations", 3),
+            [request(LIST)] * 7,
+            "every 3rd send is not confirmed",
+            "send 3 is not confirmed",
+            "send 6 is not confirmed",
+        )
+
+    def test_a_camera_that_confirms_no_send_says_so(self):
+        self.assertLab(("--drop-confirmations", 1), [request(LIST)], "no send is confirmed", "send 1 is not confirmed")
+
+    def test_numbers_are_announced_as_they_are_spoken(self):
+        for number, spoken in ((2, "2nd"), (4, "4th"), (11, "11th"), (12, "12th"), (13, "13th"), (22, "22nd")):
+            with self.subTest(number=number):
+                self.assertLab(("--drop-confirmations", number), [], f"every {spoken} send is not confirmed")
+
+    def test_late_confirmations_are_told_with_their_delay(self):
+        self.assertLab(
+            ("--confirm-delay", 20),
+            [request(LIST)],
+            "each send is confirmed after 20 ms",
+            "send 1 is confirmed in 20 ms",
+        )
+
+    def test_a_link_state_that_is_down_is_told_when_a_phone_asks_for_the_list(self):
+        self.assertLab(
+            ("--link-down",),
+            [request(LIST)],
+            "the link state is reported as down",
+            "the link state was reported as down",
+        )
+
+    def test_a_result_in_place_of_storing_is_told(self):
+        self.assertLab(
+            ("--save-result", 1),
+            [store_request(phone_record(), picture(1))],
+            "each store is answered with 1, and nothing is stored",
+            "the store is answered with 1, and nothing was done",
+        )
+
+    def test_a_result_in_place_of_renaming_is_told(self):
+        self.assertLab(
+            ("--update-result", -3),
+            [update_request(2, 0, b"Dusk")],
+            "each rename is answered with -3, and nothing is changed",
+            "the rename is answered with -3, and nothing was done",
+        )
+
+    def test_an_allocation_that_is_refused_is_told(self):
+        self.assertLab(
+            ("--refuse-allocation", 2),
+            [request(LIST), request(LIST)],
+            "the library's 2nd allocation is refused",
+            "the library's 2nd allocation was refused",
+        )
+
+    def test_allocations_that_are_all_refused_are_told_one_by_one(self):
+        # A rename has two: its own, and that of its reply.
+        with self.camera("--refuse-allocation", "2+") as camera:
+            with camera.link() as link:
+                link.send(update_request(2, 0, b"Dusk"))
+            with camera.link() as link:
+                link.send(update_request(2, 0, b"Dusk"))
+            told = self.lab(camera, 3)
+        self.assertEqual(told[0], "the library's 2nd allocation is refused, and all from then on")
+        self.assertEqual(told[1:], [f"the library's {n} allocation was refused" for n in ("2nd", "3rd")])
 
 
 class Characters(Talk):

@@ -415,7 +415,7 @@ class Requests(Talk):
             self.assertEqual(self.told(camera), ["list: no reply, 12 came of 8 bytes"])
 
     def test_each_line_has_the_local_time(self):
-        zone = {"TZ": "XXX-14"}  # 14 hours before UTC
+        zone = {"TZ": "XXX-14"}  # 14 hours ahead of UTC
         with self.camera(environment=zone) as camera:
             before = int(time.time())
             camera.ask(request(LIST))

@@ -12,5 +12,7 @@ void require_allocator_for(const LabOptions& lab, char** arguments);
 
 // Allocations count from here on.
 void refuse_allocations(const LabOptions& lab);
+// How many were refused since then.
+int refused_allocations();
 
 } // namespace desk::camera

@@ -11,4 +11,8 @@ void refuse_allocations(const LabOptions& lab) {
     library_heap::refuse(lab.refuse_allocation, lab.refuse_for_good);
 }
 
+int refused_allocations() {
+    return library_heap::refused();
+}
+
 } // namespace desk::camera

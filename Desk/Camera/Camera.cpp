@@ -8,6 +8,7 @@
 #include "ADE_ShotMentor.h"
 #include "AllocationFaults.h"
 #include "Budgets.h"
+#include "LabTalk.h"
 #include "Options.h"
 #include "PresetStore.h"
 #include "Services.h"
@@ -16,8 +17,8 @@
 
 namespace desk::camera {
 
-Camera::Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services)
-    : loop_(loop), listener_(listener), sends_(sends), services_(services),
+Camera::Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services, bool is_quiet)
+    : loop_(loop), listener_(listener), sends_(sends), services_(services), talk_(services, is_quiet),
       waiting_(loop, budget::waiting_time, [this](const std::shared_ptr<Link>& link) { waited_long_enough(link); }),
       turned_away_(loop, budget::turned_away_time, [](const std::shared_ptr<Link>& link) { link->close(); }) {}
 
@@ -65,7 +66,7 @@ void Camera::take_in(const std::shared_ptr<Link>& link) {
     say("a phone connected");
     link->on_lost([this](const std::string& why) { phone_left(why); });
     sends_.connect(link);
-    phone_.emplace(Phone{link, Intake(link->keeps_message_boundaries())});
+    phone_.emplace(Phone{link, Intake(link->keeps_message_boundaries(), talk_)});
     listen_to_phone();
 }
 
@@ -129,6 +130,7 @@ void Camera::forget_phone() {
     if (!phone_) {
         return;
     }
+    talk_.phone_left(phone_->intake.unread());
     phone_->link->close();
     phone_.reset();
     ADE_ShotMentor_Return_To_Idle();
@@ -158,6 +160,7 @@ void Camera::serve() {
             listen_to_phone();
             return;
         }
+        tell_refused_allocations(services_.lab);
         sends_.free_lost_replies();
         phone_->link->forgive();
         tell_if_stuck();
@@ -223,8 +226,9 @@ void serve_phones(asio::io_context& loop, PresetStore& store, const Options& opt
     Listener listener(loop, options.listen, options.mtu);
     SendQueue sends(loop, options.lab);
     Services services(store, &sends, options);
-    Camera camera(loop, listener, sends, services);
+    Camera camera(loop, listener, sends, services, options.quiet);
     camera.open();
+    announce_lab(options.lab);
     refuse_allocations(options.lab);
     announce(listener.endpoint());
     loop.run();

@@ -8,6 +8,7 @@
 
 #include "Intake.h"
 #include "Listener.h"
+#include "RequestTalk.h"
 #include "SendQueue.h"
 #include "TimedLinks.h"
 #include "Wire/Frames.h"
@@ -20,7 +21,7 @@ class Services;
 
 class Camera {
   public:
-    Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services);
+    Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services, bool is_quiet);
     // The phone that is there is left alone, and the library returned to idle.
     ~Camera();
     Camera(const Camera&) = delete;
@@ -56,6 +57,7 @@ class Camera {
     Listener& listener_;
     SendQueue& sends_;
     Services& services_;
+    RequestTalk talk_;
     std::optional<Phone> phone_;
     TimedLinks waiting_; // phones whose forerunners have closed, but not been read to the end
     TimedLinks turned_away_;

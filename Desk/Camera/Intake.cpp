@@ -3,16 +3,13 @@
 #include <algorithm>
 
 #include "ADE_ShotMentor.h"
+#include "RequestTalk.h"
 #include "Wire/Record.h"
 
 namespace desk::camera {
 namespace {
 
 constexpr size_t header_size = sizeof(sm_frame);
-
-bool is_in_reassembly() {
-    return sm_BT_total_length >= 0;
-}
 
 // Bytes of a stream that continue the request in reassembly. All of them when it will never be complete.
 size_t continuing_bytes(size_t available) {
@@ -42,15 +39,24 @@ bool Intake::deliver() {
     if (!length) {
         return false;
     }
-    const uint8_t* const packet = bytes_.data() + delivered_;
+    const std::span<const uint8_t> packet = waiting().first(*length);
     delivered_ += *length;
     has_packet_ = false;
-    ADE_ShotMentor_Receive_Manager(packet, static_cast<int>(*length));
+    talk_.before(packet);
+    talk_.after(ADE_ShotMentor_Receive_Manager(packet.data(), static_cast<int>(packet.size())));
     return true;
 }
 
 bool Intake::is_in_request() const {
     return is_in_reassembly() || to_skip_ > 0 || !waiting().empty();
+}
+
+size_t Intake::unread() const {
+    return waiting().size() - std::min(to_skip_, waiting().size());
+}
+
+bool Intake::is_in_reassembly() {
+    return sm_BT_total_length >= 0;
 }
 
 std::span<const uint8_t> Intake::waiting() const {

@@ -9,12 +9,15 @@
 
 namespace desk::camera {
 
+class RequestTalk;
+
 // On a link that keeps message boundaries a packet is delivered as it came. On a byte stream the intake finds where
 // requests end: the library must never get bytes of two in one packet, nor a header in halves. How far a request has
 // come is asked of the library each time, so that there is one truth about it.
 class Intake {
   public:
-    explicit Intake(bool keeps_message_boundaries) : keeps_message_boundaries_(keeps_message_boundaries) {}
+    Intake(bool keeps_message_boundaries, RequestTalk& talk)
+        : keeps_message_boundaries_(keeps_message_boundaries), talk_(talk) {}
 
     // Takes in what the link received: one packet, or a piece of the stream.
     void take(std::span<const uint8_t> received);
@@ -24,6 +27,10 @@ class Intake {
     // Whether the phone has sent a request in half.
     bool is_in_request() const;
 
+    // Bytes that the phone has sent and that have not been delivered, nor belong to a request that was refused.
+    size_t unread() const;
+    // Whether the library has a part of a request.
+    static bool is_in_reassembly();
     // How the request in reassembly has become one that will never be answered, which only the phone's leaving can end.
     enum class Stuck { no, too_many_bytes, no_memory };
     static Stuck stuck();
@@ -36,6 +43,7 @@ class Intake {
     void skip();
 
     bool keeps_message_boundaries_;
+    RequestTalk& talk_;
     bool has_packet_ = false;    // on a link that keeps message boundaries: one that may be empty
     std::vector<uint8_t> bytes_; // what was received, with cleared bytes behind it
     size_t delivered_ = 0;       // bytes of it that the library has had

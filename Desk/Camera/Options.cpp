@@ -15,7 +15,7 @@ namespace {
 using CLI::App;
 
 constexpr const char* link_group = "Phone link";
-constexpr const char* log_group = "Log";
+constexpr const char* log_group = "Talk and log";
 constexpr const char* lab_group = "Lab: faults to try, off unless given";
 
 // The library's own checks, without their additions to the help: the type name says it already.
@@ -55,6 +55,7 @@ void add_link_options(App& app, Options& options, Texts& texts) {
 }
 
 void add_log_options(App& app, Options& options, Texts& texts) {
+    app.add_flag("--quiet", options.quiet, "Do not tell of each request on standard error")->group(log_group);
     app.add_option(
            "--log", options.log.destination,
            "Where the library's lines go, stderr unless given. The library itself copies errors to standard error")

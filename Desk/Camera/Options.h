@@ -32,6 +32,7 @@ struct Options {
     bool empty = false;
     bool full_iso_steps = true;
     LogOptions log;
+    bool quiet = false; // tells of no requests
     size_t mtu = 65535;
     LabOptions lab;
 

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <asio/post.hpp>
 #include <cstdlib>
+#include <fmt/format.h>
 #include <utility>
 
 #include "ADE_ShotMentor.h"
 #include "Budgets.h"
+#include "LabTalk.h"
 
 namespace desk::camera {
 namespace {
@@ -57,9 +59,13 @@ void SendQueue::sent() {
     waiting_.pop_front();
     ++sends_;
     if (is_to_drop()) {
+        tell_of_lab(fmt::format("send {} is not confirmed", sends_));
         dropped_ = std::min(dropped_ + 1, budget::unconfirmed_replies);
     } else if (unconfirmed_.size() < budget::unconfirmed_replies) { // else the library has lost one, too
         unconfirmed_.push_back(Clock::now() + lab_.confirm_delay);
+        if (lab_.confirm_delay.count() > 0) {
+            tell_of_lab(fmt::format("send {} is confirmed in {} ms", sends_, lab_.confirm_delay.count()));
+        }
     }
     confirm_later();
     asio::post(loop_, [this] {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "ADE_ShotMentor_Services.h"
+#include "LabTalk.h"
 #include "Talk.h"
 
 namespace desk::camera {
@@ -50,6 +51,12 @@ int tell_refusal(const Services& services, const char* what, int result, Told to
                         told == Told::nothing ? ", which the phone is not told" : "",
                         reason.empty() ? "" : ": " + reason));
     }
+    return result;
+}
+
+// The store is not asked.
+int answer_of_lab(const char* what, int result) {
+    tell_of_lab(fmt::format("{} is answered with {}, and nothing was done", what, result));
     return result;
 }
 
@@ -96,7 +103,13 @@ int __ui_set_shotmentor_state(int state) {
 }
 
 bool __ui_get_bt_state_for_phone(void) {
-    return answer("__ui_get_bt_state_for_phone", false, [](Services& services) { return !services.lab.link_down; });
+    return answer("__ui_get_bt_state_for_phone", false, [](Services& services) {
+        services.calls.link_is_down = services.lab.link_down;
+        if (services.lab.link_down) {
+            desk::camera::tell_of_lab("the link state was reported as down");
+        }
+        return !services.lab.link_down;
+    });
 }
 
 int __ui_get_custom_mode_list_info(tag_custom_info* presets, int* count) {
@@ -123,6 +136,8 @@ bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
                 desk::camera::keep_from_the_library(*preset, fault);
             }
         }
+        services.calls.found = found;
+        services.calls.looked_up = true;
         return found.has_value();
     });
 }
@@ -130,7 +145,7 @@ bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
 int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int length) {
     return answer("__ui_save_downloaded_preset", int{SM_RETURN_FAIL}, [&](Services& services) {
         if (services.lab.save_result) {
-            return *services.lab.save_result;
+            return desk::camera::answer_of_lab("the store", *services.lab.save_result);
         }
         return tell_refusal(services, "storing a preset", services.store.save(*preset, image, length));
     });
@@ -139,7 +154,7 @@ int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int 
 int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) {
     return answer("__ui_preset_update_comfirm", int{SM_RETURN_FAIL}, [&](Services& services) {
         if (services.lab.update_result) {
-            return *services.lab.update_result;
+            return desk::camera::answer_of_lab("the rename", *services.lab.update_result);
         }
         return tell_refusal(services, "updating a preset", services.store.update(custom_id, server_id, title));
     });
@@ -147,9 +162,10 @@ int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) 
 
 int __ui_preset_delete_form_phone(int* flags) {
     return answer("__ui_preset_delete_form_phone", int{SM_RETURN_FAIL}, [&](Services& services) {
-        return tell_refusal(services, "deleting presets",
-                            services.store.remove(std::span<const int>(flags, SM_DELETE_FLAGS)),
-                            desk::camera::Told::nothing);
+        services.calls.linked = {services.store.linked(0), services.store.linked(1)};
+        services.calls.deletion = int{SM_RETURN_FAIL}; // unless the store comes to an answer
+        services.calls.deletion = services.store.remove(std::span<const int>(flags, SM_DELETE_FLAGS));
+        return tell_refusal(services, "deleting presets", *services.calls.deletion, desk::camera::Told::nothing);
     });
 }
 
@@ -158,7 +174,9 @@ int bt_send_msgs(bt_msg_info* message) {
         if (services.sends == nullptr) {
             throw std::logic_error("there is no link");
         }
-        services.sends->queue(desk::camera::reply_of(*message));
+        const std::span<const uint8_t> reply = desk::camera::reply_of(*message);
+        services.sends->queue(reply);
+        services.calls.reply = reply;
         return int{SM_RETURN_TRUE};
     });
 }

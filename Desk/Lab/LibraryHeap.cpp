@@ -48,6 +48,7 @@ struct Block {
 std::array<Block, 64> owned;
 size_t overrun_count = 0;
 int asked_count = 0;
+int refused_count = 0;
 int refuse_at = 0;
 size_t most_owned_bytes = 0;
 bool refuse_for_good = false;
@@ -90,7 +91,9 @@ bool is_library_code(const void* address) {
 
 bool is_refused() {
     ++asked_count;
-    return refuse_at > 0 && (asked_count == refuse_at || (refuse_for_good && asked_count > refuse_at));
+    const bool refused = refuse_at > 0 && (asked_count == refuse_at || (refuse_for_good && asked_count > refuse_at));
+    refused_count += refused ? 1 : 0;
+    return refused;
 }
 
 Block* find(const void* address) {
@@ -189,12 +192,17 @@ void* allocate(size_t size, const void* caller, bool cleared, Allocate plain) {
 
 void refuse(int n, bool for_good) {
     asked_count = 0;
+    refused_count = 0;
     refuse_at = n;
     refuse_for_good = for_good;
 }
 
 int asked() {
     return asked_count;
+}
+
+int refused() {
+    return refused_count;
 }
 
 void reset() {

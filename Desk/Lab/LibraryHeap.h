@@ -9,6 +9,7 @@ namespace library_heap {
 void refuse(int n, bool for_good); // the n-th allocation from now on, and with `for_good` all after it
 void reset();                      // refuses nothing, and counts anew
 int asked();                       // allocations asked for since `refuse` or `reset`
+int refused();                     // and those of them that were refused
 
 // The library's new blocks hold bytes that nobody would send, so that what the library does not write shows; at most so
 // many of a block when the time to fill a whole one counts.

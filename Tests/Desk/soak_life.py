@@ -102,11 +102,12 @@ class Life:
         has_store = os.path.exists(f"{self.store}/presets.sqlite")
         if self.dice.random() < 0.5 and not self.plan.call_fault and has_store:
             orphans = plant_orphans(self.store, self.dice, [preset.custom_id for preset in self.book.presets])
+        # What the store says must not be left out because there are too many lines: `listen` goes by it.
         fault, unread = self.plan.call_fault, self.plan.unread
         steering = fault.environment(self.store, self.report) if fault else {}
         camera = Camera(
-            self.store, "--empty", *self.plan.options, kind=self.plan.kind, environment={**ALLOCATOR, **steering},
-            errors=UnreadPipe(unread) if unread else None,
+            self.store, "--empty", "--quiet", *self.plan.options, kind=self.plan.kind,
+            environment={**ALLOCATOR, **steering}, errors=UnreadPipe(unread) if unread else None,
         )  # fmt: skip
         left = [name for name in orphans if name in pictures_of(self.store)]
         check("orphans of the store that a start has left", [], left)

@@ -7,6 +7,7 @@ import re
 import select
 import signal
 import socket
+import struct
 import subprocess
 import threading
 import time
@@ -15,9 +16,10 @@ import unicodedata
 import unittest
 
 from desk import (
-    CAMERA, FIRST_START, LIST, PATIENCE, DeskTest, Link, Stored, delete_request, list_reply,
-    environment_of_programs, phone_record, picture, request, run_camera, store_request, store_result,
-    update_request,
+    CAMERA, FIRST_START, LIST, LONGEST_REQUEST, PATIENCE, SILENCE, STATE_OFF, STATE_ON, STORE, DeskTest, Link,
+    Silent, Stored, delete_request, environment_of_programs, get, list_reply, phone_record, picture,
+    picture_request, request, run_camera, store_request, store_result, stored_picture, update_request,
+    what_a_phone_gets,
 )  # fmt: skip
 
 LINES_AT_ONCE, LINES_A_SECOND = 200, 50
@@ -29,6 +31,8 @@ PAIRS = 7499 if IS_SANITIZED else 74999  # as many as the longest request holds
 ERRORS = 2 * PAIRS  # of each pair that names no preset: an impossible number, and an unknown identity
 LONG_DELETE = delete_request(*[(50, 99999)] * PAIRS)
 HOSTILE = b"\x1b[31mred\x1b[0m \x9b32m\xc2\x9bbell\x07 \x1b]0;title\x07\r\x7f\xe2\x80\xae\nforged"
+TOLD = re.compile(r"^shotmentor-camera: \d\d:\d\d:\d\d (.*)$", re.MULTILINE)  # of requests
+LAB = re.compile(r"^shotmentor-camera: lab: (.*)$", re.MULTILINE)
 MISSING = re.compile(r"shotmentor-camera: (\d+) lines are missing here: (.*)")
 
 
@@ -106,7 +110,8 @@ class Readers(Talk):
             talk = read_all(read_end, 2.5)  # the camera tries again every second
             lines, missing = tally(talk)
             self.assertEqual(list(missing), ["nobody took them in time"])
-            self.assertEqual(len(lines) + sum(missing.values()), ERRORS + 2)  # the phone came, and used it
+            told = 4  # the phone came and used the feature, and what it asked for: a deletion and a list
+            self.assertEqual(len(lines) + sum(missing.values()), ERRORS + told)
             self.assertPrintable(talk)
         self.assertEndsInOrder(process)
 
@@ -194,7 +199,8 @@ class Budget(Talk):
             errors = [line for line in lines if line == "[ALG_SMM   ] SM_RETURN_STRUCT_ERR"]
             others = [line for line in lines if line.startswith("shotmentor-camera: ")]
             self.assertEqual(len(errors) + len(others), len(lines))
-            self.assertEqual(len(errors) + sum(missing.values()), ERRORS)
+            told = 2  # the phone came, and what it asked for
+            self.assertEqual(len(lines) + sum(missing.values()), ERRORS + told)
             self.assertLessEqual(len(lines), LINES_AT_ONCE + LINES_A_SECOND * seconds)
             self.assertGreaterEqual(len(lines), LINES_AT_ONCE - 1)
 
@@ -228,6 +234,308 @@ class Budget(Talk):
                 link.send(request(9999))
                 link.ask(request(LIST))
             self.assertIn("ADE_ShotMentor_Receive_Manager funcN=9999", camera.talk())
+
+
+class Requests(Talk):
+    """Each request has a line that says what was asked, about which preset, and what was answered."""
+
+    def setUp(self):
+        super().setUp()
+        self.titles = [get(record, "title").rstrip(b"\0").decode() for record in Stored(self.store).records]
+
+    def told(self, camera, count=1):
+        """The last lines about requests, without their time; so many at least have to come."""
+        end = time.monotonic() + PATIENCE
+        while len(lines := TOLD.findall(camera.talk())) < count and time.monotonic() < end:
+            time.sleep(0.02)
+        self.assertGreaterEqual(len(lines), count, camera.talk())
+        return lines[-count:]
+
+    def assertTold(self, data, *expected, options=(), is_answered=True):
+        """What a camera tells of these bytes of a phone."""
+        with self.camera(*options) as camera, camera.link() as link:
+            link.send(data)
+            if is_answered:
+                link.receive()
+            self.assertEqual(self.told(camera, len(expected)), list(expected))
+
+    def test_a_list_tells_how_many_presets_it_has(self):
+        self.assertTold(request(LIST), "list: 12 presets")
+
+    def test_a_list_of_one_preset_says_preset(self):
+        for _ in range(11):
+            run_camera(self.store, "remove", "0")
+        self.assertTold(request(LIST), "list: 1 preset")
+
+    def test_a_picture_tells_its_preset_and_its_bytes(self):
+        image = what_a_phone_gets(stored_picture(self.store, 2))
+        self.assertTold(picture_request(2), f'picture of "{self.titles[1]}" (id 2): {len(image)} bytes')
+
+    def test_a_picture_that_cannot_be_read_has_0_bytes(self):
+        os.unlink(os.path.join(self.store, "pictures", "2.jpg"))
+        self.assertTold(picture_request(2), f'picture of "{self.titles[1]}" (id 2): 0 bytes')
+
+    def test_a_picture_of_a_preset_that_is_not_there_has_no_reply(self):
+        self.assertTold(picture_request(99), "picture of id 99: no reply, there is no such preset", is_answered=False)
+
+    def test_a_picture_of_an_id_that_no_preset_can_have_has_no_reply(self):
+        self.assertTold(picture_request(0), "picture of id 0: no reply, ids are above 0", is_answered=False)
+
+    def test_a_store_tells_the_title_the_picture_and_where_the_preset_is(self):
+        data = store_request(phone_record(b"My own dusk"), picture(1, 500))
+        self.assertTold(data, 'store "My own dusk", picture of 500 bytes: preset 12, id 13')
+
+    def test_a_store_in_pieces_tells_the_same_wherever_it_is_cut(self):
+        data = store_request(phone_record(b"My own dusk"), picture(1, 500))
+        for cut in (8, 9, 30, 751, 752, len(data) - 1):
+            with self.subTest(cut=cut), self.camera() as camera, camera.link() as link:
+                link.send(data, [cut])
+                number, custom_id = store_result(link.receive())[1:3]
+                self.assertEqual(
+                    self.told(camera), [f'store "My own dusk", picture of 500 bytes: preset {number}, id {custom_id}']
+                )
+
+    def test_a_store_that_is_refused_tells_the_number_that_the_phone_got(self):
+        self.assertTold(
+            store_request(phone_record(b"Dusk"), picture(1)),
+            'store "Dusk", picture of 400 bytes: refused with -5',
+            options=("--save-result", -5),
+        )
+
+    def test_a_store_without_a_whole_record_has_no_title(self):
+        self.assertTold(request(STORE, bytes(743)), "store of 751 bytes: refused with -4")
+
+    def test_a_rename_tells_the_id_and_the_new_title(self):
+        self.assertTold(update_request(2, 0, b"Dusk"), 'rename id 2 to "Dusk": done')
+
+    def test_a_rename_that_is_refused_tells_the_number_that_the_phone_got(self):
+        self.assertTold(update_request(99, 0, b"Dusk"), 'rename id 99 to "Dusk": refused with -6')
+
+    def test_a_title_that_would_forge_a_line_does_not(self):
+        marked = "\N{REPLACEMENT CHARACTER}"
+        self.assertTold(update_request(2, 0, b"a\n\x1b[31mb"), f'rename id 2 to "a{marked}{marked}[31mb": done')
+
+    def test_a_deletion_tells_how_many_were_asked_for_and_how_many_are_left(self):
+        self.assertTold(delete_request((6, 7), (7, 8), (8, 9)), "delete 3 presets: done, 9 left")
+
+    def test_a_deletion_tells_what_was_kept_and_for_which_custom_mode(self):
+        run_camera(self.store, "unlink", "CUSTOM1")
+        run_camera(self.store, "link", "CUSTOM2", 3)
+        self.assertTold(
+            delete_request((2, 3), (3, 4)),
+            f'delete 2 presets: kept "{self.titles[3]}", which CUSTOM2 uses, 11 left',
+        )
+
+    def test_a_deletion_does_not_tell_of_a_custom_mode_whose_preset_was_not_named(self):
+        run_camera(self.store, "link", "CUSTOM1", 5)
+        run_camera(self.store, "link", "CUSTOM2", 3)
+        self.assertTold(
+            delete_request((5, 6)), f'delete 1 preset: kept "{self.titles[5]}", which CUSTOM1 uses, 12 left'
+        )
+
+    def test_a_deletion_tells_what_both_custom_modes_kept(self):
+        run_camera(self.store, "link", "CUSTOM1", 5)
+        run_camera(self.store, "link", "CUSTOM2", 3)
+        self.assertTold(
+            delete_request((3, 4), (5, 6)),
+            f'delete 2 presets: kept "{self.titles[5]}", which CUSTOM1 uses, and "{self.titles[3]}", '
+            "which CUSTOM2 uses, 12 left",
+        )
+
+    def test_a_deletion_with_a_faulty_entry_is_refused(self):
+        self.assertTold(delete_request((3, 999)), "delete 1 preset: refused with -3")
+
+    def test_leaving_tells_the_code_of_the_phone(self):
+        self.assertTold(request(STATE_OFF, struct.pack("<i", -11)), "leave, code -11", is_answered=False)
+
+    def test_leaving_without_a_code_is_told(self):
+        self.assertTold(request(STATE_OFF), "leave without a code", is_answered=False)
+
+    def test_link_state_on_is_told(self):
+        self.assertTold(request(STATE_ON), "link state on", is_answered=False)
+
+    def test_an_unknown_function_has_no_reply(self):
+        for function in (6, 256, 9999, -1):
+            with self.subTest(function=function):
+                self.assertTold(
+                    request(function, b"abc"),
+                    f"function {function} of 11 bytes: no reply, there is no such function",
+                    is_answered=False,
+                )
+
+    def test_a_negative_length_has_no_reply(self):
+        self.assertTold(
+            struct.pack("<ii", LIST, -5), "list of -5 bytes: no reply, its length is negative", is_answered=False
+        )
+
+    def test_a_request_that_is_too_long_has_no_reply(self):
+        self.assertTold(
+            request(STORE, bytes(LONGEST_REQUEST)),
+            "store of 600008 bytes: no reply, a request has at most 600000 bytes",
+            is_answered=False,
+        )
+
+    def test_a_list_while_the_link_state_is_down_has_no_reply(self):
+        self.assertTold(
+            request(LIST), "list: no reply, the link state is down", options=("--link-down",), is_answered=False
+        )
+
+    def test_a_request_without_memory_for_its_reply_says_what_became_of_it(self):
+        # The first allocation is the request's own; a rename's second one is its reply.
+        self.assertTold(
+            update_request(2, 0, b"Dusk"),
+            'rename id 2 to "Dusk": done, but no reply, there was no memory for it',
+            options=("--refuse-allocation", 2),
+            is_answered=False,
+        )
+
+    def test_a_request_that_there_is_no_memory_for_is_told_when_the_phone_leaves(self):
+        with self.camera("--refuse-allocation", 1) as camera:
+            with camera.link() as link:
+                link.send(request(LIST))
+            self.assertEqual(self.told(camera), ["list of 8 bytes: no reply, there was no memory for the request"])
+
+    def test_a_request_that_is_cut_off_tells_how_far_it_came(self):
+        data = store_request(phone_record(), picture(1, 500))
+        with self.camera() as camera:
+            with camera.link() as link:
+                link.send(data[:400], [30])
+            self.assertEqual(self.told(camera), ["store cut off: 400 of 1252 bytes"])
+
+    def test_a_header_that_is_cut_off_is_told_in_bytes(self):
+        with self.camera(kind="tcp") as camera:
+            with camera.link() as link:
+                link.send(request(LIST)[:5])
+            self.assertEqual(self.told(camera), ["5 bytes cut off before a request was read of them"])
+
+    def test_more_bytes_than_announced_are_told_when_the_phone_leaves(self):
+        with self.camera() as camera:
+            with camera.link() as link:
+                link.send(request(LIST) + b"more")
+            self.assertEqual(self.told(camera), ["list: no reply, 12 came of 8 bytes"])
+
+    def test_each_line_has_the_local_time(self):
+        zone = {"TZ": "XXX-14"}  # 14 hours ahead of UTC
+        with self.camera(environment=zone) as camera:
+            before = int(time.time())
+            camera.ask(request(LIST))
+            after = int(time.time())
+            told = re.search(r"shotmentor-camera: (\S+) list: 12 presets\n", camera.talk())[1]
+        shown = [time.strftime("%H:%M:%S", time.gmtime(t + 14 * 3600)) for t in range(before, after + 1)]
+        self.assertIn(told, shown)
+
+    def test_a_request_that_takes_more_than_a_moment_tells_how_long(self):
+        data = update_request(2, 0, b"Dusk")
+        with self.camera() as camera, camera.link() as link:
+            link.send(data[:100])
+            time.sleep(0.3)
+            link.send(data[100:])
+            link.receive()
+            told = re.fullmatch(r'rename id 2 to "Dusk": done \((\d+) ms\)', self.told(camera)[0])
+            self.assertGreaterEqual(int(told[1]), 290)
+
+    def test_a_quiet_camera_tells_of_no_request_but_of_phones(self):
+        with self.camera("--quiet") as camera:
+            with camera.link() as link:
+                link.ask(request(LIST))
+                link.send(request(STORE, bytes(900))[:400])
+            end = time.monotonic() + PATIENCE
+            while "the phone left" not in camera.talk() and time.monotonic() < end:
+                time.sleep(0.02)
+            camera.link().close()  # taken in when all is said of the first phone
+            self.assertIn("shotmentor-camera: a phone connected\n", camera.talk())
+            self.assertEqual(TOLD.findall(camera.talk()), [])
+
+
+class Lab(Talk):
+    """Each fault that the camera was asked for is announced at the start, and told when it strikes."""
+
+    def lab(self, camera, count):
+        """What was told of the lab; so many lines have to come."""
+        end = time.monotonic() + PATIENCE
+        while len(lines := LAB.findall(camera.talk())) < count and time.monotonic() < end:
+            time.sleep(0.02)
+        return lines
+
+    def assertLab(self, options, requests, *expected):
+        """What a camera with these faults tells of its lab when a phone asks for this."""
+        with self.camera(*options) as camera, camera.link() as link:
+            for data in requests:
+                link.send(data)
+                with contextlib.suppress(Silent):
+                    link.receive(SILENCE)
+            self.assertEqual(self.lab(camera, len(expected)), list(expected))
+
+    def test_a_camera_without_faults_tells_of_no_lab(self):
+        self.assertLab((), [request(LIST)])
+
+    def test_sends_that_are_not_confirmed_are_told_by_their_number(self):
+        self.assertLab(
+            ("--drop-confirmations", 3),
+            [request(LIST)] * 7,
+            "every 3rd send is not confirmed",
+            "send 3 is not confirmed",
+            "send 6 is not confirmed",
+        )
+
+    def test_a_camera_that_confirms_no_send_says_so(self):
+        self.assertLab(("--drop-confirmations", 1), [request(LIST)], "no send is confirmed", "send 1 is not confirmed")
+
+    def test_numbers_are_announced_as_they_are_spoken(self):
+        for number, spoken in ((2, "2nd"), (4, "4th"), (11, "11th"), (12, "12th"), (13, "13th"), (22, "22nd")):
+            with self.subTest(number=number):
+                self.assertLab(("--drop-confirmations", number), [], f"every {spoken} send is not confirmed")
+
+    def test_late_confirmations_are_told_with_their_delay(self):
+        self.assertLab(
+            ("--confirm-delay", 20),
+            [request(LIST)],
+            "each send is confirmed after 20 ms",
+            "send 1 is confirmed in 20 ms",
+        )
+
+    def test_a_link_state_that_is_down_is_told_when_a_phone_asks_for_the_list(self):
+        self.assertLab(
+            ("--link-down",),
+            [request(LIST)],
+            "the link state is reported as down",
+            "the link state was reported as down",
+        )
+
+    def test_a_result_in_place_of_storing_is_told(self):
+        self.assertLab(
+            ("--save-result", 1),
+            [store_request(phone_record(), picture(1))],
+            "each store is answered with 1, and nothing is stored",
+            "the store is answered with 1, and nothing was done",
+        )
+
+    def test_a_result_in_place_of_renaming_is_told(self):
+        self.assertLab(
+            ("--update-result", -3),
+            [update_request(2, 0, b"Dusk")],
+            "each rename is answered with -3, and nothing is changed",
+            "the rename is answered with -3, and nothing was done",
+        )
+
+    def test_an_allocation_that_is_refused_is_told(self):
+        self.assertLab(
+            ("--refuse-allocation", 2),
+            [request(LIST), request(LIST)],
+            "the library's 2nd allocation is refused",
+            "the library's 2nd allocation was refused",
+        )
+
+    def test_allocations_that_are_all_refused_are_told_one_by_one(self):
+        # A rename has two: its own, and that of its reply.
+        with self.camera("--refuse-allocation", "2+") as camera:
+            with camera.link() as link:
+                link.send(update_request(2, 0, b"Dusk"))
+            with camera.link() as link:
+                link.send(update_request(2, 0, b"Dusk"))
+            told = self.lab(camera, 3)
+        self.assertEqual(told[0], "the library's 2nd allocation is refused, and all from then on")
+        self.assertEqual(told[1:], [f"the library's {n} allocation was refused" for n in ("2nd", "3rd")])
 
 
 class Characters(Talk):

@@ -1,0 +1,36 @@
+// A request and what came of it, in one line.
+#pragma once
+
+#include <array>
+#include <bitset>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "ADE_ShotMentor_Records.h"
+
+namespace desk::camera {
+
+class Services;
+
+// A request that the library has done with. The services know what they were called for.
+struct DoneRequest {
+    int32_t function = 0;
+    int32_t total = 0;
+    int result = 0; // the entry's
+    // The start of its payload, with zeros behind the request's end, as for the library.
+    std::array<uint8_t, sizeof(sm_tag_custom_info)> start{};
+    std::bitset<SM_PRESET_LIMIT> named; // the preset numbers that a deletion names
+};
+
+size_t payload_size(const DoneRequest& request);
+
+std::string line_of(const DoneRequest& request, const Services& services);
+
+// "list", "store": what a phone asks for with this function number.
+std::string name_of_function(int32_t function);
+
+// "1 preset", "12 presets".
+std::string counted(size_t count, const char* what);
+
+} // namespace desk::camera

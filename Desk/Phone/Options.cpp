@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
-#include <limits>
+#include <set>
 
 #include "ADE_ShotMentor_Records.h"
 #include "ADE_ShotMentor_Version.h"
@@ -12,6 +12,7 @@
 #include "Common/Text.h"
 #include "Manual.h"
 #include "Output.h"
+#include "PresetNames.h"
 
 namespace desk::phone {
 namespace {
@@ -26,17 +27,13 @@ struct Arguments {
     Options options;
     std::string url;
     double timeout_seconds = 5;
-    int number = 0;
+    std::set<std::string> words; // of the command line, as they were given
 };
 
 // A check that does not show in the help: its bounds are no news to anybody there.
 template<typename Number>
 CLI::Validator between(Number least, Number most) {
     return CLI::Range(least, most).description("");
-}
-
-CLI::Validator number_range() {
-    return between(0, std::numeric_limits<int>::max());
 }
 
 void add_common_options(CLI::App& app, Arguments& arguments) {
@@ -61,27 +58,39 @@ CLI::App* add_command(CLI::App& app, Options& options, Options::Command command,
     return added;
 }
 
+// The presets that a command is about. Where it takes several, CLI11 reads [a,b] as two words: nobody has meant those.
+CLI::Option* add_presets(CLI::App* command, Arguments& arguments) {
+    const auto take = [&arguments](const CLI::results_t& names) {
+        for (const std::string& name : names) {
+            if (!arguments.words.contains(name)) {
+                throw CLI::ValidationError("PRESET", "a title in brackets cannot be given: write number or id:ID");
+            }
+        }
+        arguments.options.presets = names;
+        return true;
+    };
+    return command->add_option("PRESET", take, "number, id:ID or title")
+        ->required()
+        ->check(CLI::Validator(fault_of_name, ""))
+        ->type_name("");
+}
+
 void add_reading_commands(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
     CLI::App* list = add_command(app, options, Options::Command::list, "list", "list all presets, one line each");
     list->add_flag("--pictures", options.with_pictures, "draw the presets' pictures, too");
 
-    CLI::App* show = add_command(app, options, Options::Command::show, "show", "print one preset in full");
-    show->add_option("NUMBER", arguments.number, "the preset's number")
-        ->required()
-        ->check(number_range())
-        ->type_name("");
-    show->add_flag("--picture", options.with_pictures, "draw the preset's picture, too");
+    CLI::App* show = add_command(app, options, Options::Command::show, "show", "print presets in full");
+    add_presets(show, arguments)->expected(1, -1)->allow_extra_args();
+    show->add_flag("--picture", options.with_pictures, "draw each preset's picture, too");
 
     CLI::App* picture = add_command(app, options, Options::Command::picture, "picture", "save a preset's picture");
-    picture->add_option("NUMBER", arguments.number, "the preset's number")
-        ->required()
-        ->check(number_range())
-        ->type_name("");
+    add_presets(picture, arguments);
     picture->add_option("-o,--output", options.output_file, "where to")->required()->type_name("FILE");
 }
 
-void add_changing_commands(CLI::App& app, Options& options) {
+void add_changing_commands(CLI::App& app, Arguments& arguments) {
+    Options& options = arguments.options;
     CLI::App* store =
         add_command(app, options, Options::Command::store, "store", "store a preset, and print its number and id");
     store->add_option("PRESET.json", options.preset_file, "what --json show prints")->required()->type_name("");
@@ -89,15 +98,13 @@ void add_changing_commands(CLI::App& app, Options& options) {
 
     CLI::App* rename =
         add_command(app, options, Options::Command::rename, "rename", "change title and server identity of a preset");
-    rename->add_option("ID", options.custom_id, "the preset's custom_id")->required()->type_name("");
+    add_presets(rename, arguments);
     rename->add_option("TITLE", options.title, "at most 51 bytes of UTF-8")->required()->type_name("");
     rename->add_option("--server-id", options.server_id, "as it is unless given")->type_name("N");
 
     CLI::App* remove = add_command(app, options, Options::Command::remove, "delete", "delete presets in one request");
-    remove->add_option("NUMBER", options.numbers, "the presets' numbers")
-        ->required()
-        ->check(number_range())
-        ->type_name("");
+    add_presets(remove, arguments)->expected(1, -1)->allow_extra_args();
+    remove->add_flag("--dry-run", options.dry_run, "only say what would be deleted");
 
     CLI::App* leave =
         add_command(app, options, Options::Command::leave, "leave", "tell the camera that the phone leaves");
@@ -134,9 +141,6 @@ Options options_from(Arguments& arguments) {
         options.camera = endpoint_of(arguments.url);
     }
     options.timeout = std::chrono::milliseconds(std::llround(std::ceil(arguments.timeout_seconds * 1000)));
-    if (options.command == Options::Command::show || options.command == Options::Command::picture) {
-        options.numbers = {arguments.number};
-    }
     return options;
 }
 
@@ -155,6 +159,7 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
 
 std::optional<Options> options_of(int argc, char** argv) {
     Arguments arguments;
+    arguments.words.insert(argv, argv + argc);
     CLI::App app("Reads and changes the shooting presets of a camera.", "shotmentor-phone");
     app.footer(command_line::footer_of(manual()));
     app.set_version_flag("--version", SHOTMENTOR_VERSION);
@@ -162,7 +167,7 @@ std::optional<Options> options_of(int argc, char** argv) {
     app.require_subcommand(1);
     add_common_options(app, arguments);
     add_reading_commands(app, arguments);
-    add_changing_commands(app, arguments.options);
+    add_changing_commands(app, arguments);
     add_checking_command(app, arguments.options);
     command_line::add_reference(app, manual());
     try {

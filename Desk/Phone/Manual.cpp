@@ -31,7 +31,8 @@ command_line::Manual manual() {
                      {"Try all that a phone may send, and report it to a build server:",
                       "shotmentor-phone --connect tcp:localhost:7700 check --junit check.xml"}},
         .exit_codes = command_line::exit_codes_of_phone(),
-        .environment = {{"NO_COLOR", "when it is not empty, no picture is drawn"}},
+        .environment = {{"SHOTMENTOR_CONNECT", "the URL of the camera's link where --connect is not given"},
+                        {"NO_COLOR", "when it is not empty, no picture is drawn"}},
         .see_also = "shotmentor-camera",
     };
 }

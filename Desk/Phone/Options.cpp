@@ -21,6 +21,7 @@ constexpr double shortest_timeout = 0.001;
 constexpr double longest_timeout = 86400; // a day; more is a slip of the hand
 constexpr size_t largest_mtu = SM_REQUEST_LIMIT;
 constexpr size_t largest_width = 100000;
+constexpr const char* connect_variable = "SHOTMENTOR_CONNECT";
 
 // What CLI11 fills before it is turned into options.
 struct Arguments {
@@ -38,7 +39,10 @@ CLI::Validator between(Number least, Number most) {
 
 void add_common_options(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
-    app.add_option("--connect", arguments.url, "the camera's link")->required()->type_name("URL");
+    app.add_option("--connect", arguments.url, "the camera's link")
+        ->required()
+        ->envname(connect_variable)
+        ->type_name("URL");
     app.add_option("--timeout", arguments.timeout_seconds, "how long to wait for an answer, 5 unless given")
         ->check(between(shortest_timeout, longest_timeout))
         ->type_name("SECONDS");
@@ -127,28 +131,42 @@ void add_checking_command(CLI::App& app, Options& options) {
     check->add_flag("--list-checks", options.list_checks, "print the id of each check and what must hold, and end");
 }
 
-Endpoint endpoint_of(const std::string& url) {
+bool is_from_environment(const Arguments& arguments) {
+    return std::none_of(arguments.words.begin(), arguments.words.end(),
+                        [](const std::string& word) { return word.starts_with("--connect"); });
+}
+
+Endpoint endpoint_of(const Arguments& arguments) {
     try {
-        return parse_endpoint(url);
+        return parse_endpoint(arguments.url);
     } catch (const Failure& failure) {
-        throw Failure(failure.code(), printable(failure.what())); // one line, whatever the URL holds
+        const std::string origin = is_from_environment(arguments) ? fmt::format("{}: ", connect_variable) : "";
+        throw Failure(failure.code(), origin + printable(failure.what())); // one line, whatever the URL holds
     }
 }
 
 Options options_from(Arguments& arguments) {
     Options& options = arguments.options;
     if (!options.list_checks) {
-        options.camera = endpoint_of(arguments.url);
+        options.camera = endpoint_of(arguments);
     }
     options.timeout = std::chrono::milliseconds(std::llround(std::ceil(arguments.timeout_seconds * 1000)));
     return options;
 }
 
 Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
-    if (app.get_subcommands().empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
+    const bool lacks_something = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
+    const CLI::Option* connect = app.get_option("--connect");
+    if (lacks_something && app.get_subcommands().empty()) {
         return {exit_usage,
-                "--connect URL and a command are needed: list, show, picture, store, rename, delete, leave or check; "
-                "see shotmentor-phone --help"};
+                fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
+                            "picture, store, rename, delete, leave or check; see shotmentor-phone --help",
+                            connect_variable)};
+    }
+    if (lacks_something && connect->get_required() && connect->empty()) {
+        return {exit_usage,
+                fmt::format("--connect URL is needed, or {} in the environment; see shotmentor-phone --help",
+                            connect_variable)};
     }
     std::string line = error.what();
     std::replace(line.begin(), line.end(), '\n', ' ');

@@ -10,7 +10,7 @@ import unittest
 
 from desk import (
     BUSY_FRAME, DELETE, LIST, OPTIONAL_NAMES, PATIENCE, PHONE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY,
-    STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, delete_reply, get,
+    STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, delete_reply, environment_of_programs, get,
     list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
     stored_picture, what_a_phone_gets,
 )  # fmt: skip
@@ -601,6 +601,68 @@ class AgainstCamerasThatBreakTheRules(DeskTest):
         self.assertEnds(done, 0)
         for command in ("list", "show", "picture", "store", "rename", "delete", "leave"):
             self.assertIn(command, done.stdout.decode())
+
+
+class Connecting(DeskTest):
+    """SHOTMENTOR_CONNECT stands for --connect."""
+
+    NOWHERE = "unix:/nowhere.sock"
+
+    def phone(self, *arguments, connect=None):
+        environment = environment_of_programs(**({} if connect is None else {"SHOTMENTOR_CONNECT": connect}))
+        return subprocess.run(
+            [PHONE, *arguments], stdin=subprocess.DEVNULL, capture_output=True, timeout=PATIENCE, env=environment
+        )
+
+    def assertUsage(self, done, *parts):
+        self.assertEnds(done, 2)
+        self.assertEqual(done.stdout, b"")
+        self.assertEqual(done.stderr.count(b"\n"), 1)
+        for part in parts:
+            self.assertIn(part, done.stderr.decode())
+
+    def assertLists(self, *arguments, **more):
+        """Lists the presets of a camera, whose URL is put in the place of HERE."""
+        records = [phone_record(b"Here", custom_id=3)]
+        with FakeCamera(self.folder, lambda *_: list_reply(records)) as camera:
+            given = [word.replace("HERE", camera.url) for word in arguments]
+            done = self.phone("--json", "list", *given, **{k: v.replace("HERE", camera.url) for k, v in more.items()})
+        self.assertEnds(done, 0)
+        self.assertEqual(json.loads(done.stdout)["presets"], [record_to_json(record) for record in records])
+
+    def test_the_environment_names_the_camera_where_the_option_does_not(self):
+        self.assertLists(connect="HERE")
+
+    def test_the_option_wins_over_the_environment(self):
+        self.assertLists("--connect", "HERE", connect=self.NOWHERE)
+        self.assertLists("--connect=HERE", connect="no URL")
+        self.assertUsage(self.phone("--connect", "", "list", connect=self.NOWHERE))
+
+    def test_without_either_the_error_names_both(self):
+        for environment in ({}, {"connect": ""}):
+            for arguments in ((), ("list",), ("show", "1"), ("show",)):
+                with self.subTest(arguments=arguments, environment=environment):
+                    self.assertUsage(self.phone(*arguments, **environment), "--connect", "SHOTMENTOR_CONNECT")
+
+    def test_an_environment_that_names_no_link_is_named(self):
+        self.assertUsage(self.phone("list", connect="smoke:signal"), "SHOTMENTOR_CONNECT", "smoke:signal")
+        for arguments in (("--connect", "smoke:signal"), ("--connect=smoke:signal",)):
+            done = self.phone("list", *arguments, connect=self.NOWHERE)
+            self.assertUsage(done, "smoke:signal")
+            self.assertNotIn(b"SHOTMENTOR_CONNECT", done.stderr)
+
+    def test_a_camera_of_the_environment_that_is_not_there_cannot_be_connected_to(self):
+        self.assertEnds(self.phone("list", connect=self.NOWHERE), 3)
+
+    def test_what_needs_no_camera_takes_no_notice_of_the_environment(self):
+        for arguments in (("--help",), ("--version",), ("check", "--list-checks")):
+            done = self.phone(*arguments, connect="smoke:signal")
+            self.assertEnds(done, 0)
+            self.assertEqual(done.stdout, self.phone(*arguments).stdout)
+
+    def test_the_man_page_names_the_variable(self):
+        page = self.phone("--reference", "man").stdout.decode()
+        self.assertIn("SHOTMENTOR_CONNECT", page[page.index(".SH ENVIRONMENT") : page.index(".SH EXIT STATUS")])
 
 
 class Output(DeskTest):

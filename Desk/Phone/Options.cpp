@@ -8,6 +8,7 @@
 
 #include "ADE_ShotMentor_Records.h"
 #include "ADE_ShotMentor_Version.h"
+#include "CommandLine/Nearest.h"
 #include "CommandLine/Reference.h"
 #include "Common/Text.h"
 #include "Manual.h"
@@ -154,7 +155,56 @@ Options options_from(Arguments& arguments) {
     return options;
 }
 
+// The options that may stand here: the tool's, and those of the command where one is given.
+std::vector<std::string> option_names(const command_line::Table& table, const CLI::App& app) {
+    std::vector<command_line::Entry> options = table.tool.options;
+    for (const command_line::Command& command : table.commands) {
+        if (app.got_subcommand(command.name)) {
+            options.insert(options.end(), command.options.begin(), command.options.end());
+        }
+    }
+    std::vector<std::string> names;
+    for (const command_line::Entry& option : options) {
+        names.insert(names.end(), option.names.begin(), option.names.end());
+    }
+    return names;
+}
+
+std::vector<std::string> command_names(const command_line::Table& table) {
+    std::vector<std::string> names;
+    for (const command_line::Command& command : table.commands) {
+        names.push_back(command.name);
+    }
+    return names;
+}
+
+Failure unknown_failure(const char* kind, const std::string& word, const std::vector<std::string>& names) {
+    const std::optional<std::string> meant = command_line::nearest(word, names);
+    const std::string hint = meant ? fmt::format("did you mean {}? See", *meant) : "see";
+    return {exit_usage, fmt::format("there is no {} {}; {} shotmentor-phone --help", kind, printable(word), hint)};
+}
+
+// The first word that is no option or command, where that is what is wrong. Behind -- stand no options.
+std::optional<Failure> unknown_word_failure(const CLI::App& app) {
+    const std::vector<std::string> words = app.remaining(true);
+    if (words.empty() || std::find(words.begin(), words.end(), "--") != words.end()) {
+        return std::nullopt;
+    }
+    const command_line::Table table = command_line::table_of(app);
+    const std::string word = words.front().substr(0, words.front().find('='));
+    if (word.starts_with('-')) {
+        return unknown_failure("option", word, option_names(table, app));
+    }
+    if (app.get_subcommands().empty()) {
+        return unknown_failure("command", word, command_names(table));
+    }
+    return std::nullopt;
+}
+
 Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
+    if (const std::optional<Failure> failure = unknown_word_failure(app)) {
+        return *failure;
+    }
     const bool lacks_something = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
     const CLI::Option* connect = app.get_option("--connect");
     if (lacks_something && app.get_subcommands().empty()) {

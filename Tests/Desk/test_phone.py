@@ -603,6 +603,52 @@ class AgainstCamerasThatBreakTheRules(DeskTest):
             self.assertIn(command, done.stdout.decode())
 
 
+class Mistyped(DeskTest):
+    """A command or an option that there is not is answered with the one that was probably meant."""
+
+    def talk_of(self, *arguments):
+        done = run_phone("unix:/nowhere.sock", *arguments)
+        self.assertEnds(done, 2)
+        self.assertEqual(done.stdout, b"")
+        self.assertEqual(done.stderr.count(b"\n"), 1)
+        return done.stderr.decode()
+
+    def assertMeant(self, meant, word, *arguments):
+        with self.subTest(arguments=arguments):
+            self.assertIn(f" {word}; did you mean {meant}?", self.talk_of(*arguments))
+
+    def test_commands(self):
+        for meant, words in {
+            "list": ("lst", "lits", "List", "liste"), "show": ("shwo", "sho"), "rename": ("renmae", "renam"),
+            "delete": ("deletee", "dleete"), "picture": ("pictures",),
+        }.items():  # fmt: skip
+            for word in words:
+                self.assertMeant(meant, word, word)
+                self.assertMeant(meant, word, word, 1, "--json")
+
+    def test_options_of_the_phone(self):
+        self.assertMeant("--json", "--jsno", "--jsno", "list")
+        self.assertMeant("--json", "--jsno", "list", "--jsno")
+        self.assertMeant("--timeout", "--timout", "--timout", 5, "list")
+        self.assertMeant("--timeout", "--timout", "--timout=5", "list")
+
+    def test_options_of_a_command(self):
+        self.assertMeant("--pictures", "--pictuers", "list", "--pictuers")
+        self.assertMeant("--picture", "--pictures", "show", 1, "--pictures")
+        self.assertMeant("--dry-run", "--dryrun", "delete", 1, "--dryrun")
+
+    def test_an_option_of_another_command_is_not_offered(self):
+        self.assertNotIn("did you mean", self.talk_of("list", "--dry-rnu"))
+
+    def test_what_is_like_nothing_is_named_alone(self):
+        for word in ("dance", "x", "--nonsense", "-x", "\N{BLACK STAR}"):
+            talk = self.talk_of(word, "list") if word.startswith("-") else self.talk_of(word)
+            self.assertIn(f" {word}; see shotmentor-phone --help", talk)
+
+    def test_names_of_presets_are_no_options(self):
+        self.assertNotIn("did you mean", self.talk_of("picture", "--", "--jsno", "--jsno"))
+
+
 class Connecting(DeskTest):
     """SHOTMENTOR_CONNECT stands for --connect."""
 

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <glib.h>
 #include <nlohmann/json.hpp>
+#include <string_view>
 #include <unistd.h>
 
 #include "CameraClient.h"
@@ -43,6 +44,13 @@ size_t width_of_lines(const Options& options) {
     return options.width || output_is_terminal() ? width_of(options) : 0;
 }
 
+// Talk that is no error.
+void mention(const Options& options, std::string_view line) {
+    if (!options.quiet) {
+        say(line);
+    }
+}
+
 // Says what else than success the camera answered. Returns the exit code.
 int report_result(int32_t result) {
     if (result != SM_RETURN_TRUE) {
@@ -62,7 +70,7 @@ bool draws_pictures(const Options& options) {
     const std::optional<std::string> reason =
         options.json ? std::optional<std::string>("JSON is wanted") : why_not_drawn();
     if (reason) {
-        say(fmt::format("pictures are not drawn: {}", *reason));
+        mention(options, fmt::format("pictures are not drawn: {}", *reason));
     }
     return !reason;
 }
@@ -97,7 +105,7 @@ int list(const Options& options) {
     }
     print(table(rows_of(reply.presets, options.raw), width_of(options)));
     if (reply.presets.empty()) {
-        say("the camera holds no presets");
+        mention(options, "the camera holds no presets");
     }
     if (draws) {
         print_pictures(camera, options, reply.presets);
@@ -148,7 +156,7 @@ int save_picture(const Options& options) {
     if (options.json) {
         print_json({{"custom_id", preset.custom_id}, {"bytes", picture.size()}, {"file", options.output_file}});
     } else {
-        say(fmt::format("{} bytes saved in {}", picture.size(), options.output_file));
+        mention(options, fmt::format("{} bytes saved in {}", picture.size(), options.output_file));
     }
     return exit_done;
 }
@@ -210,7 +218,7 @@ int rename_preset(const Options& options) {
     if (options.json) {
         print_json({{"result", result}});
     } else if (result == SM_RETURN_TRUE) {
-        say(fmt::format("{} is now \"{}\"", reference_to(old), title_text(changed)));
+        mention(options, fmt::format("{} is now \"{}\"", reference_to(old), title_text(changed)));
     }
     return report_result(result);
 }
@@ -261,7 +269,7 @@ int delete_presets(const Options& options) {
 
 int leave(const Options& options) {
     CameraClient(options).leave(options.code);
-    say(fmt::format("the camera was told that the phone leaves, with code {}", options.code));
+    mention(options, fmt::format("the camera was told that the phone leaves, with code {}", options.code));
     return exit_done;
 }
 

@@ -49,6 +49,8 @@ void add_common_options(CLI::App& app, Arguments& arguments) {
         ->type_name("SECONDS");
     app.add_flag("--json", options.json, "data as JSON");
     app.add_flag("--raw", options.raw, "the codes as they travel");
+    CLI::Option* quiet = app.add_flag("--quiet", options.quiet, "say nothing but errors, and draw no progress");
+    app.add_flag("--verbose", options.verbose, "tell of each request and reply, with time and bytes")->excludes(quiet);
     app.add_option("--mtu", options.mtu, "largest packet that is sent, 4096 unless given")
         ->check(between(size_t{1}, largest_mtu))
         ->type_name("BYTES");

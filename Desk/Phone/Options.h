@@ -19,6 +19,8 @@ struct Options {
     size_t mtu = 4096;
     bool json = false;
     bool raw = false;
+    bool quiet = false;          // no talk but errors
+    bool verbose = false;        // tells of each request and reply
     std::optional<size_t> width; // 0: no limit
 
     Command command = Command::list;

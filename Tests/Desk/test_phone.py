@@ -711,6 +711,97 @@ class Connecting(DeskTest):
         self.assertIn("SHOTMENTOR_CONNECT", page[page.index(".SH ENVIRONMENT") : page.index(".SH EXIT STATUS")])
 
 
+class Talking(DeskTest):
+    """--quiet leaves only errors on standard error, --verbose adds a line for each request and each reply."""
+
+    ANSWERS = {
+        LIST: list_reply([phone_record(b"Dusk", custom_id=3)]),
+        PICTURE: request(REPLY + PICTURE, struct.pack("<i", 3) + picture(1)),
+        STORE: request(REPLY + STORE, struct.pack("<iiii", 1, 1, 4, 0)),
+        UPDATE: request(REPLY + UPDATE, struct.pack("<i", 1)),
+        DELETE: delete_reply(1, []),
+    }
+
+    def setUp(self):
+        super().setUp()
+        self.target = os.path.join(self.folder, "saved.jpg")
+
+    def phone(self, *arguments, code=0, answers=ANSWERS):
+        with FakeCamera(self.folder, lambda function, _: answers[function]) as camera:
+            done = run_phone(camera.url, *arguments)
+        self.assertEnds(done, code)
+        return done
+
+    def traffic(self, *arguments, **more):
+        """What --verbose tells: `request` or `reply`, number, command and bytes of each, in order of time."""
+        lines = self.phone("--verbose", *arguments, **more).stderr.decode().splitlines()
+        line = re.compile(r"(\d+\.\d{3}) s: (request|reply) (0x[0-9a-f]+) \((\w+)\), (\d+) bytes")
+        found = [match.groups() for match in map(line.fullmatch, lines) if match]
+        times = [float(time) for time, *_ in found]
+        self.assertEqual(times, sorted(times))
+        self.assertLess(times[-1], PATIENCE)
+        return [(what, int(number, 16), name, int(size)) for _, what, number, name, size in found]
+
+    def test_quiet_commands_say_nothing_and_print_the_same_data(self):
+        for arguments in (
+            ("list", "--pictures"), ("show", 0, "--picture"), ("picture", 0, "-o", self.target),
+            ("rename", 0, "Dawn"), ("delete", 0), ("leave",),
+        ):  # fmt: skip
+            with self.subTest(arguments=arguments):
+                done = self.phone(*arguments, "--quiet")
+                self.assertEqual(done.stderr, b"")
+                self.assertEqual(done.stdout, self.phone(*arguments).stdout)
+
+    def test_without_quiet_they_talk(self):
+        for arguments in (("list", "--pictures"), ("picture", 0, "-o", self.target), ("rename", 0, "Dawn"), ("leave",)):
+            self.assertEqual(self.phone(*arguments).stderr.count(b"\n"), 1)
+
+    def test_quiet_errors_are_told(self):
+        refused = {**self.ANSWERS, UPDATE: request(REPLY + UPDATE, struct.pack("<i", -6))}
+        self.assertIn(b"-6", self.phone("--quiet", "rename", 0, "Dawn", code=16, answers=refused).stderr)
+        self.assertIn(b"preset 1", self.phone("--quiet", "show", 1, code=9).stderr)
+
+    def test_quiet_draws_no_progress_on_a_terminal(self):
+        answers = {**self.ANSWERS, PICTURE: request(REPLY + PICTURE, struct.pack("<i", 3) + picture(1, 1000000))}
+        for options, is_drawn in (((), True), (("--quiet",), False)):
+            with FakeCamera(self.folder, lambda function, _: answers[function]) as camera:
+                done = run_on_terminal(camera.url, *options, "picture", 0, "-o", self.target)
+            self.assertEqual(done.returncode, 0, done.text)
+            self.assertEqual("1001 kB" in done.text, is_drawn, done.text)
+
+    def test_verbose_tells_of_each_request_and_reply(self):
+        listed = [("request", LIST, "list", 8), ("reply", REPLY + LIST, "list", 28 + PHONE_RECORD)]
+        self.assertEqual(self.traffic("list"), listed)
+        self.assertEqual(
+            self.traffic("rename", "dusk", "Dawn"),
+            [*listed, ("request", UPDATE, "rename", 8 + PHONE_RECORD), ("reply", REPLY + UPDATE, "rename", 12)],
+        )
+        self.assertEqual(
+            self.traffic("picture", 0, "-o", self.target),
+            [*listed, ("request", PICTURE, "picture", 16), ("reply", REPLY + PICTURE, "picture", 8 + 4 + 400)],
+        )
+        self.assertEqual(
+            self.traffic("delete", 0),
+            [*listed, ("request", DELETE, "delete", 16), ("reply", REPLY + DELETE, "delete", 20)],
+        )
+
+    def test_verbose_tells_of_a_request_without_a_reply(self):
+        self.assertEqual(self.traffic("leave"), [("request", STATE_OFF, "leave", 12)])
+        silent = {LIST: None}
+        self.assertEqual(self.traffic("--timeout", 0.3, "list", code=4, answers=silent), [("request", LIST, "list", 8)])
+
+    def test_verbose_tells_of_a_reply_that_is_not_the_one_expected(self):
+        wrong = {LIST: request(0x7777, bytes(4))}
+        self.assertEqual(self.traffic("list", code=6, answers=wrong)[1], ("reply", 0x7777, "unknown", 12))
+
+    def test_verbose_leaves_the_data_as_it_is(self):
+        for arguments in (("list",), ("--json", "show", 0)):
+            self.assertEqual(self.phone("--verbose", *arguments).stdout, self.phone(*arguments).stdout)
+
+    def test_quiet_and_verbose_exclude_each_other(self):
+        self.assertEnds(run_phone("unix:/nowhere.sock", "--quiet", "--verbose", "list"), 2)
+
+
 class Output(DeskTest):
     """Where the output goes and how wide it is."""
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Options.h"
+#include "Output.h"
 #include "Progress.h"
 #include "Words/Results.h"
 
@@ -27,6 +28,25 @@ constexpr const char* picture_silence = "it answers so when it does not have the
 constexpr const char* change_silence =
     "list tells whether the change was made; give a longer --timeout if the camera is slow";
 
+struct FunctionName {
+    int32_t function;
+    const char* name;
+};
+constexpr FunctionName function_names[] = {
+    {SM_FUNCTION_STATE_OFF, "leave"},      {SM_FUNCTION_SEND_LIST, "list"},       {SM_FUNCTION_SEND_PRESET, "picture"},
+    {SM_FUNCTION_RECEIVE_PRESET, "store"}, {SM_FUNCTION_UPDATE_PRESET, "rename"}, {SM_FUNCTION_DELETE_PRESET, "delete"},
+};
+
+// The command that sends a request or gets a reply of this number.
+const char* name_of_function(int32_t function) {
+    for (const FunctionName& known : function_names) {
+        if (function == known.function || function == known.function + SM_REPLY) {
+            return known.name;
+        }
+    }
+    return "unknown";
+}
+
 std::string seconds(std::chrono::milliseconds time) {
     return fmt::format("{:g} s", static_cast<double>(time.count()) / 1000);
 }
@@ -34,7 +54,8 @@ std::string seconds(std::chrono::milliseconds time) {
 } // namespace
 
 CameraClient::CameraClient(const Options& options)
-    : timeout_(options.timeout), link_(options.camera, options.mtu, options.timeout) {}
+    : quiet_(options.quiet), verbose_(options.verbose), timeout_(options.timeout),
+      link_(options.camera, options.mtu, options.timeout) {}
 
 ListReply CameraClient::list() {
     return parse_list_reply(answer_to({request(SM_FUNCTION_SEND_LIST), list_silence, longest_list_reply}, "presets"));
@@ -79,9 +100,12 @@ void CameraClient::leave(int32_t code) {
 }
 
 Bytes CameraClient::answer_to(Exchange exchange, const std::string& progress_label) {
-    Progress progress(progress_label);
+    tell("request", exchange.request);
+    Progress progress(progress_label, !quiet_);
     while (true) {
         if (std::optional<Bytes> frame = next_frame(exchange.longest_answer)) {
+            progress.clear();
+            tell("reply", *frame);
             return *std::move(frame);
         }
         if (closed_) {
@@ -97,6 +121,7 @@ Bytes CameraClient::answer_to(Exchange exchange, const std::string& progress_lab
 }
 
 void CameraClient::send_all(Exchange exchange) {
+    tell("request", exchange.request);
     while (exchange.is_sending()) {
         move_bytes(exchange);
         drop_frames();
@@ -152,6 +177,17 @@ std::optional<Bytes> CameraClient::next_frame(size_t longest) {
         throw Failure(exit_busy, "the camera is busy with another phone");
     }
     return frame;
+}
+
+// One line of a request or a reply, for --verbose; the time counts from the begin of the link.
+void CameraClient::tell(const char* what, std::span<const uint8_t> frame) const {
+    if (!verbose_) {
+        return;
+    }
+    const std::chrono::duration<double> time = Clock::now() - start_;
+    const int32_t function = get_word(frame, 0);
+    say(fmt::format("{:.3f} s: {} {:#06x} ({}), {} bytes", time.count(), what, static_cast<uint32_t>(function),
+                    name_of_function(function), frame.size()));
 }
 
 // Where nothing is expected.

@@ -58,7 +58,11 @@ class CameraClient {
     Failure early_close_failure(const Exchange& exchange) const;
     Failure no_answer_failure(const Exchange& exchange) const;
     Failure too_slow_failure(const Exchange& exchange) const;
+    void tell(const char* what, std::span<const uint8_t> frame) const;
 
+    Clock::time_point start_ = Clock::now();
+    bool quiet_;
+    bool verbose_;
     std::chrono::milliseconds timeout_;
     Link link_;
     FrameReader reader_;

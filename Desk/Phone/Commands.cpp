@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 #include <glib.h>
 #include <nlohmann/json.hpp>
-#include <set>
+#include <string_view>
 #include <unistd.h>
 
 #include "CameraClient.h"
@@ -16,6 +16,7 @@
 #include "Output.h"
 #include "Pictures.h"
 #include "PresetFiles/PresetJson.h"
+#include "PresetNames.h"
 #include "Presets.h"
 #include "Words/Describe.h"
 #include "Words/Results.h"
@@ -43,6 +44,13 @@ size_t width_of_lines(const Options& options) {
     return options.width || output_is_terminal() ? width_of(options) : 0;
 }
 
+// Talk that is no error.
+void mention(const Options& options, std::string_view line) {
+    if (!options.quiet) {
+        say(line);
+    }
+}
+
 // Says what else than success the camera answered. Returns the exit code.
 int report_result(int32_t result) {
     if (result != SM_RETURN_TRUE) {
@@ -50,16 +58,6 @@ int report_result(int32_t result) {
             fmt::format("the camera answered {}, {}: {}", result, name_of_result(result), meaning_of_result(result)));
     }
     return exit_code_of_result(result);
-}
-
-const sm_tag_custom_info& preset_at(const Presets& presets, int number) {
-    if (number < 0 || static_cast<size_t>(number) >= presets.size()) {
-        const std::string held = presets.empty()
-                                     ? "holds none"
-                                     : fmt::format("holds {}, numbers 0 to {}", presets.size(), presets.size() - 1);
-        throw Failure(exit_missing, fmt::format("there is no preset {}: the camera {}", number, held));
-    }
-    return presets[static_cast<size_t>(number)];
 }
 
 // ---- list and show --------------------------------------------------------------------------------------------------
@@ -72,7 +70,7 @@ bool draws_pictures(const Options& options) {
     const std::optional<std::string> reason =
         options.json ? std::optional<std::string>("JSON is wanted") : why_not_drawn();
     if (reason) {
-        say(fmt::format("pictures are not drawn: {}", *reason));
+        mention(options, fmt::format("pictures are not drawn: {}", *reason));
     }
     return !reason;
 }
@@ -107,7 +105,7 @@ int list(const Options& options) {
     }
     print(table(rows_of(reply.presets, options.raw), width_of(options)));
     if (reply.presets.empty()) {
-        say("the camera holds no presets");
+        mention(options, "the camera holds no presets");
     }
     if (draws) {
         print_pictures(camera, options, reply.presets);
@@ -115,18 +113,31 @@ int list(const Options& options) {
     return exit_done;
 }
 
+// Whoever names one preset gets it, whoever names several gets an array, even when they turn out to be the same.
+Json records_of(const std::vector<NumberedPreset>& presets, bool is_one) {
+    Json list = Json::array();
+    for (const NumberedPreset& one : presets) {
+        list.push_back(to_json(one.preset));
+    }
+    return is_one ? list.front() : list;
+}
+
 int show(const Options& options) {
     CameraClient camera(options);
-    const ListReply reply = camera.list();
-    const sm_tag_custom_info& preset = preset_at(reply.presets, options.numbers.front());
+    const std::vector<NumberedPreset> presets = presets_named(camera.list().presets, options.presets);
     const bool draws = draws_pictures(options);
     if (options.json) {
-        print_json(to_json(preset));
+        print_json(records_of(presets, options.presets.size() == 1));
         return exit_done;
     }
-    print(labelled_lines(options.raw ? codes_of(preset) : description_of(preset), width_of_lines(options)));
-    if (draws) {
-        print("\n" + picture_text(camera.picture(preset), picture_size(large_picture, width_of(options))));
+    const char* before = "";
+    for (const auto& [number, preset] : presets) {
+        const auto lines = options.raw ? codes_of(preset) : description_of(preset);
+        print(before + labelled_lines(lines, width_of_lines(options)));
+        if (draws) {
+            print("\n" + picture_text(camera.picture(preset), picture_size(large_picture, width_of(options))));
+        }
+        before = "\n";
     }
     return exit_done;
 }
@@ -134,10 +145,8 @@ int show(const Options& options) {
 // ---- picture --------------------------------------------------------------------------------------------------------
 
 int save_picture(const Options& options) {
-    const int number = options.numbers.front();
     CameraClient camera(options);
-    const ListReply reply = camera.list();
-    const sm_tag_custom_info& preset = preset_at(reply.presets, number);
+    const auto [number, preset] = preset_named(camera.list().presets, options.presets.front());
     const Bytes picture = camera.picture(preset);
     if (picture.empty()) {
         throw Failure(exit_missing, fmt::format("the camera could not read the picture of preset {}; {} is not written",
@@ -147,7 +156,7 @@ int save_picture(const Options& options) {
     if (options.json) {
         print_json({{"custom_id", preset.custom_id}, {"bytes", picture.size()}, {"file", options.output_file}});
     } else {
-        say(fmt::format("{} bytes saved in {}", picture.size(), options.output_file));
+        mention(options, fmt::format("{} bytes saved in {}", picture.size(), options.output_file));
     }
     return exit_done;
 }
@@ -197,44 +206,24 @@ void check_title(const std::string& title) {
     }
 }
 
-// The camera replaces title and server identity together. A preset that it does not list is left to its judgement: it
-// answers that it does not have it.
-int32_t listed_server_id(CameraClient& camera, int32_t custom_id) {
-    const ListReply reply = camera.list();
-    const sm_tag_custom_info* preset = find(reply.presets, custom_id);
-    return preset == nullptr ? 0 : preset->server_id;
-}
-
 int rename_preset(const Options& options) {
     check_title(options.title);
     CameraClient camera(options);
-    sm_tag_custom_info preset = {};
-    options.title.copy(preset.title, sizeof preset.title);
-    preset.custom_id = options.custom_id;
-    preset.server_id = options.server_id ? *options.server_id : listed_server_id(camera, options.custom_id);
-    const int32_t result = camera.update(preset);
+    const NumberedPreset old = preset_named(camera.list().presets, options.presets.front());
+    sm_tag_custom_info changed = {};
+    options.title.copy(changed.title, sizeof changed.title);
+    changed.custom_id = old.preset.custom_id;
+    changed.server_id = options.server_id.value_or(old.preset.server_id); // the camera replaces it with the title
+    const int32_t result = camera.update(changed);
     if (options.json) {
         print_json({{"result", result}});
     } else if (result == SM_RETURN_TRUE) {
-        say(fmt::format("the preset with id {} is renamed", options.custom_id));
+        mention(options, fmt::format("{} is now \"{}\"", reference_to(old), title_text(changed)));
     }
     return report_result(result);
 }
 
 // ---- delete ---------------------------------------------------------------------------------------------------------
-
-// The presets asked for, each once.
-std::vector<NumberedPreset> chosen(const Presets& presets, const std::vector<int>& numbers) {
-    std::vector<NumberedPreset> result;
-    std::set<int> seen;
-    for (const int number : numbers) {
-        const sm_tag_custom_info& preset = preset_at(presets, number);
-        if (seen.insert(number).second) {
-            result.push_back({number, preset});
-        }
-    }
-    return result;
-}
 
 std::vector<sm_delete_pair> pairs_of(const std::vector<NumberedPreset>& presets) {
     std::vector<sm_delete_pair> pairs;
@@ -245,9 +234,22 @@ std::vector<sm_delete_pair> pairs_of(const std::vector<NumberedPreset>& presets)
     return pairs;
 }
 
+int foresee_deletion(const Options& options, const std::vector<NumberedPreset>& presets) {
+    const std::vector<Deletion> deletions = foreseen_deletions_of(presets);
+    if (options.json) {
+        print_json(foreseen_json_of(deletions));
+    } else {
+        print(foreseen_lines_of(deletions));
+    }
+    return exit_done;
+}
+
 int delete_presets(const Options& options) {
     CameraClient camera(options);
-    const std::vector<NumberedPreset> presets = chosen(camera.list().presets, options.numbers);
+    const std::vector<NumberedPreset> presets = presets_named(camera.list().presets, options.presets);
+    if (options.dry_run) {
+        return foresee_deletion(options, presets);
+    }
     const DeleteReply reply = camera.remove(pairs_of(presets));
     const std::vector<Deletion> deletions = deletions_of(presets, reply);
     if (options.json) {
@@ -267,7 +269,7 @@ int delete_presets(const Options& options) {
 
 int leave(const Options& options) {
     CameraClient(options).leave(options.code);
-    say(fmt::format("the camera was told that the phone leaves, with code {}", options.code));
+    mention(options, fmt::format("the camera was told that the phone leaves, with code {}", options.code));
     return exit_done;
 }
 

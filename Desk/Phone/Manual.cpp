@@ -12,9 +12,10 @@ command_line::Manual manual() {
              "Data goes to standard output, talk to standard error. Progress and pictures show on a terminal only. "
              "What cameras and files write is not trusted: what could do something to a terminal is replaced."},
         .words_title = "Values",
-        .words = {{"NUMBER", "the number that list prints first, from 0 on"},
-                  {"ID", "the custom_id that list prints second"},
-                  {"URL", "unix:PATH, tcp:HOST:PORT, rfcomm:ADDRESS:CHANNEL or l2cap:ADDRESS:PSM"}},
+        .words =
+            {{"PRESET",
+              "12: the number that list prints first; id:13: the custom_id; \"Golden hour\": (a part of) the title"},
+             {"URL", "unix:PATH, tcp:HOST:PORT, rfcomm:ADDRESS:CHANNEL or l2cap:ADDRESS:PSM"}},
         .examples = {{"List the presets of a camera on this machine:",
                       "shotmentor-phone --connect unix:store/camera.sock list"},
                      {"Show preset 3 of a camera behind TCP, and draw its picture:",
@@ -23,13 +24,15 @@ command_line::Manual manual() {
                      {"Save its record:", "shotmentor-phone --connect tcp:localhost:7700 --json show 3 > dawn.json"},
                      {"Store both as a new preset:",
                       "shotmentor-phone --connect tcp:localhost:7700 store dawn.json dawn.jpg"},
-                     {"Give the preset with custom_id 12 another title:",
-                      "shotmentor-phone --connect tcp:localhost:7700 rename 12 \"Dawn over the sea\""},
-                     {"Delete two presets:", "shotmentor-phone --connect tcp:localhost:7700 delete 3 4"},
+                     {"Give the preset with custom_id 13 another title:",
+                      "shotmentor-phone --connect tcp:localhost:7700 rename id:13 \"Dawn over the sea\""},
+                     {"Delete two presets, by a part of the title and by number:",
+                      "shotmentor-phone --connect tcp:localhost:7700 delete \"over the sea\" 4"},
                      {"Try all that a phone may send, and report it to a build server:",
                       "shotmentor-phone --connect tcp:localhost:7700 check --junit check.xml"}},
         .exit_codes = command_line::exit_codes_of_phone(),
-        .environment = {{"NO_COLOR", "when it is not empty, no picture is drawn"}},
+        .environment = {{"SHOTMENTOR_CONNECT", "the URL of the camera's link where --connect is not given"},
+                        {"NO_COLOR", "when it is not empty, no picture is drawn"}},
         .see_also = "shotmentor-camera",
     };
 }

@@ -4,14 +4,16 @@
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
-#include <limits>
+#include <set>
 
 #include "ADE_ShotMentor_Records.h"
 #include "ADE_ShotMentor_Version.h"
+#include "CommandLine/Nearest.h"
 #include "CommandLine/Reference.h"
 #include "Common/Text.h"
 #include "Manual.h"
 #include "Output.h"
+#include "PresetNames.h"
 
 namespace desk::phone {
 namespace {
@@ -20,13 +22,14 @@ constexpr double shortest_timeout = 0.001;
 constexpr double longest_timeout = 86400; // a day; more is a slip of the hand
 constexpr size_t largest_mtu = SM_REQUEST_LIMIT;
 constexpr size_t largest_width = 100000;
+constexpr const char* connect_variable = "SHOTMENTOR_CONNECT";
 
 // What CLI11 fills before it is turned into options.
 struct Arguments {
     Options options;
     std::string url;
     double timeout_seconds = 5;
-    int number = 0;
+    std::set<std::string> words; // of the command line, as they were given
 };
 
 // A check that does not show in the help: its bounds are no news to anybody there.
@@ -35,18 +38,19 @@ CLI::Validator between(Number least, Number most) {
     return CLI::Range(least, most).description("");
 }
 
-CLI::Validator number_range() {
-    return between(0, std::numeric_limits<int>::max());
-}
-
 void add_common_options(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
-    app.add_option("--connect", arguments.url, "the camera's link")->required()->type_name("URL");
+    app.add_option("--connect", arguments.url, "the camera's link")
+        ->required()
+        ->envname(connect_variable)
+        ->type_name("URL");
     app.add_option("--timeout", arguments.timeout_seconds, "how long to wait for an answer, 5 unless given")
         ->check(between(shortest_timeout, longest_timeout))
         ->type_name("SECONDS");
     app.add_flag("--json", options.json, "data as JSON");
     app.add_flag("--raw", options.raw, "the codes as they travel");
+    CLI::Option* quiet = app.add_flag("--quiet", options.quiet, "say nothing but errors, and draw no progress");
+    app.add_flag("--verbose", options.verbose, "tell of each request and reply, with time and bytes")->excludes(quiet);
     app.add_option("--mtu", options.mtu, "largest packet that is sent, 4096 unless given")
         ->check(between(size_t{1}, largest_mtu))
         ->type_name("BYTES");
@@ -61,27 +65,39 @@ CLI::App* add_command(CLI::App& app, Options& options, Options::Command command,
     return added;
 }
 
+// The presets that a command is about. Where it takes several, CLI11 reads [a,b] as two words: nobody has meant those.
+CLI::Option* add_presets(CLI::App* command, Arguments& arguments) {
+    const auto take = [&arguments](const CLI::results_t& names) {
+        for (const std::string& name : names) {
+            if (!arguments.words.contains(name)) {
+                throw CLI::ValidationError("PRESET", "a title in brackets cannot be given: write number or id:ID");
+            }
+        }
+        arguments.options.presets = names;
+        return true;
+    };
+    return command->add_option("PRESET", take, "number, id:ID or title")
+        ->required()
+        ->check(CLI::Validator(fault_of_name, ""))
+        ->type_name("");
+}
+
 void add_reading_commands(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
     CLI::App* list = add_command(app, options, Options::Command::list, "list", "list all presets, one line each");
     list->add_flag("--pictures", options.with_pictures, "draw the presets' pictures, too");
 
-    CLI::App* show = add_command(app, options, Options::Command::show, "show", "print one preset in full");
-    show->add_option("NUMBER", arguments.number, "the preset's number")
-        ->required()
-        ->check(number_range())
-        ->type_name("");
-    show->add_flag("--picture", options.with_pictures, "draw the preset's picture, too");
+    CLI::App* show = add_command(app, options, Options::Command::show, "show", "print presets in full");
+    add_presets(show, arguments)->expected(1, -1)->allow_extra_args();
+    show->add_flag("--picture", options.with_pictures, "draw each preset's picture, too");
 
     CLI::App* picture = add_command(app, options, Options::Command::picture, "picture", "save a preset's picture");
-    picture->add_option("NUMBER", arguments.number, "the preset's number")
-        ->required()
-        ->check(number_range())
-        ->type_name("");
+    add_presets(picture, arguments);
     picture->add_option("-o,--output", options.output_file, "where to")->required()->type_name("FILE");
 }
 
-void add_changing_commands(CLI::App& app, Options& options) {
+void add_changing_commands(CLI::App& app, Arguments& arguments) {
+    Options& options = arguments.options;
     CLI::App* store =
         add_command(app, options, Options::Command::store, "store", "store a preset, and print its number and id");
     store->add_option("PRESET.json", options.preset_file, "what --json show prints")->required()->type_name("");
@@ -89,15 +105,13 @@ void add_changing_commands(CLI::App& app, Options& options) {
 
     CLI::App* rename =
         add_command(app, options, Options::Command::rename, "rename", "change title and server identity of a preset");
-    rename->add_option("ID", options.custom_id, "the preset's custom_id")->required()->type_name("");
+    add_presets(rename, arguments);
     rename->add_option("TITLE", options.title, "at most 51 bytes of UTF-8")->required()->type_name("");
     rename->add_option("--server-id", options.server_id, "as it is unless given")->type_name("N");
 
     CLI::App* remove = add_command(app, options, Options::Command::remove, "delete", "delete presets in one request");
-    remove->add_option("NUMBER", options.numbers, "the presets' numbers")
-        ->required()
-        ->check(number_range())
-        ->type_name("");
+    add_presets(remove, arguments)->expected(1, -1)->allow_extra_args();
+    remove->add_flag("--dry-run", options.dry_run, "only say what would be deleted");
 
     CLI::App* leave =
         add_command(app, options, Options::Command::leave, "leave", "tell the camera that the phone leaves");
@@ -120,31 +134,91 @@ void add_checking_command(CLI::App& app, Options& options) {
     check->add_flag("--list-checks", options.list_checks, "print the id of each check and what must hold, and end");
 }
 
-Endpoint endpoint_of(const std::string& url) {
+bool is_from_environment(const Arguments& arguments) {
+    return std::none_of(arguments.words.begin(), arguments.words.end(),
+                        [](const std::string& word) { return word.starts_with("--connect"); });
+}
+
+Endpoint endpoint_of(const Arguments& arguments) {
     try {
-        return parse_endpoint(url);
+        return parse_endpoint(arguments.url);
     } catch (const Failure& failure) {
-        throw Failure(failure.code(), printable(failure.what())); // one line, whatever the URL holds
+        const std::string origin = is_from_environment(arguments) ? fmt::format("{}: ", connect_variable) : "";
+        throw Failure(failure.code(), origin + printable(failure.what())); // one line, whatever the URL holds
     }
 }
 
 Options options_from(Arguments& arguments) {
     Options& options = arguments.options;
     if (!options.list_checks) {
-        options.camera = endpoint_of(arguments.url);
+        options.camera = endpoint_of(arguments);
     }
     options.timeout = std::chrono::milliseconds(std::llround(std::ceil(arguments.timeout_seconds * 1000)));
-    if (options.command == Options::Command::show || options.command == Options::Command::picture) {
-        options.numbers = {arguments.number};
-    }
     return options;
 }
 
+// The options that may stand here: the tool's, and those of the command where one is given.
+std::vector<std::string> option_names(const command_line::Table& table, const CLI::App& app) {
+    std::vector<command_line::Entry> options = table.tool.options;
+    for (const command_line::Command& command : table.commands) {
+        if (app.got_subcommand(command.name)) {
+            options.insert(options.end(), command.options.begin(), command.options.end());
+        }
+    }
+    std::vector<std::string> names;
+    for (const command_line::Entry& option : options) {
+        names.insert(names.end(), option.names.begin(), option.names.end());
+    }
+    return names;
+}
+
+std::vector<std::string> command_names(const command_line::Table& table) {
+    std::vector<std::string> names;
+    for (const command_line::Command& command : table.commands) {
+        names.push_back(command.name);
+    }
+    return names;
+}
+
+Failure unknown_failure(const char* kind, const std::string& word, const std::vector<std::string>& names) {
+    const std::optional<std::string> meant = command_line::nearest(word, names);
+    const std::string hint = meant ? fmt::format("did you mean {}? See", *meant) : "see";
+    return {exit_usage, fmt::format("there is no {} {}; {} shotmentor-phone --help", kind, printable(word), hint)};
+}
+
+// The first word that is no option or command, where that is what is wrong. Behind -- stand no options.
+std::optional<Failure> unknown_word_failure(const CLI::App& app) {
+    const std::vector<std::string> words = app.remaining(true);
+    if (words.empty() || std::find(words.begin(), words.end(), "--") != words.end()) {
+        return std::nullopt;
+    }
+    const command_line::Table table = command_line::table_of(app);
+    const std::string word = words.front().substr(0, words.front().find('='));
+    if (word.starts_with('-')) {
+        return unknown_failure("option", word, option_names(table, app));
+    }
+    if (app.get_subcommands().empty()) {
+        return unknown_failure("command", word, command_names(table));
+    }
+    return std::nullopt;
+}
+
 Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
-    if (app.get_subcommands().empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
+    if (const std::optional<Failure> failure = unknown_word_failure(app)) {
+        return *failure;
+    }
+    const bool lacks_something = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
+    const CLI::Option* connect = app.get_option("--connect");
+    if (lacks_something && app.get_subcommands().empty()) {
         return {exit_usage,
-                "--connect URL and a command are needed: list, show, picture, store, rename, delete, leave or check; "
-                "see shotmentor-phone --help"};
+                fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
+                            "picture, store, rename, delete, leave or check; see shotmentor-phone --help",
+                            connect_variable)};
+    }
+    if (lacks_something && connect->get_required() && connect->empty()) {
+        return {exit_usage,
+                fmt::format("--connect URL is needed, or {} in the environment; see shotmentor-phone --help",
+                            connect_variable)};
     }
     std::string line = error.what();
     std::replace(line.begin(), line.end(), '\n', ' ');
@@ -155,6 +229,7 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
 
 std::optional<Options> options_of(int argc, char** argv) {
     Arguments arguments;
+    arguments.words.insert(argv, argv + argc);
     CLI::App app("Reads and changes the shooting presets of a camera.", "shotmentor-phone");
     app.footer(command_line::footer_of(manual()));
     app.set_version_flag("--version", SHOTMENTOR_VERSION);
@@ -162,7 +237,7 @@ std::optional<Options> options_of(int argc, char** argv) {
     app.require_subcommand(1);
     add_common_options(app, arguments);
     add_reading_commands(app, arguments);
-    add_changing_commands(app, arguments.options);
+    add_changing_commands(app, arguments);
     add_checking_command(app, arguments.options);
     command_line::add_reference(app, manual());
     try {

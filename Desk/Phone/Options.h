@@ -19,17 +19,19 @@ struct Options {
     size_t mtu = 4096;
     bool json = false;
     bool raw = false;
+    bool quiet = false;          // no talk but errors
+    bool verbose = false;        // tells of each request and reply
     std::optional<size_t> width; // 0: no limit
 
     Command command = Command::list;
     bool with_pictures = false;       // list, show
-    std::vector<int> numbers;         // remove: at least one; show, picture: exactly one
+    std::vector<std::string> presets; // show, remove: at least one; picture, rename: exactly one
     std::string output_file;          // picture
     std::string preset_file;          // store
     std::string picture_file;         // store
-    int32_t custom_id = 0;            // rename
     std::string title;                // rename
     std::optional<int32_t> server_id; // rename
+    bool dry_run = false;             // remove
     int32_t code = 1;                 // leave
     bool quick = false;               // check
     bool list_checks = false;         // check

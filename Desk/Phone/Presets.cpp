@@ -109,7 +109,7 @@ int32_t custom_mode_of(const sm_tag_custom_info& before, const sm_tag_custom_inf
 }
 
 Deletion deletion_of(const NumberedPreset& asked, const DeleteReply& reply) {
-    Deletion deletion = {asked.number, asked.preset.custom_id, Deletion::Fate::kept, 0};
+    Deletion deletion = {asked, Deletion::Fate::kept, 0};
     if (!lists_what_is_left(reply.result)) {
         return deletion;
     }
@@ -135,11 +135,24 @@ std::string fate_of(const Deletion& deletion) {
     return "kept";
 }
 
-Json json_of(const Deletion& deletion) {
-    return {{"number", deletion.number},
-            {"custom_id", deletion.custom_id},
-            {"deleted", deletion.fate == Deletion::Fate::deleted},
-            {"used_by_custom_mode", deletion.custom_mode}};
+// `deleted` is what the entry is called that tells whether it is.
+Json json_of(const std::vector<Deletion>& deletions, const char* deleted) {
+    Json list = Json::array();
+    for (const Deletion& one : deletions) {
+        list.push_back({{"number", one.asked.number},
+                        {"custom_id", one.asked.preset.custom_id},
+                        {deleted, one.fate == Deletion::Fate::deleted},
+                        {"used_by_custom_mode", one.custom_mode}});
+    }
+    return list;
+}
+
+std::string lines_of(const std::vector<Deletion>& deletions, const char* before_fate) {
+    std::string lines;
+    for (const Deletion& one : deletions) {
+        lines += fmt::format("{}: {}{}\n", reference_to(one.asked), before_fate, fate_of(one));
+    }
+    return lines;
 }
 
 } // namespace
@@ -181,6 +194,10 @@ std::string labelled_lines(const std::vector<std::pair<std::string, std::string>
     return lines;
 }
 
+std::string reference_to(const NumberedPreset& preset) {
+    return fmt::format("\"{}\" (preset {}, id {})", title_text(preset.preset), preset.number, preset.preset.custom_id);
+}
+
 std::vector<Deletion> deletions_of(const std::vector<NumberedPreset>& presets, const DeleteReply& reply) {
     std::vector<Deletion> deletions;
     deletions.reserve(presets.size());
@@ -191,11 +208,21 @@ std::vector<Deletion> deletions_of(const std::vector<NumberedPreset>& presets, c
 }
 
 std::string lines_of(const std::vector<Deletion>& deletions) {
-    std::string lines;
-    for (const Deletion& one : deletions) {
-        lines += fmt::format("preset {} with id {}: {}\n", one.number, one.custom_id, fate_of(one));
+    return lines_of(deletions, "");
+}
+
+std::vector<Deletion> foreseen_deletions_of(const std::vector<NumberedPreset>& presets) {
+    std::vector<Deletion> deletions;
+    deletions.reserve(presets.size());
+    for (const NumberedPreset& one : presets) {
+        const int32_t mode = one.preset.linked_custom_mode;
+        deletions.push_back({one, mode == 0 ? Deletion::Fate::deleted : Deletion::Fate::used_by_custom_mode, mode});
     }
-    return lines;
+    return deletions;
+}
+
+std::string foreseen_lines_of(const std::vector<Deletion>& deletions) {
+    return lines_of(deletions, "would be ");
 }
 
 nlohmann::ordered_json json_of(const ListReply& reply) {
@@ -210,11 +237,11 @@ nlohmann::ordered_json json_of(const StoreReply& reply) {
 }
 
 nlohmann::ordered_json json_of(const DeleteReply& reply, const std::vector<Deletion>& deletions) {
-    Json asked = Json::array();
-    for (const Deletion& one : deletions) {
-        asked.push_back(json_of(one));
-    }
-    return {{"result", reply.result}, {"asked", asked}, {"presets", json_of(reply.presets)}};
+    return {{"result", reply.result}, {"asked", json_of(deletions, "deleted")}, {"presets", json_of(reply.presets)}};
+}
+
+nlohmann::ordered_json foreseen_json_of(const std::vector<Deletion>& deletions) {
+    return {{"asked", json_of(deletions, "would_be_deleted")}};
 }
 
 } // namespace desk::phone

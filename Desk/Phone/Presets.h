@@ -29,11 +29,13 @@ struct NumberedPreset {
     sm_tag_custom_info preset;
 };
 
+// A preset in a sentence: "Dusk" (preset 12, id 13).
+std::string reference_to(const NumberedPreset& preset);
+
 // What became of a preset that was to be deleted.
 struct Deletion {
     enum class Fate { deleted, used_by_custom_mode, kept };
-    int number;
-    int32_t custom_id;
+    NumberedPreset asked;
     Fate fate;
     int32_t custom_mode; // 1 or 2 when a custom mode uses it, else 0
 };
@@ -41,8 +43,13 @@ struct Deletion {
 std::vector<Deletion> deletions_of(const std::vector<NumberedPreset>& presets, const DeleteReply& reply);
 std::string lines_of(const std::vector<Deletion>& deletions);
 
+// What a deletion would do, as far as the list tells: a camera keeps what a custom mode uses.
+std::vector<Deletion> foreseen_deletions_of(const std::vector<NumberedPreset>& presets);
+std::string foreseen_lines_of(const std::vector<Deletion>& deletions);
+
 nlohmann::ordered_json json_of(const ListReply& reply);
 nlohmann::ordered_json json_of(const StoreReply& reply);
 nlohmann::ordered_json json_of(const DeleteReply& reply, const std::vector<Deletion>& deletions);
+nlohmann::ordered_json foreseen_json_of(const std::vector<Deletion>& deletions);
 
 } // namespace desk::phone

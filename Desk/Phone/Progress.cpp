@@ -27,13 +27,19 @@ std::string line_of(const std::string& label, size_t done, size_t all) {
 
 } // namespace
 
-Progress::Progress(std::string label)
-    : label_(std::move(label)), wanted_(talk_is_terminal() && terminal_can_redraw()), shown_permille_(never_shown) {}
+Progress::Progress(std::string label, bool is_wanted)
+    : label_(std::move(label)), wanted_(is_wanted && talk_is_terminal() && terminal_can_redraw()),
+      shown_permille_(never_shown) {}
 
 Progress::~Progress() {
+    clear();
+}
+
+void Progress::clear() {
     if (visible_) {
         talk("\r\x1b[K");
     }
+    visible_ = false;
 }
 
 void Progress::show(size_t done, size_t all) {

@@ -9,12 +9,13 @@ namespace desk::phone {
 
 class Progress {
   public:
-    explicit Progress(std::string label);
+    Progress(std::string label, bool is_wanted);
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
     ~Progress();
 
     void show(size_t done, size_t all);
+    void clear();
 
   private:
     std::string label_;

@@ -420,7 +420,8 @@ def _die_with_the_test():
 
 
 def environment_of_programs(**extra):
-    kept = {name: value for name, value in os.environ.items() if name not in ("NO_COLOR", "COLUMNS", "LINES")}
+    unwanted = ("NO_COLOR", "COLUMNS", "LINES", "SHOTMENTOR_CONNECT")
+    kept = {name: value for name, value in os.environ.items() if name not in unwanted}
     return {**kept, "LC_ALL": "C.UTF-8", **extra}
 
 

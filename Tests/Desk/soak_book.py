@@ -170,7 +170,7 @@ def updating(life):
         "update",
         update_request(old.custom_id, number, b"Renamed %d" % number),
         lambda presets, _: [new if preset is old else preset for preset in presets],
-        ["rename", old.custom_id, f"Renamed {number}", "--server-id", number],
+        ["rename", f"id:{old.custom_id}", f"Renamed {number}", "--server-id", number],
     )
 
 

@@ -164,7 +164,7 @@ class Options(DeskTest):
         files = self.file("p.json", json.dumps(record_to_json(rich_record()))), self.file("p.jpg", picture(1))
         with self.camera("--save-result", -7, "--update-result", 77) as camera:
             self.assertEnds(run_phone(camera.url, "store", *files), 17)
-            self.assertEnds(run_phone(camera.url, "rename", self.before.ids()[0], "New"), 30)
+            self.assertEnds(run_phone(camera.url, "rename", 0, "New"), 30)
 
     def test_late_and_lost_confirmations_do_not_show_in_the_replies(self):
         for options in (

@@ -12,7 +12,7 @@ import time
 import unittest
 
 from desk import (
-    DELETE, LIST, PATIENCE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY, STATE_OFF, STATE_ON, STORE, Camera,
+    DELETE, LIST, PATIENCE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY, STATE_OFF, STATE_ON, STORE, UPDATE, Camera,
     Closed, DeskTest, Link, _die_with_the_test, delete_request, get, phone_record, picture, picture_request,
     record_to_json, records_in, request, run_phone, store_request, store_result, update_request,
 )  # fmt: skip
@@ -111,11 +111,12 @@ class WithAPhone(HostTest):
             self.assertEqual(back.read(), image)
 
     def test_rename_changes_title_and_server_identity(self):
-        self.phone("rename", 2, "Rapids", "--server-id", 77)
+        self.phone("rename", 1, "Rapids", "--server-id", 77)
         self.assertEqual((self.presets()[1]["title"], self.presets()[1]["server_id"]), ("Rapids", 77))
 
     def test_rename_of_an_identity_that_nobody_has_is_refused(self):
-        self.phone("rename", 99, "Nobody", code=16)
+        with Link(self.serving.url) as link:
+            self.assertEqual(link.ask(update_request(99, 0, b"Nobody")), request(REPLY + UPDATE, struct.pack("<i", -6)))
 
     def test_delete_renumbers(self):
         self.phone("delete", 1)

@@ -183,7 +183,7 @@ class Answers(DeskTest):
             LIST: ("list",),
             PICTURE: ("picture", 1, "-o", self.saved),
             STORE: ("store", preset, self.file("p.jpg", picture(1))),
-            UPDATE: ("rename", 32, "Renamed", "--server-id", 1),
+            UPDATE: ("rename", 1, "Renamed", "--server-id", 1),
             DELETE: ("delete", 1),
         }
 

@@ -13,7 +13,7 @@ import unittest
 
 from desk import (
     DELETE, LIST, PHONE_RECORD, REPLY, TITLE_SIZE, UPDATE, DeskTest, FakeCamera, changed, delete_reply,
-    phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
+    list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
 )  # fmt: skip
 
 # Half of a surrogate pair (Cs) is no character; JSON files can name it all the same.
@@ -249,11 +249,19 @@ class Text(DeskTest):
             self.refuse("list", code=2, url=text)
             self.refuse("list", code=2, url="tcp:" + text)
             for arguments in (
-                (text,), ("show", text), ("--" + text, "list"), ("--timeout", text, "list"),
-                ("delete", 1, text),
-                ("rename", text, "x"), ("list", text), ("leave", "--code", text), ("rename", 1, text * 2),
+                (text,), ("show", "id:" + text), ("--" + text, "list"), ("--timeout", text, "list"),
+                ("delete", 1, "id:" + text),
+                ("rename", "id:" + text, "x"), ("list", text), ("leave", "--code", text), ("rename", 1, text * 2),
             ):  # fmt: skip
                 self.refuse(*arguments, code=2)
+
+    def test_presets_that_are_not_there_are_named_harmlessly(self):
+        for text in self.names():
+            for arguments in (("show", text), ("delete", 0, text), ("rename", text, "x")):
+                with FakeCamera(self.folder, lambda *_: list_reply([phone_record(b"x", custom_id=3)])) as camera:
+                    done = run_phone(camera.url, *arguments)
+                self.assertEnds(done, 9)
+                self.assertHarmless(done, 1)
 
     def test_cameras_that_are_not_there_are_named_harmlessly(self):
         for text in self.names(100):
@@ -268,8 +276,9 @@ class Text(DeskTest):
                 request(word, bytes(PHONE_RECORD)),
                 request(REPLY + UPDATE, struct.pack("<i", word)),
             ):
-                with FakeCamera(self.folder, lambda *_, reply=reply: reply) as camera:
-                    self.assertHarmless(run_phone(camera.url, "rename", 3, "x", "--server-id", 1), 1)
+                answers = {LIST: list_reply([phone_record(custom_id=3)]), UPDATE: reply}
+                with FakeCamera(self.folder, lambda function, _, answers=answers: answers[function]) as camera:
+                    self.assertHarmless(run_phone(camera.url, "rename", 0, "x", "--server-id", 1), 1)
 
 
 if __name__ == "__main__":

@@ -10,7 +10,7 @@ import unittest
 
 from desk import (
     BUSY_FRAME, DELETE, LIST, OPTIONAL_NAMES, PATIENCE, PHONE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY,
-    STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, delete_reply, get,
+    STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, delete_reply, environment_of_programs, get,
     list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
     stored_picture, what_a_phone_gets,
 )  # fmt: skip
@@ -186,26 +186,21 @@ class AgainstTheCamera:
 
     def test_rename_changes_title_and_keeps_or_sets_the_server_identity(self):
         ids = self.before.ids()
-        self.phone("rename", ids[1], "Blue hour ☾")
-        self.phone("rename", ids[2], "Night", "--server-id", 815)
+        self.phone("rename", f"id:{ids[1]}", "Blue hour ☾")
+        self.phone("rename", 2, "Night", "--server-id", 815)
         after = self.at_rest().records
         self.assertEqual(get(after[1], "title"), "Blue hour ☾".encode().ljust(52, b"\0"))
         self.assertEqual(get(after[2], "title"), b"Night".ljust(52, b"\0"))
         self.assertEqual(get(after[2], "server_id"), 815)
 
     def test_rename_without_a_server_identity_keeps_the_one_that_is_there(self):
-        custom_id = self.before.ids()[2]
-        self.phone("rename", custom_id, "First", "--server-id", 815)
-        self.phone("rename", custom_id, "Second")
+        self.phone("rename", 2, "First", "--server-id", 815)
+        self.phone("rename", 2, "Second")
         self.assertEqual(get(self.at_rest().records[2], "server_id"), 815)
 
     def test_rename_refuses_a_title_that_does_not_fit(self):
-        self.phone("rename", self.before.ids()[2], "x" * 53, code=2)
+        self.phone("rename", 2, "x" * 53, code=2)
         self.assertEqual(self.at_rest().records, self.before.records)
-
-    def test_rename_of_a_preset_that_is_not_there_fails(self):
-        done = self.phone("rename", max(self.before.ids()) + 1, "Nobody", code=16)
-        self.assertEqual(done.stdout, b"")
 
     def free_numbers(self):
         return [number for number in range(12) if number not in self.before.linked]
@@ -247,6 +242,7 @@ class AgainstTheCamera:
             ("show", 12),
             ("show", 40),
             ("picture", 12, "-o", os.path.join(self.folder, "x.jpg")),
+            ("rename", 12, "Nobody"),
             ("delete", 12),
         ):
             with self.subTest(arguments=arguments):
@@ -437,7 +433,7 @@ class AgainstCamerasThatBreakTheRules(DeskTest):
             LIST: ("list",),
             PICTURE: ("picture", 1, "-o", os.path.join(self.folder, "saved.jpg")),
             STORE: ("store", preset, self.file("p.jpg", picture(1))),
-            UPDATE: ("rename", 32, "Renamed"),
+            UPDATE: ("rename", 1, "Renamed"),
             DELETE: ("delete", 1),
         }
 
@@ -578,10 +574,11 @@ class AgainstCamerasThatBreakTheRules(DeskTest):
     def test_wrong_usage_is_told_apart(self):
         url = f"unix:{self.folder}/nobody.sock"
         cases = [
-            (), ("dance",), ("show",), ("show", "x"), ("show", -1), ("picture", 0), ("store", "a.json"),
-            ("rename", 3), ("delete",), ("delete", "one"), ("--timeout", "soon", "list"),
+            (), ("dance",), ("show",), ("show", ""), ("show", -1), ("show", "id:one"), ("picture", 0),
+            ("picture", 0, 1, "-o", "x"), ("store", "a.json"), ("rename", 3), ("rename", "id:x", "y"),
+            ("delete",), ("delete", 1, ""), ("delete", "id:"), ("--timeout", "soon", "list"),
             ("--timeout", -1, "list"), ("--mtu", 0, "list"),
-            ("--width", "wide", "list"), ("--nonsense", "list"), ("rename", "x", "y"),
+            ("--width", "wide", "list"), ("--nonsense", "list"),
             ("leave", "--code", "x"),
         ]  # fmt: skip
         for arguments in cases:
@@ -604,6 +601,205 @@ class AgainstCamerasThatBreakTheRules(DeskTest):
         self.assertEnds(done, 0)
         for command in ("list", "show", "picture", "store", "rename", "delete", "leave"):
             self.assertIn(command, done.stdout.decode())
+
+
+class Mistyped(DeskTest):
+    """A command or an option that there is not is answered with the one that was probably meant."""
+
+    def talk_of(self, *arguments):
+        done = run_phone("unix:/nowhere.sock", *arguments)
+        self.assertEnds(done, 2)
+        self.assertEqual(done.stdout, b"")
+        self.assertEqual(done.stderr.count(b"\n"), 1)
+        return done.stderr.decode()
+
+    def assertMeant(self, meant, word, *arguments):
+        with self.subTest(arguments=arguments):
+            self.assertIn(f" {word}; did you mean {meant}?", self.talk_of(*arguments))
+
+    def test_commands(self):
+        for meant, words in {
+            "list": ("lst", "lits", "List", "liste"), "show": ("shwo", "sho"), "rename": ("renmae", "renam"),
+            "delete": ("deletee", "dleete"), "picture": ("pictures",),
+        }.items():  # fmt: skip
+            for word in words:
+                self.assertMeant(meant, word, word)
+                self.assertMeant(meant, word, word, 1, "--json")
+
+    def test_options_of_the_phone(self):
+        self.assertMeant("--json", "--jsno", "--jsno", "list")
+        self.assertMeant("--json", "--jsno", "list", "--jsno")
+        self.assertMeant("--timeout", "--timout", "--timout", 5, "list")
+        self.assertMeant("--timeout", "--timout", "--timout=5", "list")
+
+    def test_options_of_a_command(self):
+        self.assertMeant("--pictures", "--pictuers", "list", "--pictuers")
+        self.assertMeant("--picture", "--pictures", "show", 1, "--pictures")
+        self.assertMeant("--dry-run", "--dryrun", "delete", 1, "--dryrun")
+
+    def test_an_option_of_another_command_is_not_offered(self):
+        self.assertNotIn("did you mean", self.talk_of("list", "--dry-rnu"))
+
+    def test_what_is_like_nothing_is_named_alone(self):
+        for word in ("dance", "x", "--nonsense", "-x", "\N{BLACK STAR}"):
+            talk = self.talk_of(word, "list") if word.startswith("-") else self.talk_of(word)
+            self.assertIn(f" {word}; see shotmentor-phone --help", talk)
+
+    def test_names_of_presets_are_no_options(self):
+        self.assertNotIn("did you mean", self.talk_of("picture", "--", "--jsno", "--jsno"))
+
+
+class Connecting(DeskTest):
+    """SHOTMENTOR_CONNECT stands for --connect."""
+
+    NOWHERE = "unix:/nowhere.sock"
+
+    def phone(self, *arguments, connect=None):
+        environment = environment_of_programs(**({} if connect is None else {"SHOTMENTOR_CONNECT": connect}))
+        return subprocess.run(
+            [PHONE, *arguments], stdin=subprocess.DEVNULL, capture_output=True, timeout=PATIENCE, env=environment
+        )
+
+    def assertUsage(self, done, *parts):
+        self.assertEnds(done, 2)
+        self.assertEqual(done.stdout, b"")
+        self.assertEqual(done.stderr.count(b"\n"), 1)
+        for part in parts:
+            self.assertIn(part, done.stderr.decode())
+
+    def assertLists(self, *arguments, **more):
+        """Lists the presets of a camera, whose URL is put in the place of HERE."""
+        records = [phone_record(b"Here", custom_id=3)]
+        with FakeCamera(self.folder, lambda *_: list_reply(records)) as camera:
+            given = [word.replace("HERE", camera.url) for word in arguments]
+            done = self.phone("--json", "list", *given, **{k: v.replace("HERE", camera.url) for k, v in more.items()})
+        self.assertEnds(done, 0)
+        self.assertEqual(json.loads(done.stdout)["presets"], [record_to_json(record) for record in records])
+
+    def test_the_environment_names_the_camera_where_the_option_does_not(self):
+        self.assertLists(connect="HERE")
+
+    def test_the_option_wins_over_the_environment(self):
+        self.assertLists("--connect", "HERE", connect=self.NOWHERE)
+        self.assertLists("--connect=HERE", connect="no URL")
+        self.assertUsage(self.phone("--connect", "", "list", connect=self.NOWHERE))
+
+    def test_without_either_the_error_names_both(self):
+        for environment in ({}, {"connect": ""}):
+            for arguments in ((), ("list",), ("show", "1"), ("show",)):
+                with self.subTest(arguments=arguments, environment=environment):
+                    self.assertUsage(self.phone(*arguments, **environment), "--connect", "SHOTMENTOR_CONNECT")
+
+    def test_an_environment_that_names_no_link_is_named(self):
+        self.assertUsage(self.phone("list", connect="smoke:signal"), "SHOTMENTOR_CONNECT", "smoke:signal")
+        for arguments in (("--connect", "smoke:signal"), ("--connect=smoke:signal",)):
+            done = self.phone("list", *arguments, connect=self.NOWHERE)
+            self.assertUsage(done, "smoke:signal")
+            self.assertNotIn(b"SHOTMENTOR_CONNECT", done.stderr)
+
+    def test_a_camera_of_the_environment_that_is_not_there_cannot_be_connected_to(self):
+        self.assertEnds(self.phone("list", connect=self.NOWHERE), 3)
+
+    def test_what_needs_no_camera_takes_no_notice_of_the_environment(self):
+        for arguments in (("--help",), ("--version",), ("check", "--list-checks")):
+            done = self.phone(*arguments, connect="smoke:signal")
+            self.assertEnds(done, 0)
+            self.assertEqual(done.stdout, self.phone(*arguments).stdout)
+
+    def test_the_man_page_names_the_variable(self):
+        page = self.phone("--reference", "man").stdout.decode()
+        self.assertIn("SHOTMENTOR_CONNECT", page[page.index(".SH ENVIRONMENT") : page.index(".SH EXIT STATUS")])
+
+
+class Talking(DeskTest):
+    """--quiet leaves only errors on standard error, --verbose adds a line for each request and each reply."""
+
+    ANSWERS = {
+        LIST: list_reply([phone_record(b"Dusk", custom_id=3)]),
+        PICTURE: request(REPLY + PICTURE, struct.pack("<i", 3) + picture(1)),
+        STORE: request(REPLY + STORE, struct.pack("<iiii", 1, 1, 4, 0)),
+        UPDATE: request(REPLY + UPDATE, struct.pack("<i", 1)),
+        DELETE: delete_reply(1, []),
+    }
+
+    def setUp(self):
+        super().setUp()
+        self.target = os.path.join(self.folder, "saved.jpg")
+
+    def phone(self, *arguments, code=0, answers=ANSWERS):
+        with FakeCamera(self.folder, lambda function, _: answers[function]) as camera:
+            done = run_phone(camera.url, *arguments)
+        self.assertEnds(done, code)
+        return done
+
+    def traffic(self, *arguments, **more):
+        """What --verbose tells: `request` or `reply`, number, command and bytes of each, in order of time."""
+        lines = self.phone("--verbose", *arguments, **more).stderr.decode().splitlines()
+        line = re.compile(r"(\d+\.\d{3}) s: (request|reply) (0x[0-9a-f]+) \((\w+)\), (\d+) bytes")
+        found = [match.groups() for match in map(line.fullmatch, lines) if match]
+        times = [float(time) for time, *_ in found]
+        self.assertEqual(times, sorted(times))
+        self.assertLess(times[-1], PATIENCE)
+        return [(what, int(number, 16), name, int(size)) for _, what, number, name, size in found]
+
+    def test_quiet_commands_say_nothing_and_print_the_same_data(self):
+        for arguments in (
+            ("list", "--pictures"), ("show", 0, "--picture"), ("picture", 0, "-o", self.target),
+            ("rename", 0, "Dawn"), ("delete", 0), ("leave",),
+        ):  # fmt: skip
+            with self.subTest(arguments=arguments):
+                done = self.phone(*arguments, "--quiet")
+                self.assertEqual(done.stderr, b"")
+                self.assertEqual(done.stdout, self.phone(*arguments).stdout)
+
+    def test_without_quiet_they_talk(self):
+        for arguments in (("list", "--pictures"), ("picture", 0, "-o", self.target), ("rename", 0, "Dawn"), ("leave",)):
+            self.assertEqual(self.phone(*arguments).stderr.count(b"\n"), 1)
+
+    def test_quiet_errors_are_told(self):
+        refused = {**self.ANSWERS, UPDATE: request(REPLY + UPDATE, struct.pack("<i", -6))}
+        self.assertIn(b"-6", self.phone("--quiet", "rename", 0, "Dawn", code=16, answers=refused).stderr)
+        self.assertIn(b"preset 1", self.phone("--quiet", "show", 1, code=9).stderr)
+
+    def test_quiet_draws_no_progress_on_a_terminal(self):
+        answers = {**self.ANSWERS, PICTURE: request(REPLY + PICTURE, struct.pack("<i", 3) + picture(1, 1000000))}
+        for options, is_drawn in (((), True), (("--quiet",), False)):
+            with FakeCamera(self.folder, lambda function, _: answers[function]) as camera:
+                done = run_on_terminal(camera.url, *options, "picture", 0, "-o", self.target)
+            self.assertEqual(done.returncode, 0, done.text)
+            self.assertEqual("1001 kB" in done.text, is_drawn, done.text)
+
+    def test_verbose_tells_of_each_request_and_reply(self):
+        listed = [("request", LIST, "list", 8), ("reply", REPLY + LIST, "list", 28 + PHONE_RECORD)]
+        self.assertEqual(self.traffic("list"), listed)
+        self.assertEqual(
+            self.traffic("rename", "dusk", "Dawn"),
+            [*listed, ("request", UPDATE, "rename", 8 + PHONE_RECORD), ("reply", REPLY + UPDATE, "rename", 12)],
+        )
+        self.assertEqual(
+            self.traffic("picture", 0, "-o", self.target),
+            [*listed, ("request", PICTURE, "picture", 16), ("reply", REPLY + PICTURE, "picture", 8 + 4 + 400)],
+        )
+        self.assertEqual(
+            self.traffic("delete", 0),
+            [*listed, ("request", DELETE, "delete", 16), ("reply", REPLY + DELETE, "delete", 20)],
+        )
+
+    def test_verbose_tells_of_a_request_without_a_reply(self):
+        self.assertEqual(self.traffic("leave"), [("request", STATE_OFF, "leave", 12)])
+        silent = {LIST: None}
+        self.assertEqual(self.traffic("--timeout", 0.3, "list", code=4, answers=silent), [("request", LIST, "list", 8)])
+
+    def test_verbose_tells_of_a_reply_that_is_not_the_one_expected(self):
+        wrong = {LIST: request(0x7777, bytes(4))}
+        self.assertEqual(self.traffic("list", code=6, answers=wrong)[1], ("reply", 0x7777, "unknown", 12))
+
+    def test_verbose_leaves_the_data_as_it_is(self):
+        for arguments in (("list",), ("--json", "show", 0)):
+            self.assertEqual(self.phone("--verbose", *arguments).stdout, self.phone(*arguments).stdout)
+
+    def test_quiet_and_verbose_exclude_each_other(self):
+        self.assertEnds(run_phone("unix:/nowhere.sock", "--quiet", "--verbose", "list"), 2)
 
 
 class Output(DeskTest):

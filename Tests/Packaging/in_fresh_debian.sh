@@ -49,7 +49,7 @@ all_requests() {
     id=$(sed -n 's/^stored as preset .* with id \([0-9]*\)$/\1/p' stored)
     quietly "$@" picture "$number" -o back.jpg
     cmp picture.jpg back.jpg
-    quietly "$@" rename "$id" "Under another title"
+    quietly "$@" rename "id:$id" "Under another title"
     "$@" show "$number" | grep -q "Under another title" || fail "$name did not rename the preset"
     "$@" delete "$number" >/dev/null
     "$@" --json list >after.json

@@ -164,6 +164,10 @@ Bytes picture_from(const std::string& path) {
         throw Failure(exit_usage, fmt::format("{} has {} bytes; the camera takes pictures of at least {}",
                                               printable(path), picture.size(), smallest_picture));
     }
+    if (const std::optional<std::string> fault = fault_of_jpeg(picture)) {
+        throw Failure(exit_usage, fmt::format("{} is cut off or broken: {}; nothing is stored, give a whole JPEG",
+                                              printable(path), *fault));
+    }
     return picture;
 }
 

@@ -1,6 +1,7 @@
 #include "Jpeg.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <iterator>
 #include <utility>
 
@@ -62,7 +63,8 @@ bool has_header(jpeg_decompress_struct& decoder, JpegErrors& errors, std::span<c
     if (setjmp(errors.way_out) != 0) {
         return false;
     }
-    read_header(decoder, picture);
+    open_picture(decoder, picture);
+    jpeg_read_header(&decoder, TRUE);
     return true;
 }
 
@@ -72,7 +74,8 @@ bool decode(jpeg_decompress_struct& decoder, JpegErrors& errors, std::span<const
     if (setjmp(errors.way_out) != 0) {
         return false;
     }
-    read_header(decoder, picture);
+    open_picture(decoder, picture);
+    jpeg_read_header(&decoder, TRUE);
     if (exceeds_budget(decoder)) {
         return false;
     }
@@ -87,7 +90,8 @@ bool is_whole(jpeg_decompress_struct& decoder, JpegErrors& errors, std::span<con
     if (setjmp(errors.way_out) != 0) {
         return false;
     }
-    read_header(decoder, picture);
+    open_picture(decoder, picture);
+    jpeg_read_header(&decoder, TRUE);
     if (exceeds_budget(decoder)) {
         leave_beyond_budget(reinterpret_cast<j_common_ptr>(&decoder));
     }
@@ -148,6 +152,10 @@ bool is_jpeg(std::span<const uint8_t> picture) {
     const bool found = has_header(decoder, errors, picture);
     jpeg_destroy_decompress(&decoder);
     return found;
+}
+
+std::string broken_picture(const std::string& name, const std::string& fault) {
+    return fmt::format("{} is cut off or broken: {}; nothing is stored, give a whole JPEG", name, fault);
 }
 
 std::optional<std::string> fault_of_jpeg(std::span<const uint8_t> picture) {

@@ -1,5 +1,6 @@
 // Just enough of a JPEG decoder to tell JPEG files from others, whole ones from broken ones, and to draw small
-// pictures. A picture is what a stranger made, and few bytes can ask for much work and memory: reading one has a budget.
+// pictures. A picture is what a stranger made, and few bytes can ask for much work and memory: reading one has a
+// budget.
 #pragma once
 
 #include <chrono>
@@ -29,6 +30,9 @@ bool is_jpeg(std::span<const uint8_t> picture);
 // it is whole. What comes behind that end is not looked at: cameras write smaller pictures there. Of a picture that
 // costs more than the budget only the markers are read.
 std::optional<std::string> fault_of_jpeg(std::span<const uint8_t> picture);
+
+// The line that says it.
+std::string broken_picture(const std::string& name, const std::string& fault);
 
 struct Pixels {
     int width = 0;

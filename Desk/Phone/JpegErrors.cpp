@@ -61,10 +61,9 @@ void set_budget(jpeg_decompress_struct& decoder, JpegMonitor& monitor, Clock::ti
     decoder.progress = &monitor.manager;
 }
 
-void read_header(jpeg_decompress_struct& decoder, std::span<const uint8_t> picture) {
+void open_picture(jpeg_decompress_struct& decoder, std::span<const uint8_t> picture) {
     jpeg_create_decompress(&decoder);
     jpeg_mem_src(&decoder, picture.data(), static_cast<unsigned long>(picture.size()));
-    jpeg_read_header(&decoder, TRUE);
 }
 
 } // namespace desk::phone

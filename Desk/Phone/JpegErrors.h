@@ -36,6 +36,7 @@ struct JpegMonitor {
 // From here on the decoder has until the deadline, `most_scans` and `most_decoder_memory`.
 void set_budget(jpeg_decompress_struct& decoder, JpegMonitor& monitor, std::chrono::steady_clock::time_point deadline);
 
-void read_header(jpeg_decompress_struct& decoder, std::span<const uint8_t> picture);
+// Makes a decoder that is at the picture's start.
+void open_picture(jpeg_decompress_struct& decoder, std::span<const uint8_t> picture);
 
 } // namespace desk::phone

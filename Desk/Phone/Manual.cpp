@@ -23,6 +23,8 @@ command_line::Manual manual() {
                      {"Save its record:", "shotmentor-phone --connect tcp:localhost:7700 --json show 3 > dawn.json"},
                      {"Store both as a new preset:",
                       "shotmentor-phone --connect tcp:localhost:7700 store dawn.json dawn.jpg"},
+                     {"Store one with a picture as large as cameras take them:",
+                      "shotmentor-phone --connect tcp:localhost:7700 store dawn.json photo.jpg --fit"},
                      {"Give the preset with custom_id 12 another title:",
                       "shotmentor-phone --connect tcp:localhost:7700 rename 12 \"Dawn over the sea\""},
                      {"Delete two presets:", "shotmentor-phone --connect tcp:localhost:7700 delete 3 4"},

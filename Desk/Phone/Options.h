@@ -27,6 +27,7 @@ struct Options {
     std::string output_file;          // picture
     std::string preset_file;          // store
     std::string picture_file;         // store
+    bool fits_picture = false;        // store
     int32_t custom_id = 0;            // rename
     std::string title;                // rename
     std::optional<int32_t> server_id; // rename

@@ -3,6 +3,7 @@
 import random
 import struct
 import subprocess
+import tempfile
 
 START, END = b"\xff\xd8", b"\xff\xd9"
 BASELINE, PROGRESSIVE, ARITHMETIC_PROGRESSIVE = 0xC0, 0xC2, 0xCA
@@ -56,17 +57,40 @@ def slow_picture():
 
 
 def noise_picture(width, height, *options, contrast=64, quality=90):
-    """A picture of noise as `cjpeg` encodes it: dark in its left half, bright at its right, as bright as its contrast
-    lets it be; the same for the same arguments."""
+    """A picture of noise as `cjpeg` encodes it: dark in its left half, bright in its right, the more apart the less its
+    contrast is; the same for the same arguments."""
     half = width // 2
     dark = bytes(value * contrast // 256 for value in range(256))
     bright = bytes(255 - value for value in dark)
     noise = random.Random(1)
-    rows = [
+    rows = (
         noise.randbytes(3 * half).translate(dark) + noise.randbytes(3 * (width - half)).translate(bright)
         for _ in range(height)
-    ]
-    return subprocess.run(
-        ["cjpeg", "-quality", str(quality), *options], input=b"P6 %d %d 255\n" % (width, height) + b"".join(rows),
-        stdout=subprocess.PIPE, check=True,
-    ).stdout  # fmt: skip
+    )
+    return encoded(b"P6", width, height, rows, "-quality", str(quality), *options)
+
+
+def coarse_noise(width, height):
+    """Grey squares of 8 by 8 pixels, each of a brightness of its own: no smaller picture has less noise."""
+    noise = random.Random(1)
+
+    def row_of_squares():
+        row = bytearray(width)
+        squares = noise.randbytes(width // 8)
+        for column in range(8):
+            row[column::8] = squares
+        return row * 8
+
+    return encoded(b"P5", width, height, (row_of_squares() for _ in range(height // 8)))
+
+
+def encoded(kind, width, height, rows, *options):
+    """What `cjpeg` makes of rows of pixels. They are not kept: a test that measures programs has to stay small."""
+    with tempfile.TemporaryFile() as output:
+        with subprocess.Popen(["cjpeg", *options], stdin=subprocess.PIPE, stdout=output) as encoder:
+            encoder.stdin.write(b"%s %d %d 255\n" % (kind, width, height))
+            encoder.stdin.writelines(rows)
+        if encoder.returncode != 0:
+            raise RuntimeError(f"cjpeg ended with {encoder.returncode}")
+        output.seek(0)
+        return output.read()

@@ -51,10 +51,10 @@ class Sending(DeskTest):
         self.assertEqual(self.sent, image)
         self.assertEqual(done.stderr, b"")
 
-    def assertRefused(self, image, *options, word="nothing is stored", **more):
+    def assertRefused(self, image, *options, word="nothing is stored", code=2, **more):
         """One line that says it, and nothing has been sent."""
         done = self.send(image, *options, **more)
-        self.assertEnds(done, 2)
+        self.assertEnds(done, code)
         self.assertEqual(self.sent, b"")
         self.assertEqual(done.stderr.count(b"\n"), 1, done.stderr)
         self.assertIn(word.encode(), done.stderr)
@@ -257,6 +257,12 @@ class FittingHasABudget(Sending):
 
     def test_a_file_without_end_is_given_up(self):
         self.assertTooMuch("/dev/zero", f"more than {LONGEST_FILE_TO_FIT} bytes")
+
+    def test_what_is_no_file_is_refused(self):
+        fifo = os.path.join(self.folder, "fifo")
+        os.mkfifo(fifo)
+        self.assertTooMuch(self.folder, "it is a folder", code=1, memory=LITTLE_MEMORY)
+        self.assertTooMuch(fifo, "nothing came for 5 s", code=1, memory=LITTLE_MEMORY, seconds=5 + READING_TIME)
 
     def test_a_long_file_that_is_no_picture_is_refused(self):
         self.assertTooMuch(bytes(LONGEST_FILE_TO_FIT), "is no JPEG")

@@ -23,7 +23,7 @@ constexpr std::array<Meaning, 14> meanings = {{
     {exit_done, exit_done, done, done},
     {exit_machine, exit_machine, machine, machine},
     {exit_usage, exit_usage, "wrong usage or input: options, records, pictures",
-     "wrong usage or input: options, preset files, pictures that are no JPEG"},
+     "wrong usage or input: options, preset files, pictures that are no whole JPEG"},
     {exit_link, exit_link, "cannot listen", "cannot connect"},
     {exit_timeout, exit_timeout, nullptr, "no answer in time"},
     {exit_busy, exit_busy, nullptr, "the camera is busy with another phone"},

@@ -92,13 +92,13 @@ bool means_later(int error) {
 
 // ---- Reading --------------------------------------------------------------------------------------------------------
 
-Failure too_long_failure(const std::string& path, const std::string& size, size_t most) {
-    return {exit_usage, fmt::format("{} has {} bytes, and at most {} can be used; give a smaller file", printable(path),
-                                    size, most)};
+Failure too_long_failure(const std::string& path, const std::string& size, size_t most, const std::string& remedy) {
+    return {exit_usage,
+            fmt::format("{} has {} bytes, and at most {} can be used; {}", printable(path), size, most, remedy)};
 }
 
 // The size that a file tells: 0 where it has none of its own.
-size_t told_size(const Descriptor& file, const std::string& path, size_t most) {
+size_t told_size(const Descriptor& file, const std::string& path, size_t most, const std::string& remedy) {
     struct stat status = {};
     if (fstat(file.get(), &status) != 0) {
         throw read_failure(path, read_error());
@@ -111,7 +111,7 @@ size_t told_size(const Descriptor& file, const std::string& path, size_t most) {
     }
     const auto size = static_cast<uintmax_t>(status.st_size);
     if (size > most) {
-        throw too_long_failure(path, std::to_string(size), most);
+        throw too_long_failure(path, std::to_string(size), most, remedy);
     }
     return static_cast<size_t>(size);
 }
@@ -277,13 +277,13 @@ bool are_same(const std::optional<struct stat>& one, const std::optional<struct 
 
 } // namespace
 
-Bytes read_file(const std::string& path, size_t most) {
+Bytes read_file(const std::string& path, size_t most, const std::string& remedy) {
     const Descriptor file = open_file(path, O_RDONLY | gentle);
     if (file.get() < 0) {
         throw read_failure(path, read_error());
     }
     Bytes bytes;
-    bytes.reserve(told_size(file, path, most) + 1);
+    bytes.reserve(told_size(file, path, most, remedy) + 1);
     while (bytes.size() <= most) {
         const size_t begin = bytes.size();
         bytes.resize(begin + std::min(read_at_once, most + 1 - begin));
@@ -293,7 +293,7 @@ Bytes read_file(const std::string& path, size_t most) {
             return bytes;
         }
     }
-    throw too_long_failure(path, fmt::format("more than {}", most), most);
+    throw too_long_failure(path, fmt::format("more than {}", most), most, remedy);
 }
 
 void write_file(const std::string& path, std::span<const uint8_t> bytes) {

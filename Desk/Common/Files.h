@@ -19,7 +19,8 @@ constexpr size_t longest_preset_file = size_t{1} << 20;
 
 // The bytes of a file that has `most` of them at most; never are more than one beyond that read. Throws Failure:
 // exit_usage for a longer file, exit_machine for one that cannot be read, a folder, or a pipe beyond all patience.
-Bytes read_file(const std::string& path, size_t most);
+// `remedy` is what mends a file that is too long.
+Bytes read_file(const std::string& path, size_t most, const std::string& remedy = "give a smaller file");
 
 // Writes a file so that its name always stands for a whole one: the old, or the new. Symbolic links stay, and what they
 // lead to is written. What is no ordinary file is written as it is. Throws Failure (exit_machine).

@@ -11,6 +11,7 @@
 #include "Check.h"
 #include "Common/Files.h"
 #include "Common/Text.h"
+#include "Fit.h"
 #include "Jpeg.h"
 #include "Options.h"
 #include "Output.h"
@@ -163,17 +164,53 @@ int save_picture(const Options& options) {
 
 // ---- store ----------------------------------------------------------------------------------------------------------
 
-Bytes picture_from(const std::string& path) {
-    Bytes picture = read_file(path, longest_picture);
+struct SentPicture {
+    Bytes jpeg;
+    std::string change; // what was made of the file's picture, if anything
+};
+
+std::string size_text(const PictureSize& size, size_t bytes) {
+    constexpr double kilobyte = 1e3;
+    constexpr double megabyte = 1e6;
+    const auto count = static_cast<double>(bytes);
+    return count < megabyte ? fmt::format("{}x{}, {:.0f} KB", size.width, size.height, count / kilobyte)
+                            : fmt::format("{}x{}, {:.1f} MB", size.width, size.height, count / megabyte);
+}
+
+Bytes file_of_picture(const std::string& path, bool fits) {
+    if (fits) {
+        return read_file(path, longest_file_to_fit);
+    }
+    return read_file(path, longest_picture,
+                     fmt::format("give a smaller file, or --fit, which makes JPEG files of up to {} MiB smaller",
+                                 longest_file_to_fit >> 20U));
+}
+
+void check_picture(const Bytes& picture, const std::string& name) {
     if (!is_jpeg(picture)) {
-        throw Failure(exit_usage, fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is broken",
-                                              printable(path)));
+        throw Failure(exit_usage,
+                      fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is broken", name));
     }
     if (picture.size() < smallest_picture) {
-        throw Failure(exit_usage, fmt::format("{} has {} bytes; the camera takes pictures of at least {}",
-                                              printable(path), picture.size(), smallest_picture));
+        throw Failure(exit_usage, fmt::format("{} has {} bytes; the camera takes pictures of at least {}", name,
+                                              picture.size(), smallest_picture));
     }
-    return picture;
+}
+
+SentPicture picture_from(const std::string& path, bool fits) {
+    Bytes picture = file_of_picture(path, fits);
+    const std::string name = printable(path);
+    check_picture(picture, name);
+    if (picture.size() > longest_picture) {
+        FittedPicture fitted = fit_jpeg(picture, longest_picture, name);
+        const std::string before = size_text(fitted.before, picture.size());
+        const std::string after = size_text(fitted.after, fitted.jpeg.size());
+        return {std::move(fitted.jpeg), fmt::format("{}: {}, sent as {}", name, before, after)};
+    }
+    if (const std::optional<std::string> fault = fault_of_jpeg(picture)) {
+        throw Failure(exit_usage, broken_picture(name, *fault));
+    }
+    return {std::move(picture), ""};
 }
 
 sm_tag_custom_info preset_from(const std::string& path) {
@@ -183,8 +220,11 @@ sm_tag_custom_info preset_from(const std::string& path) {
 
 int store(const Options& options) {
     const sm_tag_custom_info preset = preset_from(options.preset_file);
-    const Bytes picture = picture_from(options.picture_file);
-    const StoreReply reply = CameraClient(options).store(preset, picture);
+    const SentPicture picture = picture_from(options.picture_file, options.fits_picture);
+    const StoreReply reply = CameraClient(options).store(preset, picture.jpeg);
+    if (!picture.change.empty()) {
+        say(picture.change);
+    }
     if (options.json) {
         print_json(json_of(reply));
     } else if (reply.result == SM_RETURN_TRUE) {

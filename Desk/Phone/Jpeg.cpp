@@ -1,11 +1,11 @@
 #include "Jpeg.h"
 
 #include <algorithm>
-#include <csetjmp>
-#include <cstdio>
+#include <fmt/format.h>
 #include <iterator>
-#include <jpeglib.h>
 #include <utility>
+
+#include "JpegErrors.h"
 
 namespace desk::phone {
 namespace {
@@ -13,38 +13,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr unsigned largest_reduction = 8;
-
-// The decoder reports errors through its manager, and must not return from one.
-struct Errors {
-    jpeg_error_mgr manager; // first, so that the decoder's pointer to it is one to this
-    std::jmp_buf way_out;
-};
-
-void leave_decoder(j_common_ptr decoder) {
-    std::longjmp(reinterpret_cast<Errors*>(decoder->err)->way_out, 1);
-}
-
-void keep_silent(j_common_ptr) {}
-
-void prepare(jpeg_decompress_struct& decoder, Errors& errors) {
-    decoder.err = jpeg_std_error(&errors.manager);
-    errors.manager.error_exit = leave_decoder;
-    errors.manager.output_message = keep_silent;
-}
-
-// What the decoder calls again and again while it works.
-struct Monitor {
-    jpeg_progress_mgr manager; // first, as above
-    Clock::time_point deadline;
-};
-
-void leave_beyond_budget(j_common_ptr decoder) {
-    const int scan = reinterpret_cast<j_decompress_ptr>(decoder)->input_scan_number;
-    const Clock::time_point deadline = reinterpret_cast<Monitor*>(decoder->progress)->deadline;
-    if (scan > most_scans || Clock::now() > deadline) {
-        leave_decoder(decoder);
-    }
-}
 
 bool exceeds_budget(const jpeg_decompress_struct& decoder) {
     return size_t{decoder.image_width} * decoder.image_height > most_picture_pixels;
@@ -75,36 +43,100 @@ void read_rows(jpeg_decompress_struct& decoder, Pixels& pixels) {
     }
 }
 
-void read_header(jpeg_decompress_struct& decoder, std::span<const uint8_t> picture) {
-    jpeg_create_decompress(&decoder);
-    jpeg_mem_src(&decoder, picture.data(), static_cast<unsigned long>(picture.size()));
-    jpeg_read_header(&decoder, TRUE);
+// The quickest way through all of a picture's data: an eighth of its pixels, in the colours that they are kept in.
+void read_to_end(jpeg_decompress_struct& decoder) {
+    decoder.scale_num = 1;
+    decoder.scale_denom = largest_reduction;
+    decoder.out_color_space = decoder.jpeg_color_space;
+    jpeg_start_decompress(&decoder);
+    const JDIMENSION row_size = decoder.output_width * static_cast<JDIMENSION>(decoder.output_components);
+    JSAMPARRAY row = decoder.mem->alloc_sarray(reinterpret_cast<j_common_ptr>(&decoder), JPOOL_IMAGE, row_size, 1);
+    while (decoder.output_scanline < decoder.output_height) {
+        jpeg_read_scanlines(&decoder, row, 1);
+    }
+    jpeg_finish_decompress(&decoder);
 }
 
-// No object with a destructor lives in these two: the way out of an error passes them by.
+// No object with a destructor lives in these three: the way out of an error passes them by.
 
-bool has_header(jpeg_decompress_struct& decoder, Errors& errors, std::span<const uint8_t> picture) {
+bool has_header(jpeg_decompress_struct& decoder, JpegErrors& errors, std::span<const uint8_t> picture) {
     if (setjmp(errors.way_out) != 0) {
         return false;
     }
-    read_header(decoder, picture);
+    open_picture(decoder, picture);
+    jpeg_read_header(&decoder, TRUE);
     return true;
 }
 
-bool decode(jpeg_decompress_struct& decoder, Errors& errors, Monitor& monitor, std::span<const uint8_t> picture,
-            const Box& box, Pixels& pixels) {
+bool decode(jpeg_decompress_struct& decoder, JpegErrors& errors, std::span<const uint8_t> picture, const Box& box,
+            Pixels& pixels) {
+    JpegMonitor monitor = {};
     if (setjmp(errors.way_out) != 0) {
         return false;
     }
-    read_header(decoder, picture);
+    open_picture(decoder, picture);
+    jpeg_read_header(&decoder, TRUE);
     if (exceeds_budget(decoder)) {
         return false;
     }
-    decoder.mem->max_memory_to_use = most_decoder_memory; // beyond that it gives up
-    decoder.progress = &monitor.manager;
+    set_budget(decoder, monitor, Clock::now() + longest_decoding);
     choose_scale(decoder, box);
     read_rows(decoder, pixels);
     return true;
+}
+
+bool is_whole(jpeg_decompress_struct& decoder, JpegErrors& errors, std::span<const uint8_t> picture) {
+    JpegMonitor monitor = {};
+    if (setjmp(errors.way_out) != 0) {
+        return false;
+    }
+    open_picture(decoder, picture);
+    jpeg_read_header(&decoder, TRUE);
+    if (exceeds_budget(decoder)) {
+        leave_beyond_budget(reinterpret_cast<j_common_ptr>(&decoder));
+    }
+    set_budget(decoder, monitor, Clock::now() + longest_decoding);
+    read_to_end(decoder);
+    return true;
+}
+
+// ---- The markers of a stream ----------------------------------------------------------------------------------------
+
+constexpr uint8_t marker_begin = 0xFF;
+constexpr uint8_t first_restart = 0xD0; // of eight, which stand among the data of a scan
+constexpr uint8_t last_restart = 0xD7;
+constexpr uint8_t end_of_image = 0xD9;
+constexpr uint8_t start_of_scan = 0xDA;
+constexpr size_t marker_size = 2;
+constexpr size_t length_size = 2; // counts itself
+
+bool stands_in_data(uint8_t code) {
+    return code == 0 || (code >= first_restart && code <= last_restart);
+}
+
+size_t end_of_data(std::span<const uint8_t> picture, size_t at) {
+    while (at + 1 < picture.size() && (picture[at] != marker_begin || stands_in_data(picture[at + 1]))) {
+        ++at;
+    }
+    return at;
+}
+
+// Whether each segment ends where a marker begins, up to the one that ends the picture.
+bool markers_reach_end(std::span<const uint8_t> picture) {
+    size_t at = marker_size;
+    while (at + marker_size + length_size <= picture.size() && picture[at] == marker_begin &&
+           picture[at + 1] != end_of_image) {
+        const uint8_t code = picture[at + 1];
+        if (code == marker_begin) { // a marker may begin with several
+            ++at;
+            continue;
+        }
+        at += marker_size + (size_t{picture[at + 2]} << 8U) + picture[at + 3];
+        if (code == start_of_scan) {
+            at = end_of_data(picture, at);
+        }
+    }
+    return at + marker_size <= picture.size() && picture[at] == marker_begin && picture[at + 1] == end_of_image;
 }
 
 } // namespace
@@ -115,22 +147,35 @@ bool is_jpeg(std::span<const uint8_t> picture) {
         return false;
     }
     jpeg_decompress_struct decoder = {};
-    Errors errors = {};
-    prepare(decoder, errors);
+    JpegErrors errors = {};
+    decoder.err = prepare(errors, JpegWarnings::overlooked);
     const bool found = has_header(decoder, errors, picture);
     jpeg_destroy_decompress(&decoder);
     return found;
 }
 
+std::string broken_picture(const std::string& name, const std::string& fault) {
+    return fmt::format("{} is cut off or broken: {}; nothing is stored, give a whole JPEG", name, fault);
+}
+
+std::optional<std::string> fault_of_jpeg(std::span<const uint8_t> picture) {
+    jpeg_decompress_struct decoder = {};
+    JpegErrors errors = {};
+    decoder.err = prepare(errors, JpegWarnings::faults);
+    const bool whole = is_whole(decoder, errors, picture);
+    jpeg_destroy_decompress(&decoder);
+    if (whole || (errors.beyond_budget && markers_reach_end(picture))) {
+        return std::nullopt;
+    }
+    return errors.beyond_budget ? "its end is missing" : errors.fault;
+}
+
 std::optional<Pixels> decode_jpeg(std::span<const uint8_t> picture, const Box& box) {
     jpeg_decompress_struct decoder = {};
-    Errors errors = {};
-    prepare(decoder, errors);
-    Monitor monitor = {};
-    monitor.manager.progress_monitor = leave_beyond_budget;
-    monitor.deadline = Clock::now() + longest_decoding;
+    JpegErrors errors = {};
+    decoder.err = prepare(errors, JpegWarnings::overlooked);
     Pixels pixels;
-    const bool decoded = decode(decoder, errors, monitor, picture, box, pixels);
+    const bool decoded = decode(decoder, errors, picture, box, pixels);
     jpeg_destroy_decompress(&decoder);
     return decoded ? std::optional(std::move(pixels)) : std::nullopt;
 }

@@ -1,10 +1,12 @@
-// Just enough of a JPEG decoder to tell JPEG files from others and to draw small pictures. A picture is what a stranger
-// sent, and few bytes can ask for much work and memory: drawing one has a budget.
+// Just enough of a JPEG decoder to tell JPEG files from others, whole ones from broken ones, and to draw small
+// pictures. A picture is what a stranger made, and few bytes can ask for much work and memory: reading one has a
+// budget.
 #pragma once
 
 #include <chrono>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "Wire/Record.h"
@@ -23,6 +25,14 @@ constexpr std::chrono::seconds longest_decoding{2};
 
 // Whether a picture begins as JPEG data does, and describes itself as far as its pixels.
 bool is_jpeg(std::span<const uint8_t> picture);
+
+// What is wrong with a picture between its start and the end of its first JPEG stream, in libjpeg's words; nothing when
+// it is whole. What comes behind that end is not looked at: cameras write smaller pictures there. Of a picture that
+// costs more than the budget only the markers are read.
+std::optional<std::string> fault_of_jpeg(std::span<const uint8_t> picture);
+
+// The line that says it.
+std::string broken_picture(const std::string& name, const std::string& fault);
 
 struct Pixels {
     int width = 0;

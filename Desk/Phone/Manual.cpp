@@ -24,6 +24,8 @@ command_line::Manual manual() {
                      {"Save its record:", "shotmentor-phone --connect tcp:localhost:7700 --json show 3 > dawn.json"},
                      {"Store both as a new preset:",
                       "shotmentor-phone --connect tcp:localhost:7700 store dawn.json dawn.jpg"},
+                     {"Store one with a picture as large as cameras take them:",
+                      "shotmentor-phone --connect tcp:localhost:7700 store dawn.json photo.jpg --fit"},
                      {"Give the preset with custom_id 13 another title:",
                       "shotmentor-phone --connect tcp:localhost:7700 rename id:13 \"Dawn over the sea\""},
                      {"Delete two presets, by a part of the title and by number:",

@@ -102,6 +102,7 @@ void add_changing_commands(CLI::App& app, Arguments& arguments) {
         add_command(app, options, Options::Command::store, "store", "store a preset, and print its number and id");
     store->add_option("PRESET.json", options.preset_file, "what --json show prints")->required()->type_name("");
     store->add_option("PICTURE.jpg", options.picture_file, "its picture")->required()->type_name("");
+    store->add_flag("--fit", options.fits_picture, "make a picture smaller that is too large for the camera");
 
     CLI::App* rename =
         add_command(app, options, Options::Command::rename, "rename", "change title and server identity of a preset");

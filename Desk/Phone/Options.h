@@ -29,6 +29,7 @@ struct Options {
     std::string output_file;          // picture
     std::string preset_file;          // store
     std::string picture_file;         // store
+    bool fits_picture = false;        // store
     std::string title;                // rename
     std::optional<int32_t> server_id; // rename
     bool dry_run = false;             // remove

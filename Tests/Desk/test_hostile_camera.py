@@ -4,7 +4,6 @@ trickle."""
 import itertools
 import json
 import os
-import random
 import struct
 import time
 import unittest
@@ -12,6 +11,9 @@ import unittest
 from desk import (
     DELETE, LIST, PICTURE, REPLY, STORE, UPDATE, DeskTest, FakeCamera, delete_reply, list_reply,
     measure_phone, phone_record, picture, record_to_json, request, rich_record, run_on_terminal,
+)  # fmt: skip
+from jpegs import (
+    ARITHMETIC_PROGRESSIVE, BASELINE, PROGRESSIVE, START, baseline, head, progressive, scan, segment, slow_picture,
 )  # fmt: skip
 
 MEGABYTE = 1 << 20
@@ -23,56 +25,6 @@ MEMORY_WITHOUT_DRAWING = 100 * MEGABYTE
 DRAWING_TIME = 2  # seconds
 
 # ---- Pictures ----------------------------------------------------------------------------------------------
-
-START, END = b"\xff\xd8", b"\xff\xd9"
-BASELINE, PROGRESSIVE, ARITHMETIC_PROGRESSIVE = 0xC0, 0xC2, 0xCA
-
-
-def segment(marker, body):
-    return struct.pack(">BBH", 0xFF, marker, len(body) + 2) + body
-
-
-def head(kind, width, height, components):
-    """All up to the first scan: in both code tables a single 0 bit stands for the one symbol 0."""
-    parts = b"".join(bytes([component, 0x11, 0]) for component in components)
-    tables = b"".join(segment(0xC4, bytes([table, 1]) + bytes(15) + b"\0") for table in (0, 0x10))
-    frame = struct.pack(">BHHB", 8, height, width, len(components)) + parts
-    return START + segment(0xDB, b"\0" + b"\x01" * 64) + segment(kind, frame) + tables
-
-
-def scan(components, first, last):
-    """The header of a scan of the coefficients from the first to the last."""
-    parts = b"".join(bytes([component, 0]) for component in components)
-    return segment(0xDA, bytes([len(components)]) + parts + bytes([first, last, 0]))
-
-
-def blocks_of(width, height):
-    return -(-width // 8) * -(-height // 8)
-
-
-def baseline(width, height, components=(1, 2, 3)):
-    """A grey picture: two bits a block, a difference of 0 and the end of the block."""
-    bits = 2 * blocks_of(width, height) * len(components)
-    data = bytes(-(-bits // 8))
-    return head(BASELINE, width, height, components) + scan(components, 0, 63) + data + END
-
-
-def progressive(width, height, components=(1, 2, 3)):
-    """The same in scans: one of all differences, then one of each component's other coefficients."""
-    blocks = blocks_of(width, height)
-    scans = scan(components, 0, 0) + bytes(-(-blocks * len(components) // 8))
-    for component in components:
-        scans += scan([component], 1, 63) + bytes(-(-blocks // 8))
-    return head(PROGRESSIVE, width, height, components) + scans + END
-
-
-def slow_picture():
-    """As many pixels and scans as are still taken, coded in the way that is slowest to read."""
-    noise = random.Random(1)
-    scans = scan([1, 2, 3], 0, 0)
-    for number in range(99):
-        scans += scan([1 + number % 3], 1, 63) + noise.randbytes(160000).replace(b"\xff", b"\xfe")
-    return head(ARITHMETIC_PROGRESSIVE, 6800, 4000, (1, 2, 3)) + scans
 
 
 class Pictures(DeskTest):

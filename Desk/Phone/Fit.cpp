@@ -76,8 +76,8 @@ void read_rows(jpeg_decompress_struct& decoder, Rows& rows) {
     rows.size = {decoder.output_width, decoder.output_height};
     rows.colors = decoder.out_color_space;
     rows.components = decoder.out_color_components;
+    jpeg_start_decompress(&decoder); // gives up first where it needs too much memory itself
     rows.bytes.resize(rows.row_size() * rows.size.height);
-    jpeg_start_decompress(&decoder);
     while (decoder.output_scanline < decoder.output_height) {
         JSAMPROW row = rows.bytes.data() + decoder.output_scanline * rows.row_size();
         jpeg_read_scanlines(&decoder, &row, 1);

@@ -22,7 +22,7 @@ sm_tag_custom_info preset_titled(const std::string& title) {
     return preset;
 }
 
-// f/2.8, 1/125 s, ISO 400, +0.3 EV.
+// f/2.8, 1/125 s, ISO 400, +1/3 EV.
 sm_tag_custom_info preset_in_mode(int32_t mode) {
     sm_tag_custom_info preset = preset_titled("Dusk");
     preset.mode = mode;
@@ -111,10 +111,10 @@ TEST(Describe, ShowsTheNumberOfAStepWithoutAShutterTime) {
 }
 
 TEST(Describe, WritesCompensationsInThirds) {
-    const Texts thirds = {"-5 EV",   "-4.7 EV", "-4.3 EV", "-4 EV",   "-3.7 EV", "-3.3 EV", "-3 EV",   "-2.7 EV",
-                          "-2.3 EV", "-2 EV",   "-1.7 EV", "-1.3 EV", "-1 EV",   "-0.7 EV", "-0.3 EV", "0 EV",
-                          "+0.3 EV", "+0.7 EV", "+1 EV",   "+1.3 EV", "+1.7 EV", "+2 EV",   "+2.3 EV", "+2.7 EV",
-                          "+3 EV",   "+3.3 EV", "+3.7 EV", "+4 EV",   "+4.3 EV", "+4.7 EV", "+5 EV"};
+    const Texts thirds = {"-5 EV",   "-4 2/3 EV", "-4 1/3 EV", "-4 EV",   "-3 2/3 EV", "-3 1/3 EV", "-3 EV",   "-2 2/3 EV",
+                          "-2 1/3 EV", "-2 EV",   "-1 2/3 EV", "-1 1/3 EV", "-1 EV",   "-2/3 EV", "-1/3 EV", "0 EV",
+                          "+1/3 EV", "+2/3 EV", "+1 EV",   "+1 1/3 EV", "+1 2/3 EV", "+2 EV",   "+2 1/3 EV", "+2 2/3 EV",
+                          "+3 EV",   "+3 1/3 EV", "+3 2/3 EV", "+4 EV",   "+4 1/3 EV", "+4 2/3 EV", "+5 EV"};
     ASSERT_EQ(thirds.size(), size_t{SM_EV_STEPS});
     for (size_t k = 0; k < thirds.size(); ++k) {
         EXPECT_EQ(compensation_text(tPRO_COMMON_EV[k]), thirds[k]) << tPRO_COMMON_EV[k];
@@ -123,8 +123,8 @@ TEST(Describe, WritesCompensationsInThirds) {
 
 TEST(Describe, TakesACompensationBetweenThirdsForTheNearestOne) {
     EXPECT_EQ(compensation_text(49), "0 EV");
-    EXPECT_EQ(compensation_text(48), "-0.3 EV");
-    EXPECT_EQ(compensation_text(33), "-1.7 EV");
+    EXPECT_EQ(compensation_text(48), "-1/3 EV");
+    EXPECT_EQ(compensation_text(33), "-1 2/3 EV");
     EXPECT_EQ(compensation_text(99), "+5 EV");
 }
 
@@ -144,7 +144,8 @@ TEST(Describe, NamesTheCustomColorStyles) {
 
 TEST(Describe, WritesAColorTemperatureForTheKelvinWhiteBalanceAlone) {
     EXPECT_EQ(white_balance_text(10, 5500), "5500 K");
-    EXPECT_EQ(white_balance_text(3, 5500), "type 3");
+    EXPECT_EQ(white_balance_text(2, 5500), "daylight");
+    EXPECT_EQ(white_balance_text(11, 5500), "type 11");
 }
 
 TEST(Describe, NamesTheCustomModes) {
@@ -157,10 +158,10 @@ TEST(Describe, NamesTheCustomModes) {
 // ---- Whole presets --------------------------------------------------------------------------------------------------
 
 TEST(Describe, ShowsOfTheExposureWhatTheModeCarries) {
-    EXPECT_EQ(texts_of(exposure_of(preset_in_mode(0))), (Texts{"-", "-", "ISO 400", "+0.3 EV"}));
-    EXPECT_EQ(texts_of(exposure_of(preset_in_mode(1))), (Texts{"-", "-", "ISO 400", "+0.3 EV"}));
-    EXPECT_EQ(texts_of(exposure_of(preset_in_mode(2))), (Texts{"f/2.8", "-", "ISO 400", "+0.3 EV"}));
-    EXPECT_EQ(texts_of(exposure_of(preset_in_mode(3))), (Texts{"-", "1/125 s", "ISO 400", "+0.3 EV"}));
+    EXPECT_EQ(texts_of(exposure_of(preset_in_mode(0))), (Texts{"-", "-", "ISO 400", "+1/3 EV"}));
+    EXPECT_EQ(texts_of(exposure_of(preset_in_mode(1))), (Texts{"-", "-", "ISO 400", "+1/3 EV"}));
+    EXPECT_EQ(texts_of(exposure_of(preset_in_mode(2))), (Texts{"f/2.8", "-", "ISO 400", "+1/3 EV"}));
+    EXPECT_EQ(texts_of(exposure_of(preset_in_mode(3))), (Texts{"-", "1/125 s", "ISO 400", "+1/3 EV"}));
     EXPECT_EQ(texts_of(exposure_of(preset_in_mode(4))), (Texts{"f/2.8", "1/125 s", "ISO 400", "-"}));
 }
 
@@ -327,7 +328,7 @@ TEST(Table, HasARowForAPreset) {
     preset.k_value = 5500;
     preset.linked_custom_mode = 2;
     EXPECT_EQ(table_row(3, preset),
-              (Texts{"3", "1001", "Dusk", "CUSTOM2", "Aperture", "f/2.8", "-", "400", "+0.3", "C1", "5500 K"}));
+              (Texts{"3", "1001", "Dusk", "CUSTOM2", "Aperture", "f/2.8", "-", "400", "+1/3", "C1", "5500 K"}));
     EXPECT_EQ(table_header().size(), table_row(3, preset).size());
 }
 

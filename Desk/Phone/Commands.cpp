@@ -16,9 +16,12 @@
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
-#include "PresetFiles/PresetJson.h"
+#include "PresetFiles/JsonText.h"
+#include "PresetFiles/PresetFile.h"
+#include "PresetFiles/Schema.h"
 #include "PresetNames.h"
 #include "Presets.h"
+#include "SchemaFile.h"
 #include "Words/Describe.h"
 #include "Words/Results.h"
 
@@ -43,6 +46,10 @@ size_t width_of(const Options& options) {
 // Lines that no person reads are left whole.
 size_t width_of_lines(const Options& options) {
     return options.width || output_is_terminal() ? width_of(options) : 0;
+}
+
+Form form_of(const Options& options) {
+    return options.raw ? Form::raw : Form::words;
 }
 
 // Talk that is no error.
@@ -101,7 +108,7 @@ int list(const Options& options) {
     const ListReply reply = camera.list();
     const bool draws = draws_pictures(options);
     if (options.json) {
-        print_json(json_of(reply));
+        print_json(json_of(reply, form_of(options)));
         return exit_done;
     }
     print(table(rows_of(reply.presets, options.raw), width_of(options)));
@@ -114,13 +121,21 @@ int list(const Options& options) {
     return exit_done;
 }
 
+void print_preset_file(const sm_tag_custom_info& preset, Form form) {
+    print(escaped_json(text_of_preset(preset, form, schema_url())));
+}
+
 // Whoever names one preset gets it, whoever names several gets an array, even when they turn out to be the same.
-Json records_of(const std::vector<NumberedPreset>& presets, bool is_one) {
+void print_records(const std::vector<NumberedPreset>& presets, const Options& options) {
+    if (options.presets.size() == 1) {
+        print_preset_file(presets.front().preset, form_of(options));
+        return;
+    }
     Json list = Json::array();
     for (const NumberedPreset& one : presets) {
-        list.push_back(to_json(one.preset));
+        list.push_back(json_of_preset(one.preset, form_of(options)));
     }
-    return is_one ? list.front() : list;
+    print_json(list);
 }
 
 int show(const Options& options) {
@@ -128,7 +143,7 @@ int show(const Options& options) {
     const std::vector<NumberedPreset> presets = presets_named(camera.list().presets, options.presets);
     const bool draws = draws_pictures(options);
     if (options.json) {
-        print_json(records_of(presets, options.presets.size() == 1));
+        print_records(presets, options);
         return exit_done;
     }
     const char* before = "";
@@ -213,15 +228,20 @@ SentPicture picture_from(const std::string& path, bool fits) {
     return {std::move(picture), ""};
 }
 
-sm_tag_custom_info preset_from(const std::string& path) {
-    const Bytes text = read_file(path, longest_preset_file);
-    return phone_record_from_json({reinterpret_cast<const char*>(text.data()), text.size()}, printable(path));
+PresetFile preset_from(const Options& options) {
+    const Bytes text = read_file(options.preset_file, longest_preset_file);
+    const MissingSteps missing = options.takes_nearest ? MissingSteps::nearest : MissingSteps::refused;
+    return preset_from_text({reinterpret_cast<const char*>(text.data()), text.size()}, printable(options.preset_file),
+                            missing);
 }
 
 int store(const Options& options) {
-    const sm_tag_custom_info preset = preset_from(options.preset_file);
+    const PresetFile file = preset_from(options);
     const SentPicture picture = picture_from(options.picture_file, options.fits_picture);
-    const StoreReply reply = CameraClient(options).store(preset, picture.jpeg);
+    const StoreReply reply = CameraClient(options).store(file.preset, picture.jpeg);
+    for (const std::string& taken : file.taken) {
+        say(fmt::format("{}: {}", printable(options.preset_file), taken));
+    }
     if (!picture.change.empty()) {
         say(picture.change);
     }
@@ -293,7 +313,7 @@ int delete_presets(const Options& options) {
     const DeleteReply reply = camera.remove(pairs_of(presets));
     const std::vector<Deletion> deletions = deletions_of(presets, reply);
     if (options.json) {
-        print_json(json_of(reply, deletions));
+        print_json(json_of(reply, deletions, form_of(options)));
     } else {
         print(lines_of(deletions));
     }
@@ -303,6 +323,18 @@ int delete_presets(const Options& options) {
         throw Failure(exit_protocol, "the camera answered success, but still lists a preset that it was to delete");
     }
     return report_result(reply.result);
+}
+
+// ---- new and schema -------------------------------------------------------------------------------------------------
+
+int print_new_preset(const Options& options) {
+    print(escaped_json(text_of_new_preset(form_of(options), schema_url())));
+    return exit_done;
+}
+
+int print_schema() {
+    print(text_of_json(preset_schema()));
+    return exit_done;
 }
 
 // ---- leave ----------------------------------------------------------------------------------------------------------
@@ -333,6 +365,10 @@ int run(const Options& options) {
         return leave(options);
     case Options::Command::check:
         return check(options);
+    case Options::Command::create:
+        return print_new_preset(options);
+    case Options::Command::schema:
+        return print_schema();
     }
     return exit_usage;
 }

@@ -100,9 +100,11 @@ void add_changing_commands(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
     CLI::App* store =
         add_command(app, options, Options::Command::store, "store", "store a preset, and print its number and id");
-    store->add_option("PRESET.json", options.preset_file, "what --json show prints")->required()->type_name("");
+    store->add_option("PRESET.json", options.preset_file, "as new and --json show print it")->required()->type_name("");
     store->add_option("PICTURE.jpg", options.picture_file, "its picture")->required()->type_name("");
     store->add_flag("--fit", options.fits_picture, "make a picture smaller that is too large for the camera");
+    store->add_flag("--nearest", options.takes_nearest,
+                    "take the nearest step for a value that the camera has none for");
 
     CLI::App* rename =
         add_command(app, options, Options::Command::rename, "rename", "change title and server identity of a preset");
@@ -119,7 +121,24 @@ void add_changing_commands(CLI::App& app, Arguments& arguments) {
     leave->add_option("--code", options.code, "the phone's own result code, 1 unless given")->type_name("N");
 }
 
-// A list of the checks is the one thing that needs no camera.
+// What these print needs no camera.
+void add_printing_commands(CLI::App& app, Options& options) {
+    const auto add = [&](Options::Command command, const char* name, const char* help) {
+        app.add_subcommand(name, help)->parse_complete_callback([&app, &options, command] {
+            options.command = command;
+            app.get_option("--connect")->required(false);
+        });
+    };
+    add(Options::Command::create, "new", "print a preset file to begin with");
+    add(Options::Command::schema, "schema", "print the JSON Schema of preset files");
+}
+
+bool needs_camera(const Options& options) {
+    return !options.list_checks && options.command != Options::Command::create &&
+           options.command != Options::Command::schema;
+}
+
+// A list of the checks needs no camera either.
 void add_checking_command(CLI::App& app, Options& options) {
     CLI::App* check = app.add_subcommand("check", "find out what the camera gets wrong");
     check->parse_complete_callback([&app, &options] {
@@ -151,7 +170,7 @@ Endpoint endpoint_of(const Arguments& arguments) {
 
 Options options_from(Arguments& arguments) {
     Options& options = arguments.options;
-    if (!options.list_checks) {
+    if (needs_camera(options)) {
         options.camera = endpoint_of(arguments);
     }
     options.timeout = std::chrono::milliseconds(std::llround(std::ceil(arguments.timeout_seconds * 1000)));
@@ -213,7 +232,7 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     if (lacks_something && app.get_subcommands().empty()) {
         return {exit_usage,
                 fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
-                            "picture, store, rename, delete, leave or check; see shotmentor-phone --help",
+                            "picture, store, rename, delete, leave, check, new or schema; see shotmentor-phone --help",
                             connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {
@@ -240,6 +259,7 @@ std::optional<Options> options_of(int argc, char** argv) {
     add_reading_commands(app, arguments);
     add_changing_commands(app, arguments);
     add_checking_command(app, arguments.options);
+    add_printing_commands(app, arguments.options);
     command_line::add_reference(app, manual());
     try {
         app.parse(argc, argv);

@@ -12,7 +12,7 @@
 namespace desk::phone {
 
 struct Options {
-    enum class Command { list, show, picture, store, rename, remove, leave, check };
+    enum class Command { list, show, picture, store, rename, remove, leave, check, create, schema };
 
     Endpoint camera;
     std::chrono::milliseconds timeout{5000};
@@ -30,6 +30,7 @@ struct Options {
     std::string preset_file;          // store
     std::string picture_file;         // store
     bool fits_picture = false;        // store
+    bool takes_nearest = false;       // store
     std::string title;                // rename
     std::optional<int32_t> server_id; // rename
     bool dry_run = false;             // remove

@@ -6,12 +6,12 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "Common/Failure.h"
 #include "Common/Text.h"
+#include "PresetFiles/JsonText.h"
 
 namespace desk::phone {
 
@@ -28,9 +28,7 @@ void print(std::string_view text) {
 }
 
 void print_json(const nlohmann::ordered_json& json) {
-    constexpr int indentation = 2;
-    const std::string text = json.dump(indentation, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
-    print(escaped_json(text) + "\n");
+    print(escaped_json(text_of_json(json)));
 }
 
 void occupy_standard_descriptors() {

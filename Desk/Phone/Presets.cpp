@@ -88,10 +88,10 @@ std::string fold(const std::string& text, size_t room, const std::string& separa
     return folded;
 }
 
-Json json_of(const std::vector<sm_tag_custom_info>& presets) {
+Json json_of(const std::vector<sm_tag_custom_info>& presets, Form form) {
     Json list = Json::array();
     for (const sm_tag_custom_info& preset : presets) {
-        list.push_back(to_json(preset));
+        list.push_back(json_of_preset(preset, form));
     }
     return list;
 }
@@ -225,8 +225,8 @@ std::string foreseen_lines_of(const std::vector<Deletion>& deletions) {
     return lines_of(deletions, "would be ");
 }
 
-nlohmann::ordered_json json_of(const ListReply& reply) {
-    return {{"model", reply.model}, {"presets", json_of(reply.presets)}};
+nlohmann::ordered_json json_of(const ListReply& reply, Form form) {
+    return {{"model", reply.model}, {"presets", json_of(reply.presets, form)}};
 }
 
 nlohmann::ordered_json json_of(const StoreReply& reply) {
@@ -236,8 +236,9 @@ nlohmann::ordered_json json_of(const StoreReply& reply) {
             {"applocal_id", reply.applocal_id}};
 }
 
-nlohmann::ordered_json json_of(const DeleteReply& reply, const std::vector<Deletion>& deletions) {
-    return {{"result", reply.result}, {"asked", json_of(deletions, "deleted")}, {"presets", json_of(reply.presets)}};
+nlohmann::ordered_json json_of(const DeleteReply& reply, const std::vector<Deletion>& deletions, Form form) {
+    return {
+        {"result", reply.result}, {"asked", json_of(deletions, "deleted")}, {"presets", json_of(reply.presets, form)}};
 }
 
 nlohmann::ordered_json foreseen_json_of(const std::vector<Deletion>& deletions) {

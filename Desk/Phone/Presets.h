@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "PresetFiles/PresetFile.h"
 #include "Wire/Frames.h"
 
 namespace desk::phone {
@@ -47,9 +48,9 @@ std::string lines_of(const std::vector<Deletion>& deletions);
 std::vector<Deletion> foreseen_deletions_of(const std::vector<NumberedPreset>& presets);
 std::string foreseen_lines_of(const std::vector<Deletion>& deletions);
 
-nlohmann::ordered_json json_of(const ListReply& reply);
+nlohmann::ordered_json json_of(const ListReply& reply, Form form);
 nlohmann::ordered_json json_of(const StoreReply& reply);
-nlohmann::ordered_json json_of(const DeleteReply& reply, const std::vector<Deletion>& deletions);
+nlohmann::ordered_json json_of(const DeleteReply& reply, const std::vector<Deletion>& deletions, Form form);
 nlohmann::ordered_json foreseen_json_of(const std::vector<Deletion>& deletions);
 
 } // namespace desk::phone

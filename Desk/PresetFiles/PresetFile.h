@@ -2,8 +2,10 @@
 // be sent in their place, so that they come back as they went out, is not the file's business.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ADE_ShotMentor_Records.h"
 
@@ -14,16 +16,28 @@ enum class Form {
     raw    // the record's fields and codes
 };
 
+// What to do about exposure values that the camera has no step for.
+enum class MissingSteps { refused, nearest };
+
 struct PresetFile {
     sm_tag_custom_info preset = {};
     Form form = Form::raw;
+    std::vector<std::string> taken; // a line for each value that the nearest step was taken for
 };
 
-// The file's whole text, its last line ended.
-std::string text_of_preset(const sm_tag_custom_info& preset, Form form);
+// A preset as JSON, which says which form it is of.
+nlohmann::ordered_json json_of_preset(const sm_tag_custom_info& preset, Form form);
 
-// Reads a file of either form. `name` is the file's for the failure's lines. Throws Failure (exit_usage), whose lines
-// name file, line and entry, up to a hundred of them.
-PresetFile preset_from_text(std::string_view text, const std::string& name);
+// The file's whole text, its last line ended. `schema` is where an editor finds what may stand in it; nothing is said
+// of it when it is empty.
+std::string text_of_preset(const sm_tag_custom_info& preset, Form form, const std::string& schema = "");
+
+// Reads a file of either form; one that does not say which is raw. `name` is the file's for the failure's lines. Throws
+// Failure (exit_usage), whose lines name file, line and entry, up to a hundred of them.
+PresetFile preset_from_text(std::string_view text, const std::string& name,
+                            MissingSteps missing = MissingSteps::refused);
+
+// A file to begin with, all of whose values are usual ones.
+std::string text_of_new_preset(Form form, const std::string& schema = "");
 
 } // namespace desk

@@ -44,7 +44,9 @@ PRESET_LIMIT = 40
 TITLE_SIZE = PATH_SIZE = 52
 CAMERA_RECORD, PHONE_RECORD = 740, 744
 
-_STYLE = "color_style cs_color_off_color cs_color:c13 cs_saturation:14 cs_sharpness:14 cs_contrast:14 cs_hue:14"
+_STYLE = (
+    "color_style cs_color_off_color cs_color:c13 cs_saturation:14 cs_sharpness:14 cs_contrast:14 cs_hue:14"
+)
 _FIELDS = (
     "title:t52 mode av_index tv_index iso iso_1_3 ev_step metering drive hdr type k_value cwb_red cwb_green "
     "cwb_blue auto_xy auto_tungsten_xy daylight_xy cloudy_xy flu_w_xy flu_n_xy flu_d_xy tungsten_xy flash_xy "
@@ -136,7 +138,8 @@ def _text_json(data):
 
 def record_to_json(record):
     """The JSON that the contract promises for a record, as a dictionary."""
-    entries, style = {}, {}
+    entries = {"form": "raw"} if len(record) == PHONE_RECORD else {}
+    style = {}
     for name, (kind, offset, _) in FIELDS.items():
         if offset >= len(record):
             break
@@ -148,10 +151,17 @@ def record_to_json(record):
     return entries
 
 
+def entries_of(text):
+    """A preset file's entries, without the one that says where this machine has the schema."""
+    entries = json.loads(text)
+    entries.pop("$schema")
+    return entries
+
+
 def record_from_json(entries, size):
     record = bytes(size)
     for name, value in {**entries, **entries["cs_info"]}.items():
-        if name == "cs_info":
+        if name in ("form", "cs_info"):
             continue
         if FIELDS[name][0] == "text":
             value = bytes.fromhex(value["bytes"]) if isinstance(value, dict) else value.encode()
@@ -301,7 +311,9 @@ def picture_request(custom_id, applocal_id=0):
 
 
 def update_request(custom_id, server_id, title):
-    return request(UPDATE, changed(bytes(PHONE_RECORD), custom_id=custom_id, server_id=server_id, title=title))
+    return request(
+        UPDATE, changed(bytes(PHONE_RECORD), custom_id=custom_id, server_id=server_id, title=title)
+    )
 
 
 def list_reply(records):
@@ -310,7 +322,9 @@ def list_reply(records):
 
 
 def delete_reply(result, records, kept=0):
-    return request(REPLY + DELETE, struct.pack("<iii", result, 1, len(records)) + b"".join(records) + bytes(8 * kept))
+    return request(
+        REPLY + DELETE, struct.pack("<iii", result, 1, len(records)) + b"".join(records) + bytes(8 * kept)
+    )
 
 
 def records_in(reply, head=28):

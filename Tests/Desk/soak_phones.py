@@ -188,7 +188,7 @@ def at_a_full_disk(life):
 def run_program(life, *arguments):
     life.tick()
     patience = ("--timeout", life.patience)
-    done = run_phone(life.camera.url, "--json", *patience, *arguments, timeout=10 * PATIENCE)
+    done = run_phone(life.camera.url, "--json", "--raw", *patience, *arguments, timeout=10 * PATIENCE)
     if done.returncode == 4 or (done.returncode != 0 and life.doomed):
         raise Silent(done.stderr.decode())
     check("the phone program's exit", 0, done.returncode and (done.returncode, done.stderr))

@@ -78,7 +78,7 @@ class WithAPhone(HostTest):
         return done
 
     def presets(self):
-        return json.loads(self.phone("--json", "list").stdout)["presets"]
+        return json.loads(self.phone("--json", "--raw", "list").stdout)["presets"]
 
     def preset_file(self, title="Mine"):
         return self.file("preset.json", json.dumps(record_to_json(phone_record(title.encode()))))

@@ -12,12 +12,14 @@ import unicodedata
 import unittest
 
 from desk import (
-    DELETE, LIST, PHONE_RECORD, REPLY, TITLE_SIZE, UPDATE, DeskTest, FakeCamera, changed, delete_reply,
+    DELETE, LIST, PHONE_RECORD, REPLY, TITLE_SIZE, UPDATE, DeskTest, FakeCamera, changed, delete_reply, entries_of,
     list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
 )  # fmt: skip
 
 # Half of a surrogate pair (Cs) is no character; JSON files can name it all the same.
-HARMFUL = [c for c in map(chr, range(sys.maxunicode + 1)) if unicodedata.category(c) in ("Cc", "Cf", "Zl", "Zp")]
+HARMFUL = [
+    c for c in map(chr, range(sys.maxunicode + 1)) if unicodedata.category(c) in ("Cc", "Cf", "Zl", "Zp")
+]
 BROKEN = [bytes([byte]) for byte in range(0x80, 0x100)]
 PRESETS_AT_ONCE = 40
 
@@ -66,7 +68,9 @@ class Text(DeskTest):
                 for number, title in enumerate(self.titles[start : start + PRESETS_AT_ONCE])
             ]
             answers = {
-                LIST: request(REPLY + LIST, struct.pack("<12sii", model, 1, len(records)) + b"".join(records)),
+                LIST: request(
+                    REPLY + LIST, struct.pack("<12sii", model, 1, len(records)) + b"".join(records)
+                ),
                 DELETE: delete_reply(-7, records, kept=1),
             }
             yield records, lambda: FakeCamera(self.folder, lambda function, _: answers[function])
@@ -115,14 +119,14 @@ class Text(DeskTest):
 
     def test_titles_come_out_harmless_and_whole_in_json(self):
         for records, camera in self.each_camera():
-            listed = json.loads(self.ask(camera, "--json", "list").stdout)["presets"]
-            left = json.loads(self.ask(camera, "--json", "delete", 0, code=17).stdout)["presets"]
+            listed = json.loads(self.ask(camera, "--json", "--raw", "list").stdout)["presets"]
+            left = json.loads(self.ask(camera, "--json", "--raw", "delete", 0, code=17).stdout)["presets"]
             for entry, again, record in zip(listed, left, records, strict=True):
                 self.assertSameTitle(entry["title"], record)
                 self.assertEqual(entry, record_to_json(record))
                 self.assertEqual(again, entry)
             for number, record in enumerate(records):
-                shown = json.loads(self.ask(camera, "--json", "show", number).stdout)
+                shown = entries_of(self.ask(camera, "--json", "--raw", "show", number).stdout)
                 self.assertEqual(shown, record_to_json(record))
 
     def test_titles_come_out_harmless_when_presets_are_deleted(self):
@@ -132,7 +136,8 @@ class Text(DeskTest):
 
     def test_titles_come_out_harmless_above_pictures(self):
         records = [
-            phone_record(title, custom_id=number + 1) for number, title in enumerate(self.titles[:PRESETS_AT_ONCE])
+            phone_record(title, custom_id=number + 1)
+            for number, title in enumerate(self.titles[:PRESETS_AT_ONCE])
         ]
         reply = request(REPLY + LIST, struct.pack("<12sii", b"KT7", 1, len(records)) + b"".join(records))
         with FakeCamera(
@@ -147,10 +152,10 @@ class Text(DeskTest):
         for title in self.titles:
             record = changed(phone_record(custom_id=3), screennail_path=title)
             reply = request(REPLY + LIST, struct.pack("<12sii", b"KT7", 1, 1) + record)
-            for arguments in (("--json", "show", 0), ("show", 0, "--raw")):
+            for arguments in (("--json", "--raw", "show", 0), ("show", 0, "--raw")):
                 done = self.ask(lambda reply=reply: FakeCamera(self.folder, lambda *_: reply), *arguments)
                 if arguments[0] == "--json":
-                    self.assertEqual(json.loads(done.stdout), record_to_json(record))
+                    self.assertEqual(entries_of(done.stdout), record_to_json(record))
 
     def test_the_model_comes_out_harmless_and_whole_in_json(self):
         for model in pieces([c.encode() for c in HARMFUL if c != "\0"], 12) + pieces(BROKEN, 12):
@@ -258,7 +263,9 @@ class Text(DeskTest):
     def test_presets_that_are_not_there_are_named_harmlessly(self):
         for text in self.names():
             for arguments in (("show", text), ("delete", 0, text), ("rename", text, "x")):
-                with FakeCamera(self.folder, lambda *_: list_reply([phone_record(b"x", custom_id=3)])) as camera:
+                with FakeCamera(
+                    self.folder, lambda *_: list_reply([phone_record(b"x", custom_id=3)])
+                ) as camera:
                     done = run_phone(camera.url, *arguments)
                 self.assertEnds(done, 9)
                 self.assertHarmless(done, 1)
@@ -277,7 +284,9 @@ class Text(DeskTest):
                 request(REPLY + UPDATE, struct.pack("<i", word)),
             ):
                 answers = {LIST: list_reply([phone_record(custom_id=3)]), UPDATE: reply}
-                with FakeCamera(self.folder, lambda function, _, answers=answers: answers[function]) as camera:
+                with FakeCamera(
+                    self.folder, lambda function, _, answers=answers: answers[function]
+                ) as camera:
                     self.assertHarmless(run_phone(camera.url, "rename", 0, "x", "--server-id", 1), 1)
 
 

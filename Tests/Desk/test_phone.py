@@ -10,7 +10,7 @@ import unittest
 
 from desk import (
     BUSY_FRAME, DELETE, LIST, OPTIONAL_NAMES, PATIENCE, PHONE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY,
-    STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, delete_reply, environment_of_programs, get,
+    STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, delete_reply, entries_of, environment_of_programs, get,
     list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
     stored_picture, what_a_phone_gets,
 )  # fmt: skip
@@ -45,7 +45,7 @@ class AgainstTheCamera:
         return done
 
     def json(self, *arguments):
-        return json.loads(self.phone("--json", *arguments).stdout)
+        return json.loads(self.phone("--json", "--raw", *arguments).stdout)
 
     def at_rest(self):
         self.serving.stop()
@@ -69,7 +69,10 @@ class AgainstTheCamera:
 
     def test_show_as_json_holds_every_field_as_it_travels(self):
         for number in (0, 5, 11):
-            self.assertEqual(self.json("show", number), record_to_json(self.seen[number]))
+            self.assertEqual(
+                entries_of(self.phone("--json", "--raw", "show", number).stdout),
+                record_to_json(self.seen[number]),
+            )
 
     def test_show_tells_one_preset_in_words(self):
         for number, record in enumerate(self.seen):
@@ -280,7 +283,9 @@ class Files(DeskTest):
         with FakeCamera(self.folder, lambda function, _: FakeCamera.CLOSE) as camera:
             done = run_phone(camera.url, "--timeout", 5, "store", preset, image)
             self.assertEnds(done, 2)
-            self.assertEqual([data[:4] for data in camera.requests if data[:4] == struct.pack("<i", STORE)], [])
+            self.assertEqual(
+                [data[:4] for data in camera.requests if data[:4] == struct.pack("<i", STORE)], []
+            )
         talk = done.stderr.decode()
         self.assertTrue(
             any(all(re.search(part, line) for part in parts) for line in talk.splitlines()),
@@ -296,7 +301,9 @@ class Files(DeskTest):
 
     def edited(self, entry, value):
         """The file with the value of one entry replaced, and the entry's line."""
-        text = re.sub(rf'("{entry}": )("[^"]*"|-?\d+)', lambda found: found.group(1) + value, self.preset(str), count=1)
+        text = re.sub(
+            rf'("{entry}": )("[^"]*"|-?\d+)', lambda found: found.group(1) + value, self.preset(str), count=1
+        )
         self.assertIn(value, text)
         return self.file("edited.json", text), self.line_of(text, entry)
 
@@ -315,7 +322,9 @@ class Files(DeskTest):
 
     def test_an_unknown_entry_is_named_with_its_line(self):
         text = self.preset(lambda text: text.replace('"metering"', '"meterings": 1,\n  "metering"'))
-        self.refuse(self.file("x.json", text), self.image, "meterings", rf"\b{self.line_of(text, 'meterings')}\b")
+        self.refuse(
+            self.file("x.json", text), self.image, "meterings", rf"\b{self.line_of(text, 'meterings')}\b"
+        )
 
     def test_an_unknown_colour_style_entry_is_named_with_its_line(self):
         text = self.preset(lambda text: text.replace('"color_style"', '"colour": 1,\n    "color_style"'))
@@ -328,7 +337,7 @@ class Files(DeskTest):
 
     def test_each_missing_entry_is_named(self):
         entries = record_to_json(rich_record())
-        for name in [name for name in entries if name not in OPTIONAL_NAMES]:
+        for name in [name for name in entries if name not in ("form", *OPTIONAL_NAMES)]:
             with self.subTest(name=name):
                 less = {key: value for key, value in entries.items() if key != name}
                 self.refuse(self.file("x.json", json.dumps(less)), self.image, name)
@@ -388,7 +397,9 @@ class Files(DeskTest):
 
     def test_a_picture_that_makes_the_request_too_large_is_refused(self):
         preset = self.file("good.json", self.preset(str))
-        self.refuse(preset, self.file("huge.jpg", picture(1, 600000 - 8 - PHONE_RECORD + 1)), r"huge\.jpg|600000")
+        self.refuse(
+            preset, self.file("huge.jpg", picture(1, 600000 - 8 - PHONE_RECORD + 1)), r"huge\.jpg|600000"
+        )
 
     def test_files_that_cannot_be_read_fail_this_machine(self):
         preset = self.file("good.json", self.preset(str))
@@ -408,7 +419,9 @@ class Files(DeskTest):
             PICTURE: request(REPLY + PICTURE, struct.pack("<i", 3) + picture(1)),
         }
         with FakeCamera(self.folder, lambda function, _: answers[function]) as camera:
-            self.assertEnds(run_phone(camera.url, "picture", 0, "-o", os.path.join(self.folder, "no", "where.jpg")), 1)
+            self.assertEnds(
+                run_phone(camera.url, "picture", 0, "-o", os.path.join(self.folder, "no", "where.jpg")), 1
+            )
 
 
 class AgainstCamerasThatBreakTheRules(DeskTest):
@@ -501,7 +514,9 @@ class AgainstCamerasThatBreakTheRules(DeskTest):
         table.update({2: 30, 77: 30, -13: 30, -2147483648: 30, 2147483647: 30})
         for result, code in table.items():
             with self.subTest(result=result):
-                done, _ = self.talk(STORE, answer=request(REPLY + STORE, struct.pack("<iiii", result, 0, 0, 0)))
+                done, _ = self.talk(
+                    STORE, answer=request(REPLY + STORE, struct.pack("<iiii", result, 0, 0, 0))
+                )
                 self.assertEnds(done, code)
                 done, _ = self.talk(UPDATE, answer=request(REPLY + UPDATE, struct.pack("<i", result)))
                 self.assertEnds(done, code)
@@ -556,7 +571,9 @@ class AgainstCamerasThatBreakTheRules(DeskTest):
                     done, _ = self.talk(function, "--timeout", 1, answer=answer)
                     # An answer that announces more than it holds is one that never becomes whole.
                     announced = struct.unpack_from("<i", answer, 4)[0]
-                    self.assertIn(done.returncode, (4, 6) if len(answer) < announced < 1 << 30 else (6,), done.stderr)
+                    self.assertIn(
+                        done.returncode, (4, 6) if len(answer) < announced < 1 << 30 else (6,), done.stderr
+                    )
 
     def test_a_picture_of_another_preset_is_refused(self):
         done, _ = self.talk(PICTURE, answer=request(REPLY + PICTURE, struct.pack("<i", 31) + picture(1)))
@@ -657,7 +674,11 @@ class Connecting(DeskTest):
     def phone(self, *arguments, connect=None):
         environment = environment_of_programs(**({} if connect is None else {"SHOTMENTOR_CONNECT": connect}))
         return subprocess.run(
-            [PHONE, *arguments], stdin=subprocess.DEVNULL, capture_output=True, timeout=PATIENCE, env=environment
+            [PHONE, *arguments],
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            timeout=PATIENCE,
+            env=environment,
         )
 
     def assertUsage(self, done, *parts):
@@ -672,7 +693,13 @@ class Connecting(DeskTest):
         records = [phone_record(b"Here", custom_id=3)]
         with FakeCamera(self.folder, lambda *_: list_reply(records)) as camera:
             given = [word.replace("HERE", camera.url) for word in arguments]
-            done = self.phone("--json", "list", *given, **{k: v.replace("HERE", camera.url) for k, v in more.items()})
+            done = self.phone(
+                "--json",
+                "--raw",
+                "list",
+                *given,
+                **{k: v.replace("HERE", camera.url) for k, v in more.items()},
+            )
         self.assertEnds(done, 0)
         self.assertEqual(json.loads(done.stdout)["presets"], [record_to_json(record) for record in records])
 
@@ -708,7 +735,9 @@ class Connecting(DeskTest):
 
     def test_the_man_page_names_the_variable(self):
         page = self.phone("--reference", "man").stdout.decode()
-        self.assertIn("SHOTMENTOR_CONNECT", page[page.index(".SH ENVIRONMENT") : page.index(".SH EXIT STATUS")])
+        self.assertIn(
+            "SHOTMENTOR_CONNECT", page[page.index(".SH ENVIRONMENT") : page.index(".SH EXIT STATUS")]
+        )
 
 
 class Talking(DeskTest):
@@ -753,7 +782,12 @@ class Talking(DeskTest):
                 self.assertEqual(done.stdout, self.phone(*arguments).stdout)
 
     def test_without_quiet_they_talk(self):
-        for arguments in (("list", "--pictures"), ("picture", 0, "-o", self.target), ("rename", 0, "Dawn"), ("leave",)):
+        for arguments in (
+            ("list", "--pictures"),
+            ("picture", 0, "-o", self.target),
+            ("rename", 0, "Dawn"),
+            ("leave",),
+        ):
             self.assertEqual(self.phone(*arguments).stderr.count(b"\n"), 1)
 
     def test_quiet_errors_are_told(self):
@@ -762,7 +796,10 @@ class Talking(DeskTest):
         self.assertIn(b"preset 1", self.phone("--quiet", "show", 1, code=9).stderr)
 
     def test_quiet_draws_no_progress_on_a_terminal(self):
-        answers = {**self.ANSWERS, PICTURE: request(REPLY + PICTURE, struct.pack("<i", 3) + picture(1, 1000000))}
+        answers = {
+            **self.ANSWERS,
+            PICTURE: request(REPLY + PICTURE, struct.pack("<i", 3) + picture(1, 1000000)),
+        }
         for options, is_drawn in (((), True), (("--quiet",), False)):
             with FakeCamera(self.folder, lambda function, _: answers[function]) as camera:
                 done = run_on_terminal(camera.url, *options, "picture", 0, "-o", self.target)
@@ -774,11 +811,19 @@ class Talking(DeskTest):
         self.assertEqual(self.traffic("list"), listed)
         self.assertEqual(
             self.traffic("rename", "dusk", "Dawn"),
-            [*listed, ("request", UPDATE, "rename", 8 + PHONE_RECORD), ("reply", REPLY + UPDATE, "rename", 12)],
+            [
+                *listed,
+                ("request", UPDATE, "rename", 8 + PHONE_RECORD),
+                ("reply", REPLY + UPDATE, "rename", 12),
+            ],
         )
         self.assertEqual(
             self.traffic("picture", 0, "-o", self.target),
-            [*listed, ("request", PICTURE, "picture", 16), ("reply", REPLY + PICTURE, "picture", 8 + 4 + 400)],
+            [
+                *listed,
+                ("request", PICTURE, "picture", 16),
+                ("reply", REPLY + PICTURE, "picture", 8 + 4 + 400),
+            ],
         )
         self.assertEqual(
             self.traffic("delete", 0),
@@ -788,7 +833,9 @@ class Talking(DeskTest):
     def test_verbose_tells_of_a_request_without_a_reply(self):
         self.assertEqual(self.traffic("leave"), [("request", STATE_OFF, "leave", 12)])
         silent = {LIST: None}
-        self.assertEqual(self.traffic("--timeout", 0.3, "list", code=4, answers=silent), [("request", LIST, "list", 8)])
+        self.assertEqual(
+            self.traffic("--timeout", 0.3, "list", code=4, answers=silent), [("request", LIST, "list", 8)]
+        )
 
     def test_verbose_tells_of_a_reply_that_is_not_the_one_expected(self):
         wrong = {LIST: request(0x7777, bytes(4))}
@@ -868,8 +915,10 @@ class Output(DeskTest):
 
     def test_json_is_the_same_on_a_terminal_and_when_piped(self):
         expected = [record_to_json(record) for record in self.seen]
-        self.assertEqual(json.loads(run_phone(self.serving.url, "--json", "list").stdout)["presets"], expected)
-        text = self.on_terminal("--json", "list", environment={"NO_COLOR": "1"})
+        self.assertEqual(
+            json.loads(run_phone(self.serving.url, "--json", "--raw", "list").stdout)["presets"], expected
+        )
+        text = self.on_terminal("--json", "--raw", "list", environment={"NO_COLOR": "1"})
         self.assertEqual(json.loads(text[text.index("{") :])["presets"], expected)
 
     def test_piped_output_has_no_colours_and_no_progress(self):
@@ -888,11 +937,14 @@ class Output(DeskTest):
 
     def test_no_color_is_honoured_on_a_terminal(self):
         for arguments in (("list",), ("show", 0)):
-            self.assertNotRegex(self.on_terminal(*arguments, environment={"NO_COLOR": "1"}), "\x1b\\[[0-9;]*m")
+            self.assertNotRegex(
+                self.on_terminal(*arguments, environment={"NO_COLOR": "1"}), "\x1b\\[[0-9;]*m"
+            )
 
     def test_data_goes_to_stdout_and_talk_to_stderr(self):
         self.assertEqual(
-            json.loads(run_phone(self.serving.url, "--json", "show", 0).stdout), record_to_json(self.seen[0])
+            entries_of(run_phone(self.serving.url, "--json", "--raw", "show", 0).stdout),
+            record_to_json(self.seen[0]),
         )
         failed = run_phone(self.serving.url, "show", 30)
         self.assertEnds(failed, 9)
@@ -905,7 +957,9 @@ class Output(DeskTest):
         self.serving.stop()
         self.store = os.path.join(self.folder, "empty")
         self.serving = self.camera("--empty")
-        self.assertEqual(json.loads(run_phone(self.serving.url, "--json", "list").stdout)["presets"], [])
+        self.assertEqual(
+            json.loads(run_phone(self.serving.url, "--json", "--raw", "list").stdout)["presets"], []
+        )
         done = run_phone(self.serving.url, "list")
         self.assertEnds(done, 0)
         self.assertEqual(rows_of(done.stdout.decode()), [])

@@ -6,7 +6,7 @@ import struct
 import unittest
 
 from desk import (
-    DELETE, LIST, PICTURE, REPLY, UPDATE, DeskTest, FakeCamera, delete_reply, get, list_reply, phone_record, picture,
+    DELETE, LIST, PICTURE, REPLY, UPDATE, DeskTest, FakeCamera, delete_reply, entries_of, get, list_reply, phone_record, picture,
     record_to_json, request, run_phone,
 )  # fmt: skip
 
@@ -62,8 +62,8 @@ class NamesTest(DeskTest):
 
 class Names(NamesTest):
     def assertNames(self, name, number):
-        shown = self.phone("--json", "show", name).stdout
-        self.assertEqual(json.loads(shown), record_to_json(RECORDS[number]), name)
+        shown = self.phone("--json", "--raw", "show", name).stdout
+        self.assertEqual(entries_of(shown), record_to_json(RECORDS[number]), name)
 
     def test_a_number_is_the_one_that_list_prints_first(self):
         for number in (0, 7, 12):
@@ -117,9 +117,12 @@ class Names(NamesTest):
         self.assertEqual(get(self.requests[1][8:], "custom_id"), 109)
 
     def test_a_title_is_given_as_the_list_prints_it(self):
-        records = [phone_record(b"red\x1b[31m", custom_id=1), phone_record(b"half\xe2\x98", custom_id=2, preset_num=1)]
+        records = [
+            phone_record(b"red\x1b[31m", custom_id=1),
+            phone_record(b"half\xe2\x98", custom_id=2, preset_num=1),
+        ]
         for name, custom_id in (("red\N{REPLACEMENT CHARACTER}[31m", 1), ("red\x1b[31m", 1), ("HALF", 2)):
-            shown = json.loads(self.phone("--json", "show", name, records=records).stdout)
+            shown = entries_of(self.phone("--json", "--raw", "show", name, records=records).stdout)
             self.assertEqual(shown["custom_id"], custom_id)
 
     def test_a_name_that_fits_several_presets_names_them_and_changes_nothing(self):
@@ -131,7 +134,9 @@ class Names(NamesTest):
         self.assertRefused("Twice", 2, '"Twice" (preset 10, id 110), "Twice" (preset 11, id 111)')
 
     def test_an_id_that_two_presets_have_names_both(self):
-        records = [phone_record(title, custom_id=5, preset_num=number) for number, title in enumerate([b"A", b"B"])]
+        records = [
+            phone_record(title, custom_id=5, preset_num=number) for number, title in enumerate([b"A", b"B"])
+        ]
         self.assertRefused("id:5", 2, '"A" (preset 0, id 5), "B" (preset 1, id 5)', records=records)
 
     def test_what_the_camera_does_not_have_is_missing_in_every_command(self):
@@ -182,14 +187,16 @@ class Commands(NamesTest):
         self.assertEqual(self.phone("show", "golden", "id:101").stdout, one + b"\n" + two)
 
     def test_show_as_json_has_an_array_where_several_are_named(self):
-        shown = json.loads(self.phone("--json", "show", "golden", 4).stdout)
+        shown = json.loads(self.phone("--json", "--raw", "show", "golden", 4).stdout)
         self.assertEqual(shown, [record_to_json(RECORDS[0]), record_to_json(RECORDS[4])])
-        self.assertEqual(json.loads(self.phone("--json", "show", 4, 4).stdout), [record_to_json(RECORDS[4])])
+        self.assertEqual(
+            json.loads(self.phone("--json", "--raw", "show", 4, 4).stdout), [record_to_json(RECORDS[4])]
+        )
 
     def test_json_is_the_same_by_whatever_name(self):
         for names in ((7,), ("id:107",), ("dusk",)):
             self.assertEqual(json.loads(self.phone("--json", "rename", *names, "New").stdout), {"result": 1})
-            deleted = json.loads(self.phone("--json", "delete", *names).stdout)
+            deleted = json.loads(self.phone("--json", "--raw", "delete", *names).stdout)
             entry = {"number": 7, "custom_id": 107, "deleted": True, "used_by_custom_mode": 0}
             self.assertEqual(deleted, {"result": 1, "asked": [entry], "presets": []})
 

@@ -690,7 +690,7 @@ def run_phone(url, *arguments, timeout=30.0, environment=None, wait_for_turn=Tru
     end = time.monotonic() + PATIENCE
     while True:
         done = subprocess.run(
-            [PHONE, "--connect", url, *map(str, arguments)],
+            [PHONE, *(("--connect", url) if url else ()), *map(str, arguments)],
             stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout,
             env=environment_of_programs(**(environment or {})),
         )  # fmt: skip
@@ -745,7 +745,7 @@ def measure_phone(url, *arguments, timeout=30.0, environment=None, stdin=subproc
         _forget_own_peak()
         start = time.monotonic()
         process = subprocess.Popen(
-            [PHONE, "--connect", url, *map(str, arguments)], stdin=stdin, stdout=output,
+            [PHONE, *(("--connect", url) if url else ()), *map(str, arguments)], stdin=stdin, stdout=output,
             stderr=talk, env=environment_of_programs(**_FREES_AT_ONCE, **(environment or {})), **more,
         )  # fmt: skip
         code, seconds, peak = _ended(process, start, start + timeout)
@@ -765,7 +765,7 @@ def run_on_terminal(url, *arguments, columns=80, environment=None, timeout=2 * P
         start = time.monotonic()
         end = start + timeout
         process = subprocess.Popen(
-            [PHONE, "--connect", url, *map(str, arguments)], stdin=slave, stdout=slave, stderr=slave,
+            [PHONE, *(("--connect", url) if url else ()), *map(str, arguments)], stdin=slave, stdout=slave, stderr=slave,
             env=environment_of_programs(TERM="xterm-256color", **_FREES_AT_ONCE, **(environment or {})),
             start_new_session=True,
         )  # fmt: skip

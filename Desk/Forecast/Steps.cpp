@@ -83,4 +83,17 @@ int32_t nearest_step(const Steps& steps, int32_t code) {
     return int64_t{*above} - code < int64_t{code} - *below ? *above : *below;
 }
 
+std::optional<int32_t> iso_at_position(int32_t position) {
+    return position >= 0 && position < SM_SV_STEPS ? std::optional(tPRO_COMMON_SV[position]) : std::nullopt;
+}
+
+std::optional<int32_t> position_of_iso(int32_t iso) {
+    const int position = find(tPRO_COMMON_SV, iso);
+    return position < 0 ? std::nullopt : std::optional(position);
+}
+
+int32_t shutter_stored_as_zero() {
+    return find(tKT7_APEX_TV, 0);
+}
+
 } // namespace desk

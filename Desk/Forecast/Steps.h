@@ -25,4 +25,12 @@ std::optional<int32_t> step_below(const Steps& steps, int32_t code);
 std::optional<int32_t> step_above(const Steps& steps, int32_t code);
 int32_t nearest_step(const Steps& steps, int32_t code);
 
+// The phone's scale of ISO numbers, from 50 at position 1 to 51200 at 30; 0, automatic, is at position 0. A preset's
+// iso_1_3 is listed as a number and sent as a position.
+std::optional<int32_t> iso_at_position(int32_t position);
+std::optional<int32_t> position_of_iso(int32_t iso);
+
+// The shutter position that a camera stores as 0, as it does what carries no shutter time. It is that of 1 s.
+int32_t shutter_stored_as_zero();
+
 } // namespace desk

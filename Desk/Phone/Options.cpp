@@ -105,6 +105,10 @@ void add_changing_commands(CLI::App& app, Arguments& arguments) {
     store->add_flag("--fit", options.fits_picture, "make a picture smaller that is too large for the camera");
     store->add_flag("--nearest", options.takes_nearest,
                     "take the nearest step for a value that the camera has none for");
+    CLI::Option* store_dry_run =
+        store->add_flag("--dry-run", options.dry_run, "only say what the camera would make of it");
+    store->add_flag("--unchecked", options.unchecked, "send the one request alone: foretell nothing, compare nothing")
+        ->excludes(store_dry_run);
 
     CLI::App* rename =
         add_command(app, options, Options::Command::rename, "rename", "change title and server identity of a preset");

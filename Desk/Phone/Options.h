@@ -31,9 +31,10 @@ struct Options {
     std::string picture_file;         // store
     bool fits_picture = false;        // store
     bool takes_nearest = false;       // store
+    bool unchecked = false;           // store: the one request alone
     std::string title;                // rename
     std::optional<int32_t> server_id; // rename
-    bool dry_run = false;             // remove
+    bool dry_run = false;             // store, remove
     int32_t code = 1;                 // leave
     bool quick = false;               // check
     bool list_checks = false;         // check

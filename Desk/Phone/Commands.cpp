@@ -236,7 +236,7 @@ PresetFile preset_from(const Options& options) {
     PresetFile file = preset_from_text({reinterpret_cast<const char*>(text.data()), text.size()},
                                        printable(options.preset_file), missing);
     for (const std::string& taken : file.taken) {
-        say(fmt::format("{}: {}", printable(options.preset_file), taken));
+        mention(options, fmt::format("{}: {}", printable(options.preset_file), taken));
     }
     return file;
 }

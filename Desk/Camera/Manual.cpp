@@ -1,6 +1,7 @@
 #include "Manual.h"
 
 #include "CommandLine/ExitCodes.h"
+#include "Lab.h"
 
 namespace desk::camera {
 
@@ -18,10 +19,16 @@ command_line::Manual manual() {
         .words = {{"unix:PATH", "a Unix socket that keeps message boundaries"},
                   {"tcp:HOST:PORT", "a byte stream; port 0 takes any free one"},
                   {"rfcomm:CHANNEL, l2cap:PSM", "Bluetooth, where the kernel has it"}},
+        .more_words_title = "Commands while it runs",
+        .more_words = lab_commands(),
         .examples = {{"Serve the store /tmp/camera, and create it with samples where there is none:",
                       "shotmentor-camera --store /tmp/camera"},
                      {"Serve it over TCP, with all lines of the library on standard error:",
                       "shotmentor-camera --store /tmp/camera --listen tcp:127.0.0.1:0 --log-level all"},
+                     {"Take commands at a socket, and lose the link in the middle of the next reply:",
+                      "shotmentor-camera --store /tmp/camera --control unix:/tmp/camera/control.sock"},
+                     {"Do so from another terminal:",
+                      "shotmentor-camera control unix:/tmp/camera/control.sock pull reply 1000"},
                      {"Print what it holds:", "shotmentor-camera --store /tmp/camera presets"},
                      {"Let CUSTOM1 use preset 3:", "shotmentor-camera --store /tmp/camera link CUSTOM1 3"}},
         .exit_codes = command_line::exit_codes_of_camera(),

@@ -22,8 +22,8 @@ class Intake {
 
     // Takes in what the link received: one packet, or a piece of the stream.
     void take(std::span<const uint8_t> received);
-    // Delivers the next packet to the library, which may run a request. The lab may have the link pulled in the middle of
-    // it: what lies behind that has never come then.
+    // Delivers the next packet to the library, which may run a request. The lab may have the link pulled in the middle
+    // of it: what lies behind that has never come then.
     enum class Delivery { none, whole_packet, pulled };
     Delivery deliver();
 

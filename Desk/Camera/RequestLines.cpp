@@ -74,7 +74,7 @@ RequestLine line_of_list(const DoneRequest&, const Services& services) {
         return without_reply("list", no_memory_for_reply);
     }
     const int32_t count = get_word(*calls.reply, offsetof(sm_list_reply, num_Preset));
-    return {"list: " + counted(static_cast<size_t>(count), "preset"), {{"presets", count}}};
+    return {"list: " + counted(static_cast<size_t>(count), "preset"), {{"count", count}}};
 }
 
 RequestLine line_of_picture(const DoneRequest& request, const Services& services) {

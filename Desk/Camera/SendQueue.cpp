@@ -87,8 +87,8 @@ void SendQueue::sent() {
     is_sending_ = false;
     waiting_.pop_front();
     ++sends_;
-    if (is_to_drop()) {
-        tell_of_fault("drop-confirmations", fmt::format("send {} is not confirmed", sends_));
+    if (const char* const fault = reason_to_drop()) {
+        tell_of_fault(fault, fmt::format("send {} is not confirmed", sends_));
         dropped_ = std::min(dropped_ + 1, budget::unconfirmed_replies);
     } else if (unconfirmed_.size() < budget::unconfirmed_replies) { // else the library has lost one, too
         await_confirmation();
@@ -102,9 +102,12 @@ void SendQueue::sent() {
     });
 }
 
-bool SendQueue::is_to_drop() {
-    const bool is_nth = knobs_.drop_every && sends_ % *knobs_.drop_every == 0;
-    return use_up(knobs_.drop_next) || is_nth;
+// The fault because of which this send is not confirmed; null when it is.
+const char* SendQueue::reason_to_drop() {
+    if (use_up(knobs_.drop_next)) {
+        return "drop-next";
+    }
+    return knobs_.drop_every && sends_ % *knobs_.drop_every == 0 ? "drop-confirmations" : nullptr;
 }
 
 void SendQueue::await_confirmation() {

@@ -58,7 +58,7 @@ class SendQueue {
     void send_start_and_pull();
     void pulled(size_t sent, size_t total);
     void sent();
-    bool is_to_drop();
+    const char* reason_to_drop();
     void await_confirmation();
     void confirm_later();
     void confirm_due();

@@ -677,7 +677,7 @@ class Json(Talk):
     def test_a_list_has_the_number_of_presets(self):
         self.assertEqual(
             self.told(request(LIST)),
-            [{"kind": "request", "request": "list", "function": 1, "bytes": 8, "presets": 12,
+            [{"kind": "request", "request": "list", "function": 1, "bytes": 8, "count": 12,
               "reply_bytes": 28 + 12 * 744, "message": "list: 12 presets"}],
         )  # fmt: skip
 

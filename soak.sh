@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the desk, and lets phones of all kinds use its camera under faults: phones that lie,
 # stall, vanish, half leave and come in floods, confirmations that come late or never, refused memory, kill -9, a full
-# disk, system calls that fail, files that are no files and talk that nobody reads.
+# disk, system calls that fail, files that are no files, knobs that are turned and talk that nobody reads.
 #
 # Usage: ./soak.sh MINUTES [--seed N]
 #   --seed N  takes the chances of an earlier run, which has printed its seed

@@ -6,12 +6,11 @@
 #include <unistd.h>
 
 #include "Common/Failure.h"
-#include "Options.h"
 
 namespace desk::camera {
 
-void require_allocator_for(const LabOptions& lab, char** arguments) {
-    if (lab.refuse_allocation == 0) {
+void require_allocator(bool is_to_refuse, char** arguments) {
+    if (!is_to_refuse) {
         return;
     }
     const auto path = std::filesystem::read_symlink("/proc/self/exe").replace_filename("shotmentor-camera-lab");
@@ -21,7 +20,11 @@ void require_allocator_for(const LabOptions& lab, char** arguments) {
 }
 
 // Only shotmentor-camera-lab comes here with anything to refuse.
-void refuse_allocations(const LabOptions&) {}
+void refuse_allocations(int, bool) {}
+
+bool can_refuse_allocations() {
+    return false;
+}
 
 int refused_allocations() {
     return 0;

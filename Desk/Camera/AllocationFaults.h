@@ -4,14 +4,14 @@
 
 namespace desk::camera {
 
-struct LabOptions;
-
 // To be called before anything is opened. In shotmentor-camera this runs the shotmentor-camera-lab beside it in its own
-// place, with the same arguments, where the options refuse an allocation. Throws Failure (exit_machine).
-void require_allocator_for(const LabOptions& lab, char** arguments);
+// place, with the same arguments, where allocations are to be refused. Throws Failure (exit_machine).
+void require_allocator(bool is_to_refuse, char** arguments);
 
-// Allocations count from here on.
-void refuse_allocations(const LabOptions& lab);
+// Whether this program is the one that can.
+bool can_refuse_allocations();
+// The n-th allocation of the library from here on, and with `for_good` all after it; none where n is 0.
+void refuse_allocations(int n, bool for_good);
 // How many were refused since then.
 int refused_allocations();
 

@@ -1,14 +1,17 @@
 #include "AllocationFaults.h"
 
 #include "Lab/LibraryHeap.h"
-#include "Options.h"
 
 namespace desk::camera {
 
-void require_allocator_for(const LabOptions&, char**) {}
+void require_allocator(bool, char**) {}
 
-void refuse_allocations(const LabOptions& lab) {
-    library_heap::refuse(lab.refuse_allocation, lab.refuse_for_good);
+bool can_refuse_allocations() {
+    return true;
+}
+
+void refuse_allocations(int n, bool for_good) {
+    library_heap::refuse(n, for_good);
 }
 
 int refused_allocations() {

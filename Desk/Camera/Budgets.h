@@ -37,7 +37,7 @@ constexpr int packets_of_a_turn = 64;
 
 // ---- Descriptors ----------------------------------------------------------------------------------------------------
 
-// The standard streams, the event loop, the store, the log, the listening socket.
+// The standard streams, the event loop, the store, the log, the listening socket, the control socket and its clients.
 constexpr size_t descriptors_of_the_camera = 24;
 // The picture, the database's journal, the folder that is flushed.
 constexpr size_t descriptors_of_a_request = 8;
@@ -61,6 +61,21 @@ constexpr size_t longest_reply = SM_REQUEST_LIMIT + 64;
 // replies.
 constexpr size_t memory_of_phones = 2 * received_bytes + SM_REQUEST_LIMIT + unconfirmed_replies * longest_reply;
 
+// ---- The control socket ---------------------------------------------------------------------------------------------
+
+// Clients that are connected: the oldest goes for one more, and each when it has sent no command for so long. They and
+// the socket are within the descriptors of the camera.
+constexpr size_t control_clients = 4;
+constexpr seconds control_time{10};
+
+// A packet of a client, a command in it, and the answer. A longer packet costs the client its link.
+constexpr size_t control_bytes = size_t{1} << 18;
+constexpr size_t longest_command = 200;
+constexpr size_t longest_answer = 4096;
+
+// A file of commands.
+constexpr size_t longest_script = size_t{1} << 16;
+
 // ---- Standard error and the log -------------------------------------------------------------------------------------
 
 // Lines on standard error: so many at once, then so many a second. What comes on top is counted.
@@ -69,5 +84,9 @@ constexpr int lines_a_second = 50;
 
 // A longer line is broken. As UTF-8 with each byte replaced it still is one write to a pipe.
 constexpr size_t longest_line = 1200;
+// The same of a line of JSON: its message, and all else. The most fields has a deletion of 40 presets of which the
+// custom modes kept two: both titles, each byte of which may be six as an escape sequence, stand in the message too.
+constexpr size_t longest_message = 800;
+constexpr size_t longest_fields = 1600;
 
 } // namespace desk::camera::budget

@@ -8,17 +8,21 @@
 #include "ADE_ShotMentor.h"
 #include "AllocationFaults.h"
 #include "Budgets.h"
+#include "Control.h"
+#include "Lab.h"
 #include "LabTalk.h"
 #include "Options.h"
 #include "PresetStore.h"
+#include "Script.h"
 #include "Services.h"
 #include "StandardError.h"
 #include "Talk.h"
 
 namespace desk::camera {
 
-Camera::Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services, bool is_quiet)
-    : loop_(loop), listener_(listener), sends_(sends), services_(services), talk_(services, is_quiet),
+Camera::Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services, Knobs& knobs,
+               bool is_quiet)
+    : loop_(loop), listener_(listener), sends_(sends), services_(services), knobs_(knobs), talk_(services, is_quiet),
       waiting_(loop, budget::waiting_time, [this](const std::shared_ptr<Link>& link) { waited_long_enough(link); }),
       turned_away_(loop, budget::turned_away_time, [](const std::shared_ptr<Link>& link) { link->close(); }) {}
 
@@ -28,6 +32,7 @@ Camera::~Camera() {
 
 void Camera::open() {
     sends_.when_idle([this] { serve(); });
+    sends_.when_pulled([this] { pull_link(); });
     listener_.accept([this](std::shared_ptr<Link> link) { phone_came(std::move(link)); });
 }
 
@@ -63,10 +68,11 @@ bool Camera::all_before_have_closed() {
 }
 
 void Camera::take_in(const std::shared_ptr<Link>& link) {
-    say("a phone connected");
+    say({"phone", {{"event", "connected"}}, "a phone connected"});
     link->on_lost([this](const std::string& why) { phone_left(why); });
+    link->pace(knobs_);
     sends_.connect(link);
-    phone_.emplace(Phone{link, Intake(link->keeps_message_boundaries(), talk_)});
+    phone_.emplace(Phone{link, Intake(link->keeps_message_boundaries(), talk_, knobs_)});
     listen_to_phone();
 }
 
@@ -91,7 +97,7 @@ void discard_what_arrives(Link& link, size_t at_most) {
 // The link stays open for a moment: a close before the phone's request has been read would take the frame away from a
 // phone that has not read it yet.
 void Camera::turn_away(const std::shared_ptr<Link>& link) {
-    say("a second phone was turned away");
+    say({"phone", {{"event", "turned away"}}, "a second phone was turned away"});
     if (turned_away_.size() == budget::turned_away_phones) {
         turned_away_.take_oldest()->close();
     }
@@ -107,9 +113,11 @@ void Camera::let_go_if_stalled() {
     if (!phone_ || !is_phone_stalled()) {
         return;
     }
-    say(fmt::format("the phone was let go for another one: for {} s it has taken nothing of a reply, or sent nothing "
-                    "more of a request",
-                    budget::stalled_time.count()));
+    say({"phone",
+         {{"event", "let go"}},
+         fmt::format("the phone was let go for another one: for {} s it has taken nothing of a reply, or sent nothing "
+                     "more of a request",
+                     budget::stalled_time.count())});
     phone_->link->abort();
     forget_phone();
 }
@@ -119,8 +127,12 @@ bool Camera::is_phone_stalled() {
     return owes && phone_->link->is_stalled(budget::stalled_time);
 }
 
+void Camera::pull_link() {
+    phone_left("the link was pulled");
+}
+
 void Camera::phone_left(const std::string& why) {
-    say("the phone left" + (why.empty() ? "" : ": " + why));
+    say({"phone", {{"event", "left"}, {"reason", why}}, "the phone left" + (why.empty() ? "" : ": " + why)});
     forget_phone();
     take_in_next();
 }
@@ -136,6 +148,15 @@ void Camera::forget_phone() {
     ADE_ShotMentor_Return_To_Idle();
     sends_.disconnect();
     services_.in_use = false;
+    count_requests();
+}
+
+std::string Camera::phone() const {
+    if (!phone_) {
+        return fmt::format("no phone is there; requests so far: {}", talk_.done());
+    }
+    return fmt::format("a phone is there and {}; requests so far: {}",
+                       services_.in_use ? "uses the feature" : "does not use the feature yet", talk_.done());
 }
 
 // ---- Requests -------------------------------------------------------------------------------------------------------
@@ -147,20 +168,33 @@ void Camera::listen_to_phone() {
     });
 }
 
+// Only when the last one's reply has gone: what a script does after a request is not meant for its reply.
+void Camera::count_requests() {
+    if (when_done_) {
+        when_done_(talk_.done());
+    }
+}
+
 // Delivers what has arrived, and reads on when that is done. While a reply is on its way it does neither, and is
 // called again when it has gone: a phone that does not read its replies has to wait with its requests. One that sends
 // many at once has to let others in between, too.
 void Camera::serve() {
     for (int packets = 0; phone_ && sends_.is_idle(); ++packets) {
+        count_requests();
         if (packets == budget::packets_of_a_turn) {
             serve_later();
             return;
         }
-        if (!phone_->intake.deliver()) {
+        const Intake::Delivery delivery = phone_->intake.deliver();
+        if (delivery == Intake::Delivery::none) {
             listen_to_phone();
             return;
         }
-        tell_refused_allocations(services_.lab);
+        tell_refused_allocations(knobs_);
+        if (delivery == Intake::Delivery::pulled) {
+            pull_link();
+            return;
+        }
         sends_.free_lost_replies();
         phone_->link->forgive();
         tell_if_stuck();
@@ -182,9 +216,9 @@ void Camera::tell_if_stuck() {
         return;
     }
     phone_->told_stuck = true;
-    say(stuck == Intake::Stuck::no_memory
-            ? "there is no memory for the phone's request; nothing more is answered until it leaves"
-            : "the phone sent more bytes than it announced; nothing more is answered until it leaves");
+    const std::string why = stuck == Intake::Stuck::no_memory ? "there is no memory for the phone's request"
+                                                              : "the phone sent more bytes than it announced";
+    say({"phone", {{"event", "stuck"}, {"reason", why}}, why + "; nothing more is answered until it leaves"});
 }
 
 // ---- The loop -------------------------------------------------------------------------------------------------------
@@ -223,13 +257,25 @@ void announce(const Endpoint& endpoint) {
 
 void serve_phones(asio::io_context& loop, PresetStore& store, const Options& options) {
     const LateTalk late_talk(loop);
-    Listener listener(loop, options.listen, options.mtu);
-    SendQueue sends(loop, options.lab);
-    Services services(store, &sends, options);
-    Camera camera(loop, listener, sends, services, options.quiet);
+    Listener listener(loop, options.listen, options.mtu, Access::by_mask, budget::received_bytes);
+    Lab lab(options.knobs);
+    std::optional<Control> control;
+    if (options.control) {
+        control.emplace(loop, *options.control, lab);
+    }
+    SendQueue sends(loop, lab.knobs());
+    Services services(store, &sends, lab.knobs());
+    Script script(loop, options.script, lab);
+    Camera camera(loop, listener, sends, services, lab.knobs(), options.quiet);
+    lab.when_asked_for_phone([&] { return camera.phone(); });
+    camera.when_done([&](int64_t count) { script.requests_done(count); });
+    announce_lab(lab.knobs());
+    start_refusing_allocations(lab.knobs());
+    script.start();
     camera.open();
-    announce_lab(options.lab);
-    refuse_allocations(options.lab);
+    if (control) {
+        control->open();
+    }
     announce(listener.endpoint());
     loop.run();
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <asio/io_context.hpp>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,7 +22,8 @@ class Services;
 
 class Camera {
   public:
-    Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services, bool is_quiet);
+    Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services, Knobs& knobs,
+           bool is_quiet);
     // The phone that is there is left alone, and the library returned to idle.
     ~Camera();
     Camera(const Camera&) = delete;
@@ -29,6 +31,11 @@ class Camera {
 
     // Takes phones in from now on.
     void open();
+
+    // Called with the number of requests that have been answered, or had no answer, since the start.
+    void when_done(std::function<void(int64_t)> handler) { when_done_ = std::move(handler); }
+    // Which phone is there, in words.
+    std::string phone() const;
 
   private:
     // What is known of the phone that is there.
@@ -45,6 +52,8 @@ class Camera {
     void take_in_next();
     void turn_away(const std::shared_ptr<Link>& link);
     void let_go_if_stalled();
+    void pull_link();
+    void count_requests();
     bool is_phone_stalled();
     void phone_left(const std::string& why);
     void forget_phone();
@@ -57,11 +66,13 @@ class Camera {
     Listener& listener_;
     SendQueue& sends_;
     Services& services_;
+    Knobs& knobs_;
     RequestTalk talk_;
     std::optional<Phone> phone_;
     TimedLinks waiting_; // phones whose forerunners have closed, but not been read to the end
     TimedLinks turned_away_;
     const Bytes busy_ = busy_frame();
+    std::function<void(int64_t)> when_done_;
     bool serves_later_ = false; // `serve` has been posted
 };
 

@@ -11,6 +11,7 @@
 
 #include "ADE_ShotMentor.h"
 #include "Common/Files.h"
+#include "Control.h"
 #include "PresetFiles/PresetJson.h"
 #include "PresetStore.h"
 #include "Services.h"
@@ -30,7 +31,7 @@ PresetStore open_store(const Options& options) {
 int report_result(int result, const PresetStore& store) {
     if (result != SM_RETURN_TRUE) {
         const std::string& reason = store.last_error();
-        say(meaning_of_result(result) + (reason.empty() ? "" : ": " + reason));
+        say({"failure", {{"result", result}}, meaning_of_result(result) + (reason.empty() ? "" : ": " + reason)});
     }
     return exit_code_of_result(result);
 }
@@ -64,7 +65,7 @@ sm_tag_custom_info as_the_phone_gets_it(const PresetStore& store, const tag_cust
 }
 
 void print_table(PresetStore& store, const Options& options) {
-    const Services services(store, nullptr, options); // the conversion asks for the model's ISO steps
+    const Services services(store, nullptr, options.knobs); // the conversion asks for the model's ISO steps
     std::vector<std::vector<std::string>> rows = {table_header()};
     int number = 0;
     for (const tag_custom_info& preset : store.presets()) {
@@ -163,6 +164,8 @@ int run_command(const Options& options) {
         return add_preset(options);
     case Command::remove:
         return remove_preset(options);
+    case Command::control:
+        return control_camera(options.controlled, options.lab_command);
     case Command::serve:
         break;
     }

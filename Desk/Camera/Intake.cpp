@@ -1,8 +1,11 @@
 #include "Intake.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 
 #include "ADE_ShotMentor.h"
+#include "Knobs.h"
+#include "LabTalk.h"
 #include "RequestTalk.h"
 #include "Wire/Record.h"
 
@@ -33,18 +36,57 @@ void Intake::take(std::span<const uint8_t> received) {
     bytes_.resize(received_ + header_size); // the library reads a whole header of however short a packet
 }
 
-bool Intake::deliver() {
+Intake::Delivery Intake::deliver() {
     skip();
     const std::optional<size_t> length = next_packet();
     if (!length) {
-        return false;
+        return Delivery::none;
     }
-    const std::span<const uint8_t> packet = waiting().first(*length);
-    delivered_ += *length;
+    if (const std::optional<size_t> before = bytes_before_pull(*length)) {
+        return pull(*before);
+    }
+    hand_over(*length);
+    return Delivery::whole_packet;
+}
+
+void Intake::hand_over(size_t length) {
+    const std::span<const uint8_t> packet = waiting().first(length);
+    delivered_ += length;
     has_packet_ = false;
     talk_.before(packet);
     talk_.after(ADE_ShotMentor_Receive_Manager(packet.data(), static_cast<int>(packet.size())));
-    return true;
+}
+
+// The bytes of the request that a packet belongs to; none when the library refuses it at once. A short packet has zeros
+// behind it.
+int64_t Intake::announced(size_t packet) const {
+    if (is_in_reassembly()) {
+        return sm_BT_total_length;
+    }
+    const auto start = std::span(bytes_).subspan(delivered_);
+    const int32_t total = get_word(start, offsetof(sm_frame, total_length));
+    return packet == 0 || is_refused(get_word(start, offsetof(sm_frame, function)), total) ? 0 : total;
+}
+
+std::optional<size_t> Intake::bytes_before_pull(size_t packet) const {
+    const auto received = static_cast<size_t>(is_in_reassembly() ? sm_BT_combine_length : 0);
+    const auto end = static_cast<size_t>(knobs_.pull_request.value_or(0));
+    if (!knobs_.pull_request || announced(packet) <= *knobs_.pull_request || received + packet < end) {
+        return std::nullopt;
+    }
+    return end - std::min(end, received);
+}
+
+Intake::Delivery Intake::pull(size_t before) {
+    const size_t total = static_cast<size_t>(announced(waiting().size()));
+    if (before > 0) {
+        hand_over(before);
+    }
+    received_ = delivered_;
+    tell_of_fault("pull request",
+                  fmt::format("the link is pulled after {} of {} bytes of a request", sm_BT_combine_length, total));
+    knobs_.pull_request.reset();
+    return Delivery::pulled;
 }
 
 bool Intake::is_in_request() const {

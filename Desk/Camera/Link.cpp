@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <asio/post.hpp>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <linux/sockios.h>
 #include <poll.h>
@@ -11,8 +12,13 @@
 #include <sys/uio.h>
 #include <utility>
 
+#include "Knobs.h"
+
 namespace desk::camera {
 namespace {
+
+constexpr size_t piece_of_paced_stream = 4096;                // the packets of a phone
+constexpr std::chrono::milliseconds look_at_knobs_again{100}; // they may be turned while a packet is on its way
 
 bool is_worth_a_retry(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -45,7 +51,8 @@ int bytes_in_kernel(int socket, unsigned long which) {
 } // namespace
 
 Link::Link(asio::io_context& loop, int socket, LinkTraits traits, std::span<uint8_t> buffer)
-    : loop_(loop), socket_(loop, socket), traits_(traits), buffer_(buffer), watch_(loop) {}
+    : loop_(loop), socket_(loop, socket), traits_(traits), buffer_(buffer), watch_(loop), read_pause_(loop),
+      write_pause_(loop) {}
 
 void Link::receive(Received handler) {
     const bool is_waiting = received_ != nullptr;
@@ -55,18 +62,77 @@ void Link::receive(Received handler) {
     }
 }
 
-void Link::wait_for_bytes() {
-    socket_.async_wait(asio::posix::descriptor_base::wait_read,
-                       [self = shared_from_this()](const asio::error_code& error) {
-                           if (!error && self->socket_.is_open()) {
-                               self->read_once();
-                           }
-                       });
+// ---- The pace -------------------------------------------------------------------------------------------------------
+
+bool Link::is_paced() const {
+    return knobs_ != nullptr && (knobs_->link_rate || knobs_->packet_delay);
 }
 
-void Link::read_once() {
+Link::Clock::duration Link::time_of(size_t packet) const {
+    const std::chrono::milliseconds delay(knobs_->packet_delay.value_or(0));
+    const double seconds = knobs_->link_rate ? static_cast<double>(packet) / *knobs_->link_rate : 0;
+    return delay + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+// Lets a packet through whose first byte moved at `since`. The knobs may be turned meanwhile.
+void Link::let_through(asio::steady_timer& pause, size_t packet, Clock::time_point since, void (Link::*go_on)()) {
+    pause.expires_at(std::min(since + time_of(packet), Clock::now() + look_at_knobs_again));
+    pause.async_wait([self = shared_from_this(), &pause, packet, since, go_on](const asio::error_code& error) {
+        if (error || !self->socket_.is_open()) {
+            return;
+        }
+        if (self->is_paced() && Clock::now() < since + self->time_of(packet)) {
+            self->let_through(pause, packet, since, go_on);
+        } else {
+            (*self.*go_on)();
+        }
+    });
+}
+
+// A stream has no packets: pieces that are small beside what passes in a second stand for them.
+size_t Link::largest_piece() const {
+    if (traits_.keeps_message_boundaries) {
+        return traits_.mtu;
+    }
+    const auto rate = static_cast<size_t>(knobs_->link_rate.value_or(INT_MAX));
+    return std::clamp(rate / 20, size_t{1}, piece_of_paced_stream);
+}
+
+// ---- Receiving ------------------------------------------------------------------------------------------------------
+
+void Link::wait_for_bytes() {
+    socket_.async_wait(
+        asio::posix::descriptor_base::wait_read, [self = shared_from_this()](const asio::error_code& error) {
+            if (error || !self->socket_.is_open()) {
+                return;
+            }
+            if (self->is_paced()) {
+                self->let_through(self->read_pause_, self->next_to_read(), Clock::now(), &Link::read_paced);
+            } else {
+                self->read_once(self->buffer_.size());
+            }
+        });
+}
+
+// The bytes of the packet that has arrived, or of a piece of the stream.
+size_t Link::next_to_read() {
+    const int socket = socket_.native_handle();
+    if (!traits_.keeps_message_boundaries) {
+        return std::min(static_cast<size_t>(std::max(bytes_in_kernel(socket, SIOCINQ), 0)), largest_piece());
+    }
+    const ssize_t length = ::recv(socket, nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+    return length > 0 ? static_cast<size_t>(length) : 0;
+}
+
+void Link::read_paced() {
+    const bool is_piece = is_paced() && !traits_.keeps_message_boundaries;
+    read_once(is_piece ? largest_piece() : buffer_.size());
+}
+
+void Link::read_once(size_t at_most) {
     int flags = 0;
-    const ssize_t length = receive_once(socket_.native_handle(), buffer_, flags);
+    const std::span<uint8_t> room = buffer_.first(std::min(at_most, buffer_.size()));
+    const ssize_t length = receive_once(socket_.native_handle(), room, flags);
     if (length < 0 && is_worth_a_retry(errno)) {
         wait_for_bytes();
     } else if (length < 0) {
@@ -89,6 +155,8 @@ bool Link::is_empty_packet() {
            (!is_ready(socket_.native_handle(), POLLRDHUP) || bytes_in_kernel(socket_.native_handle(), SIOCINQ) > 0);
 }
 
+// ---- Sending --------------------------------------------------------------------------------------------------------
+
 void Link::send(std::span<const uint8_t> bytes, Sent handler) {
     unsent_ = bytes;
     sent_ = std::move(handler);
@@ -98,21 +166,48 @@ void Link::send(std::span<const uint8_t> bytes, Sent handler) {
     }
 }
 
+size_t Link::next_to_write() const {
+    const bool is_cut = traits_.keeps_message_boundaries || is_paced();
+    return is_cut ? std::min(unsent_.size(), largest_piece()) : unsent_.size();
+}
+
 void Link::write_on() {
     while (!unsent_.empty()) {
-        const size_t piece = traits_.keeps_message_boundaries ? std::min(unsent_.size(), traits_.mtu) : unsent_.size();
-        const ssize_t length = ::send(socket_.native_handle(), unsent_.data(), piece, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (length < 0) {
-            if (is_worth_a_retry(errno)) {
-                write_later();
-            } else {
-                lose(std::strerror(errno));
-            }
+        if (is_paced()) {
+            let_through(write_pause_, next_to_write(), Clock::now(), &Link::write_paced);
             return;
         }
+        if (!write_packet()) {
+            return;
+        }
+    }
+    all_is_written();
+}
+
+void Link::write_paced() {
+    if (write_packet()) {
+        write_on();
+    }
+}
+
+// False when the kernel has to be waited for, or the link is lost.
+bool Link::write_packet() {
+    const ssize_t length =
+        ::send(socket_.native_handle(), unsent_.data(), next_to_write(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (length >= 0) {
         unsent_ = unsent_.subspan(static_cast<size_t>(length));
         moved_ = Clock::now();
+        return true;
     }
+    if (is_worth_a_retry(errno)) {
+        write_later();
+    } else {
+        lose(std::strerror(errno));
+    }
+    return false;
+}
+
+void Link::all_is_written() {
     watch_.cancel();
     std::exchange(sent_, nullptr)();
 }
@@ -161,10 +256,16 @@ void Link::end_sending() {
 void Link::close() {
     asio::error_code ignored;
     socket_.close(ignored);
-    watch_.cancel();
+    stop_timers();
     received_ = nullptr;
     sent_ = nullptr;
     lost_ = nullptr;
+}
+
+void Link::stop_timers() {
+    watch_.cancel();
+    read_pause_.cancel();
+    write_pause_.cancel();
 }
 
 void Link::abort() {
@@ -179,7 +280,7 @@ void Link::abort() {
 void Link::lose(const std::string& why) {
     asio::error_code ignored;
     socket_.close(ignored);
-    watch_.cancel();
+    stop_timers();
     asio::post(loop_, [self = shared_from_this(), why] {
         if (const Lost handler = std::exchange(self->lost_, nullptr)) {
             handler(why);

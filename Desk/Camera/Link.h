@@ -13,6 +13,8 @@
 
 namespace desk::camera {
 
+struct Knobs;
+
 // How a link cuts what it carries.
 struct LinkTraits {
     bool keeps_message_boundaries = false;
@@ -38,6 +40,8 @@ class Link : public std::enable_shared_from_this<Link> {
     void receive(Received handler);
     // Sends the bytes, cut into packets of the link. They are read until the handler is called: nothing is copied.
     void send(std::span<const uint8_t> bytes, Sent handler);
+    // From now on bytes pass at the pace of these knobs, which outlive the link.
+    void pace(const Knobs& knobs) { knobs_ = &knobs; }
     // Whether the phone has closed its end, although what it sent before may still wait to be received.
     bool phone_has_closed();
     // Whether the phone keeps a receive or a send waiting, and no byte has moved for this time.
@@ -53,13 +57,24 @@ class Link : public std::enable_shared_from_this<Link> {
   private:
     using Clock = std::chrono::steady_clock;
 
+    bool is_paced() const;
+    Clock::duration time_of(size_t packet) const;
+    void let_through(asio::steady_timer& pause, size_t packet, Clock::time_point since, void (Link::*go_on)());
     void wait_for_bytes();
-    void read_once();
+    size_t next_to_read();
+    size_t largest_piece() const;
+    void read_paced();
+    void read_once(size_t at_most);
     bool is_empty_packet();
+    size_t next_to_write() const;
     void write_on();
+    void write_paced();
+    bool write_packet();
     void write_later();
+    void all_is_written();
     void watch_what_is_untaken();
     void lose(const std::string& why);
+    void stop_timers();
 
     asio::io_context& loop_;
     asio::posix::stream_descriptor socket_;
@@ -72,6 +87,9 @@ class Link : public std::enable_shared_from_this<Link> {
     Clock::time_point moved_ = Clock::now(); // when the last byte did, either way
     int untaken_ = 0;                        // bytes that the kernel holds for a phone that does not read
     asio::steady_timer watch_;
+    const Knobs* knobs_ = nullptr; // of a link that may be slowed
+    asio::steady_timer read_pause_;
+    asio::steady_timer write_pause_;
 };
 
 } // namespace desk::camera

@@ -16,9 +16,9 @@
 
 namespace desk::camera {
 
-Listener::Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu)
-    : loop_(loop), endpoint_(endpoint), mtu_(mtu), socket_(loop, open_listening_socket(endpoint_)), pause_(loop),
-      buffer_(budget::received_bytes) {
+Listener::Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu, Access access, size_t longest_packet)
+    : loop_(loop), endpoint_(endpoint), mtu_(mtu), socket_(loop, open_listening_socket(endpoint_, access)),
+      pause_(loop), buffer_(longest_packet) {
     struct stat file = {};
     if (endpoint_.kind == Endpoint::Kind::unix_socket && ::stat(endpoint_.path.c_str(), &file) == 0) {
         file_device_ = file.st_dev;
@@ -79,7 +79,8 @@ void Listener::accept_some() {
         } else if (errno == EAGAIN) {
             break;
         } else if (errno != EINTR && !is_of_one_phone(errno)) {
-            say(std::string("cannot take a phone in: ") + std::strerror(errno));
+            const std::string reason = std::strerror(errno);
+            say({"failure", {{"reason", reason}}, "cannot take a phone in: " + reason});
             accept_later();
             return;
         }

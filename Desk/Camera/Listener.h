@@ -12,6 +12,7 @@
 #include "Common/Descriptor.h"
 #include "Link.h"
 #include "Links/Endpoint.h"
+#include "Sockets.h"
 
 namespace desk::camera {
 
@@ -20,7 +21,8 @@ class Listener {
     using Accepted = std::function<void(std::shared_ptr<Link>)>;
 
     // Listens. A Unix socket that a dead camera left behind is replaced, a live one is not. Throws Failure (exit_link).
-    Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu);
+    // `longest_packet` bytes at once may be received.
+    Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu, Access access, size_t longest_packet);
     // Removes the socket's file.
     ~Listener();
     Listener(const Listener&) = delete;

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <optional>
+#include <string_view>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -29,35 +31,24 @@ class Log::Sink {
 
 namespace {
 
-constexpr int error_priority = 6;
-constexpr const char* warning_color = "\033[31m"; // errors share it, and are told by their priority
-
 Log* current = nullptr;
 
-char letter_of(LogLevel level) {
-    switch (level) {
-    case LogLevel::error:
-        return 'E';
-    case LogLevel::warn:
-        return 'W';
-    case LogLevel::off:
-    case LogLevel::all:
-        break;
-    }
-    return 'I';
+char letter_of(alg_log_level level) {
+    return level == ALG_LOG_LEVEL_ERROR ? 'E' : level == ALG_LOG_LEVEL_WARN ? 'W' : 'I';
 }
 
 // The library copies errors to standard error by itself, so this sink leaves them out.
 class StderrSink : public Log::Sink {
   public:
     explicit StderrSink(const LogOptions& options) {
-        if (options.is_level_given && options.level != LogLevel::off) {
+        if (options.is_choice_given && !options.choice.is_nothing()) {
             StandardError::lift_limit_of_library();
         }
     }
     void write(const LogLine& line) override {
-        if (line.level != LogLevel::error) {
-            StandardError::log(fmt::format("[{:<10}] {}", line.tag, line.message), line.color);
+        if (line.level != ALG_LOG_LEVEL_ERROR) {
+            StandardError::log({kind_log, {{"level", name_of_level(line.level)}, {"tag", line.tag}}, line.message},
+                               line.color);
         }
     }
 };
@@ -103,8 +94,8 @@ class SyslogSink : public Log::Sink {
     }
 
   private:
-    static int priority_of(LogLevel level) {
-        return level == LogLevel::error ? LOG_ERR : level == LogLevel::warn ? LOG_WARNING : LOG_DEBUG;
+    static int priority_of(alg_log_level level) {
+        return level == ALG_LOG_LEVEL_ERROR ? LOG_ERR : level == ALG_LOG_LEVEL_WARN ? LOG_WARNING : LOG_DEBUG;
     }
 };
 
@@ -123,27 +114,29 @@ std::unique_ptr<Log::Sink> sink_for(const LogOptions& options) {
     throw Failure(exit_usage, "--log takes stderr, syslog or file:PATH, not \"" + destination + "\"");
 }
 
-// By the first colour, which is the library's own: what a phone has sent stands behind it.
-LogLevel level_of(int priority, const std::string& text) {
-    if (priority >= error_priority) {
-        return LogLevel::error;
+// By the first colour, which is the library's own: what a phone has sent stands behind it. Errors share theirs with
+// warnings, and are told by their priority.
+alg_log_level level_of(int priority, std::string_view text) {
+    if (priority >= ALG_LOG_PRIORITY_ERROR) {
+        return ALG_LOG_LEVEL_ERROR;
     }
     const size_t color = text.find('\033');
-    const bool is_warning =
-        color != std::string::npos && text.compare(color, std::strlen(warning_color), warning_color) == 0;
-    return is_warning ? LogLevel::warn : LogLevel::all;
+    return color == std::string_view::npos ? ALG_LOG_LEVEL_PLAIN : level_of_color(text.substr(color));
 }
 
-// Whether it can be told without formatting that a line is neither an error nor a warning. A list causes some 3,000
-// lines: the library's have their text, which begins with its colour, as the last argument of one format.
-bool is_plain_line(int priority, const char* format, va_list arguments) {
-    if (priority >= error_priority || std::strcmp(format, "%s: %s(%d) > %s") != 0) {
-        return false;
+// The level of a line where it can be told without formatting. A list causes some 3,000 lines: the library's have their
+// text, which begins with its colour, as the last argument of one format.
+std::optional<alg_log_level> level_before_formatting(int priority, const char* format, va_list arguments) {
+    if (priority >= ALG_LOG_PRIORITY_ERROR) {
+        return ALG_LOG_LEVEL_ERROR;
+    }
+    if (std::strcmp(format, "%s: %s(%d) > %s") != 0) {
+        return std::nullopt;
     }
     (void)va_arg(arguments, const char*);
     (void)va_arg(arguments, const char*);
     (void)va_arg(arguments, int);
-    return std::strncmp(va_arg(arguments, const char*), warning_color, std::strlen(warning_color)) != 0;
+    return level_of_color(va_arg(arguments, const char*));
 }
 
 void drop_ending(std::string& text, const std::string& ending) {
@@ -154,7 +147,7 @@ void drop_ending(std::string& text, const std::string& ending) {
 
 } // namespace
 
-Log::Log(const LogOptions& options) : level_(options.level), sink_(sink_for(options)) {
+Log::Log(const LogOptions& options) : choice_(options.choice), sink_(sink_for(options)) {
     current = this;
 }
 
@@ -164,7 +157,7 @@ Log::~Log() {
 
 // The level is asked for first: a phone can cause hundreds of thousands of lines in a second.
 void Log::write(int priority, const char* tag, const std::string& text) {
-    if (level_of(priority, text) <= level_) {
+    if (choice_.of_tag(tag).test(level_of(priority, text))) {
         sink_->write(parse_log_line(priority, tag, text));
     }
 }
@@ -182,19 +175,18 @@ LogLine parse_log_line(int priority, const char* tag, const std::string& text) {
 
 } // namespace desk::camera
 
-// Lines that no level keeps are dropped before they are formatted: most of them, unless all are wanted.
+// Lines that nobody wants are dropped before they are formatted: most of them, unless all are wanted.
 extern "C" int __dlog_print(int, int priority, const char* tag, const char* format, ...) {
     using namespace desk::camera;
-    const LogLevel kept = current != nullptr ? current->level() : LogLevel::off;
-    const bool is_error = priority >= error_priority;
-    if (format == nullptr || kept == LogLevel::off || (kept == LogLevel::error && !is_error)) {
+    const LogLevels kept = current != nullptr ? current->choice().of_tag(tag) : LogLevels();
+    if (format == nullptr || kept.none()) {
         return 0;
     }
     va_list arguments;
     va_start(arguments, format);
-    const bool is_dropped = kept == LogLevel::warn && is_plain_line(priority, format, arguments);
+    const std::optional<alg_log_level> level = level_before_formatting(priority, format, arguments);
     va_end(arguments);
-    if (is_dropped) {
+    if (level && !kept.test(*level)) {
         return 0;
     }
     std::array<char, 1024> text; // the library's lines are shorter, others are cut

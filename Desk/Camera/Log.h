@@ -4,20 +4,19 @@
 #include <memory>
 #include <string>
 
-namespace desk::camera {
+#include "LogChoice.h"
 
-// Each level takes in the ones before it.
-enum class LogLevel { off, error, warn, all };
+namespace desk::camera {
 
 struct LogOptions {
     std::string destination = "stderr"; // or "syslog", or "file:PATH"
-    LogLevel level = LogLevel::warn;
-    bool is_level_given = false; // standard error then takes as many lines as there are
+    LogChoice choice;
+    bool is_choice_given = false; // standard error then takes as many lines as there are
 };
 
 // One line of the library, taken apart.
 struct LogLine {
-    LogLevel level = LogLevel::all;
+    alg_log_level level = ALG_LOG_LEVEL_PLAIN;
     std::string tag;
     std::string color;   // the escape sequence that it begins with; may be empty
     std::string message; // without colour and line end, and fit for a terminal
@@ -34,12 +33,12 @@ class Log {
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
 
-    LogLevel level() const { return level_; }
+    const LogChoice& choice() const { return choice_; }
     // A line as the library composes it.
     void write(int priority, const char* tag, const std::string& text);
 
   private:
-    LogLevel level_;
+    LogChoice choice_;
     std::unique_ptr<Sink> sink_;
 };
 

@@ -1,15 +1,18 @@
 // shotmentor-camera: a host for libshotmentor.so that drives it as firmware does. See Docs/desk.md.
 
+#include <algorithm>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <string_view>
 
 #include "AllocationFaults.h"
 #include "Camera.h"
 #include "Commands.h"
 #include "Descriptors.h"
+#include "Lab.h"
 #include "Options.h"
 #include "PresetStore.h"
 #include "Samples.h"
@@ -44,12 +47,18 @@ int serve(const Options& options) {
     return exit_done;
 }
 
+bool needs_refusing_allocator(const Options& options) {
+    return options.knobs.refuse_allocation ||
+           std::any_of(options.script.begin(), options.script.end(),
+                       [](const ScriptStep& step) { return refuses_allocations(step.command); });
+}
+
 int run(int argc, char** argv) {
     const std::optional<Options> options = parse_options(argc, argv);
     if (!options) {
         return exit_done;
     }
-    require_allocator_for(options->lab, argv);
+    require_allocator(needs_refusing_allocator(*options), argv);
     const int code = options->command == Command::serve ? serve(*options) : run_command(*options);
     if (std::fflush(stdout) != 0) {
         throw Failure(exit_machine, "cannot write to standard output");
@@ -58,13 +67,22 @@ int run(int argc, char** argv) {
 }
 
 int fail(const char* line, int code) {
-    say(line);
+    say({"failure", {{"exit_code", code}}, line});
     return code;
+}
+
+// Asked for before the command line is read: what is wrong with it is told in this way, too.
+bool is_json_asked_for(int argc, char** argv) {
+    return std::any_of(argv + 1, argv + argc,
+                       [](const char* argument) { return std::string_view(argument) == "--json"; });
 }
 
 int run_and_tell(int argc, char** argv) {
     fill_standard_descriptors();
     const StandardError standard_error;
+    if (is_json_asked_for(argc, argv)) {
+        StandardError::speak_json();
+    }
     try {
         return run(argc, argv);
     } catch (const Failure& failure) {

@@ -1,6 +1,7 @@
 #include "Manual.h"
 
 #include "CommandLine/ExitCodes.h"
+#include "Lab.h"
 
 namespace desk::camera {
 
@@ -12,16 +13,25 @@ command_line::Manual manual() {
              "Without a command it serves. It creates the store on first start, with twelve sample presets and their "
              "pictures, and prints \"listening on URL\" to standard output once a phone can connect. It serves one "
              "phone at a time. SIGINT and SIGTERM end it in order.",
+             "Standard error tells what happens, a line for each request; with --json each line is a JSON object. Faults to "
+             "try are set by options, by control while it serves, and by a script: lines such as \"at 2.5s pull reply "
+             "1000\" or \"after request 3 link-down on\", with comments behind #.",
              "A store is the folder DIR: a database, presets.sqlite, and a folder pictures. An answer of success means "
              "that the change outlives a loss of power."},
         .words_title = "Links",
         .words = {{"unix:PATH", "a Unix socket that keeps message boundaries"},
                   {"tcp:HOST:PORT", "a byte stream; port 0 takes any free one"},
                   {"rfcomm:CHANNEL, l2cap:PSM", "Bluetooth, where the kernel has it"}},
+        .more_words_title = "Commands while it runs",
+        .more_words = lab_commands(),
         .examples = {{"Serve the store /tmp/camera, and create it with samples where there is none:",
                       "shotmentor-camera --store /tmp/camera"},
                      {"Serve it over TCP, with all lines of the library on standard error:",
                       "shotmentor-camera --store /tmp/camera --listen tcp:127.0.0.1:0 --log-level all"},
+                     {"Take commands at a socket, and lose the link in the middle of the next reply:",
+                      "shotmentor-camera --store /tmp/camera --control unix:/tmp/camera/control.sock"},
+                     {"Do so from another terminal:",
+                      "shotmentor-camera control unix:/tmp/camera/control.sock pull reply 1000"},
                      {"Print what it holds:", "shotmentor-camera --store /tmp/camera presets"},
                      {"Let CUSTOM1 use preset 3:", "shotmentor-camera --store /tmp/camera link CUSTOM1 3"}},
         .exit_codes = command_line::exit_codes_of_camera(),

@@ -7,6 +7,7 @@
 #include "ADE_ShotMentor_Version.h"
 #include "CommandLine/Reference.h"
 #include "Common/Text.h"
+#include "Lab.h"
 #include "Manual.h"
 
 namespace desk::camera {
@@ -33,7 +34,10 @@ struct Texts {
     std::optional<std::string> log_level;
     std::string custom_mode;
     std::string refuse;
-    long confirm_delay = 0;
+    std::optional<std::string> control;
+    std::string script;
+    std::string controlled;
+    std::vector<std::string> lab_command;
 };
 
 void add_store_options(App& app, Options& options, Texts& texts) {
@@ -61,10 +65,12 @@ void add_log_options(App& app, Options& options, Texts& texts) {
            "Where the library's lines go, stderr unless given. The library itself copies errors to standard error")
         ->group(log_group)
         ->type_name("stderr|syslog|file:PATH");
-    app.add_option("--log-level", texts.log_level, "Which of them, warn unless given")
-        ->check(one_of({"off", "error", "warn", "all"}))
+    app.add_option("--log-level", texts.log_level,
+                   "Which of them, warn unless given; or by tag and colour, such as warn,ALG_SMM=all,ALG_SM=cyan+error")
         ->group(log_group)
         ->type_name("off|error|warn|all");
+    app.add_flag("--json", options.json, "Write what is told on standard error as JSON, an object a line")
+        ->group(log_group);
 }
 
 std::string fault_of_refusal(const std::string& text) {
@@ -74,19 +80,22 @@ std::string fault_of_refusal(const std::string& text) {
     return right ? "" : "Value " + text + " is not N or N+ with N from 1";
 }
 
-void add_lab_options(App& app, LabOptions& lab, Texts& texts) {
+void add_lab_options(App& app, Knobs& knobs, Texts& texts) {
     const auto add = [&](const char* name, auto& value, const char* help, const char* type) {
         return app.add_option(name, value, help)->group(lab_group)->type_name(type);
     };
-    add("--confirm-delay", texts.confirm_delay, "Confirm each send only after this time", "MS")
+    add("--confirm-delay", knobs.confirm_delay, "Confirm each send only after this time", "MS")
         ->check(between(0, INT_MAX));
-    add("--drop-confirmations", lab.drop_every, "Never confirm every N-th send", "N")->check(between(1, INT_MAX));
-    app.add_flag("--link-down", lab.link_down, "Report the phone link as down")->group(lab_group);
-    add("--save-result", lab.save_result, "Answer N to a store request, and store nothing", "N");
-    add("--update-result", lab.update_result, "Answer N to an update request, and change nothing", "N");
+    add("--drop-confirmations", knobs.drop_every, "Never confirm every N-th send", "N")->check(between(1, INT_MAX));
+    app.add_flag("--link-down", knobs.link_down, "Report the phone link as down")->group(lab_group);
+    add("--save-result", knobs.save_result, "Answer N to a store request, and store nothing", "N");
+    add("--update-result", knobs.update_result, "Answer N to an update request, and change nothing", "N");
     add("--refuse-allocation", texts.refuse,
         "Refuse the library's N-th allocation, with + all from then on; this runs shotmentor-camera-lab", "N[+]")
         ->check(fault_of_refusal);
+    add("--control", texts.control, "Take commands while serving at this Unix socket, which is its owner's alone",
+        "unix:PATH");
+    add("--script", texts.script, "Run the commands of this file at their times", "FILE");
 }
 
 void add_custom_mode(App& command, Texts& texts) {
@@ -105,8 +114,18 @@ void add_number(App& command, Options& options) {
 App& add_command(App& app, Options& options, Command command, const char* name, const char* help) {
     App* const added = app.add_subcommand(name, help);
     added->callback([&options, command] { options.command = command; });
-    added->group("Commands, on a store at rest; without one the camera serves");
+    added->group("Commands, all but control on a store at rest; without one the camera serves");
     return *added;
+}
+
+// It needs no store of its own.
+void add_control(App& app, Options& options, Texts& texts, CLI::Option& store) {
+    App& control = add_command(app, options, Command::control, "control", "Turn a knob of a camera that serves");
+    control.preparse_callback([&store](size_t) { store.required(false); });
+    control.add_option("url", texts.controlled, "What that camera has as --control")->required()->type_name("URL");
+    control.add_option("command", texts.lab_command, "One of the commands while it runs, which are listed below")
+        ->required()
+        ->type_name("COMMAND");
 }
 
 void add_commands(App& app, Options& options, Texts& texts) {
@@ -122,13 +141,6 @@ void add_commands(App& app, Options& options, Texts& texts) {
     add.add_option("picture", options.picture, "Its JPEG picture")->required()->type_name("PICTURE");
     App& remove = add_command(app, options, Command::remove, "remove", "Delete a preset");
     add_number(remove, options);
-}
-
-LogLevel log_level_of(const std::string& name) {
-    return name == "off"     ? LogLevel::off
-           : name == "error" ? LogLevel::error
-           : name == "warn"  ? LogLevel::warn
-                             : LogLevel::all;
 }
 
 Endpoint default_endpoint(const Options& options) {
@@ -150,8 +162,43 @@ Endpoint listening_endpoint(const Texts& texts, const Options& options) {
     return endpoint;
 }
 
+Endpoint control_endpoint(const std::string& url) {
+    Endpoint endpoint = parse_endpoint(url);
+    if (endpoint.kind != Endpoint::Kind::unix_socket) {
+        throw Failure(exit_usage, url + ": a control socket is a Unix socket; write unix:PATH");
+    }
+    endpoint.path = std::filesystem::absolute(endpoint.path).string();
+    return endpoint;
+}
+
+void take_lab_texts(const Texts& texts, Options& options) {
+    options.knobs.full_iso_steps = texts.iso_step == "full";
+    if (!texts.refuse.empty()) {
+        options.knobs.refuse_for_good = texts.refuse.back() == '+';
+        options.knobs.refuse_allocation = std::stoi(texts.refuse);
+    }
+    if (texts.control) {
+        options.control = control_endpoint(*texts.control);
+    }
+    if (!texts.script.empty()) {
+        options.script = read_script(texts.script);
+    }
+}
+
+void take_control_texts(const Texts& texts, Options& options) {
+    options.controlled = control_endpoint(texts.controlled);
+    for (const std::string& word : texts.lab_command) {
+        options.lab_command += (options.lab_command.empty() ? "" : " ") + word;
+    }
+    check_lab_command(options.lab_command);
+}
+
 // What the command line says in words. Paths become absolute: the camera changes its working directory.
 void take_texts(const Texts& texts, Options& options) {
+    if (options.command == Command::control) {
+        take_control_texts(texts, options);
+        return;
+    }
     if (options.store.empty()) {
         throw Failure(exit_usage, "--store names no folder (see --help)");
     }
@@ -159,15 +206,10 @@ void take_texts(const Texts& texts, Options& options) {
     if (options.command == Command::serve) {
         options.listen = listening_endpoint(texts, options);
     }
-    options.full_iso_steps = texts.iso_step == "full";
-    options.log.level = log_level_of(texts.log_level.value_or("warn"));
-    options.log.is_level_given = texts.log_level.has_value();
+    options.log.choice = LogChoice::parse(texts.log_level.value_or("warn"));
+    options.log.is_choice_given = texts.log_level.has_value();
     options.custom_mode = texts.custom_mode == "CUSTOM2" ? 1 : 0;
-    options.lab.confirm_delay = std::chrono::milliseconds(texts.confirm_delay);
-    if (!texts.refuse.empty()) {
-        options.lab.refuse_for_good = texts.refuse.back() == '+';
-        options.lab.refuse_allocation = std::stoi(texts.refuse);
-    }
+    take_lab_texts(texts, options);
 }
 
 } // namespace
@@ -184,8 +226,9 @@ std::optional<Options> parse_options(int argc, char** argv) {
     add_store_options(app, options, texts);
     add_link_options(app, options, texts);
     add_log_options(app, options, texts);
-    add_lab_options(app, options.lab, texts);
+    add_lab_options(app, options.knobs, texts);
     add_commands(app, options, texts);
+    add_control(app, options, texts, *app.get_option("--store"));
     command_line::add_reference(app, manual());
     try {
         app.parse(argc, argv);

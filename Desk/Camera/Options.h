@@ -1,28 +1,19 @@
 // What the camera's command line says.
 #pragma once
 
-#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "Knobs.h"
 #include "Links/Endpoint.h"
 #include "Log.h"
+#include "Script.h"
 
 namespace desk::camera {
 
-enum class Command { serve, presets, link, unlink, add, remove };
-
-// Faults to try, off unless asked for.
-struct LabOptions {
-    std::chrono::milliseconds confirm_delay{0};
-    int drop_every = 0; // never confirm every n-th send; 0: confirm all
-    bool link_down = false;
-    std::optional<int> save_result;
-    std::optional<int> update_result;
-    int refuse_allocation = 0; // 0: refuse none
-    bool refuse_for_good = false;
-};
+enum class Command { serve, presets, link, unlink, add, remove, control };
 
 struct Options {
     Command command = Command::serve;
@@ -30,17 +21,20 @@ struct Options {
 
     Endpoint listen; // a socket's path is absolute
     bool empty = false;
-    bool full_iso_steps = true;
     LogOptions log;
     bool quiet = false; // tells of no requests
     size_t mtu = 65535;
-    LabOptions lab;
+    Knobs knobs; // at the start
+    std::optional<Endpoint> control;
+    std::vector<ScriptStep> script;
 
-    bool json = false;             // presets
+    bool json = false;             // presets; the talk
     int custom_mode = 0;           // link, unlink: 0 CUSTOM1, 1 CUSTOM2
     int number = 0;                // link, remove
     std::filesystem::path record;  // add
     std::filesystem::path picture; // add
+    Endpoint controlled;           // control: a running camera's
+    std::string lab_command;       // control
 };
 
 // Nothing when the command line asked for help, the version or the reference, which has then been printed. Throws

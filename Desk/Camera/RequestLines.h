@@ -5,6 +5,7 @@
 #include <bitset>
 #include <cstddef>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "ADE_ShotMentor_Records.h"
@@ -25,7 +26,13 @@ struct DoneRequest {
 
 size_t payload_size(const DoneRequest& request);
 
-std::string line_of(const DoneRequest& request, const Services& services);
+// What is told of it: the line for a person, and the same for a program.
+struct RequestLine {
+    std::string text;
+    nlohmann::ordered_json fields; // an object
+};
+
+RequestLine line_of(const DoneRequest& request, const Services& services);
 
 // "list", "store": what a phone asks for with this function number.
 std::string name_of_function(int32_t function);

@@ -52,6 +52,30 @@ std::bitset<SM_PRESET_LIMIT> numbers_in(const RequestBytes& deletion) {
     return numbers;
 }
 
+// What every request has.
+nlohmann::ordered_json head_of(const DoneRequest& request) {
+    return {{"request", name_of_function(request.function)}, {"function", request.function}, {"bytes", request.total}};
+}
+
+// The request in reassembly, when its phone has left.
+RequestLine line_of_broken(const DoneRequest& request) {
+    const std::string name = name_of_function(request.function);
+    nlohmann::ordered_json fields = head_of(request);
+    fields["received"] = sm_BT_combine_length;
+    switch (Intake::stuck()) {
+    case Intake::Stuck::no:
+        fields["no_reply"] = "cut off";
+        return {fmt::format("{} cut off: {} of {} bytes", name, sm_BT_combine_length, request.total), fields};
+    case Intake::Stuck::too_many_bytes:
+        fields["no_reply"] = "more bytes came than were announced";
+        return {fmt::format("{}: no reply, {} came of {} bytes", name, sm_BT_combine_length, request.total), fields};
+    case Intake::Stuck::no_memory:
+        break;
+    }
+    fields["no_reply"] = "there was no memory for the request";
+    return {fmt::format("{} of {} bytes: no reply, there was no memory for the request", name, request.total), fields};
+}
+
 } // namespace
 
 void RequestTalk::before(std::span<const uint8_t> packet) {
@@ -89,42 +113,40 @@ void RequestTalk::read(std::span<const uint8_t> packet) {
 
 // An empty packet is no request, and a part of one is told of with the rest.
 void RequestTalk::after(int result) {
-    if (Intake::is_in_reassembly() || is_packet_empty_ || is_quiet_) {
+    if (Intake::is_in_reassembly() || is_packet_empty_) {
+        return;
+    }
+    ++done_;
+    if (is_quiet_) {
         return;
     }
     request_.result = result;
-    tell(line_of(request_, services_) + time_taken());
+    const RequestLine done = line_of(request_, services_);
+    const std::chrono::milliseconds taken = time_taken();
+    nlohmann::ordered_json fields = head_of(request_);
+    fields["milliseconds"] = taken.count();
+    fields.update(done.fields);
+    tell({taken > moment ? fmt::format("{} ({} ms)", done.text, taken.count()) : done.text, std::move(fields)});
 }
 
 void RequestTalk::phone_left(size_t unread) const {
     if (Intake::is_in_reassembly()) {
-        const std::string name = name_of_function(request_.function);
-        switch (Intake::stuck()) {
-        case Intake::Stuck::no:
-            tell(fmt::format("{} cut off: {} of {} bytes", name, sm_BT_combine_length, request_.total));
-            break;
-        case Intake::Stuck::too_many_bytes:
-            tell(fmt::format("{}: no reply, {} came of {} bytes", name, sm_BT_combine_length, request_.total));
-            break;
-        case Intake::Stuck::no_memory:
-            tell(fmt::format("{} of {} bytes: no reply, there was no memory for the request", name, request_.total));
-            break;
-        }
+        tell(line_of_broken(request_));
     }
     if (unread > 0) {
-        tell(fmt::format("{} cut off before a request was read of them", counted(unread, "byte")));
+        tell({fmt::format("{} cut off before a request was read of them", counted(unread, "byte")),
+              {{"received", unread}, {"no_reply", "cut off"}}});
     }
 }
 
-void RequestTalk::tell(const std::string& line) const {
+void RequestTalk::tell(const RequestLine& line) const {
     if (!is_quiet_) {
-        say(fmt::format("{:%H:%M:%S} {}", fmt::localtime(std::time(nullptr)), line));
+        say({kind_request, line.fields, line.text});
     }
 }
 
-std::string RequestTalk::time_taken() const {
-    const auto taken = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began_);
-    return taken > moment ? fmt::format(" ({} ms)", taken.count()) : "";
+std::chrono::milliseconds RequestTalk::time_taken() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began_);
 }
 
 } // namespace desk::camera

@@ -25,19 +25,23 @@ class RequestTalk {
     // To be called while the library still holds what the phone has sent in half. `unread` bytes have come behind that.
     void phone_left(size_t unread) const;
 
+    // Requests that the library is done with, of all phones.
+    int64_t done() const { return done_; }
+
   private:
     using Clock = std::chrono::steady_clock;
 
     void begin(std::span<const uint8_t> packet);
     void read(std::span<const uint8_t> packet);
-    void tell(const std::string& line) const;
-    std::string time_taken() const;
+    void tell(const RequestLine& line) const;
+    std::chrono::milliseconds time_taken() const;
 
     Services& services_;
     bool is_quiet_;
     DoneRequest request_; // as far as it is known
     Clock::time_point began_;
     bool is_packet_empty_ = false;
+    int64_t done_ = 0;
 };
 
 } // namespace desk::camera

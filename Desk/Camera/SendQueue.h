@@ -11,8 +11,8 @@
 #include <span>
 #include <vector>
 
+#include "Knobs.h"
 #include "Link.h"
-#include "Options.h"
 
 namespace desk::camera {
 
@@ -22,7 +22,7 @@ namespace desk::camera {
 // reply is on its way: whatever is freed or replaced then has been read.
 class SendQueue {
   public:
-    SendQueue(asio::io_context& loop, const LabOptions& lab);
+    SendQueue(asio::io_context& loop, Knobs& knobs);
 
     // Takes a message in. Called from inside the library, so nothing but this happens until it has returned.
     void queue(std::span<const uint8_t> reply);
@@ -35,6 +35,8 @@ class SendQueue {
     // Whether replies are still on their way; `when_idle` is called each time that they have all gone.
     bool is_idle() const { return waiting_.empty(); }
     void when_idle(std::function<void()> handler) { when_idle_ = std::move(handler); }
+    // Called when the lab has the link pulled in the middle of a reply.
+    void when_pulled(std::function<void()> handler) { when_pulled_ = std::move(handler); }
 
     void connect(std::shared_ptr<Link> link);
     // The phone has left: what is under way has failed. Confirms every send that has not been, those whose confirmation
@@ -44,23 +46,36 @@ class SendQueue {
   private:
     using Clock = std::chrono::steady_clock;
 
+    // A send that has gone, and is to be confirmed.
+    struct Unconfirmed {
+        int64_t number;
+        Clock::time_point due;
+        bool is_twice;
+    };
+
     void send_next();
+    bool is_to_pull() const;
+    void send_start_and_pull();
+    void pulled(size_t sent, size_t total);
     void sent();
-    bool is_to_drop() const;
+    const char* reason_to_drop();
+    void await_confirmation();
     void confirm_later();
     void confirm_due();
-    void confirm();
+    void confirm(const Unconfirmed& send);
+    void confirm_once();
 
     asio::io_context& loop_;
-    const LabOptions lab_;
+    Knobs& knobs_;
     asio::steady_timer timer_;
     std::shared_ptr<Link> link_;
     std::function<void()> when_idle_;
+    std::function<void()> when_pulled_;
     std::deque<std::span<const uint8_t>> waiting_; // the first one is on its way
     bool is_sending_ = false;
-    std::deque<Clock::time_point> unconfirmed_; // when each send that has gone is to be confirmed
-    size_t dropped_ = 0;                        // sends that have gone and will not be confirmed
-    std::vector<void*> kept_;                   // replies that the library holds, sent or to be sent
+    std::deque<Unconfirmed> unconfirmed_; // in the order of their sends
+    size_t dropped_ = 0;                  // sends that have gone and will not be confirmed
+    std::vector<void*> kept_;             // replies that the library holds, sent or to be sent
     int64_t sends_ = 0;
 };
 

@@ -18,7 +18,7 @@ Services* current = nullptr;
 
 void complain(const char* service, const std::string& what) noexcept {
     try {
-        say(std::string(service) + " failed: " + what);
+        say({"failure", {{"service", service}, {"reason", what}}, std::string(service) + " failed: " + what});
     } catch (...) { // no memory even for that
     }
 }
@@ -47,22 +47,32 @@ enum class Told { the_number, nothing };
 int tell_refusal(const Services& services, const char* what, int result, Told told = Told::the_number) {
     if (result != SM_RETURN_TRUE) {
         const std::string& reason = services.store.last_error();
-        say(fmt::format("{} refused with {}{}{}", what, result,
-                        told == Told::nothing ? ", which the phone is not told" : "",
-                        reason.empty() ? "" : ": " + reason));
+        const bool is_told = told == Told::the_number;
+        say({"refusal",
+             {{"change", what}, {"result", result}, {"phone_is_told", is_told}, {"reason", reason}},
+             fmt::format("{} refused with {}{}{}", what, result, is_told ? "" : ", which the phone is not told",
+                         reason.empty() ? "" : ": " + reason)});
     }
     return result;
 }
 
+void tell_of_use(bool in_use) {
+    say({"phone",
+         {{"event", in_use ? "uses the feature" : "uses the feature no more"}},
+         in_use ? "the phone uses the feature" : "the phone uses the feature no more"});
+}
+
 // The store is not asked.
-int answer_of_lab(const char* what, int result) {
-    tell_of_lab(fmt::format("{} is answered with {}, and nothing was done", what, result));
+int answer_of_lab(const char* fault, const char* what, int result) {
+    tell_of_fault(fault, fmt::format("{} is answered with {}, and nothing was done", what, result));
     return result;
 }
 
 // The library opens whatever lies at a picture's path. Without a path it finds no picture.
 void keep_from_the_library(tag_custom_info& preset, const std::string& fault) {
-    say(fmt::format("the phone gets an empty picture of the preset with id {}: {}", preset.custom_id, fault));
+    say({"refusal",
+         {{"picture_of", preset.custom_id}, {"reason", fault}},
+         fmt::format("the phone gets an empty picture of the preset with id {}: {}", preset.custom_id, fault)});
     std::ranges::fill(preset.screennail_path, '\0');
 }
 
@@ -73,8 +83,8 @@ std::span<const uint8_t> reply_of(const bt_msg_info& message) {
 
 } // namespace
 
-Services::Services(PresetStore& preset_store, SendQueue* send_queue, const Options& options)
-    : store(preset_store), sends(send_queue), full_iso_steps(options.full_iso_steps), lab(options.lab) {
+Services::Services(PresetStore& preset_store, SendQueue* send_queue, const Knobs& lab_knobs)
+    : store(preset_store), sends(send_queue), knobs(lab_knobs) {
     current = this;
 }
 
@@ -96,7 +106,7 @@ int __ui_set_shotmentor_state(int state) {
     return answer("__ui_set_shotmentor_state", int{SM_RETURN_FAIL}, [&](Services& services) {
         if (services.in_use != (state == 1)) {
             services.in_use = state == 1;
-            desk::camera::say(services.in_use ? "the phone uses the feature" : "the phone uses the feature no more");
+            desk::camera::tell_of_use(services.in_use);
         }
         return int{SM_RETURN_TRUE};
     });
@@ -104,11 +114,11 @@ int __ui_set_shotmentor_state(int state) {
 
 bool __ui_get_bt_state_for_phone(void) {
     return answer("__ui_get_bt_state_for_phone", false, [](Services& services) {
-        services.calls.link_is_down = services.lab.link_down;
-        if (services.lab.link_down) {
-            desk::camera::tell_of_lab("the link state was reported as down");
+        services.calls.link_is_down = services.knobs.link_down;
+        if (services.knobs.link_down) {
+            desk::camera::tell_of_fault("link-down", "the link state was reported as down");
         }
-        return !services.lab.link_down;
+        return !services.knobs.link_down;
     });
 }
 
@@ -144,8 +154,8 @@ bool __ui_get_preset_info(int custom_id, tag_custom_info* preset) {
 
 int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int length) {
     return answer("__ui_save_downloaded_preset", int{SM_RETURN_FAIL}, [&](Services& services) {
-        if (services.lab.save_result) {
-            return desk::camera::answer_of_lab("the store", *services.lab.save_result);
+        if (services.knobs.save_result) {
+            return desk::camera::answer_of_lab("save-result", "the store", *services.knobs.save_result);
         }
         return tell_refusal(services, "storing a preset", services.store.save(*preset, image, length));
     });
@@ -153,8 +163,8 @@ int __ui_save_downloaded_preset(tag_custom_info* preset, const void* image, int 
 
 int __ui_preset_update_comfirm(int custom_id, int server_id, const char* title) {
     return answer("__ui_preset_update_comfirm", int{SM_RETURN_FAIL}, [&](Services& services) {
-        if (services.lab.update_result) {
-            return desk::camera::answer_of_lab("the rename", *services.lab.update_result);
+        if (services.knobs.update_result) {
+            return desk::camera::answer_of_lab("update-result", "the rename", *services.knobs.update_result);
         }
         return tell_refusal(services, "updating a preset", services.store.update(custom_id, server_id, title));
     });
@@ -182,7 +192,8 @@ int bt_send_msgs(bt_msg_info* message) {
 }
 
 int User_Spec_Get_Value(int key) {
-    return answer("User_Spec_Get_Value", 0,
-                  [&](Services& services) { return key == SM_SPEC_KEY_ISO_STEP && services.full_iso_steps ? 1 : 0; });
+    return answer("User_Spec_Get_Value", 0, [&](Services& services) {
+        return key == SM_SPEC_KEY_ISO_STEP && services.knobs.full_iso_steps ? 1 : 0;
+    });
 }
 }

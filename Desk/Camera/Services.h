@@ -6,7 +6,7 @@
 #include <optional>
 #include <span>
 
-#include "Options.h"
+#include "Knobs.h"
 #include "PresetStore.h"
 #include "SendQueue.h"
 
@@ -27,15 +27,14 @@ struct ServiceCalls {
 class Services {
   public:
     // `send_queue` may be null where nothing is sent.
-    Services(PresetStore& preset_store, SendQueue* send_queue, const Options& options);
+    Services(PresetStore& preset_store, SendQueue* send_queue, const Knobs& lab_knobs);
     ~Services();
     Services(const Services&) = delete;
     Services& operator=(const Services&) = delete;
 
     PresetStore& store;
     SendQueue* const sends;
-    const bool full_iso_steps;
-    const LabOptions lab;
+    const Knobs& knobs;
     bool in_use = false; // whether the phone uses the feature
     ServiceCalls calls;
 };

@@ -82,10 +82,13 @@ void remove_what_a_dead_camera_left(const Endpoint& endpoint, const sockaddr_un&
     ::unlink(address.sun_path);
 }
 
-int listen_on_unix_socket(const Endpoint& endpoint) {
+int listen_on_unix_socket(const Endpoint& endpoint, Access access) {
     const sockaddr_un address = unix_address(endpoint);
     Descriptor socket = make_socket(AF_UNIX, SOCK_SEQPACKET, 0);
     if (socket.get() < 0) {
+        throw_failure_of_errno(endpoint);
+    }
+    if (access == Access::owner && ::fchmod(socket.get(), S_IRUSR | S_IWUSR) != 0) { // its file gets this mode
         throw_failure_of_errno(endpoint);
     }
     remove_what_a_dead_camera_left(endpoint, address);
@@ -147,10 +150,10 @@ int listen_on_bluetooth(const Endpoint& endpoint, int type, int protocol, const 
 
 } // namespace
 
-int open_listening_socket(Endpoint& endpoint) {
+int open_listening_socket(Endpoint& endpoint, Access access) {
     switch (endpoint.kind) {
     case Endpoint::Kind::unix_socket:
-        return listen_on_unix_socket(endpoint);
+        return listen_on_unix_socket(endpoint, access);
     case Endpoint::Kind::tcp:
         return listen_on_tcp(endpoint);
     case Endpoint::Kind::rfcomm:

@@ -7,9 +7,12 @@
 
 namespace desk::camera {
 
+// Who may connect to a Unix socket: those whom the caller's file mode mask leaves, or its owner alone.
+enum class Access { by_mask, owner };
+
 // Opens a socket that listens at the endpoint, and writes the port that a port of 0 became into it. Throws Failure
 // (exit_link).
-int open_listening_socket(Endpoint& endpoint);
+int open_listening_socket(Endpoint& endpoint, Access access);
 
 // Sets a phone's socket up.
 void prepare_phone_socket(Endpoint::Kind kind, int socket);

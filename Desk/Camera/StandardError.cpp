@@ -137,18 +137,32 @@ class LineBudget {
 constexpr size_t bytes_of_a_replacement = 3;
 constexpr size_t bytes_of_colors_and_end = 16;
 static_assert(bytes_of_a_replacement * budget::longest_line + bytes_of_colors_and_end <= PIPE_BUF);
+static_assert(bytes_of_a_replacement * budget::longest_message + budget::longest_fields <= PIPE_BUF);
 
-// The longest start of a text that is a line, without cutting a character of UTF-8 in two.
-size_t length_of_line(std::string_view text) {
-    if (text.size() <= budget::longest_line) {
+// The longest start of a text that has `most` bytes, without cutting a character of UTF-8 in two.
+size_t length_of_start(std::string_view text, size_t most) {
+    if (text.size() <= most) {
         return text.size();
     }
-    size_t length = budget::longest_line;
+    size_t length = most;
     const auto continues = [&](size_t at) { return (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80; };
     for (int back = 0; back < 3 && continues(length); ++back) {
         --length;
     }
-    return continues(length) ? budget::longest_line : length;
+    return continues(length) ? most : length;
+}
+
+size_t length_of_line(std::string_view text) {
+    return length_of_start(text, budget::longest_line);
+}
+
+template<class Take>
+void break_up(std::string_view text, size_t most, Take take) {
+    do {
+        const size_t length = length_of_start(text, most);
+        take(text.substr(0, length));
+        text.remove_prefix(length);
+    } while (!text.empty());
 }
 
 // Cuts what is written in any pieces into lines.
@@ -159,7 +173,7 @@ class LineCutter {
         partial_ += text;
         size_t start = 0;
         for (size_t end = 0; (end = partial_.find('\n', start)) != std::string::npos; start = end + 1) {
-            break_up(std::string_view(partial_).substr(start, end - start), take);
+            break_up(std::string_view(partial_).substr(start, end - start), budget::longest_line, take);
         }
         while (partial_.size() - start > budget::longest_line) {
             const std::string_view rest = std::string_view(partial_).substr(start);
@@ -177,18 +191,21 @@ class LineCutter {
         }
     }
 
-    template<class Take>
-    static void break_up(std::string_view line, Take take) {
-        do {
-            const size_t length = length_of_line(line);
-            take(line.substr(0, length));
-            line.remove_prefix(length);
-        } while (!line.empty());
-    }
-
   private:
     std::string partial_;
 };
+
+// A line that the library has written to standard error itself, which it does with errors alone: "[tag       ] text".
+// What has no tag is somebody else's.
+Said said_by_library(std::string_view line) {
+    const size_t end = line.find("] ");
+    if (!line.starts_with('[') || end == std::string_view::npos) {
+        return {kind_log, nlohmann::ordered_json::object(), std::string(line)};
+    }
+    const std::string_view padded = line.substr(1, end - 1);
+    const std::string tag(padded.substr(0, padded.find_last_not_of(' ') + 1));
+    return {kind_log, {{"level", "error"}, {"tag", tag}}, std::string(line.substr(end + 2))};
+}
 
 } // namespace
 
@@ -199,9 +216,12 @@ struct StandardError::State {
 
     void take_from_library(std::string_view line);
     bool leave_out_if_too_many(bool is_limited);
-    void put(std::string_view line, const std::string& color);
+    void put(const Said& said, const std::string& color, bool is_limited);
+    void put_text(std::string_view line, const std::string& color);
+    void put_line(const std::string& line);
     bool write(const std::string& line) { return tell_missing() && outlet.write(line); }
     bool tell_missing();
+    bool tell_missing(size_t& missing, const std::string& why);
     bool is_complete() const { return too_many == 0 && untaken == 0; }
     void fall_behind();
 
@@ -211,6 +231,7 @@ struct StandardError::State {
     LineBudget lines;
     LineCutter cutter;
     bool is_library_limited = true;
+    bool speaks_json = false;
     bool shows_colors = isatty(STDERR_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
     size_t too_many = 0; // lines that the budget has left out
     size_t untaken = 0;  // lines that nobody took
@@ -234,12 +255,17 @@ ssize_t StandardError::State::take_written(void* state, const char* text, size_t
     return static_cast<ssize_t>(length);
 }
 
+// The budget is asked first: a phone can cause hundreds of thousands of lines in a second.
 void StandardError::State::take_from_library(std::string_view line) {
-    if (!leave_out_if_too_many(
-            is_library_limited)) { // asked first: a phone can cause hundreds of thousands in a second
-        std::string plain(line);
-        const std::string color = take_colors(plain);
-        put(plain, color);
+    if (leave_out_if_too_many(is_library_limited)) {
+        return;
+    }
+    std::string plain(line);
+    const std::string color = take_colors(plain);
+    if (speaks_json) {
+        put(said_by_library(plain), color, false);
+    } else {
+        put_text(plain, color);
     }
 }
 
@@ -252,27 +278,57 @@ bool StandardError::State::leave_out_if_too_many(bool is_limited) {
     return true;
 }
 
-void StandardError::State::put(std::string_view line, const std::string& color) {
+// What is too long for one line is broken. Of several JSON objects the first one has the fields.
+void StandardError::State::put(const Said& said, const std::string& color, bool is_limited) {
+    if (!speaks_json) {
+        break_up(text_of(said), budget::longest_line, [&](std::string_view piece) {
+            if (!leave_out_if_too_many(is_limited)) {
+                put_text(piece, color);
+            }
+        });
+        return;
+    }
+    Said part = said;
+    break_up(said.message, budget::longest_message, [&](std::string_view piece) {
+        if (!leave_out_if_too_many(is_limited)) {
+            part.message = piece;
+            put_line(json_of(part) + "\n");
+        }
+        part.fields = {{"continued", true}};
+    });
+}
+
+void StandardError::State::put_text(std::string_view line, const std::string& color) {
     const bool is_colored = shows_colors && !color.empty();
     const std::string text = printable(line);
-    if (!write(is_colored ? color + text + color_reset + "\n" : text + "\n")) {
+    put_line(is_colored ? color + text + color_reset + "\n" : text + "\n");
+}
+
+void StandardError::State::put_line(const std::string& line) {
+    if (!write(line)) {
         ++untaken;
         fall_behind();
     }
 }
 
 bool StandardError::State::tell_missing() {
-    const auto tell = [&](size_t& missing, const std::string& why) {
-        if (missing > 0 &&
-            outlet.write(fmt::format("{}: {} lines are missing here: {}\n", program_name, missing, why))) {
-            missing = 0;
-        }
-        return missing == 0;
-    };
-    if (!tell(untaken, "nobody took them in time")) {
+    if (!tell_missing(untaken, "nobody took them in time")) {
         return false;
     }
-    return !lines.gives() || tell(too_many, fmt::format("more than {} came in a second", +budget::lines_a_second));
+    return !lines.gives() ||
+           tell_missing(too_many, fmt::format("more than {} came in a second", +budget::lines_a_second));
+}
+
+bool StandardError::State::tell_missing(size_t& missing, const std::string& why) {
+    if (missing == 0) {
+        return true;
+    }
+    const Said said = {
+        "missing", {{"lines", missing}, {"reason", why}}, fmt::format("{} lines are missing here: {}", missing, why)};
+    if (outlet.write((speaks_json ? json_of(said) : text_of(said)) + "\n")) {
+        missing = 0;
+    }
+    return missing == 0;
 }
 
 void StandardError::State::fall_behind() {
@@ -303,21 +359,23 @@ StandardError::~StandardError() {
     State::current = nullptr;
 }
 
-void StandardError::tell(std::string_view line) {
-    if (State::current == nullptr) {
-        std::fprintf(stderr, "%s\n", printable(line).c_str());
-        return;
+void StandardError::speak_json() {
+    if (State::current != nullptr) {
+        State::current->speaks_json = true;
     }
-    LineCutter::break_up(line, [](std::string_view piece) {
-        if (!State::current->leave_out_if_too_many(true)) {
-            State::current->put(piece, {});
-        }
-    });
 }
 
-void StandardError::log(std::string_view line, const std::string& color) {
-    if (State::current != nullptr && !State::current->leave_out_if_too_many(State::current->is_library_limited)) {
-        State::current->put(line, color);
+void StandardError::tell(const Said& said) {
+    if (State::current == nullptr) {
+        std::fprintf(stderr, "%s\n", printable(text_of(said)).c_str());
+        return;
+    }
+    State::current->put(said, {}, true);
+}
+
+void StandardError::log(const Said& said, const std::string& color) {
+    if (State::current != nullptr) {
+        State::current->put(said, color, State::current->is_library_limited);
     }
 }
 

@@ -7,9 +7,10 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <string_view>
 
 namespace desk::camera {
+
+struct Said;
 
 // While one exists, `stderr` leads to it. There is one at a time.
 class StandardError {
@@ -20,10 +21,13 @@ class StandardError {
     StandardError(const StandardError&) = delete;
     StandardError& operator=(const StandardError&) = delete;
 
+    // From now on each line is a JSON object, those of the library too.
+    static void speak_json();
+
     // A line of this program. One that is too long is broken.
-    static void tell(std::string_view line);
+    static void tell(const Said& said);
     // A line of the library, in a colour where colours show; that may be empty.
-    static void log(std::string_view line, const std::string& color);
+    static void log(const Said& said, const std::string& color);
 
     // From now on the library's lines are as many as they are: the user asked for them.
     static void lift_limit_of_library();

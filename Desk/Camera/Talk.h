@@ -1,13 +1,30 @@
-// What the camera tells its user: one line on standard error for each thing that happened. Standard output is for data
-// alone.
+// What the camera tells its user: one line on standard error for each thing that happened, as text or as JSON. Standard
+// output is for data alone.
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
 
 namespace desk::camera {
 
 constexpr const char* program_name = "shotmentor-camera";
 
-void say(const std::string& line);
+// Kinds of what is said that are not plain sentences as text.
+constexpr const char* kind_request = "request"; // has the time of day in front
+constexpr const char* kind_log = "log";         // a line of the library: has its tag in front
+
+// One thing that is said.
+struct Said {
+    std::string kind;
+    nlohmann::ordered_json fields; // an object: what a program wants to know of it
+    std::string message;           // the sentence for a person
+};
+
+void say(const Said& said);
+
+// Its line, not broken yet, without the line's end.
+std::string text_of(const Said& said);
+// The same as one JSON object with the time. Its characters are fit for a terminal.
+std::string json_of(const Said& said);
 
 } // namespace desk::camera

@@ -162,7 +162,9 @@ std::string man_page(const Table& table, const Manual& manual) {
     for (const std::string& text : manual.description) {
         page += (&text == &manual.description.front() ? "" : ".PP\n") + plain(text) + "\n";
     }
-    page += commands(table) + options(table) + rows(manual.words_title, manual.words) + examples(manual);
+    page += commands(table) + options(table) + rows(manual.words_title, manual.words);
+    page += manual.more_words.empty() ? "" : rows(manual.more_words_title, manual.more_words);
+    page += examples(manual);
     page += rows("Environment", manual.environment) + rows("Exit status", manual.exit_codes);
     return page + section("SEE ALSO") + bold(manual.see_also) + "(1)\n";
 }

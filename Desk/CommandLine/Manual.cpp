@@ -20,7 +20,11 @@ std::string lines_of(const std::string& title, const std::vector<Row>& rows) {
 } // namespace
 
 std::string footer_of(const Manual& manual) {
-    std::string footer = lines_of(manual.words_title, manual.words) + "\nExamples:\n";
+    std::string footer = lines_of(manual.words_title, manual.words);
+    if (!manual.more_words.empty()) {
+        footer += "\n" + lines_of(manual.more_words_title, manual.more_words);
+    }
+    footer += "\nExamples:\n";
     for (const Example& example : manual.examples) {
         footer += "  " + example.line + "\n";
     }

@@ -20,6 +20,8 @@ struct Manual {
     std::vector<std::string> description; // paragraphs, in the man page only
     std::string words_title;              // what the rows below it explain
     std::vector<Row> words;
+    std::string more_words_title = {}; // the same once more, where there are any
+    std::vector<Row> more_words = {};
     std::vector<Example> examples;
     std::vector<Row> exit_codes;
     std::vector<Row> environment; // in the man page only

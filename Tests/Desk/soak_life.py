@@ -54,11 +54,13 @@ class Plan:
     call_fault: CallFault = None  # a system call of the store that fails
     is_obstructed: bool = False  # the store cannot be opened anew until it has been in doubt for a while
     unread: str = ""  # standard error is a pipe that nobody reads, and its state at the start
+    is_turned: bool = False  # its knobs are, at its control socket
     is_confined: bool = False  # the system gives no more descriptors than the budgets sum up to
 
     def __str__(self):
         words = [self.kind, *self.options]
         words += [f"with failing {self.call_fault}"] if self.call_fault else []
+        words += ["with knobs that are turned"] if self.is_turned else []
         words += ["and an obstacle"] if self.is_obstructed else []
         words += [f"with an unread pipe that is {self.unread}"] if self.unread else []
         return " ".join(map(str, words))
@@ -104,9 +106,10 @@ class Life:
             orphans = plant_orphans(self.store, self.dice, [preset.custom_id for preset in self.book.presets])
         # What the store says must not be left out because there are too many lines: `listen` goes by it.
         fault, unread = self.plan.call_fault, self.plan.unread
+        control = ("--control", self.control) if self.plan.is_turned else ()
         steering = fault.environment(self.store, self.report) if fault else {}
         camera = Camera(
-            self.store, "--empty", "--quiet", *self.plan.options, kind=self.plan.kind,
+            self.store, "--empty", "--quiet", *control, *self.plan.options, kind=self.plan.kind,
             environment={**ALLOCATOR, **steering}, errors=UnreadPipe(unread) if unread else None,
         )  # fmt: skip
         left = [name for name in orphans if name in pictures_of(self.store)]
@@ -117,6 +120,10 @@ class Life:
         if self.plan.is_confined:
             resource.prlimit(camera.pid, resource.RLIMIT_NOFILE, (BUDGETS.descriptors, BUDGETS.descriptors))
         return camera
+
+    @property
+    def control(self):
+        return f"unix:{self.disk.path('control.sock')}"
 
     @property
     def report(self):

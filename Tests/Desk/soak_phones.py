@@ -1,6 +1,7 @@
 """Phones that use a camera as they should, although not always to the end, and what each may expect of it."""
 
 import concurrent.futures
+import contextlib
 import functools
 import json
 import os
@@ -10,8 +11,8 @@ import struct
 import time
 
 from desk import (
-    BUSY_FRAME, LARGEST_PACKET, PRESET_LIMIT, STATE_OFF, STATE_ON, Link, Silent, picture_request, record_to_json,
-    request, run_phone, what_a_phone_gets,
+    BUSY_FRAME, LARGEST_PACKET, PRESET_LIMIT, STATE_OFF, STATE_ON, Closed, Link, Silent, picture_request,
+    record_to_json, request, run_phone, what_a_phone_gets,
 )  # fmt: skip
 from soak_book import any_change, check, deleting, storing, updating
 from soak_faults import NO_FILES, displaced
@@ -57,6 +58,44 @@ def crowd(life):
     with concurrent.futures.ThreadPoolExecutor(phones) as pool:
         for done in [pool.submit(honest, life) for _ in range(phones)]:
             done.result()
+
+
+# Knobs that spoil no answer, with the values that they are turned to.
+KNOBS = {
+    "confirm-delay": (1, 30), "drop-next": (1, 3), "duplicate-next": (1, 5), "drop-confirmations": (2, 8),
+    "link-rate": (20000000, 200000000), "pull request": (600000, 600000), "pull reply": (700000, 800000),
+}  # fmt: skip
+
+
+class Client(Link):
+    """A client of the control socket."""
+
+    def command(self, line):
+        """What the camera answers."""
+        self.socket.send(line)
+        answer = self.socket.recv(4096)
+        if not answer:
+            raise Closed("without an answer")
+        return answer
+
+
+def turned(life):
+    """Is served as if nothing was turned, while somebody turns knobs, and others send what is no command."""
+    dice = life.dice
+    with contextlib.closing(Client(life.control)) as client:
+        client.socket.settimeout(PATIENCE)
+        for _ in range(dice.randint(1, 4)):
+            knob = dice.choice(list(KNOBS))
+            check(
+                "what turning a knob is answered",
+                b"done",
+                client.command(f"{knob} {dice.randint(*KNOBS[knob])}".encode()),
+            )
+            told = client.command(dice.randbytes(dice.choice((1, 30, 300))))
+            check("what is no command is answered", b"refused: ", told[: len(b"refused: ")])
+            honest(life)
+        check("what clearing is answered", b"done", client.command(b"clear"))
+    life.counts["knobs turned"] += 1
 
 
 class LinkWithEmptyPackets(Link):

@@ -20,7 +20,7 @@ from soak_life import JUDGED, Gone, Life, Plan
 
 from soak_phones import (
     at_a_full_disk, crowd, honest, insisting, program, show_picture, slow, unsteady,
-    where_files_are_no_files, with_empty_packets,
+    turned, where_files_are_no_files, with_empty_packets,
 )  # fmt: skip
 
 # ---- Phones ------------------------------------------------------------------------------------------------
@@ -36,6 +36,10 @@ def where_calls_succeed(life):
 
 def where_packets_have_borders(life):
     return life.plan.kind == "unix"
+
+
+def where_knobs_are_turned(life):
+    return life.plan.is_turned
 
 
 def where_doubt_ends(life):
@@ -58,6 +62,7 @@ PHONES = {  # how often each kind comes, where, and what it does
     "by the program": (6, where_calls_succeed, program),
     "with empty packets": (10, where_packets_have_borders, with_empty_packets),
     "where files are no files": (6, where_calls_succeed, where_files_are_no_files),
+    "whose camera is turned": (40, where_knobs_are_turned, turned),
     "that insist": (40, where_doubt_ends, insisting),
     "that have half left": (2, where_calls_succeed, half_left),
     "in a flood": (2, where_calls_succeed, in_a_flood),
@@ -117,7 +122,7 @@ def serve(life, until):
 LONG_ENOUGH = WARM_UP + JUDGED + 50  # requests, for memory to be judged
 ROUNDS = (  # what is special about a round; they come in any order, and all of them before one comes again
     "nothing", "nothing", "confirmations", "confirmations", "memory once", "memory for good", "calls once",
-    "calls for good", "calls once and an obstacle", "unread", "long",
+    "calls for good", "calls once and an obstacle", "unread", "knobs", "long",
 )  # fmt: skip
 
 
@@ -139,6 +144,8 @@ def plan_round(dice, special):
         plan.is_obstructed = plan_for == "once and an obstacle"
         if plan.is_obstructed and dice.random() < 0.7:
             plan.call_fault.hit_end_of_commit(dice, changes)
+    elif what == "knobs":
+        plan.is_turned = True
     elif what == "unread":
         plan.unread = dice.choice(UnreadPipe.STATES)
     if special != "long" and dice.random() < 0.6:

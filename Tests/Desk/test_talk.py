@@ -1,6 +1,8 @@
 """What the camera writes to standard error and to its log, whatever phones send and whoever reads it."""
 
 import contextlib
+import datetime
+import json
 import os
 import pty
 import re
@@ -292,7 +294,8 @@ class Requests(Talk):
                 link.send(data, [cut])
                 number, custom_id = store_result(link.receive())[1:3]
                 self.assertEqual(
-                    self.told(camera), [f'store "My own dusk", picture of 500 bytes: preset {number}, id {custom_id}']
+                    self.told(camera),
+                    [f'store "My own dusk", picture of 500 bytes: preset {number}, id {custom_id}'],
                 )
 
     def test_a_store_that_is_refused_tells_the_number_that_the_phone_got(self):
@@ -365,7 +368,9 @@ class Requests(Talk):
 
     def test_a_negative_length_has_no_reply(self):
         self.assertTold(
-            struct.pack("<ii", LIST, -5), "list of -5 bytes: no reply, its length is negative", is_answered=False
+            struct.pack("<ii", LIST, -5),
+            "list of -5 bytes: no reply, its length is negative",
+            is_answered=False,
         )
 
     def test_a_request_that_is_too_long_has_no_reply(self):
@@ -377,7 +382,10 @@ class Requests(Talk):
 
     def test_a_list_while_the_link_state_is_down_has_no_reply(self):
         self.assertTold(
-            request(LIST), "list: no reply, the link state is down", options=("--link-down",), is_answered=False
+            request(LIST),
+            "list: no reply, the link state is down",
+            options=("--link-down",),
+            is_answered=False,
         )
 
     def test_a_request_without_memory_for_its_reply_says_what_became_of_it(self):
@@ -482,7 +490,14 @@ class Lab(Talk):
         self.assertLab(("--drop-confirmations", 1), [request(LIST)], "no send is confirmed", "send 1 is not confirmed")
 
     def test_numbers_are_announced_as_they_are_spoken(self):
-        for number, spoken in ((2, "2nd"), (4, "4th"), (11, "11th"), (12, "12th"), (13, "13th"), (22, "22nd")):
+        for number, spoken in (
+            (2, "2nd"),
+            (4, "4th"),
+            (11, "11th"),
+            (12, "12th"),
+            (13, "13th"),
+            (22, "22nd"),
+        ):
             with self.subTest(number=number):
                 self.assertLab(("--drop-confirmations", number), [], f"every {spoken} send is not confirmed")
 
@@ -606,6 +621,245 @@ class Characters(Talk):
         self.assertEqual(done.returncode, 1)
         self.assertEqual(done.stderr.count(b"\n"), 1)
         self.assertPrintable(done.stderr)
+
+
+class Json(Talk):
+    """With --json each line on standard error is one object, whoever writes it."""
+
+    def objects(self, talk):
+        """The lines of a talk. One that is no object with these names fails the test."""
+        found = [json.loads(line) for line in talk.splitlines()]
+        for entry in found:
+            self.assertEqual(list(entry)[:2] + list(entry)[-1:], ["time", "kind", "message"])
+        return found
+
+    def told(self, data, *options, kind="request", is_answered=True):
+        """The objects of one kind that a camera writes when a phone sends this and leaves, without their times."""
+        camera = self.camera("--json", *options)
+        with camera.link() as link:
+            link.send(data)
+            if is_answered:
+                link.receive()
+        end = time.monotonic() + PATIENCE
+        while '"event":"left"' not in camera.talk() and time.monotonic() < end:
+            time.sleep(0.02)
+        talk = camera.talk()
+        camera.stop()
+        found = [entry for entry in self.objects(talk) if entry["kind"] == kind]
+        for entry in found:
+            del entry["time"]
+            entry.pop("milliseconds", None)
+        return found
+
+    def test_a_rename_has_its_id_title_bytes_and_result(self):
+        self.assertEqual(
+            self.told(update_request(2, 0, b"Dusk")),
+            [{"kind": "request", "request": "rename", "function": 4, "bytes": 752, "id": 2, "title": "Dusk",
+              "result": 1, "reply_bytes": 12, "message": 'rename id 2 to "Dusk": done'}],
+        )  # fmt: skip
+
+    def test_a_store_has_its_title_and_where_the_preset_is(self):
+        self.assertEqual(
+            self.told(store_request(phone_record(b"My own dusk"), picture(1, 500))),
+            [{"kind": "request", "request": "store", "function": 3, "bytes": 8 + 744 + 500, "title": "My own dusk",
+              "picture_bytes": 500, "result": 1, "preset": 12, "id": 13, "reply_bytes": 24,
+              "message": 'store "My own dusk", picture of 500 bytes: preset 12, id 13'}],
+        )  # fmt: skip
+
+    def test_a_deletion_has_the_presets_that_it_names_and_those_that_are_left(self):
+        reply = 20 + 9 * 744
+        self.assertEqual(
+            self.told(delete_request((8, 9), (6, 7), (7, 8))),
+            [{"kind": "request", "request": "delete", "function": 5, "bytes": 32, "pairs": 3, "presets": [6, 7, 8],
+              "result": 1, "left": 9, "reply_bytes": reply, "message": "delete 3 presets: done, 9 left"}],
+        )  # fmt: skip
+
+    def test_a_list_has_the_number_of_presets(self):
+        self.assertEqual(
+            self.told(request(LIST)),
+            [{"kind": "request", "request": "list", "function": 1, "bytes": 8, "count": 12,
+              "reply_bytes": 28 + 12 * 744, "message": "list: 12 presets"}],
+        )  # fmt: skip
+
+    def test_a_request_without_a_reply_says_why(self):
+        told = self.told(picture_request(99), is_answered=False)[0]
+        self.assertEqual((told["id"], told["no_reply"]), (99, "there is no such preset"))
+
+    def test_a_request_that_is_cut_off_has_what_came_and_what_was_announced(self):
+        told = self.told(store_request(phone_record(), picture(1, 500))[:400], is_answered=False)[0]
+        self.assertEqual((told["request"], told["received"], told["bytes"], told["no_reply"]),
+                         ("store", 400, 1252, "cut off"))  # fmt: skip
+
+    def test_a_request_has_the_milliseconds_that_it_took(self):
+        data = update_request(2, 0, b"Dusk")
+        with self.camera("--json") as camera:
+            with camera.link() as link:
+                link.send(data[:100])
+                time.sleep(0.3)
+                link.send(data[100:])
+                link.receive()
+            told = next(entry for entry in self.objects(camera.talk()) if entry["kind"] == "request")
+            self.assertGreaterEqual(told["milliseconds"], 290)
+
+    def test_the_time_is_the_local_one_with_its_date_and_milliseconds(self):
+        with self.camera("--json", environment={"TZ": "XXX-5:30"}) as camera:
+            before = time.time()
+            camera.ask(request(LIST))
+            after = time.time()
+            talk = camera.talk()
+        told = next(entry["time"] for entry in self.objects(talk) if entry["kind"] == "request")
+        self.assertRegex(told, r"\A\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\+05:30\Z")
+        seconds = datetime.datetime.fromisoformat(told).timestamp()
+        self.assertTrue(before - 0.001 <= seconds <= after, (before, seconds, after))
+
+    def test_phones_that_come_and_go_have_events(self):
+        with self.camera("--json") as camera:
+            with camera.link():
+                Link(camera.url).close()
+                time.sleep(0.1)
+            camera.ask(request(LIST))
+            events = [entry["event"] for entry in self.objects(camera.talk()) if entry["kind"] == "phone"]
+        self.assertEqual(events[:4], ["connected", "turned away", "left", "connected"])
+
+    def test_a_refusal_of_the_store_has_its_reason(self):
+        told = self.told(update_request(99, 0, b"Dusk"), kind="refusal")
+        self.assertEqual([(entry["result"], entry["phone_is_told"]) for entry in told], [(-6, True)])
+
+    def test_faults_of_the_lab_are_announced_and_told(self):
+        told = self.told(request(LIST), "--drop-confirmations", 1, kind="lab")
+        self.assertEqual(
+            [(entry["event"], entry["fault"], entry["message"]) for entry in told],
+            [("announced", "drop-confirmations", "lab: no send is confirmed"),
+             ("struck", "drop-confirmations", "lab: send 1 is not confirmed")],
+        )  # fmt: skip
+
+    def test_the_librarys_lines_have_their_level_and_tag(self):
+        told = self.told(request(9999), "--log-level", "all", kind="log", is_answered=False)
+        errors = [entry for entry in told if entry["level"] == "error"]
+        self.assertEqual(
+            errors,
+            [{"kind": "log", "level": "error", "tag": "ALG_SMM",
+              "message": "ERR : RESULT ADE_ShotMentor_Receive_Manager funcN=9999"}],
+        )  # fmt: skip
+
+    def test_a_title_comes_back_whole_and_steers_no_terminal(self):
+        title = 'a\n\x1b[31m\u202e"b\\'
+        with self.camera("--json", "--log-level", "all") as camera:
+            camera.ask(update_request(2, 0, title.encode()))
+            talk = camera.talk()
+        self.assertPrintable(talk.encode())
+        told = next(entry for entry in self.objects(talk) if entry["kind"] == "request")
+        self.assertEqual(told["title"], title)
+
+    def test_a_title_that_is_no_utf_8_leaves_the_line_an_object(self):
+        told = self.told(update_request(2, 0, b"a\xff\xfeb"))[0]
+        self.assertEqual(told["title"], "a\N{REPLACEMENT CHARACTER}\N{REPLACEMENT CHARACTER}b")
+
+    def test_what_is_missing_is_an_object_too(self):
+        with self.camera("--json") as camera, camera.link() as link:
+            link.send(LONG_DELETE)
+            link.receive()
+            time.sleep(2.5)
+            told = self.objects(camera.talk())
+        missing = [entry for entry in told if entry["kind"] == "missing"]
+        self.assertEqual(len(told) - len(missing) + sum(entry["lines"] for entry in missing), ERRORS + 2)
+        self.assertEqual({entry["reason"] for entry in missing}, {"more than 50 came in a second"})
+
+    def test_a_faulty_command_line_is_told_as_an_object(self):
+        for arguments in (("--json", "--mtu", "0"), ("--json", "--log", "nowhere"), ("--json", "--such")):
+            with self.subTest(arguments=arguments):
+                done = run_camera(self.store, *arguments)
+                told = self.objects(done.stderr.decode())
+                self.assertEqual([(entry["kind"], entry["exit_code"]) for entry in told], [("failure", 2)])
+                self.assertEqual(done.returncode, 2)
+
+    def test_a_line_that_is_too_long_becomes_several_objects(self):
+        path = "/dev/null/" + "x" * 2500
+        told = self.objects(run_camera(path, "--json").stderr.decode())
+        self.assertEqual([entry.get("continued", False) for entry in told], [False, *[True] * (len(told) - 1)])
+        self.assertIn(path, "".join(entry["message"] for entry in told))
+
+    def test_a_terminal_gets_no_colours(self):
+        ours, theirs = pty.openpty()
+        self.addCleanup(os.close, ours)
+        tty.setraw(theirs)
+        process, url = self.talking_to(theirs, "--json", "--log-level", "error,ALG_SM=yellow")
+        os.close(theirs)
+        with Link(url) as link:
+            link.ask(update_request(2, 1, HOSTILE[:51]))
+            link.ask(store_request(phone_record(), picture(1)))
+        data = read_all(ours, 0.5)
+        self.assertEndsInOrder(process)
+        self.assertPrintable(data)
+        self.assertIn("yellow", {entry.get("level") for entry in self.objects(data.decode())})
+
+
+class LogChoice(Talk):
+    """The library's lines are chosen by their tag and by their level."""
+
+    def lines(self, choice):
+        """Level and tag of each line that a camera writes for a list and a request that is refused."""
+        with self.camera("--json", "--log-level", choice) as camera, camera.link() as link:
+            link.send(request(9999))
+            link.ask(request(LIST))
+            talk = camera.talk()
+        told = [json.loads(line) for line in talk.splitlines()]
+        return {(entry["level"], entry["tag"]) for entry in told if entry["kind"] == "log"}
+
+    copied = ("error", "ALG_SMM")  # by the library itself, whatever is chosen
+
+    def test_all_lines_have_every_level_but_that_of_warnings(self):
+        self.assertEqual(
+            self.lines("all"),
+            {("plain", "ALG_SMM"), ("green", "ALG_SMM"), ("cyan", "ALG_SMM"), ("plain", "ALG_SM"), ("yellow", "ALG_SM"),
+             ("cyan", "ALG_SM"), self.copied},
+        )  # fmt: skip
+
+    def test_a_tag_has_a_level_of_its_own(self):
+        self.assertEqual(self.lines("off,ALG_SM=all"), {("plain", "ALG_SM"), ("yellow", "ALG_SM"), ("cyan", "ALG_SM"),
+                                                        self.copied})  # fmt: skip
+
+    def test_a_tag_that_is_not_named_has_the_level_of_all(self):
+        self.assertEqual(self.lines("cyan,ALG_SMM=off"), {("cyan", "ALG_SM"), self.copied})
+
+    def test_warnings_are_a_level(self):
+        with self.camera("--json", "--link-down", "--log-level", "off,ALG_SMM=warn") as camera, camera.link() as link:
+            link.send(request(LIST))
+            self.assertTrue(link.is_silent())
+            told = [json.loads(line) for line in camera.talk().splitlines()]
+        self.assertEqual(
+            [(entry["level"], entry["message"].split(" > ")[-1]) for entry in told if entry["kind"] == "log"],
+            [("warn", "BT state : off")],
+        )
+
+    def test_several_levels_are_joined(self):
+        self.assertEqual(self.lines("green+yellow"), {("green", "ALG_SMM"), ("yellow", "ALG_SM"), self.copied})
+
+    def test_a_log_file_holds_the_chosen_lines_alone(self):
+        path = os.path.join(self.folder, "log")
+        with self.camera("--log", f"file:{path}", "--log-level", "off,ALG_SM=yellow") as camera:
+            camera.ask(request(LIST))
+        with open(path) as file:
+            lines = file.read().splitlines()
+        self.assertGreater(len(lines), 0)
+        for line in lines:
+            self.assertTrue(line.startswith("I [ALG_SM    ] "), line)
+
+    def test_an_unknown_tag_is_refused_with_those_that_there_are(self):
+        done = run_camera(self.store, "--log-level", "all,ALG_X=warn")
+        self.assertEqual(
+            (done.returncode, done.stderr.decode()),
+            (2, 'shotmentor-camera: --log-level: there is no tag "ALG_X"; there are ALG_SM, ALG_SMM\n'),
+        )
+
+    def test_an_unknown_level_is_refused_with_those_that_there_are(self):
+        for choice, word in (("loud", "loud"), ("ALG_SM=loud", "loud"), ("warn,", ""), ("all+", "")):
+            done = run_camera(self.store, "--log-level", choice)
+            self.assertEqual(
+                (done.returncode, done.stderr.decode()),
+                (2, f'shotmentor-camera: --log-level: there is no level "{word}"; there are off, error, warn, all, '
+                    "plain, green, yellow, cyan\n"),
+            )  # fmt: skip
 
 
 class LogFiles(Talk):

@@ -10,6 +10,7 @@
 #include "CameraClient.h"
 #include "Check.h"
 #include "Common/Files.h"
+#include "Common/Terminal.h"
 #include "Common/Text.h"
 #include "Fit.h"
 #include "Jpeg.h"
@@ -21,6 +22,7 @@
 #include "Presets.h"
 #include "Words/Describe.h"
 #include "Words/Results.h"
+#include "Words/TextTable.h"
 
 namespace desk::phone {
 namespace {
@@ -28,21 +30,11 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Presets = std::vector<sm_tag_custom_info>;
 
-constexpr size_t default_width = 80;
 constexpr TerminalSize thumbnail = {32, 12};
 constexpr TerminalSize large_picture = {72, 24};
 
 size_t width_of(const Options& options) {
-    if (options.width) {
-        return *options.width;
-    }
-    const std::optional<TerminalSize> terminal = terminal_size(STDOUT_FILENO);
-    return terminal ? terminal->columns : default_width;
-}
-
-// Lines that no person reads are left whole.
-size_t width_of_lines(const Options& options) {
-    return options.width || output_is_terminal() ? width_of(options) : 0;
+    return options.width.value_or(width_of_lines(STDOUT_FILENO));
 }
 
 // Talk that is no error.
@@ -96,6 +88,16 @@ void print_pictures(CameraClient& camera, const Options& options, const Presets&
     }
 }
 
+// Whoever asked for a width knows that it may not be enough.
+void print_table(const Options& options, const std::vector<std::vector<std::string>>& rows) {
+    const size_t width = width_of(options);
+    print(table(rows, width));
+    const std::vector<std::string> missing = left_out(rows, width);
+    if (!missing.empty() && !options.width) {
+        mention(options, fmt::format("left out for want of room: {}; --width 0 shows all", fmt::join(missing, ", ")));
+    }
+}
+
 int list(const Options& options) {
     CameraClient camera(options);
     const ListReply reply = camera.list();
@@ -104,7 +106,7 @@ int list(const Options& options) {
         print_json(json_of(reply));
         return exit_done;
     }
-    print(table(rows_of(reply.presets, options.raw), width_of(options)));
+    print_table(options, rows_of(reply.presets, options.raw));
     if (reply.presets.empty()) {
         mention(options, "the camera holds no presets");
     }
@@ -134,7 +136,7 @@ int show(const Options& options) {
     const char* before = "";
     for (const auto& [number, preset] : presets) {
         const auto lines = options.raw ? codes_of(preset) : description_of(preset);
-        print(before + labelled_lines(lines, width_of_lines(options)));
+        print(before + labelled_lines(lines, width_of(options)));
         if (draws) {
             print("\n" + picture_text(camera.picture(preset), picture_size(large_picture, width_of(options))));
         }

@@ -5,11 +5,14 @@
 #include <cmath>
 #include <fmt/format.h>
 #include <set>
+#include <unistd.h>
 
 #include "ADE_ShotMentor_Records.h"
 #include "ADE_ShotMentor_Version.h"
+#include "CommandLine/Help.h"
 #include "CommandLine/Nearest.h"
 #include "CommandLine/Reference.h"
+#include "Common/Terminal.h"
 #include "Common/Text.h"
 #include "Manual.h"
 #include "Output.h"
@@ -54,7 +57,8 @@ void add_common_options(CLI::App& app, Arguments& arguments) {
     app.add_option("--mtu", options.mtu, "largest packet that is sent, 4096 unless given")
         ->check(between(size_t{1}, largest_mtu))
         ->type_name("BYTES");
-    app.add_option("--width", options.width, "width of tables, 0 for no limit; the terminal's, or 80, unless given")
+    app.add_option("--width", options.width,
+                   "width of tables and of presets, 0 for no limit; that of a terminal, else none, unless given")
         ->check(between(size_t{0}, largest_width))
         ->type_name("COLUMNS");
 }
@@ -226,13 +230,29 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     return {exit_usage, fmt::format("{}; see shotmentor-phone --help", printable(line))};
 }
 
+// Help for something that there is not would be help for something else.
+void print_help(const CLI::App& app) {
+    if (const std::optional<Failure> failure = unknown_word_failure(app)) {
+        throw *failure;
+    }
+    const command_line::Table table = command_line::table_of(app);
+    const size_t width = width_of_lines(STDOUT_FILENO);
+    for (const command_line::Command& command : table.commands) {
+        if (app.got_subcommand(command.name)) {
+            print(command_line::help_of(command, table, manual(), width));
+            return;
+        }
+    }
+    print(command_line::help_of(table, manual(), width));
+}
+
 } // namespace
 
 std::optional<Options> options_of(int argc, char** argv) {
+    const std::vector<std::string> words = command_line::words_of(argc, argv);
     Arguments arguments;
-    arguments.words.insert(argv, argv + argc);
+    arguments.words.insert(words.begin(), words.end());
     CLI::App app("Reads and changes the shooting presets of a camera.", "shotmentor-phone");
-    app.footer(command_line::footer_of(manual()));
     app.set_version_flag("--version", SHOTMENTOR_VERSION);
     app.fallthrough(); // the common options may stand behind the command as well
     app.require_subcommand(1);
@@ -242,9 +262,9 @@ std::optional<Options> options_of(int argc, char** argv) {
     add_checking_command(app, arguments.options);
     command_line::add_reference(app, manual());
     try {
-        app.parse(argc, argv);
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend())); // CLI11 takes them from the end
     } catch (const CLI::CallForHelp&) {
-        print(app.help());
+        print_help(app);
         return std::nullopt;
     } catch (const CLI::CallForVersion& version) {
         print(std::string(version.what()) + "\n");

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "Common/Failure.h"
@@ -71,14 +70,6 @@ bool color_is_unwanted() {
 bool terminal_can_redraw() {
     const char* terminal = std::getenv("TERM");
     return terminal != nullptr && *terminal != '\0' && std::string_view(terminal) != "dumb";
-}
-
-std::optional<TerminalSize> terminal_size(int descriptor) {
-    winsize size = {};
-    if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
-        return std::nullopt;
-    }
-    return TerminalSize{size.ws_col, size.ws_row};
 }
 
 } // namespace desk::phone

@@ -830,7 +830,7 @@ class Output(DeskTest):
 
     def test_no_line_of_a_table_is_wider_than_the_terminal(self):
         for columns in (40, 80, 120):
-            for arguments in (("list",), ("show", 1), ("show", 5, "--raw")):
+            for arguments in (("--quiet", "list"), ("show", 1), ("show", 5, "--raw")):
                 with self.subTest(columns=columns, arguments=arguments):
                     self.assertNoWider(self.lines(self.on_terminal(*arguments, columns=columns)), columns)
 
@@ -846,8 +846,9 @@ class Output(DeskTest):
         piped = run_phone(self.serving.url, "list")
         self.assertEqual(rows_of(piped.stdout.decode()), expected)
 
-    def test_a_piped_list_is_80_columns_wide(self):
-        self.assertNoWider(run_phone(self.serving.url, "list").stdout.decode().splitlines(), 80)
+    def test_a_piped_list_is_whole(self):
+        whole = run_phone(self.serving.url, "--width", 0, "list").stdout
+        self.assertEqual(run_phone(self.serving.url, "list").stdout, whole)
 
     def test_a_piped_preset_has_a_whole_line_for_each_entry(self):
         for arguments in (("show", 1), ("show", 5, "--raw")):

@@ -9,7 +9,6 @@
 
 #include "CameraClient.h"
 #include "Check.h"
-#include "Common/Files.h"
 #include "Common/Terminal.h"
 #include "Common/Text.h"
 #include "Fit.h"
@@ -20,6 +19,7 @@
 #include "PresetFiles/PresetJson.h"
 #include "PresetNames.h"
 #include "Presets.h"
+#include "StandardFiles.h"
 #include "Words/Describe.h"
 #include "Words/Results.h"
 #include "Words/TextTable.h"
@@ -147,19 +147,34 @@ int show(const Options& options) {
 
 // ---- picture --------------------------------------------------------------------------------------------------------
 
+// Before anything is asked of the camera.
+void check_output(const Options& options) {
+    if (!is_standard(options.output_file)) {
+        return;
+    }
+    if (options.json) {
+        throw Failure(exit_usage, "--json and the picture would both go to standard output; name a file with -o");
+    }
+    if (output_is_terminal()) {
+        throw Failure(exit_usage, "standard output is a terminal, and a picture is no text; name a file with -o, or "
+                                  "pipe it to a program");
+    }
+}
+
 int save_picture(const Options& options) {
+    check_output(options);
     CameraClient camera(options);
     const auto [number, preset] = preset_named(camera.list().presets, options.presets.front());
     const Bytes picture = camera.picture(preset);
     if (picture.empty()) {
         throw Failure(exit_missing, fmt::format("the camera could not read the picture of preset {}; {} is not written",
-                                                number, printable(options.output_file)));
+                                                number, name_of_output(options.output_file)));
     }
-    write_file(options.output_file, picture);
+    write_output(options.output_file, picture);
     if (options.json) {
         print_json({{"custom_id", preset.custom_id}, {"bytes", picture.size()}, {"file", options.output_file}});
     } else {
-        mention(options, fmt::format("{} bytes saved in {}", picture.size(), options.output_file));
+        mention(options, fmt::format("{} bytes saved in {}", picture.size(), name_of_output(options.output_file)));
     }
     return exit_done;
 }
@@ -181,11 +196,11 @@ std::string size_text(const PictureSize& size, size_t bytes) {
 
 Bytes file_of_picture(const std::string& path, bool fits) {
     if (fits) {
-        return read_file(path, longest_file_to_fit);
+        return read_input(path, longest_file_to_fit);
     }
-    return read_file(path, longest_picture,
-                     fmt::format("give a smaller file, or --fit, which makes JPEG files of up to {} MiB smaller",
-                                 longest_file_to_fit >> 20U));
+    return read_input(path, longest_picture,
+                      fmt::format("give a smaller file, or --fit, which makes JPEG files of up to {} MiB smaller",
+                                  longest_file_to_fit >> 20U));
 }
 
 void check_picture(const Bytes& picture, const std::string& name) {
@@ -201,7 +216,7 @@ void check_picture(const Bytes& picture, const std::string& name) {
 
 SentPicture picture_from(const std::string& path, bool fits) {
     Bytes picture = file_of_picture(path, fits);
-    const std::string name = printable(path);
+    const std::string name = name_of_input(path);
     check_picture(picture, name);
     if (picture.size() > longest_picture) {
         FittedPicture fitted = fit_jpeg(picture, longest_picture, name);
@@ -216,11 +231,14 @@ SentPicture picture_from(const std::string& path, bool fits) {
 }
 
 sm_tag_custom_info preset_from(const std::string& path) {
-    const Bytes text = read_file(path, longest_preset_file);
-    return phone_record_from_json({reinterpret_cast<const char*>(text.data()), text.size()}, printable(path));
+    const Bytes text = read_input(path, longest_preset_file);
+    return phone_record_from_json({reinterpret_cast<const char*>(text.data()), text.size()}, name_of_input(path));
 }
 
 int store(const Options& options) {
+    if (is_standard(options.preset_file) && is_standard(options.picture_file)) {
+        throw Failure(exit_usage, "the preset and its picture cannot both be standard input; name a file for one");
+    }
     const sm_tag_custom_info preset = preset_from(options.preset_file);
     const SentPicture picture = picture_from(options.picture_file, options.fits_picture);
     const StoreReply reply = CameraClient(options).store(preset, picture.jpeg);

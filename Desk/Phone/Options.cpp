@@ -97,15 +97,21 @@ void add_reading_commands(CLI::App& app, Arguments& arguments) {
 
     CLI::App* picture = add_command(app, options, Options::Command::picture, "picture", "save a preset's picture");
     add_presets(picture, arguments);
-    picture->add_option("-o,--output", options.output_file, "where to")->required()->type_name("FILE");
+    picture->add_option("-o,--output", options.output_file, "where to; - is standard output")
+        ->required()
+        ->type_name("FILE");
 }
 
 void add_changing_commands(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
     CLI::App* store =
         add_command(app, options, Options::Command::store, "store", "store a preset, and print its number and id");
-    store->add_option("PRESET.json", options.preset_file, "what --json show prints")->required()->type_name("");
-    store->add_option("PICTURE.jpg", options.picture_file, "its picture")->required()->type_name("");
+    store->add_option("PRESET.json", options.preset_file, "what --json show prints; - is standard input")
+        ->required()
+        ->type_name("");
+    store->add_option("PICTURE.jpg", options.picture_file, "its picture; - is standard input")
+        ->required()
+        ->type_name("");
     store->add_flag("--fit", options.fits_picture, "make a picture smaller that is too large for the camera");
 
     CLI::App* rename =

@@ -739,11 +739,16 @@ def measure_phone(url, *arguments, timeout=30.0, environment=None, stdin=subproc
         return Ended(code, output.read(), talk.read(), seconds, peak)
 
 
-def run_on_terminal(url, *arguments, columns=80, environment=None, timeout=2 * PATIENCE):
-    """Runs the phone on a terminal of this width, and measures it. All that it writes there is its output."""
+def run_on_terminal(
+    url, *arguments, columns=80, rows=40, pixels=(0, 0), environment=None, timeout=2 * PATIENCE, with_terminal=None
+):
+    """Runs the phone on a terminal of this size, and measures it. All that it writes there is its output.
+    `with_terminal` is called with the terminal before the phone begins."""
     master, slave = pty.openpty()
     try:
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 40, columns, 0, 0))
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, *pixels))
+        if with_terminal:
+            with_terminal(master)
         settings = termios.tcgetattr(slave)
         settings[1] &= ~termios.OPOST  # newlines as they are written
         termios.tcsetattr(slave, termios.TCSANOW, settings)
@@ -752,7 +757,7 @@ def run_on_terminal(url, *arguments, columns=80, environment=None, timeout=2 * P
         end = start + timeout
         process = subprocess.Popen(
             [PHONE, "--connect", url, *map(str, arguments)], stdin=slave, stdout=slave, stderr=slave,
-            env=environment_of_programs(TERM="xterm-256color", **_FREES_AT_ONCE, **(environment or {})),
+            env=environment_of_programs(**{"TERM": "xterm-256color", **_FREES_AT_ONCE, **(environment or {})}),
             start_new_session=True,
         )  # fmt: skip
         os.close(slave)

@@ -1,13 +1,20 @@
 """What a person sees on a terminal: tables, help and progress at each width, wide characters, pictures."""
 
+import fcntl
+import json
+import os
 import re
+import struct
 import subprocess
+import tempfile
+import termios
+import time
 import unicodedata
 import unittest
 
 from desk import (
-    LIST, PATIENCE, PHONE, DeskTest, FakeCamera, environment_of_programs, list_reply, phone_record, run_on_terminal,
-    run_phone,
+    LIST, PATIENCE, PHONE, PICTURE, REPLY, STORE, DeskTest, FakeCamera, environment_of_programs, list_reply,
+    phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
 )  # fmt: skip
 
 ESCAPES = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]")
@@ -127,6 +134,182 @@ class HelpOnATerminal(DeskTest):
         self.assertEqual(
             printed.stdout, "--connect|tcp:localhost:7700|rename|id:13|Dawn over the sea|", printed.stderr
         )  # fmt: skip
+
+
+class StandardInputAndOutput(DeskTest):
+    """A dash in the place of a file's name."""
+
+    def setUp(self):
+        super().setUp()
+        self.sent = None
+        self.preset = json.dumps(record_to_json(rich_record())).encode()
+        self.image = picture(7)
+
+    def answer(self, function, data):
+        if function == STORE:
+            self.sent = data[8:]
+            return request(REPLY + STORE, struct.pack("<iiii", 1, 3, 9, 0))
+        if function == PICTURE:
+            return request(REPLY + PICTURE, struct.pack("<i", 1) + self.image)
+        return list_reply([phone_record(custom_id=1)])
+
+    def phone(self, *arguments, code=0, **more):
+        with FakeCamera(self.folder, self.answer) as camera:
+            done = subprocess.run(
+                [os.path.abspath(PHONE), "--connect", camera.url, *map(str, arguments)],
+                **{"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, **more},
+                stderr=subprocess.PIPE,
+                timeout=PATIENCE,
+                env=environment_of_programs(),
+            )
+        self.assertEqual(done.returncode, code, done.stderr)
+        self.assertLessEqual(done.stderr.count(b"\n"), 1)
+        return done
+
+    def send(self, *arguments, given, **more):
+        with tempfile.TemporaryFile() as file:
+            file.write(given)
+            file.seek(0)
+            return self.phone("store", *arguments, stdin=file, **more)
+
+    def test_a_preset_comes_from_standard_input(self):
+        self.send("-", self.file("p.jpg", self.image), given=self.preset)
+        self.assertEqual(self.sent, rich_record() + self.image)
+
+    def test_a_picture_comes_from_standard_input(self):
+        self.send(self.file("p.json", self.preset), "-", given=self.image)
+        self.assertEqual(self.sent, rich_record() + self.image)
+
+    def test_a_pipe_is_read_to_its_end(self):
+        writer = subprocess.Popen(
+            ["sh", "-c", f"head -c 300 {self.file('p.jpg', self.image)}; sleep 0.3; tail -c +301 {self.folder}/p.jpg"],
+            stdout=subprocess.PIPE,
+        )
+        self.phone("store", self.file("p.json", self.preset), "-", stdin=writer.stdout)
+        writer.stdout.close()
+        self.assertEqual((writer.wait(PATIENCE), self.sent), (0, rich_record() + self.image))
+
+    def test_faults_of_it_are_told_of_standard_input(self):
+        image = self.file("p.jpg", self.image)
+        for arguments, given, word in (
+            (("-", image), b"{", b"standard input"),
+            (("-", image), bytes((1 << 20) + 1), b"standard input has 1048577 bytes"),
+            ((self.file("p.json", self.preset), "-"), b"no picture", b"standard input is no JPEG"),
+            ((self.file("p.json", self.preset), "-"), self.image[:-2], b"standard input is cut off"),
+        ):
+            self.assertIn(word, self.send(*arguments, given=given, code=2).stderr)
+            self.assertIsNone(self.sent)
+
+    def test_not_both_come_from_standard_input(self):
+        done = self.send("-", "-", given=self.preset, code=2)
+        self.assertIn(b"cannot both be standard input", done.stderr)
+        self.assertIsNone(self.sent)
+
+    def test_a_file_that_is_called_so_is_reached_by_its_path(self):
+        self.file("-", self.preset)
+        self.phone("store", "./-", self.file("p.jpg", self.image), cwd=self.folder)
+        self.assertEqual(self.sent, rich_record() + self.image)
+
+    def test_a_picture_goes_to_standard_output_and_talk_to_standard_error(self):
+        for option in (("-o", "-"), ("-o-",), ("--output=-",)):
+            done = self.phone("picture", 0, *option)
+            self.assertEqual(done.stdout, self.image)
+            self.assertEqual(done.stderr, b"%d bytes saved in standard output\n" % len(self.image))
+
+    def test_a_picture_that_cannot_be_read_writes_nothing(self):
+        self.image = b""
+        self.assertEqual(self.phone("picture", 0, "-o", "-", code=9).stdout, b"")
+
+    def test_json_and_a_picture_do_not_share_standard_output(self):
+        done = self.phone("--json", "picture", 0, "-o", "-", code=2)
+        self.assertEqual(done.stdout, b"")
+        self.assertIn(b"--json", done.stderr)
+
+    def test_a_terminal_is_given_no_picture(self):
+        with FakeCamera(self.folder, self.answer) as camera:
+            done = run_on_terminal(camera.url, "picture", 0, "-o", "-")
+            self.assertEqual(camera.requests, [])
+        self.assertEqual(done.returncode, 2)
+        self.assertRegex(done.text, r"\Ashotmentor-phone: standard output is a terminal, [^\n]*\n\Z")
+
+    def test_a_reader_that_goes_is_no_news(self):
+        reader, writer = os.pipe()
+        os.close(reader)
+        done = self.phone("picture", 0, "-o", "-", stdout=writer, code=1)
+        os.close(writer)
+        self.assertEqual(done.stderr, b"")
+
+
+class ProgressOnATerminal(DeskTest):
+    """One line, at each width, of which nothing is left."""
+
+    SIZE = 400000
+
+    def setUp(self):
+        super().setUp()
+        self.image = picture(3, self.SIZE)
+        self.narrow = None
+
+    def pieces(self, reply):
+        """The reply in ten packets; behind the fifth the terminal may change."""
+        for number in range(10):
+            if number == 5 and self.narrow:
+                self.narrow()
+            yield reply[number * len(reply) // 10 : (number + 1) * len(reply) // 10]
+            time.sleep(0.02)
+
+    def answer(self, function, data):
+        if function == PICTURE:
+            return self.pieces(request(REPLY + PICTURE, struct.pack("<i", 1) + self.image))
+        return list_reply([phone_record(custom_id=1)])
+
+    def drawn(self, columns, **more):
+        """Each drawing of the line, without its colours, and what is written after the last one."""
+        with FakeCamera(self.folder, self.answer) as camera:
+            target = os.path.join(self.folder, "x.jpg")
+            done = run_on_terminal(camera.url, "picture", 0, "-o", target, columns=columns, **more)
+        self.assertEqual(done.returncode, 0, done.text)
+        *drawings, rest = done.text.split("\x1b[J\r")
+        self.assertGreater(len(drawings), 5)
+        return [ESCAPES.sub("", drawing) for drawing in drawings], rest
+
+    def test_is_narrower_than_the_terminal(self):
+        for columns in (200, 60, 30, 10, 4, 1):
+            for drawing in self.drawn(columns)[0]:
+                self.assertLess(columns_of(drawing), max(columns, 1), drawing)
+                self.assertNotIn("\n", drawing)
+
+    def test_tells_what_there_is_room_for(self):
+        for columns, form in (
+            (80, r"picture \[ *\]   9 %   41 of 401 kB"), (60, r"picture \[ *\]   9 %   41 of 401 kB"),
+            (30, r"picture   9 %   41 of 401 kB"), (20, r"picture   9 %"), (10, r"   9 %"), (4, r""),
+        ):  # fmt: skip
+            first = self.drawn(columns)[0][0].replace("=", " ")
+            self.assertRegex(first, rf"\A{form}\Z")
+
+    def test_is_erased_when_it_is_done(self):
+        _, rest = self.drawn(80)
+        self.assertEqual(rest, f"\x1b[J{self.SIZE} bytes saved in {self.folder}/x.jpg\n")
+
+    def test_is_erased_before_an_error_is_told(self):
+        def answer(function, _):
+            reply = request(REPLY + PICTURE, struct.pack("<i", 1) + self.image)
+            return (reply[: self.SIZE // 2],) if function == PICTURE else list_reply([phone_record(custom_id=1)])
+
+        with FakeCamera(self.folder, answer) as camera:
+            done = run_on_terminal(camera.url, "picture", 0, "-o", "/nowhere")
+        self.assertEqual(done.returncode, 6)
+        self.assertRegex(done.text, r"\x1b\[J\r\x1b\[Jshotmentor-phone: the camera closed[^\n\r\x1b]*\n\Z")
+
+    def test_fits_a_terminal_that_is_made_narrower_while_it_runs(self):
+        def narrow(terminal):
+            self.narrow = lambda: fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 40, 20, 0, 0))
+
+        drawings, rest = self.drawn(80, with_terminal=narrow)
+        self.assertGreater(columns_of(drawings[0]), 20)
+        for drawing in drawings[-4:]:
+            self.assertLess(columns_of(drawing), 20)
+        self.assertTrue(rest.startswith("\x1b[J"))
 
 
 if __name__ == "__main__":

@@ -20,6 +20,7 @@
 #include "PresetNames.h"
 #include "Presets.h"
 #include "StandardFiles.h"
+#include "Thumbnails.h"
 #include "Words/Describe.h"
 #include "Words/Results.h"
 #include "Words/TextTable.h"
@@ -30,7 +31,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Presets = std::vector<sm_tag_custom_info>;
 
-constexpr TerminalSize thumbnail = {32, 12};
+constexpr TerminalSize thumbnail = {36, 12}; // two in 80 columns, three in 120
 constexpr TerminalSize large_picture = {72, 24};
 
 size_t width_of(const Options& options) {
@@ -68,23 +69,44 @@ bool draws_pictures(const Options& options) {
     return !reason;
 }
 
-std::string picture_text(const Bytes& picture, TerminalSize size) {
+Drawing said(const char* text, size_t columns) {
+    const std::string line = shortened(text, columns);
+    return {{line}, display_width(line)};
+}
+
+Drawing drawing_of(const Bytes& picture, TerminalSize size, DrawnAs form) {
     if (picture.empty()) {
-        return "(the camera could not read the picture)\n";
+        return said("(the camera cannot read the picture)", size.columns);
     }
-    return drawn(picture, size.columns, size.rows).value_or("(not a picture that can be drawn)\n");
+    return drawn(picture, size.columns, size.rows, form)
+        .value_or(said("(not a picture that can be drawn)", size.columns));
 }
 
 TerminalSize picture_size(TerminalSize wanted, size_t width) {
     return {width == 0 ? wanted.columns : std::min(wanted.columns, width), wanted.rows};
 }
 
+std::string picture_text(const Bytes& picture, const Options& options) {
+    const TerminalSize size = picture_size(large_picture, width_of(options));
+    const Drawing drawing = drawing_of(picture, size, best_drawing(options.only_characters));
+    return fmt::format("{}\n", fmt::join(drawing.lines, "\n"));
+}
+
+// A graphic is as high as its terminal makes it: nothing can stand beside it.
 void print_pictures(CameraClient& camera, const Options& options, const Presets& presets) {
-    const TerminalSize size = picture_size(thumbnail, width_of(options));
+    const size_t width = width_of(options);
+    const TerminalSize size = picture_size(thumbnail, width);
+    const DrawnAs form = best_drawing(options.only_characters);
+    const size_t in_a_row = form == DrawnAs::graphics ? 1 : thumbnails_in_a_row(size.columns, width);
+    std::vector<Thumbnail> row;
     for (size_t number = 0; number < presets.size(); ++number) {
         const sm_tag_custom_info& preset = presets[number];
-        const std::string picture = picture_text(camera.picture(preset), size);
-        print(fmt::format("\n{} {}\n{}", number, title_text(preset), picture));
+        row.push_back(
+            {fmt::format("{} {}", number, title_text(preset)), drawing_of(camera.picture(preset), size, form)});
+        if (row.size() == in_a_row || number + 1 == presets.size()) {
+            print("\n" + row_of(row, size.columns));
+            row.clear();
+        }
     }
 }
 
@@ -138,7 +160,7 @@ int show(const Options& options) {
         const auto lines = options.raw ? codes_of(preset) : description_of(preset);
         print(before + labelled_lines(lines, width_of(options)));
         if (draws) {
-            print("\n" + picture_text(camera.picture(preset), picture_size(large_picture, width_of(options))));
+            print("\n" + picture_text(camera.picture(preset), options));
         }
         before = "\n";
     }

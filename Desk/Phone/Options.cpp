@@ -86,14 +86,20 @@ CLI::Option* add_presets(CLI::App* command, Arguments& arguments) {
         ->type_name("");
 }
 
+void add_symbols(CLI::App* command, Options& options) {
+    command->add_flag("--symbols", options.only_characters, "draw with characters where the terminal has graphics");
+}
+
 void add_reading_commands(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
     CLI::App* list = add_command(app, options, Options::Command::list, "list", "list all presets, one line each");
     list->add_flag("--pictures", options.with_pictures, "draw the presets' pictures, too");
+    add_symbols(list, options);
 
     CLI::App* show = add_command(app, options, Options::Command::show, "show", "print presets in full");
     add_presets(show, arguments)->expected(1, -1)->allow_extra_args();
     show->add_flag("--picture", options.with_pictures, "draw each preset's picture, too");
+    add_symbols(show, options);
 
     CLI::App* picture = add_command(app, options, Options::Command::picture, "picture", "save a preset's picture");
     add_presets(picture, arguments);

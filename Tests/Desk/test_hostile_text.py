@@ -140,7 +140,7 @@ class Text(DeskTest):
             lambda function, data: reply if function == LIST else request(REPLY + function, data[8:12]),
         ) as camera:
             text = run_on_terminal(camera.url, "list", "--pictures").stdout.decode()
-        self.assertEqual(text.count("could not read the picture"), len(records))
+        self.assertEqual(text.count("cannot read the picture"), len(records))
         self.assertEqual([hex(ord(c)) for c in text if is_harmful(c)], [])
 
     def test_path_of_a_preset_comes_out_harmless_and_whole(self):

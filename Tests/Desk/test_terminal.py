@@ -16,6 +16,7 @@ from desk import (
     LIST, PATIENCE, PHONE, PICTURE, REPLY, STORE, DeskTest, FakeCamera, environment_of_programs, list_reply,
     phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
 )  # fmt: skip
+from jpegs import encoded
 
 ESCAPES = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]")
 WIDTHS = (30, 60, 80, 200)
@@ -310,6 +311,138 @@ class ProgressOnATerminal(DeskTest):
         for drawing in drawings[-4:]:
             self.assertLess(columns_of(drawing), 20)
         self.assertTrue(rest.startswith("\x1b[J"))
+
+
+class Pictures(DeskTest):
+    """Drawn as the terminal has it: with characters, side by side, or as graphics."""
+
+    COLORS = {"red": (255, 0, 0), "green": (0, 255, 0), "blue": (0, 0, 255)}
+    TITLES = ["Alps", "日本海の朝 " * 3, "C" * 51]
+    THUMBNAIL, GAP = 36, 2  # columns
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.images = [
+            encoded(b"P6", 90, 60, (bytes(color) * 90 for _ in range(60)), "-quality", "90")
+            for color in cls.COLORS.values()
+        ]
+
+    def draw(self, *arguments, images=None, columns=80, **more):
+        images = images or self.images
+        records = [
+            phone_record(self.TITLES[number % 3].encode()[:51], custom_id=number + 1) for number in range(len(images))
+        ]
+
+        def answer(function, data):
+            if function == LIST:
+                return list_reply(records)
+            number = struct.unpack_from("<i", data, 8)[0]
+            return request(REPLY + PICTURE, struct.pack("<i", number) + images[number - 1])
+
+        with FakeCamera(self.folder, answer) as camera:
+            done = run_on_terminal(camera.url, *(arguments or ("list", "--pictures")), columns=columns, **more)
+        self.assertEqual(done.returncode, 0, done.text)
+        return done.text
+
+    def grid(self, text):
+        """For each line its characters, each in as many places as it has columns, and the style of each place."""
+        lines = []
+        for line in text.partition("\n\n")[2].split("\n"):
+            cells, style = [], ""
+            for escape, character in re.findall(r"\x1b\[([0-9;?]*[A-Za-z])|(.)", line.rpartition("\r")[2]):
+                style = escape or style
+                cells += [(character, style)] * columns_of(character)
+            lines.append(cells)
+        return lines
+
+    def block(self, grid, top, left):
+        """The colours that a thumbnail shows: of its cells one by one."""
+        cells = [cell for line in grid[top : top + 12] for cell in line[left : left + self.THUMBNAIL]]
+        names = []
+        for _, style in cells:
+            for name, color in self.COLORS.items():
+                if re.search(";".join(r"(?:25[0-5]|24\d)" if c else r"\d" for c in color) + r"(?:;48|m|$)", style):
+                    names.append(name)
+        return set(names)
+
+    def test_stand_side_by_side_where_there_is_room_for_them(self):
+        for columns, places in (
+            (200, [(0, 0), (0, 38), (0, 76)]), (112, [(0, 0), (0, 38), (0, 76)]), (111, [(0, 0), (0, 38), (14, 0)]),
+            (80, [(0, 0), (0, 38), (14, 0)]), (60, [(0, 0), (14, 0), (28, 0)]), (36, [(0, 0), (14, 0), (28, 0)]),
+        ):  # fmt: skip
+            grid = self.grid(self.draw(columns=columns))
+            for number, (line, column) in enumerate(places):
+                with self.subTest(columns=columns, number=number):
+                    caption = "".join(character for character, _ in grid[line][column : column + self.THUMBNAIL])
+                    self.assertTrue(caption.startswith(f"{number} {self.TITLES[number][0]}"), caption)
+                    self.assertEqual(self.block(grid, line + 1, column), {list(self.COLORS)[number]})
+
+    def test_are_no_wider_than_the_terminal(self):
+        for columns in (200, 112, 80, 60, 30, 10):
+            for line in self.grid(self.draw(columns=columns)):
+                self.assertLessEqual(len(line), columns)
+
+    def test_have_captions_as_wide_as_themselves(self):
+        grid = self.grid(self.draw(columns=200))
+        line = "".join(c for c, _ in grid[0])
+        # Of "1 日本海の朝 日本海の朝 日本海の朝" 35 columns have room, of "2 CCC" 33 of its letters.
+        self.assertIn("2 " + "C" * 33 + "…", line)
+        self.assertTrue(line.rstrip().endswith("C…"))
+
+    def test_that_are_none_leave_their_place_to_a_word(self):
+        text = self.draw(images=[b"", b"no picture", self.images[2]], columns=200)
+        first = shown(text.partition("\n\n")[2])[1]
+        self.assertTrue(
+            first.startswith("(the camera cannot read the picture)  (not a picture that can be drawn)"), first
+        )
+        self.assertEqual(self.block(self.grid(text), 1, 76), {"blue"})
+
+    def test_take_the_shape_of_the_terminals_characters(self):
+        # 90x60 pixels in 36 columns of 10 pixels, 360, are 240 pixels high: 12 rows of 20, 10.4 of 23, 8.6 of 28.
+        for height, rows in ((20, 12), (23, 10), (28, 8)):
+            text = self.draw(images=self.images[:1], pixels=(800, 40 * height))
+            lines = [line for line in text.partition("\n\n")[2].split("\n") if "\x1b[" in line and "[J" not in line]
+            self.assertEqual(len(lines), rows)
+
+    GRAPHICS = (
+        ({"TERM": "xterm-kitty"}, "\x1b_G"),
+        ({"TERM": "foot"}, "\x1bP"),
+        ({"TERM": "xterm-256color", "TERM_PROGRAM": "iTerm.app", "LC_TERMINAL": "iTerm2"}, "\x1b]1337;File="),
+    )
+
+    def test_are_graphics_where_the_terminal_has_them(self):
+        for environment, begin in self.GRAPHICS:
+            for arguments, count in ((("list", "--pictures"), 3), (("show", 0, "--picture"), 1)):
+                text = self.draw(*arguments, environment=environment, columns=120)
+                self.assertEqual(len(re.findall(re.escape(begin) + r"(?!m=)", text)), count, environment)
+                self.assertNotRegex(text, r"\x1b\[[0-9;]*[34]8;")
+
+    def test_as_graphics_stand_below_their_captions(self):
+        for environment, begin in self.GRAPHICS:
+            lines = self.draw(environment=environment, columns=120).partition("\n\n")[2].split("\n")
+            for number in range(3):
+                at = next(k for k, line in enumerate(lines) if line.startswith(f"{number} "))
+                self.assertTrue(lines[at + 1].rpartition("\r")[2].startswith(("\x1b", begin)))
+                self.assertIn(begin, lines[at + 1])
+
+    def test_are_characters_where_these_are_asked_for(self):
+        for environment, begin in self.GRAPHICS:
+            text = self.draw("list", "--pictures", "--symbols", environment=environment)
+            self.assertNotIn(begin, text)
+            self.assertRegex(text, r"\x1b\[[0-9;]*48;[25];")
+
+    def test_are_graphics_in_the_pixels_of_the_terminal(self):
+        # 36 columns of 10 pixels: 360 pixels wide, 240 high as the picture's shape has it.
+        text = self.draw(images=self.images[:1], environment={"TERM": "xterm-kitty"}, pixels=(800, 800))
+        self.assertRegex(text, r"\x1b_G[^;]*s=360,v=240")
+
+    def test_as_graphics_are_no_larger_than_a_terminal_can_mean(self):
+        text = self.draw(
+            images=self.images[:1], environment={"TERM": "xterm-kitty"}, pixels=(65535, 65535), rows=2, columns=40
+        )
+        width, height = map(int, re.search(r"\x1b_G[^;]*s=(\d+),v=(\d+)", text).groups())
+        self.assertLessEqual((width, height), (36 * 32, 12 * 64))
 
 
 if __name__ == "__main__":

@@ -16,6 +16,7 @@
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
+#include "Png.h"
 #include "PresetFiles/PresetJson.h"
 #include "PresetNames.h"
 #include "Presets.h"
@@ -220,12 +221,17 @@ Bytes file_of_picture(const std::string& path, bool fits) {
     if (fits) {
         return read_input(path, longest_file_to_fit);
     }
-    return read_input(path, longest_picture,
-                      fmt::format("give a smaller file, or --fit, which makes JPEG files of up to {} MiB smaller",
-                                  longest_file_to_fit >> 20U));
+    return read_input(
+        path, longest_picture,
+        fmt::format("give a smaller file, or --fit, which makes JPEG and PNG files of up to {} MiB smaller",
+                    longest_file_to_fit >> 20U));
 }
 
 void check_picture(const Bytes& picture, const std::string& name) {
+    if (is_png(picture)) {
+        throw Failure(exit_usage,
+                      fmt::format("{} is a PNG, and the camera takes JPEG files; --fit makes it one", name));
+    }
     if (!is_jpeg(picture)) {
         throw Failure(exit_usage,
                       fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is broken", name));
@@ -239,9 +245,13 @@ void check_picture(const Bytes& picture, const std::string& name) {
 SentPicture picture_from(const std::string& path, bool fits) {
     Bytes picture = file_of_picture(path, fits);
     const std::string name = name_of_input(path);
-    check_picture(picture, name);
-    if (picture.size() > longest_picture) {
-        FittedPicture fitted = fit_jpeg(picture, longest_picture, name);
+    const bool is_converted = fits && is_png(picture);
+    if (!is_converted) {
+        check_picture(picture, name);
+    }
+    if (is_converted || picture.size() > longest_picture) {
+        FittedPicture fitted =
+            is_converted ? fit_png(picture, longest_picture, name) : fit_jpeg(picture, longest_picture, name);
         const std::string before = size_text(fitted.before, picture.size());
         const std::string after = size_text(fitted.after, fitted.jpeg.size());
         return {std::move(fitted.jpeg), fmt::format("{}: {}, sent as {}", name, before, after)};

@@ -118,7 +118,8 @@ void add_changing_commands(CLI::App& app, Arguments& arguments) {
     store->add_option("PICTURE.jpg", options.picture_file, "its picture; - is standard input")
         ->required()
         ->type_name("");
-    store->add_flag("--fit", options.fits_picture, "make a picture smaller that is too large for the camera");
+    store->add_flag("--fit", options.fits_picture,
+                    "make a picture smaller that is too large for the camera, and a JPEG of a PNG");
 
     CLI::App* rename =
         add_command(app, options, Options::Command::rename, "rename", "change title and server identity of a preset");

@@ -30,7 +30,7 @@ import pyte
 DRAWING = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "Docs", "terminal.svg")
 COMMANDS = ["show 1 --picture", "list"]
 PHONE = "shotmentor-phone --connect unix:camera/camera.sock"
-COLUMNS, ROWS = 84, 45
+COLUMNS, ROWS = 92, 45
 WIDTH, HEIGHT, MARGIN = 8, 17, 14  # of a character, and of the frame around all
 PAPER, INK, PROMPT = "#1d1f21", "#d8d8d8", "#8fbf60"
 PATIENCE = 30.0  # seconds that a program may take

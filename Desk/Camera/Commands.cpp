@@ -6,11 +6,11 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "ADE_ShotMentor.h"
 #include "Common/Files.h"
+#include "Common/Terminal.h"
 #include "Control.h"
 #include "PresetFiles/PresetJson.h"
 #include "PresetStore.h"
@@ -19,6 +19,7 @@
 #include "Wire/Frames.h"
 #include "Words/Describe.h"
 #include "Words/Results.h"
+#include "Words/TextTable.h"
 
 namespace desk::camera {
 namespace {
@@ -47,11 +48,6 @@ void check_number(const PresetStore& store, int number) {
 
 // ---- presets --------------------------------------------------------------------------------------------------------
 
-size_t terminal_width() {
-    winsize size = {};
-    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
-}
-
 // As the library marks it in a list: CUSTOM2 where both use the preset.
 int32_t linked_custom_mode(const PresetStore& store, int number) {
     return store.linked(1) == number ? 2 : store.linked(0) == number ? 1 : 0;
@@ -72,7 +68,7 @@ void print_table(PresetStore& store, const Options& options) {
         rows.push_back(table_row(number, as_the_phone_gets_it(store, preset, number)));
         ++number;
     }
-    std::fputs(table(rows, terminal_width()).c_str(), stdout);
+    std::fputs(table(rows, width_of_lines(STDOUT_FILENO)).c_str(), stdout);
 }
 
 void print_json(const PresetStore& store) {

@@ -5,6 +5,22 @@
 
 namespace desk::camera {
 
+namespace {
+
+// What a camera is started with to serve does nothing for a command.
+std::vector<command_line::Scope> scopes_of_serving() {
+    using command_line::Scope;
+    std::vector<Scope> scopes = {{"--iso-step", Scope::Kind::only, {"presets"}}};
+    for (const char* option :
+         {"--empty", "--listen", "--mtu", "--quiet", "--log", "--log-level", "--confirm-delay", "--drop-confirmations",
+          "--link-down", "--save-result", "--update-result", "--refuse-allocation"}) {
+        scopes.push_back({option, Scope::Kind::only, {}});
+    }
+    return scopes;
+}
+
+} // namespace
+
 command_line::Manual manual() {
     return {
         .description =
@@ -24,18 +40,23 @@ command_line::Manual manual() {
                   {"rfcomm:CHANNEL, l2cap:PSM", "Bluetooth, where the kernel has it"}},
         .more_words_title = "Commands while it runs",
         .more_words = lab_commands(),
-        .examples = {{"Serve the store /tmp/camera, and create it with samples where there is none:",
+        .examples = {{"", "Serve the store /tmp/camera, and create it with samples where there is none:",
                       "shotmentor-camera --store /tmp/camera"},
-                     {"Serve it over TCP, with all lines of the library on standard error:",
+                     {"", "Serve it over TCP, with all lines of the library on standard error:",
                       "shotmentor-camera --store /tmp/camera --listen tcp:127.0.0.1:0 --log-level all"},
-                     {"Take commands at a socket, and lose the link in the middle of the next reply:",
+                     {"", "Take commands at a socket:",
                       "shotmentor-camera --store /tmp/camera --control unix:/tmp/camera/control.sock"},
-                     {"Do so from another terminal:",
+                     {"control", "From another terminal, lose the link in the middle of the next reply:",
                       "shotmentor-camera control unix:/tmp/camera/control.sock pull reply 1000"},
-                     {"Print what it holds:", "shotmentor-camera --store /tmp/camera presets"},
-                     {"Let CUSTOM1 use preset 3:", "shotmentor-camera --store /tmp/camera link CUSTOM1 3"}},
+                     {"presets", "Print what it holds:", "shotmentor-camera --store /tmp/camera presets"},
+                     {"link", "Let CUSTOM1 use preset 3:", "shotmentor-camera --store /tmp/camera link CUSTOM1 3"},
+                     {"unlink", "Let CUSTOM1 use no preset:", "shotmentor-camera --store /tmp/camera unlink CUSTOM1"},
+                     {"add", "Store a preset from a camera's record and a picture:",
+                      "shotmentor-camera --store /tmp/camera add dawn.json dawn.jpg"},
+                     {"remove", "Delete preset 3:", "shotmentor-camera --store /tmp/camera remove 3"}},
         .exit_codes = command_line::exit_codes_of_camera(),
         .environment = {{"NO_COLOR", "when it is not empty, the library's lines have no colours on a terminal"}},
+        .scopes = scopes_of_serving(),
         .see_also = "shotmentor-phone",
     };
 }

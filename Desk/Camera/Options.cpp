@@ -3,9 +3,12 @@
 #include <CLI/CLI.hpp>
 #include <climits>
 #include <iostream>
+#include <unistd.h>
 
 #include "ADE_ShotMentor_Version.h"
+#include "CommandLine/Help.h"
 #include "CommandLine/Reference.h"
+#include "Common/Terminal.h"
 #include "Common/Text.h"
 #include "Lab.h"
 #include "Manual.h"
@@ -212,14 +215,30 @@ void take_texts(const Texts& texts, Options& options) {
     take_lab_texts(texts, options);
 }
 
+// Help for something that there is not would be help for something else.
+std::string help_of(const App& app) {
+    const std::vector<std::string> unknown = app.remaining(true);
+    if (!unknown.empty()) {
+        throw Failure(exit_usage, "there is no " + unknown.front() + " (see --help)");
+    }
+    const command_line::Table table = command_line::table_of(app);
+    const size_t width = width_of_lines(STDOUT_FILENO);
+    for (const command_line::Command& command : table.commands) {
+        if (app.got_subcommand(command.name)) {
+            return command_line::help_of(command, table, manual(), width);
+        }
+    }
+    return command_line::help_of(table, manual(), width);
+}
+
 } // namespace
 
 std::optional<Options> parse_options(int argc, char** argv) {
+    const std::vector<std::string> words = command_line::words_of(argc, argv);
     Options options;
     Texts texts;
     App app("A camera without a camera: serves a preset store to a phone, with the camera's own library.",
             "shotmentor-camera");
-    app.footer(command_line::footer_of(manual()));
     app.set_version_flag("--version", SHOTMENTOR_VERSION);
     app.fallthrough();
     app.require_subcommand(0, 1);
@@ -231,7 +250,10 @@ std::optional<Options> parse_options(int argc, char** argv) {
     add_control(app, options, texts, *app.get_option("--store"));
     command_line::add_reference(app, manual());
     try {
-        app.parse(argc, argv);
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend())); // CLI11 takes them from the end
+    } catch (const CLI::CallForHelp&) {
+        std::cout << help_of(app);
+        return std::nullopt;
     } catch (const command_line::CallForReference& reference) {
         std::cout << reference.what();
         return std::nullopt;

@@ -33,15 +33,6 @@ std::string upper(std::string text) {
     return text;
 }
 
-// "A camera." as one does not begin, and not end, a sentence.
-std::string clause(std::string sentence) {
-    sentence[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(sentence[0])));
-    if (sentence.back() == '.') {
-        sentence.pop_back();
-    }
-    return sentence;
-}
-
 // A value is in italics but where it is to be typed as it stands.
 std::string value_of(const Entry& entry) {
     if (entry.values.kind != Values::Kind::choices || entry.values.choices.empty()) {
@@ -97,8 +88,7 @@ std::string entry_paragraph(const Entry& entry) {
     }
     const bool is_option = entry.names[0].starts_with("-");
     const std::string value = is_option && !entry.value.empty() ? " " + value_of(entry) : "";
-    const std::string need = is_option && entry.is_required ? "; must be given" : "";
-    return paragraph(joined(names, ", ") + value, entry.help + need);
+    return paragraph(joined(names, ", ") + value, is_option ? text_of_option(entry) : entry.help);
 }
 
 std::string commands(const Table& table) {

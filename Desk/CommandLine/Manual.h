@@ -1,4 +1,4 @@
-// What is to be said of a tool beside its table of options: the footer of its help, and more in its man page.
+// What is to be said of a tool beside its table of options, in its help and its man page.
 #pragma once
 
 #include <string>
@@ -12,8 +12,17 @@ struct Row {
 };
 
 struct Example {
-    std::string purpose; // shown in the man page only
+    std::string command; // that it shows; nothing where the tool has none in it
+    std::string purpose;
     std::string line;
+};
+
+// An option of the tool that does something for these commands only, or for all except these.
+struct Scope {
+    enum class Kind { only, except };
+    std::string option;
+    Kind kind;
+    std::vector<std::string> commands;
 };
 
 struct Manual {
@@ -25,10 +34,8 @@ struct Manual {
     std::vector<Example> examples;
     std::vector<Row> exit_codes;
     std::vector<Row> environment; // in the man page only
+    std::vector<Scope> scopes;    // of the options that do not apply to every command
     std::string see_also;         // another tool
 };
-
-// The text below the options of the help.
-std::string footer_of(const Manual& manual);
 
 } // namespace desk::command_line

@@ -67,6 +67,7 @@ Entry entry_of(const CLI::Option& option) {
     }
     entry.help = option.get_description();
     entry.group = option.get_group();
+    entry.variable = option.get_envname();
     entry.is_required = option.get_required();
     entry.is_repeated = option.get_items_expected_max() > 1;
     entry.values = values_of(entry.value);
@@ -86,6 +87,13 @@ Command command_of(const App& app) {
 }
 
 } // namespace
+
+std::string text_of_option(const Entry& entry) {
+    if (!entry.is_required) {
+        return entry.help;
+    }
+    return entry.help + "; must be given" + (entry.variable.empty() ? "" : ", here or as " + entry.variable);
+}
 
 Table table_of(const App& app) {
     Table table;

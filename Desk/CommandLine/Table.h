@@ -24,10 +24,14 @@ struct Entry {
     std::string value;              // what the value is called, "FILE"; nothing for a flag
     std::string help;
     std::string group;
+    std::string variable; // of the environment, that stands for it
     bool is_required = false;
     bool is_repeated = false;
     Values values;
 };
+
+// What an option does, and whether it must be given.
+std::string text_of_option(const Entry& entry);
 
 // A command without its help option, which is the tool's.
 struct Command {

@@ -1,5 +1,7 @@
 #include "Words.h"
 
+#include <cctype>
+
 namespace desk::command_line {
 
 std::string joined(const std::vector<std::string>& words, std::string_view separator) {
@@ -22,6 +24,14 @@ std::string filled(std::string text, const std::vector<std::pair<std::string_vie
         text = replaced(std::move(text), blank, value);
     }
     return text;
+}
+
+std::string clause(std::string sentence) {
+    sentence[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(sentence[0])));
+    if (sentence.back() == '.') {
+        sentence.pop_back();
+    }
+    return sentence;
 }
 
 std::string function_of(const std::string& tool) {

@@ -135,6 +135,21 @@ size_t read_some(const Descriptor& file, const std::string& path, std::span<uint
     }
 }
 
+Bytes read_all(const Descriptor& file, const std::string& path, size_t most, const std::string& remedy) {
+    Bytes bytes;
+    bytes.reserve(told_size(file, path, most, remedy) + 1);
+    while (bytes.size() <= most) {
+        const size_t begin = bytes.size();
+        bytes.resize(begin + std::min(read_at_once, most + 1 - begin));
+        const size_t count = read_some(file, path, std::span(bytes).subspan(begin));
+        bytes.resize(begin + count);
+        if (count == 0) {
+            return bytes;
+        }
+    }
+    throw too_long_failure(path, fmt::format("more than {}", most), most, remedy);
+}
+
 // ---- Writing --------------------------------------------------------------------------------------------------------
 
 void write_all(const Descriptor& file, const std::string& path, std::span<const uint8_t> bytes) {
@@ -282,18 +297,16 @@ Bytes read_file(const std::string& path, size_t most, const std::string& remedy)
     if (file.get() < 0) {
         throw read_failure(path, read_error());
     }
-    Bytes bytes;
-    bytes.reserve(told_size(file, path, most, remedy) + 1);
-    while (bytes.size() <= most) {
-        const size_t begin = bytes.size();
-        bytes.resize(begin + std::min(read_at_once, most + 1 - begin));
-        const size_t count = read_some(file, path, std::span(bytes).subspan(begin));
-        bytes.resize(begin + count);
-        if (count == 0) {
-            return bytes;
-        }
+    return read_all(file, path, most, remedy);
+}
+
+Bytes read_standard_input(size_t most, const std::string& remedy) {
+    const std::string name = "standard input";
+    const Descriptor input(repeated([] { return fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0); }));
+    if (input.get() < 0) {
+        throw read_failure(name, read_error());
     }
-    throw too_long_failure(path, fmt::format("more than {}", most), most, remedy);
+    return read_all(input, name, most, remedy);
 }
 
 void write_file(const std::string& path, std::span<const uint8_t> bytes) {

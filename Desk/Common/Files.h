@@ -22,6 +22,9 @@ constexpr size_t longest_preset_file = size_t{1} << 20;
 // `remedy` is what mends a file that is too long.
 Bytes read_file(const std::string& path, size_t most, const std::string& remedy = "give a smaller file");
 
+// The same of what comes on standard input.
+Bytes read_standard_input(size_t most, const std::string& remedy);
+
 // Writes a file so that its name always stands for a whole one: the old, or the new. Symbolic links stay, and what they
 // lead to is written. What is no ordinary file is written as it is. Throws Failure (exit_machine).
 void write_file(const std::string& path, std::span<const uint8_t> bytes);

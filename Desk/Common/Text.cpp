@@ -22,23 +22,44 @@ bool is_unprintable(gunichar character) {
     }
 }
 
+// The first character of a text, and its bytes. A byte that is no UTF-8 is one for itself: -1.
+struct Character {
+    gunichar code;
+    size_t length;
+};
+
+Character first_character(std::string_view text) {
+    const gunichar code = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+    if (code >= static_cast<gunichar>(-2)) {
+        return {static_cast<gunichar>(-1), 1};
+    }
+    // A NUL is one byte, although GLib takes it for the end of a text.
+    return {code, code == 0 ? 1 : static_cast<size_t>(g_unichar_to_utf8(code, nullptr))};
+}
+
+bool is_broken(const Character& character) {
+    return character.code == static_cast<gunichar>(-1);
+}
+
+size_t columns_of(const Character& character) {
+    if (is_broken(character)) {
+        return 1;
+    }
+    return g_unichar_iszerowidth(character.code) != FALSE ? 0 : g_unichar_iswide(character.code) != FALSE ? 2 : 1;
+}
+
 // The text with what `replace` makes of each unprintable character, and of each byte that is no UTF-8 (-1).
 template<class Replace>
 std::string replaced(std::string_view text, Replace replace) {
     std::string result;
-    for (size_t at = 0; at < text.size();) {
-        const auto left = static_cast<gssize>(text.size() - at);
-        const gunichar character = g_utf8_get_char_validated(text.data() + at, left);
-        const bool is_broken = character >= static_cast<gunichar>(-2);
-        // A NUL is one byte, although GLib takes it for the end of a text.
-        const auto length =
-            is_broken || character == 0 ? 1 : static_cast<size_t>(g_unichar_to_utf8(character, nullptr));
-        if (is_broken || is_unprintable(character)) {
-            result += replace(is_broken ? static_cast<gunichar>(-1) : character);
+    while (!text.empty()) {
+        const Character character = first_character(text);
+        if (is_broken(character) || is_unprintable(character.code)) {
+            result += replace(character.code);
         } else {
-            result += text.substr(at, length);
+            result += text.substr(0, character.length);
         }
-        at += length;
+        text.remove_prefix(character.length);
     }
     return result;
 }
@@ -72,6 +93,37 @@ std::string escaped_json(std::string_view document) {
                : character == static_cast<gunichar>(-1) ? std::string(replacement)
                                                         : escape_sequence(character);
     });
+}
+
+size_t display_width(std::string_view text) {
+    size_t columns = 0;
+    while (!text.empty()) {
+        const Character character = first_character(text);
+        columns += columns_of(character);
+        text.remove_prefix(character.length);
+    }
+    return columns;
+}
+
+std::string_view first_columns(std::string_view text, size_t columns) {
+    size_t end = 0;
+    while (end < text.size()) {
+        const Character character = first_character(text.substr(end));
+        const size_t width = columns_of(character);
+        if (width > columns) {
+            break;
+        }
+        columns -= width;
+        end += character.length;
+    }
+    return text.substr(0, end);
+}
+
+std::string shortened(std::string_view text, size_t columns) {
+    if (display_width(text) <= columns) {
+        return std::string(text);
+    }
+    return columns == 0 ? "" : std::string(first_columns(text, columns - 1)) + "…";
 }
 
 } // namespace desk

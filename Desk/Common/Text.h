@@ -3,6 +3,7 @@
 // paragraphs never pass; Unicode's own categories say which those are.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -20,5 +21,16 @@ std::string one_line(std::string text);
 // A JSON document with each such character of its texts as an escape sequence, \uXXXX: whoever parses it gets the
 // character back. Newlines between its entries stay. `document` is UTF-8.
 std::string escaped_json(std::string_view document);
+
+// ---- The room that clean text takes on a terminal -------------------------------------------------------------------
+
+// Columns: two for a wide character (Chinese, Japanese, Korean, most emoji), none for one that joins the one before.
+size_t display_width(std::string_view text);
+
+// The longest start of a text that takes at most so many columns. Characters that take none stay with theirs.
+std::string_view first_columns(std::string_view text, size_t columns);
+
+// The text, with an ellipsis in the place of what has no room.
+std::string shortened(std::string_view text, size_t columns);
 
 } // namespace desk

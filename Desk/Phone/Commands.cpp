@@ -10,21 +10,25 @@
 #include "CameraClient.h"
 #include "CarefulStore.h"
 #include "Check.h"
-#include "Common/Files.h"
+#include "Common/Terminal.h"
 #include "Common/Text.h"
 #include "Fit.h"
 #include "Jpeg.h"
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
+#include "Png.h"
 #include "PresetFiles/JsonText.h"
 #include "PresetFiles/PresetFile.h"
 #include "PresetFiles/Schema.h"
 #include "PresetNames.h"
 #include "Presets.h"
 #include "SchemaFile.h"
+#include "StandardFiles.h"
+#include "Thumbnails.h"
 #include "Words/Describe.h"
 #include "Words/Results.h"
+#include "Words/TextTable.h"
 
 namespace desk::phone {
 namespace {
@@ -32,22 +36,12 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Presets = std::vector<sm_tag_custom_info>;
 
-constexpr size_t default_width = 80;
 constexpr const char* full_camera = "the camera holds 40 presets, as many as a camera takes: delete one first";
-constexpr TerminalSize thumbnail = {32, 12};
+constexpr TerminalSize thumbnail = {36, 12}; // two in 80 columns, three in 120
 constexpr TerminalSize large_picture = {72, 24};
 
 size_t width_of(const Options& options) {
-    if (options.width) {
-        return *options.width;
-    }
-    const std::optional<TerminalSize> terminal = terminal_size(STDOUT_FILENO);
-    return terminal ? terminal->columns : default_width;
-}
-
-// Lines that no person reads are left whole.
-size_t width_of_lines(const Options& options) {
-    return options.width || output_is_terminal() ? width_of(options) : 0;
+    return options.width.value_or(width_of_lines(STDOUT_FILENO));
 }
 
 Form form_of(const Options& options) {
@@ -85,23 +79,54 @@ bool draws_pictures(const Options& options) {
     return !reason;
 }
 
-std::string picture_text(const Bytes& picture, TerminalSize size) {
+Drawing said(const char* text, size_t columns) {
+    const std::string line = shortened(text, columns);
+    return {{line}, display_width(line)};
+}
+
+Drawing drawing_of(const Bytes& picture, TerminalSize size, DrawnAs form) {
     if (picture.empty()) {
-        return "(the camera could not read the picture)\n";
+        return said("(the camera cannot read the picture)", size.columns);
     }
-    return drawn(picture, size.columns, size.rows).value_or("(not a picture that can be drawn)\n");
+    return drawn(picture, size.columns, size.rows, form)
+        .value_or(said("(not a picture that can be drawn)", size.columns));
 }
 
 TerminalSize picture_size(TerminalSize wanted, size_t width) {
     return {width == 0 ? wanted.columns : std::min(wanted.columns, width), wanted.rows};
 }
 
+std::string picture_text(const Bytes& picture, const Options& options) {
+    const TerminalSize size = picture_size(large_picture, width_of(options));
+    const Drawing drawing = drawing_of(picture, size, best_drawing(options.only_characters));
+    return fmt::format("{}\n", fmt::join(drawing.lines, "\n"));
+}
+
+// A graphic is as high as its terminal makes it: nothing can stand beside it.
 void print_pictures(CameraClient& camera, const Options& options, const Presets& presets) {
-    const TerminalSize size = picture_size(thumbnail, width_of(options));
+    const size_t width = width_of(options);
+    const TerminalSize size = picture_size(thumbnail, width);
+    const DrawnAs form = best_drawing(options.only_characters);
+    const size_t in_a_row = form == DrawnAs::graphics ? 1 : thumbnails_in_a_row(size.columns, width);
+    std::vector<Thumbnail> row;
     for (size_t number = 0; number < presets.size(); ++number) {
         const sm_tag_custom_info& preset = presets[number];
-        const std::string picture = picture_text(camera.picture(preset), size);
-        print(fmt::format("\n{} {}\n{}", number, title_text(preset), picture));
+        row.push_back(
+            {fmt::format("{} {}", number, title_text(preset)), drawing_of(camera.picture(preset), size, form)});
+        if (row.size() == in_a_row || number + 1 == presets.size()) {
+            print("\n" + row_of(row, size.columns));
+            row.clear();
+        }
+    }
+}
+
+// Whoever asked for a width knows that it may not be enough.
+void print_table(const Options& options, const std::vector<std::vector<std::string>>& rows) {
+    const size_t width = width_of(options);
+    print(table(rows, width));
+    const std::vector<std::string> missing = left_out(rows, width);
+    if (!missing.empty() && !options.width) {
+        mention(options, fmt::format("left out for want of room: {}; --width 0 shows all", fmt::join(missing, ", ")));
     }
 }
 
@@ -113,7 +138,7 @@ int list(const Options& options) {
         print_json(json_of(reply, form_of(options)));
         return exit_done;
     }
-    print(table(rows_of(reply.presets, options.raw), width_of(options)));
+    print_table(options, rows_of(reply.presets, options.raw));
     if (reply.presets.empty()) {
         mention(options, "the camera holds no presets");
     }
@@ -151,9 +176,9 @@ int show(const Options& options) {
     const char* before = "";
     for (const auto& [number, preset] : presets) {
         const auto lines = options.raw ? codes_of(preset) : description_of(preset);
-        print(before + labelled_lines(lines, width_of_lines(options)));
+        print(before + labelled_lines(lines, width_of(options)));
         if (draws) {
-            print("\n" + picture_text(camera.picture(preset), picture_size(large_picture, width_of(options))));
+            print("\n" + picture_text(camera.picture(preset), options));
         }
         before = "\n";
     }
@@ -162,19 +187,34 @@ int show(const Options& options) {
 
 // ---- picture --------------------------------------------------------------------------------------------------------
 
+// Before anything is asked of the camera.
+void check_output(const Options& options) {
+    if (!is_standard(options.output_file)) {
+        return;
+    }
+    if (options.json) {
+        throw Failure(exit_usage, "--json and the picture would both go to standard output; name a file with -o");
+    }
+    if (output_is_terminal()) {
+        throw Failure(exit_usage, "standard output is a terminal, and a picture is no text; name a file with -o, or "
+                                  "pipe it to a program");
+    }
+}
+
 int save_picture(const Options& options) {
+    check_output(options);
     CameraClient camera(options);
     const auto [number, preset] = preset_named(camera.list().presets, options.presets.front());
     const Bytes picture = camera.picture(preset);
     if (picture.empty()) {
         throw Failure(exit_missing, fmt::format("the camera could not read the picture of preset {}; {} is not written",
-                                                number, printable(options.output_file)));
+                                                number, name_of_output(options.output_file)));
     }
-    write_file(options.output_file, picture);
+    write_output(options.output_file, picture);
     if (options.json) {
         print_json({{"custom_id", preset.custom_id}, {"bytes", picture.size()}, {"file", options.output_file}});
     } else {
-        mention(options, fmt::format("{} bytes saved in {}", picture.size(), options.output_file));
+        mention(options, fmt::format("{} bytes saved in {}", picture.size(), name_of_output(options.output_file)));
     }
     return exit_done;
 }
@@ -196,14 +236,19 @@ std::string size_text(const PictureSize& size, size_t bytes) {
 
 Bytes file_of_picture(const std::string& path, bool fits) {
     if (fits) {
-        return read_file(path, longest_file_to_fit);
+        return read_input(path, longest_file_to_fit);
     }
-    return read_file(path, longest_picture,
-                     fmt::format("give a smaller file, or --fit, which makes JPEG files of up to {} MiB smaller",
-                                 longest_file_to_fit >> 20U));
+    return read_input(
+        path, longest_picture,
+        fmt::format("give a smaller file, or --fit, which makes JPEG and PNG files of up to {} MiB smaller",
+                    longest_file_to_fit >> 20U));
 }
 
 void check_picture(const Bytes& picture, const std::string& name) {
+    if (is_png(picture)) {
+        throw Failure(exit_usage,
+                      fmt::format("{} is a PNG, and the camera takes JPEG files; --fit makes it one", name));
+    }
     if (!is_jpeg(picture)) {
         throw Failure(exit_usage,
                       fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is broken", name));
@@ -216,10 +261,14 @@ void check_picture(const Bytes& picture, const std::string& name) {
 
 SentPicture picture_from(const std::string& path, bool fits) {
     Bytes picture = file_of_picture(path, fits);
-    const std::string name = printable(path);
-    check_picture(picture, name);
-    if (picture.size() > longest_picture) {
-        FittedPicture fitted = fit_jpeg(picture, longest_picture, name);
+    const std::string name = name_of_input(path);
+    const bool is_converted = fits && is_png(picture);
+    if (!is_converted) {
+        check_picture(picture, name);
+    }
+    if (is_converted || picture.size() > longest_picture) {
+        FittedPicture fitted =
+            is_converted ? fit_png(picture, longest_picture, name) : fit_jpeg(picture, longest_picture, name);
         const std::string before = size_text(fitted.before, picture.size());
         const std::string after = size_text(fitted.after, fitted.jpeg.size());
         return {std::move(fitted.jpeg), fmt::format("{}: {}, sent as {}", name, before, after)};
@@ -231,12 +280,12 @@ SentPicture picture_from(const std::string& path, bool fits) {
 }
 
 PresetFile preset_from(const Options& options) {
-    const Bytes text = read_file(options.preset_file, longest_preset_file);
+    const Bytes text = read_input(options.preset_file, longest_preset_file);
     const MissingSteps missing = options.takes_nearest ? MissingSteps::nearest : MissingSteps::refused;
     PresetFile file = preset_from_text({reinterpret_cast<const char*>(text.data()), text.size()},
-                                       printable(options.preset_file), missing);
+                                       name_of_input(options.preset_file), missing);
     for (const std::string& taken : file.taken) {
-        mention(options, fmt::format("{}: {}", printable(options.preset_file), taken));
+        mention(options, fmt::format("{}: {}", name_of_input(options.preset_file), taken));
     }
     return file;
 }
@@ -308,6 +357,9 @@ int finish_store(const Options& options, CarefulStore& camera, const Planned& pl
 }
 
 int store(const Options& options) {
+    if (is_standard(options.preset_file) && is_standard(options.picture_file)) {
+        throw Failure(exit_usage, "the preset and its picture cannot both be standard input; name a file for one");
+    }
     const PresetFile file = preset_from(options);
     const SentPicture picture = picture_from(options.picture_file, options.fits_picture);
     if (options.unchecked) {

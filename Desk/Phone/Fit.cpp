@@ -1,14 +1,18 @@
 #include "Fit.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fmt/format.h>
 #include <optional>
 #include <utility>
 
 #include "Common/Failure.h"
+#include "Common/Text.h"
 #include "Exif.h"
 #include "Jpeg.h"
 #include "JpegErrors.h"
+#include "Png.h"
+#include "Shrinker.h"
 
 namespace desk::phone {
 namespace {
@@ -225,6 +229,11 @@ void check(const Properties& properties, const std::string& name) {
                                   "stored, give a smaller picture",
                                   name, properties.size.width, properties.size.height, most_pixels_to_fit / 1'000'000));
     }
+    if (std::max(properties.size.width, properties.size.height) > JPEG_MAX_DIMENSION) {
+        throw Failure(exit_usage, fmt::format("{} has {}x{} pixels, and a JPEG has at most {} in a row or a column; "
+                                              "nothing is stored, give a smaller picture",
+                                              name, properties.size.width, properties.size.height, JPEG_MAX_DIMENSION));
+    }
     if (properties.colors != JCS_YCbCr && properties.colors != JCS_GRAYSCALE && properties.colors != JCS_RGB) {
         throw Failure(exit_usage, fmt::format("{} is in the colours of a printer (CMYK), which --fit does not take; "
                                               "nothing is stored, save it as RGB",
@@ -257,14 +266,11 @@ Bytes best_of(Bytes fitting, int fits, const Properties& properties, const Rows&
     return fitting;
 }
 
-} // namespace
-
-FittedPicture fit_jpeg(std::span<const uint8_t> picture, size_t most, const std::string& name) {
-    const Clock::time_point deadline = Clock::now() + longest_fitting;
-    const Properties properties = properties_of(picture, name);
-    check(properties, name);
+template<class RowsAt>
+FittedPicture fit(const Properties& properties, const RowsAt& rows_at, size_t most, const std::string& name,
+                  Clock::time_point deadline) {
     for (unsigned scale = largest_scale(properties.size); scale > 0; --scale) {
-        const Rows rows = rows_of(picture, scale, deadline, name);
+        const Rows& rows = rows_at(scale);
         const int quality = scale > 1 ? lowest_quality : last_quality;
         if (std::optional<Bytes> jpeg = encode(properties, rows, quality, most)) {
             return {best_of(std::move(*jpeg), quality, properties, rows, most, deadline), properties.size, rows.size};
@@ -273,6 +279,85 @@ FittedPicture fit_jpeg(std::span<const uint8_t> picture, size_t most, const std:
     throw Failure(exit_usage, fmt::format("{} does not fit into {} bytes even with an eighth of its width; nothing is "
                                           "stored, give a smaller picture",
                                           name, most));
+}
+
+// ---- PNG ------------------------------------------------------------------------------------------------------------
+
+J_COLOR_SPACE colors_of(size_t components) {
+    return components == 1 ? JCS_GRAYSCALE : JCS_RGB;
+}
+
+// What libpng calls wrong, in a sentence.
+Failure broken_png(const std::string& name, const PngFault& fault) {
+    return {exit_usage, fmt::format("{} is cut off or broken: {}; nothing is stored, give a whole PNG", name,
+                                    printable(fault.what()))};
+}
+
+Failure costly_png(const std::string& name) {
+    return {exit_usage, fmt::format("{} takes more than {} MB or {} s to read; nothing is stored, save it as a smaller "
+                                    "PNG, or one that is not interlaced",
+                                    name, most_decoder_memory / 1'000'000, longest_fitting.count())};
+}
+
+Properties properties_of_png(std::span<const uint8_t> picture, const std::string& name) {
+    try {
+        const PngHeader header = read_png_header(picture);
+        return {header.size, colors_of(header.components), upright, {}};
+    } catch (const PngFault& fault) {
+        throw broken_png(name, fault);
+    }
+}
+
+Rows rows_of_png(std::span<const uint8_t> picture, unsigned scale, Clock::time_point deadline, const std::string& name,
+                 Properties& properties) {
+    try {
+        PngPicture read = read_png(picture, scale, deadline);
+        properties.orientation = read.orientation;
+        properties.color_profile = std::move(read.color_profile);
+        return {read.size, properties.colors, properties.colors == JCS_GRAYSCALE ? 1 : 3, std::move(read.rows)};
+    } catch (const PngFault& fault) {
+        throw broken_png(name, fault);
+    } catch (const PngBeyondBudget&) {
+        throw costly_png(name);
+    }
+}
+
+Rows smaller(const Rows& rows, unsigned scale, unsigned from) {
+    Shrinker shrinker(rows.size, static_cast<size_t>(rows.components), scale, from);
+    for (size_t y = 0; y < rows.size.height; ++y) {
+        shrinker.add(std::span(rows.bytes).subspan(y * rows.row_size(), rows.row_size()));
+    }
+    return {shrinker.size(), rows.colors, rows.components, shrinker.take()};
+}
+
+} // namespace
+
+FittedPicture fit_jpeg(std::span<const uint8_t> picture, size_t most, const std::string& name) {
+    const Clock::time_point deadline = Clock::now() + longest_fitting;
+    const Properties properties = properties_of(picture, name);
+    check(properties, name);
+    Rows rows;
+    const auto rows_at = [&](unsigned scale) -> const Rows& {
+        rows = {};
+        return rows = rows_of(picture, scale, deadline, name);
+    };
+    return fit(properties, rows_at, most, name, deadline);
+}
+
+FittedPicture fit_png(std::span<const uint8_t> picture, size_t most, const std::string& name) {
+    const Clock::time_point deadline = Clock::now() + longest_fitting;
+    Properties properties = properties_of_png(picture, name);
+    check(properties, name);
+    const unsigned largest = largest_scale(properties.size);
+    const Rows all = rows_of_png(picture, largest, deadline, name, properties);
+    Rows fewer;
+    const auto rows_at = [&](unsigned scale) -> const Rows& {
+        if (Clock::now() > deadline) {
+            throw costly_png(name);
+        }
+        return scale == largest ? all : fewer = smaller(all, scale, largest);
+    };
+    return fit(properties, rows_at, most, name, deadline);
 }
 
 } // namespace desk::phone

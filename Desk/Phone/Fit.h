@@ -5,7 +5,9 @@
 
 #include <chrono>
 #include <span>
+#include <string>
 
+#include "PictureSize.h"
 #include "Wire/Record.h"
 
 namespace desk::phone {
@@ -14,11 +16,6 @@ constexpr size_t longest_file_to_fit = size_t{64} << 20;
 constexpr size_t most_pixels_to_fit = 100'000'000;
 // One of 24 megapixels takes a second on a PC.
 constexpr std::chrono::seconds longest_fitting{10};
-
-struct PictureSize {
-    unsigned width = 0;
-    unsigned height = 0;
-};
 
 struct FittedPicture {
     Bytes jpeg;
@@ -30,5 +27,8 @@ struct FittedPicture {
 // orientation and its colour profile stay. Throws Failure (exit_usage): the picture is broken, beyond the budget, or in
 // colours that are not for screens. What it says begins after the picture's name.
 FittedPicture fit_jpeg(std::span<const uint8_t> picture, size_t most, const std::string& name);
+
+// The same of a PNG, whatever its size: a camera takes none as it is. What is transparent becomes white.
+FittedPicture fit_png(std::span<const uint8_t> picture, size_t most, const std::string& name);
 
 } // namespace desk::phone

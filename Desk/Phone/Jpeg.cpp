@@ -13,6 +13,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr unsigned largest_reduction = 8;
+constexpr size_t row_alignment = 4; // Chafa counts from row to row in words
 
 bool exceeds_budget(const jpeg_decompress_struct& decoder) {
     return size_t{decoder.image_width} * decoder.image_height > most_picture_pixels;
@@ -34,11 +35,11 @@ void read_rows(jpeg_decompress_struct& decoder, Pixels& pixels) {
     jpeg_calc_output_dimensions(&decoder);
     pixels.width = static_cast<int>(decoder.output_width);
     pixels.height = static_cast<int>(decoder.output_height);
-    const size_t row_size = size_t{decoder.output_width} * 3;
-    pixels.rgb.resize(row_size * decoder.output_height);
+    pixels.row_size = (size_t{decoder.output_width} * 3 + row_alignment - 1) / row_alignment * row_alignment;
+    pixels.rgb.resize(pixels.row_size * decoder.output_height);
     jpeg_start_decompress(&decoder);
     while (decoder.output_scanline < decoder.output_height) {
-        JSAMPROW row = pixels.rgb.data() + decoder.output_scanline * row_size;
+        JSAMPROW row = pixels.rgb.data() + decoder.output_scanline * pixels.row_size;
         jpeg_read_scanlines(&decoder, &row, 1);
     }
 }

@@ -37,6 +37,7 @@ std::string broken_picture(const std::string& name, const std::string& fault);
 struct Pixels {
     int width = 0;
     int height = 0;
+    size_t row_size = 0;      // in bytes, a few of which may be left over at its end
     std::vector<uint8_t> rgb; // rows from the top, three bytes a pixel
 };
 

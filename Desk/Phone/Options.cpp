@@ -5,11 +5,14 @@
 #include <cmath>
 #include <fmt/format.h>
 #include <set>
+#include <unistd.h>
 
 #include "ADE_ShotMentor_Records.h"
 #include "ADE_ShotMentor_Version.h"
+#include "CommandLine/Help.h"
 #include "CommandLine/Nearest.h"
 #include "CommandLine/Reference.h"
+#include "Common/Terminal.h"
 #include "Common/Text.h"
 #include "Manual.h"
 #include "Output.h"
@@ -54,7 +57,8 @@ void add_common_options(CLI::App& app, Arguments& arguments) {
     app.add_option("--mtu", options.mtu, "largest packet that is sent, 4096 unless given")
         ->check(between(size_t{1}, largest_mtu))
         ->type_name("BYTES");
-    app.add_option("--width", options.width, "width of tables, 0 for no limit; the terminal's, or 80, unless given")
+    app.add_option("--width", options.width,
+                   "width of tables and of presets, 0 for no limit; that of a terminal, else none, unless given")
         ->check(between(size_t{0}, largest_width))
         ->type_name("COLUMNS");
 }
@@ -82,27 +86,40 @@ CLI::Option* add_presets(CLI::App* command, Arguments& arguments) {
         ->type_name("");
 }
 
+void add_symbols(CLI::App* command, Options& options) {
+    command->add_flag("--symbols", options.only_characters, "draw with characters where the terminal has graphics");
+}
+
 void add_reading_commands(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
     CLI::App* list = add_command(app, options, Options::Command::list, "list", "list all presets, one line each");
     list->add_flag("--pictures", options.with_pictures, "draw the presets' pictures, too");
+    add_symbols(list, options);
 
     CLI::App* show = add_command(app, options, Options::Command::show, "show", "print presets in full");
     add_presets(show, arguments)->expected(1, -1)->allow_extra_args();
     show->add_flag("--picture", options.with_pictures, "draw each preset's picture, too");
+    add_symbols(show, options);
 
     CLI::App* picture = add_command(app, options, Options::Command::picture, "picture", "save a preset's picture");
     add_presets(picture, arguments);
-    picture->add_option("-o,--output", options.output_file, "where to")->required()->type_name("FILE");
+    picture->add_option("-o,--output", options.output_file, "where to; - is standard output")
+        ->required()
+        ->type_name("FILE");
 }
 
 void add_changing_commands(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
     CLI::App* store =
         add_command(app, options, Options::Command::store, "store", "store a preset, and print its number and id");
-    store->add_option("PRESET.json", options.preset_file, "as new and --json show print it")->required()->type_name("");
-    store->add_option("PICTURE.jpg", options.picture_file, "its picture")->required()->type_name("");
-    store->add_flag("--fit", options.fits_picture, "make a picture smaller that is too large for the camera");
+    store->add_option("PRESET.json", options.preset_file, "as new and --json show print it; - is standard input")
+        ->required()
+        ->type_name("");
+    store->add_option("PICTURE.jpg", options.picture_file, "its picture; - is standard input")
+        ->required()
+        ->type_name("");
+    store->add_flag("--fit", options.fits_picture,
+                    "make a picture smaller that is too large for the camera, and a JPEG of a PNG");
     store->add_flag("--nearest", options.takes_nearest,
                     "take the nearest step for a value that the camera has none for");
     CLI::Option* store_dry_run =
@@ -249,13 +266,29 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     return {exit_usage, fmt::format("{}; see shotmentor-phone --help", printable(line))};
 }
 
+// Help for something that there is not would be help for something else.
+void print_help(const CLI::App& app) {
+    if (const std::optional<Failure> failure = unknown_word_failure(app)) {
+        throw *failure;
+    }
+    const command_line::Table table = command_line::table_of(app);
+    const size_t width = width_of_lines(STDOUT_FILENO);
+    for (const command_line::Command& command : table.commands) {
+        if (app.got_subcommand(command.name)) {
+            print(command_line::help_of(command, table, manual(), width));
+            return;
+        }
+    }
+    print(command_line::help_of(table, manual(), width));
+}
+
 } // namespace
 
 std::optional<Options> options_of(int argc, char** argv) {
+    const std::vector<std::string> words = command_line::words_of(argc, argv);
     Arguments arguments;
-    arguments.words.insert(argv, argv + argc);
+    arguments.words.insert(words.begin(), words.end());
     CLI::App app("Reads and changes the shooting presets of a camera.", "shotmentor-phone");
-    app.footer(command_line::footer_of(manual()));
     app.set_version_flag("--version", SHOTMENTOR_VERSION);
     app.fallthrough(); // the common options may stand behind the command as well
     app.require_subcommand(1);
@@ -266,9 +299,9 @@ std::optional<Options> options_of(int argc, char** argv) {
     add_printing_commands(app, arguments.options);
     command_line::add_reference(app, manual());
     try {
-        app.parse(argc, argv);
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend())); // CLI11 takes them from the end
     } catch (const CLI::CallForHelp&) {
-        print(app.help());
+        print_help(app);
         return std::nullopt;
     } catch (const CLI::CallForVersion& version) {
         print(std::string(version.what()) + "\n");

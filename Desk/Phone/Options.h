@@ -25,6 +25,7 @@ struct Options {
 
     Command command = Command::list;
     bool with_pictures = false;       // list, show
+    bool only_characters = false;     // list, show: no graphics
     std::vector<std::string> presets; // show, remove: at least one; picture, rename: exactly one
     std::string output_file;          // picture
     std::string preset_file;          // store

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "Common/Failure.h"
@@ -69,14 +68,6 @@ bool color_is_unwanted() {
 bool terminal_can_redraw() {
     const char* terminal = std::getenv("TERM");
     return terminal != nullptr && *terminal != '\0' && std::string_view(terminal) != "dumb";
-}
-
-std::optional<TerminalSize> terminal_size(int descriptor) {
-    winsize size = {};
-    if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
-        return std::nullopt;
-    }
-    return TerminalSize{size.ws_col, size.ws_row};
 }
 
 } // namespace desk::phone

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -30,11 +29,5 @@ bool output_is_terminal();
 bool talk_is_terminal();
 bool color_is_unwanted();   // NO_COLOR, https://no-color.org
 bool terminal_can_redraw(); // the terminal of this process moves its cursor
-
-struct TerminalSize {
-    size_t columns;
-    size_t rows;
-};
-std::optional<TerminalSize> terminal_size(int descriptor);
 
 } // namespace desk::phone

@@ -1,17 +1,38 @@
 #include "Pictures.h"
 
+#include <algorithm>
 #include <chafa.h>
 #include <memory>
+#include <sstream>
+#include <unistd.h>
 
+#include "Common/Terminal.h"
 #include "Jpeg.h"
 #include "Output.h"
 
 namespace desk::phone {
 namespace {
 
-constexpr float character_shape = 0.5F; // characters are about twice as high as wide
-constexpr size_t pixels_a_column = 8;   // what the finest characters can make use of
-constexpr size_t pixels_a_row = 16;
+// Of a character. The usual one is what the finest characters can make use of.
+struct CellSize {
+    size_t width = 8;
+    size_t height = 16;
+};
+
+// What a terminal may say of its characters. A graphic is drawn in its pixels, so that these cost memory.
+constexpr CellSize smallest_cell = {4, 8};
+constexpr CellSize largest_cell = {32, 64};
+
+// A graphic, and the capability of a terminal that has it.
+struct Graphics {
+    ChafaTermSeq begin;
+    ChafaPixelMode mode;
+};
+constexpr Graphics graphics[] = {
+    {CHAFA_TERM_SEQ_BEGIN_KITTY_IMMEDIATE_IMAGE_V1, CHAFA_PIXEL_MODE_KITTY},
+    {CHAFA_TERM_SEQ_BEGIN_ITERM2_IMAGE, CHAFA_PIXEL_MODE_ITERM2},
+    {CHAFA_TERM_SEQ_BEGIN_SIXELS, CHAFA_PIXEL_MODE_SIXELS},
+};
 
 template<auto release>
 struct Release {
@@ -66,23 +87,69 @@ Symbols usable_symbols() {
     return symbols;
 }
 
-Config config_for(const Pixels& pixels, size_t columns, size_t rows, ChafaCanvasMode colors) {
+std::optional<ChafaPixelMode> graphics_of(const Terminal& terminal) {
+    const auto* const found =
+        std::ranges::find_if(graphics, [&](const Graphics& one) { return has(terminal, one.begin); });
+    return found == std::end(graphics) ? std::nullopt : std::optional(found->mode);
+}
+
+CellSize cell_size() {
+    const std::optional<TerminalSize> size = terminal_size(STDOUT_FILENO);
+    if (!size || size->pixels_across == 0 || size->pixels_down == 0) {
+        return {};
+    }
+    return {std::clamp(size->pixels_across / size->columns, smallest_cell.width, largest_cell.width),
+            std::clamp(size->pixels_down / size->rows, smallest_cell.height, largest_cell.height)};
+}
+
+// How pictures come to this terminal.
+struct Style {
+    ChafaPixelMode mode;
+    ChafaCanvasMode colors;
+    CellSize cell;
+};
+
+Style style_of(const Terminal& terminal, DrawnAs form) {
+    const std::optional<ChafaPixelMode> mode = form == DrawnAs::graphics ? graphics_of(terminal) : std::nullopt;
+    if (mode) {
+        return {*mode, CHAFA_CANVAS_MODE_TRUECOLOR, cell_size()};
+    }
+    return {CHAFA_PIXEL_MODE_SYMBOLS, colors_of(terminal).value_or(CHAFA_CANVAS_MODE_INDEXED_16), cell_size()};
+}
+
+Config config_for(const Pixels& pixels, size_t columns, size_t rows, const Style& style) {
     auto width = static_cast<gint>(columns);
     auto height = static_cast<gint>(rows);
-    chafa_calc_canvas_geometry(pixels.width, pixels.height, &width, &height, character_shape, FALSE, FALSE);
+    const auto cell_width = static_cast<gint>(style.cell.width);
+    const auto cell_height = static_cast<gint>(style.cell.height);
+    chafa_calc_canvas_geometry(pixels.width, pixels.height, &width, &height,
+                               static_cast<gfloat>(cell_width) / static_cast<gfloat>(cell_height), FALSE, FALSE);
     Config config(chafa_canvas_config_new());
     chafa_canvas_config_set_geometry(config.get(), width, height);
-    chafa_canvas_config_set_canvas_mode(config.get(), colors);
-    chafa_canvas_config_set_pixel_mode(config.get(), CHAFA_PIXEL_MODE_SYMBOLS);
+    chafa_canvas_config_set_cell_geometry(config.get(), cell_width, cell_height);
+    chafa_canvas_config_set_canvas_mode(config.get(), style.colors);
+    chafa_canvas_config_set_pixel_mode(config.get(), style.mode);
     chafa_canvas_config_set_symbol_map(config.get(), usable_symbols().get());
     return config;
 }
 
-std::string printed(const Canvas& canvas, const Terminal& terminal) {
+std::vector<std::string> lines_in(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream input(text);
+    for (std::string line; std::getline(input, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+Drawing printed(const Canvas& canvas, const Config& config, const Terminal& terminal) {
     GString* text = chafa_canvas_print(canvas.get(), terminal.get());
     std::string result(text->str, text->len);
     g_string_free(text, TRUE);
-    return result + "\n";
+    gint width = 0;
+    chafa_canvas_config_get_geometry(config.get(), &width, nullptr);
+    const bool has_lines = chafa_canvas_config_get_pixel_mode(config.get()) == CHAFA_PIXEL_MODE_SYMBOLS;
+    return {has_lines ? lines_in(result) : std::vector<std::string>{std::move(result)}, static_cast<size_t>(width)};
 }
 
 } // namespace
@@ -94,25 +161,31 @@ std::optional<std::string> why_not_drawn() {
     if (color_is_unwanted()) {
         return "NO_COLOR is set";
     }
-    if (!terminal_can_redraw() || !colors_of(this_terminal())) {
+    const Terminal terminal = this_terminal();
+    if (!terminal_can_redraw() || (!colors_of(terminal) && !graphics_of(terminal))) {
         return "the terminal has no colours";
     }
     return std::nullopt;
 }
 
-std::optional<std::string> drawn(std::span<const uint8_t> jpeg, size_t columns, size_t rows) {
-    const Box box = {static_cast<unsigned>(columns * pixels_a_column), static_cast<unsigned>(rows * pixels_a_row)};
-    const std::optional<Pixels> pixels = decode_jpeg(jpeg, box);
+DrawnAs best_drawing(bool only_characters) {
+    return only_characters || !graphics_of(this_terminal()) ? DrawnAs::characters : DrawnAs::graphics;
+}
+
+std::optional<Drawing> drawn(std::span<const uint8_t> jpeg, size_t columns, size_t rows, DrawnAs form) {
     const Terminal terminal = this_terminal();
-    const std::optional<ChafaCanvasMode> colors = colors_of(terminal);
-    if (!pixels || !colors) {
+    const Style style = style_of(terminal, form);
+    const Box box = {static_cast<unsigned>(columns * style.cell.width),
+                     static_cast<unsigned>(rows * style.cell.height)};
+    const std::optional<Pixels> pixels = decode_jpeg(jpeg, box);
+    if (!pixels) {
         return std::nullopt;
     }
-    const Config config = config_for(*pixels, columns, rows, *colors);
+    const Config config = config_for(*pixels, columns, rows, style);
     const Canvas canvas(chafa_canvas_new(config.get()));
     chafa_canvas_draw_all_pixels(canvas.get(), CHAFA_PIXEL_RGB8, pixels->rgb.data(), pixels->width, pixels->height,
-                                 pixels->width * 3);
-    return printed(canvas, terminal);
+                                 static_cast<gint>(pixels->row_size));
+    return printed(canvas, config, terminal);
 }
 
 } // namespace desk::phone

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
+#include "Common/Text.h"
 #include "PresetFiles/PresetJson.h"
 #include "Words/Describe.h"
 
@@ -11,6 +13,8 @@ namespace desk::phone {
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+constexpr size_t widest_character = 2;
 
 // The words of a record that tell the presets of a list apart.
 struct RawColumn {
@@ -70,22 +74,19 @@ void append_codes(const Json& entries, std::vector<std::pair<std::string, std::s
     }
 }
 
-bool begins_character(char byte) {
-    return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; // the others continue a character of UTF-8
-}
-
-// The text with a separator behind each `room` characters.
-std::string fold(const std::string& text, size_t room, const std::string& separator) {
+// The text with a separator behind each part that fills `room` columns; a wide character in a narrower room is one.
+std::string fold(std::string_view text, size_t room, const std::string& separator) {
     std::string folded;
-    size_t characters = 0;
-    for (const char byte : text) {
-        if (begins_character(byte) && characters++ == room) {
-            folded += separator;
-            characters = 1;
+    while (true) {
+        std::string_view part = first_columns(text, room);
+        part = part.empty() ? first_columns(text, widest_character) : part;
+        folded += part;
+        text.remove_prefix(part.size());
+        if (text.empty()) {
+            return folded;
         }
-        folded += byte;
+        folded += separator;
     }
-    return folded;
 }
 
 Json json_of(const std::vector<sm_tag_custom_info>& presets, Form form) {

@@ -7,6 +7,10 @@
 
 namespace desk::phone {
 
+// What is shown of some bytes, `all` of which are more than none, in at most so many columns: as much of label, bar,
+// percent and bytes as there is room for. The label may be anybody's text.
+std::string progress_line(const std::string& label, size_t done, size_t all, size_t room);
+
 class Progress {
   public:
     Progress(std::string label, bool is_wanted);

@@ -86,21 +86,6 @@ std::string origin_text(int32_t made_id) {
                        is_kt ? "made on a KT camera" : "not made on a KT camera");
 }
 
-bool starts_character(char byte) {
-    return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
-}
-
-size_t characters(std::string_view text) {
-    return static_cast<size_t>(std::count_if(text.begin(), text.end(), starts_character));
-}
-
-std::string first_characters(const std::string& text, size_t count) {
-    size_t seen = 0;
-    const auto end =
-        std::find_if(text.begin(), text.end(), [&](char byte) { return starts_character(byte) && seen++ == count; });
-    return {text.begin(), end};
-}
-
 } // namespace
 
 std::string white_balance_text(int32_t type, int32_t k_value) {
@@ -146,63 +131,6 @@ std::vector<std::pair<std::string, std::string>> description_of(const sm_tag_cus
     }
     lines.emplace_back("Origin", origin_text(preset.made_id));
     return lines;
-}
-
-namespace {
-
-constexpr size_t title_column = 2;
-constexpr size_t gap = 2; // blanks between two columns
-
-std::vector<size_t> widths_of(const std::vector<std::vector<std::string>>& rows) {
-    std::vector<size_t> widths;
-    for (const auto& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (size_t k = 0; k < row.size(); ++k) {
-            widths[k] = std::max(widths[k], characters(row[k]));
-        }
-    }
-    return widths;
-}
-
-// How many columns there is room for. Those up to the title always stay.
-size_t columns_that_fit(const std::vector<size_t>& widths, size_t width) {
-    size_t all = 0;
-    for (size_t k = 0; k < widths.size(); ++k) {
-        all += widths[k] + (k > 0 ? gap : 0);
-        if (width > 0 && all > width && k > title_column) {
-            return k;
-        }
-    }
-    return widths.size();
-}
-
-std::string shortened(const std::string& line, size_t width) {
-    if (width == 0 || characters(line) <= width) {
-        return line;
-    }
-    return first_characters(line, width - 1) + "…";
-}
-
-std::string table_line(const std::vector<std::string>& row, const std::vector<size_t>& widths, size_t columns,
-                       size_t width) {
-    std::string line;
-    for (size_t k = 0; k < std::min(columns, row.size()); ++k) {
-        line += row[k] + std::string(widths[k] - characters(row[k]) + gap, ' ');
-    }
-    line.erase(line.find_last_not_of(' ') + 1);
-    return shortened(line, width) + '\n';
-}
-
-} // namespace
-
-std::string table(const std::vector<std::vector<std::string>>& rows, size_t width) {
-    const std::vector<size_t> widths = widths_of(rows);
-    const size_t columns = columns_that_fit(widths, width);
-    std::string text;
-    for (const auto& row : rows) {
-        text += table_line(row, widths, columns, width);
-    }
-    return text;
 }
 
 std::vector<std::string> table_header() {

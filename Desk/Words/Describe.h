@@ -26,10 +26,6 @@ std::string title_text(const sm_tag_custom_info& preset);
 // Everything that `show` prints: label and text, in order.
 std::vector<std::pair<std::string, std::string>> description_of(const sm_tag_custom_info& preset);
 
-// A table in plain text: columns padded to the width that is there, the last columns cut first, then the title with an
-// ellipsis. `width` 0 means no limit. The first row is the header. Widths count characters of UTF-8, not bytes.
-std::string table(const std::vector<std::vector<std::string>>& rows, size_t width);
-
 // The header and one row for a preset at a position of the list: number, id, title, custom mode, mode, aperture,
 // shutter, ISO, EV, colour style, white balance.
 std::vector<std::string> table_header();

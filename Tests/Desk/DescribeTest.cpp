@@ -1,4 +1,4 @@
-// Presets in a photographer's words, and tables of them.
+// Presets in a photographer's words.
 
 #include <gtest/gtest.h>
 
@@ -270,57 +270,9 @@ TEST(Description, ShowsIdsAndCodesAsNumbers) {
     EXPECT_EQ(line_of(preset, "AF frame"), "3 x 4 at 1, 2, box 5");
 }
 
-// ---- Tables ---------------------------------------------------------------------------------------------------------
+// ---- Rows of a table ------------------------------------------------------------------------------------------------
 
-const std::vector<Texts> rows = {{"No", "Id", "Title", "Mode", "EV"},
-                                 {"0", "1001", "Caf\u00e9", "Manual", "-"},
-                                 {"1", "7", "Night city", "Auto", ""}};
-
-TEST(Table, PadsColumnsByCharactersAndTrimsBlanks) {
-    EXPECT_EQ(table(rows, 0), "No  Id    Title       Mode    EV\n"
-                              "0   1001  Caf\u00e9        Manual  -\n"
-                              "1   7     Night city  Auto\n");
-}
-
-TEST(Table, KeepsAllColumnsThatFitExactly) {
-    EXPECT_EQ(table(rows, 32), table(rows, 0));
-}
-
-TEST(Table, LeavesTheLastColumnsOutFirst) {
-    EXPECT_EQ(table(rows, 31), "No  Id    Title       Mode\n"
-                               "0   1001  Caf\u00e9        Manual\n"
-                               "1   7     Night city  Auto\n");
-    EXPECT_EQ(table(rows, 27), "No  Id    Title\n"
-                               "0   1001  Caf\u00e9\n"
-                               "1   7     Night city\n");
-}
-
-TEST(Table, ShortensTheTitleWithAnEllipsisNext) {
-    EXPECT_EQ(table(rows, 19), "No  Id    Title\n"
-                               "0   1001  Caf\u00e9\n"
-                               "1   7     Night ci\u2026\n");
-}
-
-size_t characters(const std::string& text) {
-    return static_cast<size_t>(
-        std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xC0) != 0x80; }));
-}
-
-TEST(Table, IsNeverWiderThanThereIsRoom) {
-    for (size_t width = 1; width < 40; ++width) {
-        std::istringstream stream(table(rows, width));
-        for (std::string line; std::getline(stream, line);) {
-            EXPECT_LE(characters(line), width) << line;
-            EXPECT_TRUE(line.empty() || line.back() != ' ') << line;
-        }
-    }
-}
-
-TEST(Table, OfNothingIsEmpty) {
-    EXPECT_EQ(table({}, 80), "");
-}
-
-TEST(Table, HasARowForAPreset) {
+TEST(Description, HasARowForAPreset) {
     sm_tag_custom_info preset = preset_in_mode(2);
     preset.custom_id = 1001;
     preset.cs_info.color_style = 10;

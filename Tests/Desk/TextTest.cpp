@@ -8,9 +8,12 @@
 
 namespace {
 
+using desk::display_width;
 using desk::escaped_json;
+using desk::first_columns;
 using desk::printable;
 using desk::printable_lines;
+using desk::shortened;
 
 TEST(Text, PassesWhateverIsALetterASignOrABlank) {
     for (const char* text : {"", "Café, rainy day", "日本語", "🌅 dawn", "a\u0301", "\u00A0\u2003", "~ !"}) {
@@ -50,6 +53,56 @@ TEST(Text, KeepsItsNewlinesWhereLinesAreWanted) {
 TEST(Text, IsEscapedInJson) {
     EXPECT_EQ(escaped_json("{\n  \"a\u009B\u007F\u202E\"\n}"), "{\n  \"a\\u009b\\u007f\\u202e\"\n}");
     EXPECT_EQ(escaped_json("\U000E0001"), "\\udb40\\udc01"); // 0xE0001 - 0x10000 is 0xD0001: 0x340 and 0x001
+}
+
+// ---- Width on a terminal ---------------------------------------------------------------------------------------------
+
+TEST(Width, IsOneColumnForALetter) {
+    EXPECT_EQ(display_width(""), 0U);
+    EXPECT_EQ(display_width("Café, rainy"), 11U);
+    EXPECT_EQ(display_width("ﾊﾝｶｸ"), 4U); // halfwidth forms
+}
+
+TEST(Width, IsTwoColumnsForAWideCharacter) {
+    EXPECT_EQ(display_width("日本"), 4U);
+    EXPECT_EQ(display_width("한국"), 4U);
+    EXPECT_EQ(display_width("🌅 dawn"), 7U);
+    EXPECT_EQ(display_width("Ａ"), 2U); // fullwidth form
+}
+
+TEST(Width, IsNothingForACharacterThatJoinsTheOneBefore) {
+    EXPECT_EQ(display_width("a\u0301"), 1U);
+    EXPECT_EQ(display_width("\u0301\u0302"), 0U);
+    EXPECT_EQ(display_width("x\uFE0F"), 1U); // variation selector
+}
+
+TEST(Width, IsOneColumnForAByteThatIsNoText) {
+    EXPECT_EQ(display_width("a\xFFz"), 3U);
+    EXPECT_EQ(display_width("\xE6\x97"), 2U); // a character that is cut off
+}
+
+TEST(Start, EndsBeforeAWideCharacterThatHasHalfOfItsRoom) {
+    EXPECT_EQ(first_columns("日本", 3), "日");
+    EXPECT_EQ(first_columns("日本", 4), "日本");
+    EXPECT_EQ(first_columns("日本", 1), "");
+    EXPECT_EQ(first_columns("abc", 0), "");
+}
+
+TEST(Start, KeepsMarksWithTheirLetter) {
+    EXPECT_EQ(first_columns("a\u0301b", 1), "a\u0301");
+}
+
+TEST(Shortening, LeavesWhatFits) {
+    EXPECT_EQ(shortened("日本", 4), "日本");
+    EXPECT_EQ(shortened("", 0), "");
+}
+
+TEST(Shortening, EndsInAnEllipsisWithinTheRoom) {
+    EXPECT_EQ(shortened("Night city", 9), "Night ci…");
+    EXPECT_EQ(shortened("日本海", 5), "日本…");
+    EXPECT_EQ(shortened("日本海", 4), "日…");
+    EXPECT_EQ(shortened("abc", 1), "…");
+    EXPECT_EQ(shortened("abc", 0), "");
 }
 
 } // namespace

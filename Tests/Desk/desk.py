@@ -44,9 +44,7 @@ PRESET_LIMIT = 40
 TITLE_SIZE = PATH_SIZE = 52
 CAMERA_RECORD, PHONE_RECORD = 740, 744
 
-_STYLE = (
-    "color_style cs_color_off_color cs_color:c13 cs_saturation:14 cs_sharpness:14 cs_contrast:14 cs_hue:14"
-)
+_STYLE = "color_style cs_color_off_color cs_color:c13 cs_saturation:14 cs_sharpness:14 cs_contrast:14 cs_hue:14"
 _FIELDS = (
     "title:t52 mode av_index tv_index iso iso_1_3 ev_step metering drive hdr type k_value cwb_red cwb_green "
     "cwb_blue auto_xy auto_tungsten_xy daylight_xy cloudy_xy flu_w_xy flu_n_xy flu_d_xy tungsten_xy flash_xy "
@@ -311,9 +309,7 @@ def picture_request(custom_id, applocal_id=0):
 
 
 def update_request(custom_id, server_id, title):
-    return request(
-        UPDATE, changed(bytes(PHONE_RECORD), custom_id=custom_id, server_id=server_id, title=title)
-    )
+    return request(UPDATE, changed(bytes(PHONE_RECORD), custom_id=custom_id, server_id=server_id, title=title))
 
 
 def list_reply(records):
@@ -322,9 +318,7 @@ def list_reply(records):
 
 
 def delete_reply(result, records, kept=0):
-    return request(
-        REPLY + DELETE, struct.pack("<iii", result, 1, len(records)) + b"".join(records) + bytes(8 * kept)
-    )
+    return request(REPLY + DELETE, struct.pack("<iii", result, 1, len(records)) + b"".join(records) + bytes(8 * kept))
 
 
 def records_in(reply, head=28):
@@ -753,11 +747,16 @@ def measure_phone(url, *arguments, timeout=30.0, environment=None, stdin=subproc
         return Ended(code, output.read(), talk.read(), seconds, peak)
 
 
-def run_on_terminal(url, *arguments, columns=80, environment=None, timeout=2 * PATIENCE):
-    """Runs the phone on a terminal of this width, and measures it. All that it writes there is its output."""
+def run_on_terminal(
+    url, *arguments, columns=80, rows=40, pixels=(0, 0), environment=None, timeout=2 * PATIENCE, with_terminal=None
+):
+    """Runs the phone on a terminal of this size, and measures it. All that it writes there is its output.
+    `with_terminal` is called with the terminal before the phone begins."""
     master, slave = pty.openpty()
     try:
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 40, columns, 0, 0))
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, *pixels))
+        if with_terminal:
+            with_terminal(master)
         settings = termios.tcgetattr(slave)
         settings[1] &= ~termios.OPOST  # newlines as they are written
         termios.tcsetattr(slave, termios.TCSANOW, settings)
@@ -766,7 +765,7 @@ def run_on_terminal(url, *arguments, columns=80, environment=None, timeout=2 * P
         end = start + timeout
         process = subprocess.Popen(
             [PHONE, *(("--connect", url) if url else ()), *map(str, arguments)], stdin=slave, stdout=slave, stderr=slave,
-            env=environment_of_programs(TERM="xterm-256color", **_FREES_AT_ONCE, **(environment or {})),
+            env=environment_of_programs(**{"TERM": "xterm-256color", **_FREES_AT_ONCE, **(environment or {})}),
             start_new_session=True,
         )  # fmt: skip
         os.close(slave)

@@ -6,20 +6,20 @@ it came in; and those who read the JSON get every character back.
 
 import json
 import os
+import re
 import struct
 import sys
 import unicodedata
 import unittest
 
 from desk import (
-    DELETE, LIST, PHONE_RECORD, REPLY, TITLE_SIZE, UPDATE, DeskTest, FakeCamera, changed, delete_reply, entries_of,
+    DELETE, LIST, PHONE_RECORD, PICTURE, REPLY, STORE, TITLE_SIZE, UPDATE, DeskTest, FakeCamera, changed, delete_reply, entries_of,
     list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
 )  # fmt: skip
+from jpegs import encoded
 
 # Half of a surrogate pair (Cs) is no character; JSON files can name it all the same.
-HARMFUL = [
-    c for c in map(chr, range(sys.maxunicode + 1)) if unicodedata.category(c) in ("Cc", "Cf", "Zl", "Zp")
-]
+HARMFUL = [c for c in map(chr, range(sys.maxunicode + 1)) if unicodedata.category(c) in ("Cc", "Cf", "Zl", "Zp")]
 BROKEN = [bytes([byte]) for byte in range(0x80, 0x100)]
 PRESETS_AT_ONCE = 40
 
@@ -68,9 +68,7 @@ class Text(DeskTest):
                 for number, title in enumerate(self.titles[start : start + PRESETS_AT_ONCE])
             ]
             answers = {
-                LIST: request(
-                    REPLY + LIST, struct.pack("<12sii", model, 1, len(records)) + b"".join(records)
-                ),
+                LIST: request(REPLY + LIST, struct.pack("<12sii", model, 1, len(records)) + b"".join(records)),
                 DELETE: delete_reply(-7, records, kept=1),
             }
             yield records, lambda: FakeCamera(self.folder, lambda function, _: answers[function])
@@ -136,8 +134,7 @@ class Text(DeskTest):
 
     def test_titles_come_out_harmless_above_pictures(self):
         records = [
-            phone_record(title, custom_id=number + 1)
-            for number, title in enumerate(self.titles[:PRESETS_AT_ONCE])
+            phone_record(title, custom_id=number + 1) for number, title in enumerate(self.titles[:PRESETS_AT_ONCE])
         ]
         reply = request(REPLY + LIST, struct.pack("<12sii", b"KT7", 1, len(records)) + b"".join(records))
         with FakeCamera(
@@ -145,7 +142,7 @@ class Text(DeskTest):
             lambda function, data: reply if function == LIST else request(REPLY + function, data[8:12]),
         ) as camera:
             text = run_on_terminal(camera.url, "list", "--pictures").stdout.decode()
-        self.assertEqual(text.count("could not read the picture"), len(records))
+        self.assertEqual(text.count("cannot read the picture"), len(records))
         self.assertEqual([hex(ord(c)) for c in text if is_harmful(c)], [])
 
     def test_path_of_a_preset_comes_out_harmless_and_whole(self):
@@ -263,9 +260,7 @@ class Text(DeskTest):
     def test_presets_that_are_not_there_are_named_harmlessly(self):
         for text in self.names():
             for arguments in (("show", text), ("delete", 0, text), ("rename", text, "x")):
-                with FakeCamera(
-                    self.folder, lambda *_: list_reply([phone_record(b"x", custom_id=3)])
-                ) as camera:
+                with FakeCamera(self.folder, lambda *_: list_reply([phone_record(b"x", custom_id=3)])) as camera:
                     done = run_phone(camera.url, *arguments)
                 self.assertEnds(done, 9)
                 self.assertHarmless(done, 1)
@@ -284,10 +279,85 @@ class Text(DeskTest):
                 request(REPLY + UPDATE, struct.pack("<i", word)),
             ):
                 answers = {LIST: list_reply([phone_record(custom_id=3)]), UPDATE: reply}
-                with FakeCamera(
-                    self.folder, lambda function, _, answers=answers: answers[function]
-                ) as camera:
+                with FakeCamera(self.folder, lambda function, _, answers=answers: answers[function]) as camera:
                     self.assertHarmless(run_phone(camera.url, "rename", 0, "x", "--server-id", 1), 1)
+
+
+class OnATerminal(DeskTest):
+    """Every command, with a title, a model, names and words that would take a terminal over."""
+
+    # What clears the screen, sets its title, moves the cursor and turns the writing direction is none of our own.
+    HOSTILE = "\x1b[2J\x1b]0;own\x07\x9b3A\r\b\u202e"
+    OWN = re.compile(r"\x1b\[[0-9;]*m|\x1b\[J\r?|\r\n")
+    GRAPHIC = re.compile(r"\x1b_G[^\x1b]*\x1b\\|\x1bP[^\x1b]*\x1b\\")
+
+    def setUp(self):
+        super().setUp()
+        # More than 64 KiB, so that progress shows; two presets that a part of a title fits.
+        self.image = picture(1, 100000)
+        self.records = [phone_record(f"{n}{self.HOSTILE}".encode(), custom_id=n + 1, preset_num=n) for n in range(2)]
+        self.records[1] = changed(self.records[1], linked_custom_mode=1, screennail_path=self.HOSTILE.encode())
+
+    def answer(self, function, data):
+        return {
+            LIST: request(
+                REPLY + LIST, struct.pack("<12sii", self.HOSTILE.encode()[:12], 1, 2) + b"".join(self.records)
+            ),
+            PICTURE: request(REPLY + PICTURE, data[8:12] + self.image),
+            STORE: request(REPLY + STORE, struct.pack("<iiii", 1, 3, 9, 0)),
+            UPDATE: request(REPLY + UPDATE, struct.pack("<i", 1)),
+            DELETE: delete_reply(-7, self.records[1:], kept=1),
+        }[function]
+
+    def assertOwn(self, *arguments, code=0, url=None, **more):
+        """Nothing comes to the terminal but text and the sequences that the phone itself writes."""
+        with FakeCamera(self.folder, self.answer) as camera:
+            done = run_on_terminal(url or camera.url, *arguments, **more)
+        text = done.stdout.decode()
+        self.assertEqual(done.returncode, code, text[-500:])
+        left = self.OWN.sub("", self.GRAPHIC.sub("", text))
+        self.assertEqual([hex(ord(c)) for c in left if is_harmful(c)], [], arguments)
+        return text
+
+    def test_no_command_lets_it_through(self):
+        path = os.path.join(self.folder, self.HOSTILE)
+        preset = self.file(self.HOSTILE + ".json", json.dumps(record_to_json(self.records[0])))
+        image = self.file(self.HOSTILE + ".jpg", self.image)
+        for arguments, code in (
+            (("list",), 0), (("list", "--raw"), 0), (("--json", "list"), 0), (("list", "--pictures"), 0),
+            (("show", 0, 1, "--picture"), 0), (("show", 1, "--raw"), 0), (("--json", "show", 1), 0),
+            (("picture", 0, "-o", path), 0), (("--json", "picture", 0, "-o", path), 0),
+            (("store", preset, image), 0), (("--json", "store", preset, image), 0), (("--verbose", "list"), 0),
+            (("rename", 0, self.HOSTILE), 0), (("--json", "rename", 0, self.HOSTILE), 0),
+            (("delete", 0, 1, "--dry-run"), 0), (("--json", "delete", 0, 1, "--dry-run"), 0),
+            (("delete", 0, 1), 17), (("--json", "delete", 0, 1), 17), (("leave",), 0),
+        ):  # fmt: skip
+            for columns in (20, 60, 200):
+                text = self.assertOwn(*arguments, code=code, columns=columns)
+                self.assertTrue(text or arguments[0] == "leave")
+
+    def test_no_caption_of_a_graphic_lets_it_through(self):
+        self.image = encoded(b"P6", 9, 6, (bytes(27) for _ in range(6)))
+        for terminal, begin in (("xterm-kitty", "\x1b_G"), ("foot", "\x1bP")):
+            text = self.assertOwn("list", "--pictures", environment={"TERM": terminal})
+            self.assertIn(begin, text)
+
+    def test_no_error_and_no_help_lets_it_through(self):
+        for arguments, code in (
+            (("show", self.HOSTILE), 2), (("show", "[2J"), 2), (("show", "x" + self.HOSTILE), 9),
+            (("picture", 0, "-o", self.HOSTILE + "/x"), 1), (("rename", 0, self.HOSTILE * 4), 2),
+            (("store", self.HOSTILE, "x"), 1), (("store", "x", "-" + self.HOSTILE), 2),
+            ((self.HOSTILE,), 2), (("help", self.HOSTILE), 2), ((self.HOSTILE, "--help"), 2),
+            (("--" + self.HOSTILE, "list"), 2), (("--width", self.HOSTILE, "list"), 2),
+            (("--timeout=" + self.HOSTILE, "list"), 2), (("leave", "--code", self.HOSTILE), 2),
+        ):  # fmt: skip
+            with self.subTest(arguments=arguments):
+                self.assertOwn(*arguments, code=code)
+
+    def test_no_url_of_a_camera_lets_it_through(self):
+        for url, code in ((self.HOSTILE, 2), (f"tcp:{self.HOSTILE}:1", 2), (f"unix:/{self.HOSTILE}", 3)):
+            self.assertOwn("list", code=code, url=url)
+            self.assertOwn("list", "--verbose", code=code, url=url)
 
 
 if __name__ == "__main__":

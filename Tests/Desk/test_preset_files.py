@@ -29,9 +29,7 @@ APERTURES = (
 def is_valid(schema, documents):
     """Of each document, whether it keeps to the schema; which is checked itself."""
     given = json.dumps({"schema": schema, "documents": documents})
-    done = subprocess.run(
-        ["/usr/bin/python3", "-c", VALIDATE], input=given.encode(), capture_output=True, check=True
-    )
+    done = subprocess.run(["/usr/bin/python3", "-c", VALIDATE], input=given.encode(), capture_output=True, check=True)
     return json.loads(done.stdout)
 
 
@@ -81,14 +79,10 @@ class Agreement(DeskTest):
         thirds = [f"{whole} {third}" if whole else third for whole in range(5) for third in ("1/3", "2/3")]
         distances = [*thirds, *map(str, range(1, 6))]
         documents = {text: self.in_words(aperture=text) for text in APERTURES}
-        documents |= {
-            f"{sign}{text} EV": self.in_words(ev=sign + text) for sign in "+-" for text in distances
-        }
+        documents |= {f"{sign}{text} EV": self.in_words(ev=sign + text) for sign in "+-" for text in distances}
         documents["0 EV"] = self.in_words(ev="0")
         documents |= {f"ISO {iso}": self.in_words(iso=iso) for iso in (100, 125, 160, 200, 10000, 51200)}
-        documents |= {
-            time: self.in_mode("Shutter", shutter=time, ev="0") for time in ("60 s", "0.5 s", "1/10000 s")
-        }
+        documents |= {time: self.in_mode("Shutter", shutter=time, ev="0") for time in ("60 s", "0.5 s", "1/10000 s")}
         self.assertJudged(documents, True)
 
     def test_every_mode_is_accepted_with_what_it_carries(self):
@@ -128,9 +122,7 @@ class Agreement(DeskTest):
     def test_what_is_not_there_or_of_the_wrong_kind_is_refused(self):
         optional = ("$schema", "form", "white_balance_adjustments")
         documents = {f"no {name}": self.without(name) for name in self.words if name not in optional}
-        documents |= {
-            f"{name} true": self.in_words(**{name: True}) for name in self.words if name != "$schema"
-        }
+        documents |= {f"{name} true": self.in_words(**{name: True}) for name in self.words if name != "$schema"}
         documents["no color"] = self.without("styles", "C4", "color")
         documents["no hue"] = self.without("styles", "style 0", "hue")
         documents["no style"] = self.without("styles", "style 3")
@@ -163,8 +155,7 @@ class Agreement(DeskTest):
         document = record_to_json(rich_record())
         self.assertJudged({"rich": document}, True)
         fewer = {
-            f"no {name}": {k: v for k, v in document.items() if k != name}
-            for name in ("mode", "cs_info", "drive")
+            f"no {name}": {k: v for k, v in document.items() if k != name} for name in ("mode", "cs_info", "drive")
         }
         self.assertJudged(fewer, False)
 
@@ -214,9 +205,7 @@ class InWords(DeskTest):
             self.assertIn(f" {shown[name]} ", row)
 
     def test_a_preset_that_was_edited_in_words_is_stored(self):
-        path = self.edited(
-            self.saved("Autumn leaves"), title="My own leaves", aperture="f/5.6", iso=400, origin="0x44"
-        )
+        path = self.edited(self.saved("Autumn leaves"), title="My own leaves", aperture="f/5.6", iso=400, origin="0x44")
         stored = self.stored(path, self.image)
         self.assertEqual((stored["title"], stored["av_index"], stored["iso"]), ("My own leaves", 56, 400))
 

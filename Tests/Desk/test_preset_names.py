@@ -134,9 +134,7 @@ class Names(NamesTest):
         self.assertRefused("Twice", 2, '"Twice" (preset 10, id 110), "Twice" (preset 11, id 111)')
 
     def test_an_id_that_two_presets_have_names_both(self):
-        records = [
-            phone_record(title, custom_id=5, preset_num=number) for number, title in enumerate([b"A", b"B"])
-        ]
+        records = [phone_record(title, custom_id=5, preset_num=number) for number, title in enumerate([b"A", b"B"])]
         self.assertRefused("id:5", 2, '"A" (preset 0, id 5), "B" (preset 1, id 5)', records=records)
 
     def test_what_the_camera_does_not_have_is_missing_in_every_command(self):
@@ -189,9 +187,7 @@ class Commands(NamesTest):
     def test_show_as_json_has_an_array_where_several_are_named(self):
         shown = json.loads(self.phone("--json", "--raw", "show", "golden", 4).stdout)
         self.assertEqual(shown, [record_to_json(RECORDS[0]), record_to_json(RECORDS[4])])
-        self.assertEqual(
-            json.loads(self.phone("--json", "--raw", "show", 4, 4).stdout), [record_to_json(RECORDS[4])]
-        )
+        self.assertEqual(json.loads(self.phone("--json", "--raw", "show", 4, 4).stdout), [record_to_json(RECORDS[4])])
 
     def test_json_is_the_same_by_whatever_name(self):
         for names in ((7,), ("id:107",), ("dusk",)):

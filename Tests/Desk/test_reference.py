@@ -42,17 +42,33 @@ def printed(tool, *arguments):
 
 
 class Help:
-    """What `--help` shows of a tool, or of one of its commands."""
+    """What `--help` shows of a tool, or of one of its commands: groups of terms and their texts."""
+
+    GROUPS_WITHOUT_OPTIONS = ("Arguments", "Commands", "Links", "Values", "Examples", "Exit codes")
 
     def __init__(self, tool, *command):
-        text, self.footer = re.split(r"\n\n(?=Links:|Values:)", printed(tool, *command, "--help"))
-        self.options = {name for names in re.findall(r"^  (-\S+)", text, re.M) for name in names.split(",")}
-        positionals = re.search(r"^Positionals:\n((?:  .*\n)*)", text, re.M)
-        shown = re.findall(r"^  (\S.*?)(?: {2,}|$)", positionals.group(1), re.M) if positionals else []
-        # The last word says what the argument is: "mode CUSTOM1|CUSTOM2 REQUIRED", "NUMBER ... REQUIRED".
-        self.arguments = [re.sub(r" \.\.\.| REQUIRED", "", line).split()[-1] for line in shown]
-        commands = re.search(r"^(?:Subcommands|Commands, .*):\n((?:  .*\n?)*)", text, re.M)
-        self.commands = re.findall(r"^  (\w+) ", commands.group(1), re.M) if commands else []
+        self.groups = {}
+        self.text = printed(tool, *command, "--help")
+        for part in self.text.split("\n\n"):
+            title, _, lines = part.partition(":\n")
+            self.groups[title.rpartition("\n")[2]] = re.findall(r"^  (\S.*?)(?: {2,}(.*))?$", lines, re.M)
+        self.options = self.names(lambda title: not title.startswith(self.GROUPS_WITHOUT_OPTIONS))
+        self.own_options = self.names(lambda title: title == "Options")
+        self.common_options = self.names(lambda title: title == "Common options")
+        self.arguments = [term.removesuffix("...") for term, _ in self.groups.get("Arguments", [])]
+        self.commands = [
+            term for title, rows in self.groups.items() if title.startswith("Commands") for term, _ in rows
+        ]  # fmt: skip
+
+    def names(self, is_wanted):
+        rows = [row for title, rows in self.groups.items() if is_wanted(title) for row in rows]
+        return {name for term, _ in rows if term.startswith("-") for name in term.split()[0].split(",")}
+
+
+def examples_in(text):
+    """The command lines below "Examples:", each of which stands below what it does."""
+    lines = text.partition("\nExamples:\n")[2].partition("\n\n")[0].splitlines()
+    return [line.strip() for line in lines if line.startswith("    ")]
 
 
 class Page:
@@ -86,7 +102,10 @@ class ManPages(DeskTest):
     def test_are_formatted_without_a_warning(self):
         for tool in TOOLS:
             path = self.file(f"{tool}.1", printed(tool, "--reference", "man"))
-            for command in (["mandoc", "-T", "lint", "-W", "warning", path], ["man", "--warnings", "-l", path]):
+            for command in (
+                ["mandoc", "-T", "lint", "-W", "warning", path],
+                ["man", "--warnings", "-l", path],
+            ):
                 done = run(*command)
                 said = done.stderr + (done.stdout if command[0] == "mandoc" else "")
                 self.assertEqual((done.returncode, said), (0, ""), command)
@@ -108,18 +127,21 @@ class ManPages(DeskTest):
             for name, text in commands.items():
                 with self.subTest(tool=tool, command=name):
                     shown = Help(tool, name)
-                    self.assertEqual(Page.options(text), shown.options - {"-h", "--help"})
+                    self.assertEqual(Page.options(text), shown.own_options)
                     arguments = [term for term in Page.terms(text) if not term.startswith("-")]
                     self.assertEqual(arguments, shown.arguments)
 
-    def test_have_the_examples_and_exit_codes_of_the_help(self):
+    def test_have_all_examples_of_the_help_and_of_its_commands(self):
         for tool in TOOLS:
-            sections, footer = self.page(tool).sections, Help(tool).footer
-            examples, codes = re.search(r"Examples:\n(.*)\n\nExit codes:\n(.*)", footer, re.S).groups()
-            shown = re.findall(r"^\.TP\n.*\n(.*)", sections["EXAMPLES"], re.M)
-            self.assertEqual(shown, [line.strip() for line in examples.splitlines()])
-            shown = re.findall(r"^\.TP\n(.*)\n(.*)", sections["EXIT STATUS"], re.M)
-            self.assertEqual(shown, [tuple(re.split(" {2,}", line.strip(), maxsplit=1)) for line in codes.splitlines()])
+            helps = [Help(tool)] + [Help(tool, command) for command in Help(tool).commands]
+            shown = re.findall(r"^\.TP\n.*\n(.*)", self.page(tool).sections["EXAMPLES"], re.M)
+            self.assertEqual(set(shown), {line for help in helps for line in examples_in(help.text)})
+            self.assertEqual(len(shown), len(set(shown)))
+
+    def test_have_the_exit_codes_of_the_help(self):
+        for tool in TOOLS:
+            shown = re.findall(r"^\.TP\n(.*)\n(.*)", self.page(tool).sections["EXIT STATUS"], re.M)
+            self.assertEqual(shown, Help(tool).groups["Exit codes"])
 
     def test_and_the_desks_page_have_the_same_exit_codes(self):
         with open(os.path.join(HERE, "..", "..", "Docs", "desk.md"), encoding="utf-8") as file:
@@ -127,6 +149,60 @@ class ManPages(DeskTest):
         documented = set(re.findall(r"^\| (\d.*?) \|", table, re.M))
         told = {code for tool in TOOLS for code in Page.terms(self.page(tool).sections["EXIT STATUS"])}
         self.assertEqual(told, documented)
+
+
+class HelpOfACommand(DeskTest):
+    def test_has_its_own_examples_and_no_other(self):
+        for tool in TOOLS:
+            for command in Help(tool).commands:
+                lines = examples_in(Help(tool, command).text)
+                self.assertTrue(lines, command)
+                for line in lines:
+                    self.assertIn(command, line.split())
+
+    def test_has_options_of_the_tool_that_there_are(self):
+        for tool in TOOLS:
+            for command in Help(tool).commands:
+                common = Help(tool, command).common_options
+                self.assertLess({"-h", "--help"}, common)
+                self.assertLessEqual(common, Help(tool).options)
+
+    def test_leaves_out_the_options_of_the_tool_that_do_nothing_for_it(self):
+        for command, option in (
+            ("delete", "--raw"),
+            ("store", "--width"),
+            ("leave", "--json"),
+            ("check", "--verbose"),
+        ):
+            self.assertNotIn(option, Help("shotmentor-phone", command).common_options)
+            self.assertIn(option, Help("shotmentor-phone", "list").common_options)
+        self.assertEqual(
+            Help("shotmentor-camera", "link").common_options, {"-h", "--help", "--version", "--store"}
+        )  # fmt: skip
+        self.assertIn("--iso-step", Help("shotmentor-camera", "presets").common_options)
+
+    def test_begins_with_its_usage(self):
+        for tool, command, usage in (
+            ("shotmentor-phone", "store", "--connect URL store PRESET.json PICTURE.jpg [OPTION...]"),
+            ("shotmentor-phone", "picture", "--connect URL picture PRESET -o FILE [OPTION...]"),
+            ("shotmentor-phone", "delete", "--connect URL delete PRESET... [OPTION...]"),
+            ("shotmentor-camera", "link", "--store DIR link CUSTOM1|CUSTOM2 NUMBER [OPTION...]"),
+        ):
+            self.assertEqual(Help(tool, command).text.splitlines()[1], f"Usage: {tool} {usage}")
+
+    def test_is_asked_for_in_either_way(self):
+        for tool in TOOLS:
+            self.assertEqual(printed(tool, "help"), printed(tool, "--help"))
+            for command in Help(tool).commands:
+                self.assertEqual(printed(tool, "help", command), printed(tool, command, "--help"))
+
+    def test_that_there_is_not_is_wrong_usage(self):
+        for tool in TOOLS:
+            for arguments in (("help", "lst"), ("lst", "--help")):
+                done = subprocess.run([TOOLS[tool], *arguments], capture_output=True, timeout=PATIENCE)
+                self.assertEnds(done, 2)
+                self.assertEqual((done.stdout, done.stderr.count(b"\n")), (b"", 1))
+                self.assertIn(b"lst", done.stderr)
 
 
 class Completions:
@@ -164,7 +240,7 @@ class Completions:
         for tool in TOOLS:
             shown = Help(tool)
             for command in shown.commands:
-                own = Help(tool, command).options
+                own = Help(tool, command).own_options
                 self.assertEqual(self.offered(f"{tool} {command} -"), shown.options | own, command)
 
     def test_are_the_words_that_begin_as_the_line_ends(self):

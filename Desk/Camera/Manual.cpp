@@ -10,10 +10,12 @@ namespace {
 // What a camera is started with to serve does nothing for a command.
 std::vector<command_line::Scope> scopes_of_serving() {
     using command_line::Scope;
-    std::vector<Scope> scopes = {{"--iso-step", Scope::Kind::only, {"presets"}}};
+    std::vector<Scope> scopes = {{"--iso-step", Scope::Kind::only, {"presets"}},
+                                 {"--json", Scope::Kind::only, {"presets"}},
+                                 {"--store", Scope::Kind::except, {"control"}}};
     for (const char* option :
          {"--empty", "--listen", "--mtu", "--quiet", "--log", "--log-level", "--confirm-delay", "--drop-confirmations",
-          "--link-down", "--save-result", "--update-result", "--refuse-allocation"}) {
+          "--link-down", "--save-result", "--update-result", "--refuse-allocation", "--control", "--script"}) {
         scopes.push_back({option, Scope::Kind::only, {}});
     }
     return scopes;
@@ -40,6 +42,7 @@ command_line::Manual manual() {
                   {"rfcomm:CHANNEL, l2cap:PSM", "Bluetooth, where the kernel has it"}},
         .more_words_title = "Commands while it runs",
         .more_words = lab_commands(),
+        .more_words_of = "control",
         .examples = {{"", "Serve the store /tmp/camera, and create it with samples where there is none:",
                       "shotmentor-camera --store /tmp/camera"},
                      {"", "Serve it over TCP, with all lines of the library on standard error:",

@@ -129,30 +129,6 @@ std::string usage_line(const std::string& words, size_t width) {
     return std::string(start) + broken(words_in(words), width, start.size(), start.size());
 }
 
-std::string tool_with_needs(const Table& table) {
-    std::string words = table.tool.name;
-    for (const Entry& entry : table.tool.options) {
-        words += entry.is_required ? " " + entry.names[0] + " " + entry.value : "";
-    }
-    return words;
-}
-
-std::string usage_of(const Command& command, const Table& table) {
-    std::string words = tool_with_needs(table) + " " + command.name;
-    for (const Entry& entry : command.arguments) {
-        words += " " + row_of(entry).term;
-    }
-    for (const Entry& entry : command.options) {
-        words += entry.is_required ? " " + entry.names[0] + " " + entry.value : "";
-    }
-    return words + " [OPTION...]";
-}
-
-std::string usage_of(const Table& table) {
-    const std::string tool = tool_with_needs(table);
-    return tool + (table.needs_command ? " COMMAND" : " [COMMAND]") + " [OPTION...]";
-}
-
 bool names(const std::vector<std::string>& words, const std::string& word) {
     return std::find(words.begin(), words.end(), word) != words.end();
 }
@@ -174,6 +150,26 @@ std::vector<Entry> common_options(const Command& command, const Table& table, co
         }
     }
     return options;
+}
+
+std::string with_needs(std::string words, const std::vector<Entry>& options) {
+    for (const Entry& option : options) {
+        words += option.is_required ? " " + option.names[0] + " " + option.value : "";
+    }
+    return words;
+}
+
+std::string usage_of(const Command& command, const Table& table, const Manual& manual) {
+    std::string words = with_needs(table.tool.name, common_options(command, table, manual)) + " " + command.name;
+    for (const Entry& entry : command.arguments) {
+        words += " " + row_of(entry).term;
+    }
+    return with_needs(words, command.options) + " [OPTION...]";
+}
+
+std::string usage_of(const Table& table) {
+    return with_needs(table.tool.name, table.tool.options) + (table.needs_command ? " COMMAND" : " [COMMAND]") +
+           " [OPTION...]";
 }
 
 // ---- Examples -------------------------------------------------------------------------------------------------------
@@ -240,9 +236,11 @@ std::string help_of(const Command& command, const Table& table, const Manual& ma
     const std::string& tool = table.tool.name;
     const std::vector<Entry> common = common_options(command, table, manual);
     return paragraph(tool + " " + command.name + " - " + clause(command.help), width) +
-           usage_line(usage_of(command, table), width) + lines_of("Arguments", rows_of(command.arguments), width) +
+           usage_line(usage_of(command, table, manual), width) +
+           lines_of("Arguments", rows_of(command.arguments), width) +
            lines_of("Options", rows_of(command.options), width) + lines_of("Common options", rows_of(common), width) +
            lines_of(manual.words_title, values_of(command, common, manual), width) +
+           (command.name == manual.more_words_of ? lines_of(manual.more_words_title, manual.more_words, width) : "") +
            lines_of_examples(examples_of(command, manual), width) + "\n" +
            paragraph(tool + " --help tells of the other commands, and of exit codes.", width);
 }

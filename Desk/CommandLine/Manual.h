@@ -31,6 +31,7 @@ struct Manual {
     std::vector<Row> words;
     std::string more_words_title = {}; // the same once more, where there are any
     std::vector<Row> more_words = {};
+    std::string more_words_of = {}; // the command that takes them
     std::vector<Example> examples;
     std::vector<Row> exit_codes;
     std::vector<Row> environment; // in the man page only

@@ -327,7 +327,7 @@ class OnATerminal(DeskTest):
             (("list",), 0), (("list", "--raw"), 0), (("--json", "list"), 0), (("list", "--pictures"), 0),
             (("show", 0, 1, "--picture"), 0), (("show", 1, "--raw"), 0), (("--json", "show", 1), 0),
             (("picture", 0, "-o", path), 0), (("--json", "picture", 0, "-o", path), 0),
-            (("store", preset, image), 0), (("--json", "store", preset, image), 0), (("--verbose", "list"), 0),
+            (("store", preset, image), 33), (("--json", "store", preset, image), 33), (("--verbose", "list"), 0),
             (("rename", 0, self.HOSTILE), 0), (("--json", "rename", 0, self.HOSTILE), 0),
             (("delete", 0, 1, "--dry-run"), 0), (("--json", "delete", 0, 1, "--dry-run"), 0),
             (("delete", 0, 1), 17), (("--json", "delete", 0, 1), 17), (("leave",), 0),

@@ -44,6 +44,7 @@ def printed(tool, *arguments):
 class Help:
     """What `--help` shows of a tool, or of one of its commands: groups of terms and their texts."""
 
+    RUNNING = "Commands while it runs"  # these are arguments of `control`
     GROUPS_WITHOUT_OPTIONS = ("Arguments", "Commands", "Links", "Values", "Examples", "Exit codes")
 
     def __init__(self, tool, *command):
@@ -57,7 +58,7 @@ class Help:
         self.common_options = self.names(lambda title: title == "Common options")
         self.arguments = [term.removesuffix("...") for term, _ in self.groups.get("Arguments", [])]
         self.commands = [
-            term for title, rows in self.groups.items() if title.startswith("Commands") for term, _ in rows
+            term for title, rows in self.groups.items() if title.startswith("Commands") and title != self.RUNNING for term, _ in rows
         ]  # fmt: skip
 
     def names(self, is_wanted):
@@ -169,7 +170,8 @@ class HelpOfACommand(DeskTest):
 
     def test_leaves_out_the_options_of_the_tool_that_do_nothing_for_it(self):
         for command, option in (
-            ("delete", "--raw"),
+            ("store", "--raw"),
+            ("new", "--connect"),
             ("store", "--width"),
             ("leave", "--json"),
             ("check", "--verbose"),
@@ -186,6 +188,8 @@ class HelpOfACommand(DeskTest):
             ("shotmentor-phone", "store", "--connect URL store PRESET.json PICTURE.jpg [OPTION...]"),
             ("shotmentor-phone", "picture", "--connect URL picture PRESET -o FILE [OPTION...]"),
             ("shotmentor-phone", "delete", "--connect URL delete PRESET... [OPTION...]"),
+            ("shotmentor-phone", "new", "new [OPTION...]"),
+            ("shotmentor-camera", "control", "control URL COMMAND... [OPTION...]"),
             ("shotmentor-camera", "link", "--store DIR link CUSTOM1|CUSTOM2 NUMBER [OPTION...]"),
         ):
             self.assertEqual(Help(tool, command).text.splitlines()[1], f"Usage: {tool} {usage}")

@@ -38,8 +38,9 @@ class CarefulStore {
     const std::vector<sm_tag_custom_info>& listed() const { return listed_; }
     size_t room() const;
 
-    // A preset in words is as lists have it; one in raw codes is sent as it stands. What is planned holds for the camera
-    // as it is now: of several presets, the first ones may take the room that a later one needs to keep its aperture.
+    // A preset in words is as lists have it; one in raw codes is sent as it stands. What is planned holds while the
+    // camera is as it is now: of several presets, the first may take the room that a later one needs to keep its
+    // aperture.
     Planned plan(const sm_tag_custom_info& preset, Form form, std::span<const uint8_t> picture) const;
 
     // Tells on standard error what will change now, a line each, and stores the preset. Where the result is not

@@ -160,20 +160,23 @@ bool CarefulStore::is_as_wanted_now(const Planned& planned, const StoreReply& fi
     return shown == nullptr || shown->av_index == aperture || loses_aperture(planned.sent, state_);
 }
 
-// Deletes the first of two, and gives the second the number that it then has.
+// Deletes the first of two, and gives the second the number that it then has. A camera deletes by number: it is asked
+// once more which number the first one has now.
 void CarefulStore::take_back(const Planned& planned, const StoreReply& first, StoreReply& second) {
-    const sm_tag_custom_info* listed = find(listed_, first.custom_id);
-    const std::array<sm_delete_pair, 1> pair = {{{listed->preset_num, first.custom_id}}};
-    const DeleteReply reply = camera_.remove(pair);
-    if (reply.result != SM_RETURN_TRUE || find(reply.presets, first.custom_id) != nullptr) {
-        surprises_.push_back({first.custom_id,
-                              title_text(planned.wanted),
-                              {"preset", "deleted", "still there, without its aperture: delete it"}});
-    } else {
+    learn(camera_.list().presets);
+    std::erase_if(stored_, [&](const Stored& stored) { return stored.custom_id == first.custom_id; });
+    if (const sm_tag_custom_info* listed = find(listed_, first.custom_id); listed != nullptr) {
+        const std::array<sm_delete_pair, 1> pair = {{{listed->preset_num, first.custom_id}}};
+        const DeleteReply reply = camera_.remove(pair);
+        if (reply.result != SM_RETURN_TRUE || find(reply.presets, first.custom_id) != nullptr) {
+            surprises_.push_back({first.custom_id,
+                                  title_text(planned.wanted),
+                                  {"preset", "deleted", "still there, without its aperture: delete it"}});
+            return;
+        }
         learn(reply.presets);
     }
-    std::erase_if(stored_, [&](const Stored& stored) { return stored.custom_id == first.custom_id; });
-    if (const sm_tag_custom_info* left = find(reply.presets, second.custom_id); left != nullptr) {
+    if (const sm_tag_custom_info* left = find(listed_, second.custom_id); left != nullptr) {
         second.preset_num = left->preset_num;
     }
 }

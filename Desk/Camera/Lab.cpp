@@ -121,10 +121,8 @@ constexpr std::array<Command, 16> commands = {{
 }};
 
 std::vector<std::string> command_names() {
-    std::vector<std::string> names;
-    for (const Command& command : commands) {
-        names.emplace_back(command.name);
-    }
+    std::vector<std::string> names(commands.size());
+    std::ranges::transform(commands, names.begin(), &Command::name);
     return names;
 }
 
@@ -201,22 +199,22 @@ std::string status_of(const Knobs& knobs) {
 
 // ---- The lab --------------------------------------------------------------------------------------------------------
 
-std::string Lab::run(const std::string& text, const std::string& who) {
-    const Line line = parse(text);
-    const Knobs changed = turned(knobs_, line);
-    if (line.command.set == nullptr) {
-        return answer(line.command.name);
+std::string Lab::run(const std::string& line, const std::string& who) {
+    const Line read = parse(line);
+    const Knobs changed = turned(knobs_, read);
+    if (read.command.set == nullptr) {
+        return answer(read.command.name);
     }
-    if (is_about_allocations(line.command) && changed.refuse_allocation && !can_refuse_allocations()) {
+    if (is_about_allocations(read.command) && changed.refuse_allocation && !can_refuse_allocations()) {
         throw Failure(exit_usage, "this camera has no allocator that can refuse; start shotmentor-camera-lab, which "
                                   "lies beside it, in its place");
     }
-    const bool counts_anew = is_about_allocations(line.command) || line.command.set == clear_faults;
+    const bool counts_anew = is_about_allocations(read.command) || read.command.set == clear_faults;
     knobs_ = changed;
     if (counts_anew) {
         start_refusing_allocations(knobs_);
     }
-    tell_of_command(trimmed(text), who);
+    tell_of_command(trimmed(line), who);
     return "";
 }
 
@@ -236,11 +234,11 @@ bool refuses_allocations(const std::string& line) {
 }
 
 std::vector<command_line::Row> lab_commands() {
-    std::vector<command_line::Row> rows;
-    for (const Command& command : commands) {
-        rows.push_back(
-            {fmt::format("{}{}{}", command.name, *command.values == '\0' ? "" : " ", command.values), command.help});
-    }
+    std::vector<command_line::Row> rows(commands.size());
+    std::ranges::transform(commands, rows.begin(), [](const Command& command) {
+        const char* const space = *command.values == '\0' ? "" : " ";
+        return command_line::Row{fmt::format("{}{}{}", command.name, space, command.values), command.help};
+    });
     return rows;
 }
 

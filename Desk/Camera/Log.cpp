@@ -47,8 +47,7 @@ class StderrSink : public Log::Sink {
     }
     void write(const LogLine& line) override {
         if (line.level != ALG_LOG_LEVEL_ERROR) {
-            StandardError::log({kind_log, {{"level", name_of_level(line.level)}, {"tag", line.tag}}, line.message},
-                               line.color);
+            StandardError::log(line);
         }
     }
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <fmt/format.h>
 #include <sstream>
 #include <string_view>
@@ -28,8 +29,7 @@ std::optional<std::chrono::milliseconds> time_in(const std::string& text) {
     const double seconds = unit == "ms" ? number / 1000 : number;
     const bool is_time =
         error == std::errc() && (unit == "s" || unit == "ms") && seconds >= 0 && seconds <= longest_time;
-    return is_time ? std::optional(std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000 + 0.5)))
-                   : std::nullopt;
+    return is_time ? std::optional(std::chrono::milliseconds(std::llround(seconds * 1000))) : std::nullopt;
 }
 
 std::optional<int64_t> count_in(const std::string& text) {

@@ -18,6 +18,7 @@
 #include "Colors.h"
 #include "Common/Descriptor.h"
 #include "Common/Text.h"
+#include "Log.h"
 #include "Talk.h"
 
 namespace desk::camera {
@@ -216,7 +217,8 @@ struct StandardError::State {
 
     void take_from_library(std::string_view line);
     bool leave_out_if_too_many(bool is_limited);
-    void put(const Said& said, const std::string& color, bool is_limited);
+    void take_log_line(const LogLine& line);
+    void put(const Said& said, bool is_limited);
     void put_text(std::string_view line, const std::string& color);
     void put_line(const std::string& line);
     bool write(const std::string& line) { return tell_missing() && outlet.write(line); }
@@ -263,9 +265,20 @@ void StandardError::State::take_from_library(std::string_view line) {
     std::string plain(line);
     const std::string color = take_colors(plain);
     if (speaks_json) {
-        put(said_by_library(plain), color, false);
+        put(said_by_library(plain), false);
     } else {
         put_text(plain, color);
+    }
+}
+
+void StandardError::State::take_log_line(const LogLine& line) {
+    if (leave_out_if_too_many(is_library_limited)) {
+        return;
+    }
+    if (speaks_json) {
+        put({kind_log, {{"level", name_of_level(line.level)}, {"tag", line.tag}}, line.message}, false);
+    } else {
+        put_text(fmt::format("[{:<10}] {}", line.tag, line.message), line.color);
     }
 }
 
@@ -279,11 +292,11 @@ bool StandardError::State::leave_out_if_too_many(bool is_limited) {
 }
 
 // What is too long for one line is broken. Of several JSON objects the first one has the fields.
-void StandardError::State::put(const Said& said, const std::string& color, bool is_limited) {
+void StandardError::State::put(const Said& said, bool is_limited) {
     if (!speaks_json) {
         break_up(text_of(said), budget::longest_line, [&](std::string_view piece) {
             if (!leave_out_if_too_many(is_limited)) {
-                put_text(piece, color);
+                put_text(piece, {});
             }
         });
         return;
@@ -370,12 +383,12 @@ void StandardError::tell(const Said& said) {
         std::fprintf(stderr, "%s\n", printable(text_of(said)).c_str());
         return;
     }
-    State::current->put(said, {}, true);
+    State::current->put(said, true);
 }
 
-void StandardError::log(const Said& said, const std::string& color) {
+void StandardError::log(const LogLine& line) {
     if (State::current != nullptr) {
-        State::current->put(said, color, State::current->is_library_limited);
+        State::current->take_log_line(line);
     }
 }
 

@@ -10,6 +10,7 @@
 
 namespace desk::camera {
 
+struct LogLine;
 struct Said;
 
 // While one exists, `stderr` leads to it. There is one at a time.
@@ -26,8 +27,8 @@ class StandardError {
 
     // A line of this program. One that is too long is broken.
     static void tell(const Said& said);
-    // A line of the library, in a colour where colours show; that may be empty.
-    static void log(const Said& said, const std::string& color);
+    // A line of the library, in its colour where colours show.
+    static void log(const LogLine& line);
 
     // From now on the library's lines are as many as they are: the user asked for them.
     static void lift_limit_of_library();

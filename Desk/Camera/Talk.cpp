@@ -29,11 +29,6 @@ void say(const Said& said) {
 }
 
 std::string text_of(const Said& said) {
-    if (said.kind == kind_log) {
-        const auto tag = said.fields.find("tag");
-        return tag == said.fields.end() ? said.message
-                                        : fmt::format("[{:<10}] {}", tag->get<std::string>(), said.message);
-    }
     const std::string time =
         said.kind == kind_request ? fmt::format("{:%H:%M:%S} ", fmt::localtime(std::time(nullptr))) : "";
     return fmt::format("{}: {}{}", program_name, time, said.message);

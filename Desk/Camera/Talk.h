@@ -9,9 +9,9 @@ namespace desk::camera {
 
 constexpr const char* program_name = "shotmentor-camera";
 
-// Kinds of what is said that are not plain sentences as text.
-constexpr const char* kind_request = "request"; // has the time of day in front
-constexpr const char* kind_log = "log";         // a line of the library: has its tag in front
+// Kinds that are not told as all others.
+constexpr const char* kind_request = "request"; // has the time of day in front as text
+constexpr const char* kind_log = "log";         // a line of the library, which is no text of this program
 
 // One thing that is said.
 struct Said {

@@ -259,10 +259,10 @@ class Faults(ControlTest):
             self.turn("confirm-delay", 60000)
             link.ask(request(LIST))
             self.turn("confirm-delay", "off")
-            spent = self.processor_time(camera)
             self.assertEqual(link.ask(request(LIST)), self.expected)
-            time.sleep(0.5)
-            self.assertLess(self.processor_time(camera) - spent, 0.3, "it waits without pause")
+            spent = self.processor_time(camera)
+            time.sleep(1)
+            self.assertLess(self.processor_time(camera) - spent, 0.1, "it waits without pause")
 
     def processor_time(self, camera):
         with open(f"/proc/{camera.pid}/stat") as file:

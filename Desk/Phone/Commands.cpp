@@ -22,6 +22,7 @@
 #include "Presets.h"
 #include "StandardFiles.h"
 #include "Thumbnails.h"
+#include "Watch.h"
 #include "Words/Describe.h"
 #include "Words/Results.h"
 #include "Words/TextTable.h"
@@ -122,6 +123,9 @@ void print_table(const Options& options, const std::vector<std::vector<std::stri
 }
 
 int list(const Options& options) {
+    if (options.watch) {
+        return watch(options);
+    }
     CameraClient camera(options);
     const ListReply reply = camera.list();
     const bool draws = draws_pictures(options);

@@ -82,7 +82,7 @@ std::vector<PresetChange> listed(const Presets& presets) {
 }
 
 std::string line_of(const PresetChange& change) {
-    const std::string line = fmt::format("{}: {}", name_of(change.kind), reference_to(change.preset));
+    std::string line = fmt::format("{}: {}", name_of(change.kind), reference_to(change.preset));
     switch (change.kind) {
     case Kind::renamed:
         return line + fmt::format(", was \"{}\"", title_text(change.before));

@@ -102,6 +102,7 @@ Row row_of(const Entry& entry) {
 
 std::vector<Row> rows_of(const std::vector<Entry>& entries) {
     std::vector<Row> rows;
+    rows.reserve(entries.size());
     for (const Entry& entry : entries) {
         rows.push_back(row_of(entry));
     }

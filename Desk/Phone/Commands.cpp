@@ -26,6 +26,7 @@
 #include "SchemaFile.h"
 #include "StandardFiles.h"
 #include "Thumbnails.h"
+#include "Watch.h"
 #include "Words/Describe.h"
 #include "Words/Results.h"
 #include "Words/TextTable.h"
@@ -131,6 +132,9 @@ void print_table(const Options& options, const std::vector<std::vector<std::stri
 }
 
 int list(const Options& options) {
+    if (options.watch) {
+        return watch(options);
+    }
     CameraClient camera(options);
     const ListReply reply = camera.list();
     const bool draws = draws_pictures(options);

@@ -20,6 +20,8 @@ command_line::Manual manual() {
             {{"list", "List the presets of a camera on this machine:",
               "shotmentor-phone --connect unix:store/camera.sock list"},
              {"list", "Draw their pictures, too:", "shotmentor-phone --connect tcp:localhost:7700 list --pictures"},
+             {"list", "Follow the presets as they change, with a look every 5 seconds:",
+              "shotmentor-phone --connect tcp:localhost:7700 list --watch 5"},
              {"show", "Show preset 3 of a camera behind TCP, and draw its picture:",
               "shotmentor-phone --connect tcp:localhost:7700 show 3 --picture"},
              {"show",

@@ -23,6 +23,9 @@ namespace {
 
 constexpr double shortest_timeout = 0.001;
 constexpr double longest_timeout = 86400; // a day; more is a slip of the hand
+constexpr double usual_interval = 2;
+constexpr double shortest_interval = 0.1;
+constexpr double longest_interval = 86400;
 constexpr size_t largest_mtu = SM_REQUEST_LIMIT;
 constexpr size_t largest_width = 100000;
 constexpr const char* connect_variable = "SHOTMENTOR_CONNECT";
@@ -90,11 +93,35 @@ void add_symbols(CLI::App* command, Options& options) {
     command->add_flag("--symbols", options.only_characters, "draw with characters where the terminal has graphics");
 }
 
+std::chrono::milliseconds milliseconds_of(double seconds) {
+    return std::chrono::milliseconds(std::llround(std::ceil(seconds * 1000)));
+}
+
+// Its value may be left out, which CLI11 tells as an empty one.
+CLI::Option* add_watch(CLI::App* command, Options& options) {
+    const auto take = [&options](const CLI::results_t& values) {
+        const std::string& text = values.front();
+        double seconds = usual_interval;
+        const bool is_number = text.empty() || CLI::detail::lexical_cast(text, seconds);
+        // A number that is none (nan) is not between any two.
+        if (!is_number || !(seconds >= shortest_interval && seconds <= longest_interval)) {
+            throw CLI::ValidationError("--watch", fmt::format("{} is no time from {} to {} seconds", text,
+                                                              shortest_interval, longest_interval));
+        }
+        options.watch = milliseconds_of(seconds);
+        return true;
+    };
+    return command->add_option("--watch", take, "show the presets as they change, with a look every 2 s unless given")
+        ->expected(0, 1)
+        ->type_name("[SECONDS]");
+}
+
 void add_reading_commands(CLI::App& app, Arguments& arguments) {
     Options& options = arguments.options;
     CLI::App* list = add_command(app, options, Options::Command::list, "list", "list all presets, one line each");
-    list->add_flag("--pictures", options.with_pictures, "draw the presets' pictures, too");
+    CLI::Option* pictures = list->add_flag("--pictures", options.with_pictures, "draw the presets' pictures, too");
     add_symbols(list, options);
+    add_watch(list, options)->excludes(pictures);
 
     CLI::App* show = add_command(app, options, Options::Command::show, "show", "print presets in full");
     add_presets(show, arguments)->expected(1, -1)->allow_extra_args();
@@ -194,7 +221,7 @@ Options options_from(Arguments& arguments) {
     if (needs_camera(options)) {
         options.camera = endpoint_of(arguments);
     }
-    options.timeout = std::chrono::milliseconds(std::llround(std::ceil(arguments.timeout_seconds * 1000)));
+    options.timeout = milliseconds_of(arguments.timeout_seconds);
     return options;
 }
 

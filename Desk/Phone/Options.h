@@ -24,8 +24,11 @@ struct Options {
     std::optional<size_t> width; // 0: no limit
 
     Command command = Command::list;
-    bool with_pictures = false;       // list, show
-    bool only_characters = false;     // list, show: no graphics
+    bool with_pictures = false;   // list, show
+    bool only_characters = false; // list, show: no graphics
+    // list: the time between two looks
+    std::optional<std::chrono::milliseconds> watch;
+
     std::vector<std::string> presets; // show, remove: at least one; picture, rename: exactly one
     std::string output_file;          // picture
     std::string preset_file;          // store

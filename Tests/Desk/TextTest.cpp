@@ -55,7 +55,7 @@ TEST(Text, IsEscapedInJson) {
     EXPECT_EQ(escaped_json("\U000E0001"), "\\udb40\\udc01"); // 0xE0001 - 0x10000 is 0xD0001: 0x340 and 0x001
 }
 
-// ---- Width on a terminal ---------------------------------------------------------------------------------------------
+// ---- Width on a terminal --------------------------------------------------------------------------------------------
 
 TEST(Width, IsOneColumnForALetter) {
     EXPECT_EQ(display_width(""), 0U);

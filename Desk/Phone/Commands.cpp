@@ -7,6 +7,7 @@
 #include <string_view>
 #include <unistd.h>
 
+#include "Backup.h"
 #include "CameraClient.h"
 #include "Check.h"
 #include "Common/Files.h"
@@ -329,6 +330,11 @@ int run(const Options& options) {
         return rename_preset(options);
     case Options::Command::remove:
         return delete_presets(options);
+    case Options::Command::back_up:
+        return back_up(options);
+    case Options::Command::restore:
+    case Options::Command::copy:
+        return exit_usage;
     case Options::Command::leave:
         return leave(options);
     case Options::Command::check:

@@ -28,6 +28,7 @@ constexpr const char* connect_variable = "SHOTMENTOR_CONNECT";
 struct Arguments {
     Options options;
     std::string url;
+    std::string other_url;
     double timeout_seconds = 5;
     std::set<std::string> words; // of the command line, as they were given
 };
@@ -117,6 +118,13 @@ void add_changing_commands(CLI::App& app, Arguments& arguments) {
     CLI::App* leave =
         add_command(app, options, Options::Command::leave, "leave", "tell the camera that the phone leaves");
     leave->add_option("--code", options.code, "the phone's own result code, 1 unless given")->type_name("N");
+}
+
+void add_copying_commands(CLI::App& app, Arguments& arguments) {
+    Options& options = arguments.options;
+    CLI::App* backup = add_command(app, options, Options::Command::back_up, "backup", "save all presets in a folder");
+    backup->add_option("DIR", options.folder, "where to; it is made when it is not there")->required()->type_name("");
+    backup->add_flag("--overwrite", options.overwrites, "replace the complete backup that is there");
 }
 
 // A list of the checks is the one thing that needs no camera.
@@ -213,7 +221,8 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     if (lacks_something && app.get_subcommands().empty()) {
         return {exit_usage,
                 fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
-                            "picture, store, rename, delete, leave or check; see shotmentor-phone --help",
+                            "picture, store, rename, delete, backup, restore, copy, leave or check; see "
+                            "shotmentor-phone --help",
                             connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {
@@ -239,6 +248,7 @@ std::optional<Options> options_of(int argc, char** argv) {
     add_common_options(app, arguments);
     add_reading_commands(app, arguments);
     add_changing_commands(app, arguments);
+    add_copying_commands(app, arguments);
     add_checking_command(app, arguments.options);
     command_line::add_reference(app, manual());
     try {

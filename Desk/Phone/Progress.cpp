@@ -12,17 +12,22 @@ namespace {
 
 constexpr size_t worth_showing = size_t{64} * 1024; // what is smaller is through before it can be read
 constexpr size_t bar_length = 30;
+constexpr size_t step_bar_length = 10; // leaves room for a title
 constexpr size_t never_shown = SIZE_MAX;
 
 std::string kilobytes(size_t bytes) {
     return fmt::format("{}", (bytes + 999) / 1000);
 }
 
+std::string bar_of(size_t done, size_t all, size_t length) {
+    const size_t full = done * length / all;
+    const std::string bar = std::string(full, '=') + std::string(length - full, ' ');
+    return color_is_unwanted() ? bar : "\x1b[36m" + bar + "\x1b[0m";
+}
+
 std::string line_of(const std::string& label, size_t done, size_t all) {
-    const size_t full = done * bar_length / all;
-    const std::string bar = std::string(full, '=') + std::string(bar_length - full, ' ');
-    return fmt::format("{} [{}] {:>3} %  {} of {} kB", label, color_is_unwanted() ? bar : "\x1b[36m" + bar + "\x1b[0m",
-                       done * 100 / all, kilobytes(done), kilobytes(all));
+    return fmt::format("{} [{}] {:>3} %  {} of {} kB", label, bar_of(done, all, bar_length), done * 100 / all,
+                       kilobytes(done), kilobytes(all));
 }
 
 } // namespace
@@ -54,6 +59,14 @@ void Progress::show(size_t done, size_t all) {
     shown_permille_ = permille;
     visible_ = true;
     talk(fmt::format("\r{}\x1b[K", line_of(label_, done, all)));
+}
+
+void Progress::show_step(size_t number, size_t all, const std::string& name) {
+    if (!wanted_) {
+        return;
+    }
+    visible_ = true;
+    talk(fmt::format("\r[{}] {} of {} {}\x1b[K", bar_of(number - 1, all, step_bar_length), number, all, name));
 }
 
 } // namespace desk::phone

@@ -15,6 +15,8 @@ class Progress {
     ~Progress();
 
     void show(size_t done, size_t all);
+    // One of several things is under way: "3 of 12" and what it is called.
+    void show_step(size_t number, size_t all, const std::string& name);
     void clear();
 
   private:

@@ -85,7 +85,6 @@ class Backup {
         presets_ = list.presets;
         plan(printable(list.model), begun);
         folder_.write_manifest(manifest_);
-        folder_.remove_temporary_files();
         for (size_t number = 0; number < presets_.size(); ++number) {
             progress_.show_step(number + 1, presets_.size(), manifest_.presets[number].title);
             fetch(presets_[number], manifest_.presets[number]);
@@ -102,6 +101,7 @@ class Backup {
         for (const std::string& name : manifest.obsolete) {
             folder.remove(name);
         }
+        folder.remove_temporary_files();
         manifest.obsolete.clear();
         manifest.complete = true;
         folder.write_manifest(manifest);
@@ -284,7 +284,7 @@ void tell(const Options& options, const BackupManifest& manifest, size_t kept) {
                     {"without_picture", without_picture(manifest)}});
         return;
     }
-    const std::string already = kept == 0 ? "" : fmt::format(", {} of them were there already", kept);
+    const std::string already = kept == 0 ? "" : fmt::format(", {} of them {} there already", kept, kept == 1 ? "was" : "were");
     print(fmt::format("{} preset{}, {}, in {}{}\n", count, count == 1 ? "" : "s", size_text(manifest.bytes()),
                       printable(options.folder), already));
 }

@@ -18,7 +18,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char* format_name = "ShotMentor backup";
 constexpr int32_t format_version = 1;
-constexpr size_t longest_stem = 36; // with its ending a name has 41 characters
+constexpr size_t longest_stem = 35; // with its ending a name has 40 characters
 constexpr size_t longest_name = 100;
 constexpr size_t digits_of_sum = 64;
 
@@ -204,10 +204,13 @@ std::string file_stem(size_t number, std::string_view title) {
     const OwnedText ascii(g_str_to_ascii(printable(title).c_str(), "C"));
     std::string stem = fmt::format("{:02}", number);
     bool is_word = false;
-    for (const char* at = ascii.get(); *at != '\0' && stem.size() < longest_stem; ++at) {
+    for (const char* at = ascii.get(); *at != '\0'; ++at) {
         const bool belongs = is_letter_or_digit(*at);
-        stem += belongs && !is_word ? "-" : "";
-        stem += belongs ? std::string(1, g_ascii_tolower(*at)) : "";
+        const std::string piece = belongs ? std::string(is_word ? "" : "-") + g_ascii_tolower(*at) : "";
+        if (stem.size() + piece.size() > longest_stem) {
+            break;
+        }
+        stem += piece;
         is_word = belongs;
     }
     constexpr size_t digits = 2;

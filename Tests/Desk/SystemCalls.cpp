@@ -15,6 +15,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -89,7 +90,7 @@ Fault fault_from(std::string text) {
     fault.kind = *kind;
     fault.nth = std::atoi(text.c_str() + first + 1);
     const std::string error = text.substr(second + 1);
-    fault.error = error == "short" ? Fault::cut_short : std::atoi(error.c_str());
+    fault.error = error == "short" ? Fault::cut_short : error == "kill" ? Fault::killed : std::atoi(error.c_str());
     return fault;
 }
 
@@ -182,6 +183,9 @@ bool is_carried_out_all_the_same(const Call& call) {
 long make(State& state, Call& call, size_t size, const Ask& ask) {
     ++state.counts[static_cast<size_t>(call.kind)];
     const bool faulty = fault_is_due(state, call.kind);
+    if (faulty && state.fault->error == Fault::killed) {
+        syscall(SYS_kill, syscall(SYS_getpid), SIGKILL);
+    }
     if (faulty && state.fault->error != Fault::cut_short) {
         call.error = state.fault->error;
         if (is_carried_out_all_the_same(call)) {

@@ -9,6 +9,7 @@
 
 #include "Backup.h"
 #include "CameraClient.h"
+#include "CarefulStore.h"
 #include "Check.h"
 #include "Common/Files.h"
 #include "Common/Text.h"
@@ -17,6 +18,7 @@
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
+#include "PresetFiles/PresetFile.h"
 #include "PresetFiles/PresetJson.h"
 #include "PresetNames.h"
 #include "Presets.h"
@@ -30,6 +32,7 @@ using Json = nlohmann::ordered_json;
 using Presets = std::vector<sm_tag_custom_info>;
 
 constexpr size_t default_width = 80;
+constexpr const char* full_camera = "the camera holds 40 presets, as many as a camera takes: delete one first";
 constexpr TerminalSize thumbnail = {32, 12};
 constexpr TerminalSize large_picture = {72, 24};
 
@@ -214,24 +217,94 @@ SentPicture picture_from(const std::string& path, bool fits) {
     return {std::move(picture), ""};
 }
 
-sm_tag_custom_info preset_from(const std::string& path) {
+PresetFile preset_from(const std::string& path) {
     const Bytes text = read_file(path, longest_preset_file);
-    return phone_record_from_json({reinterpret_cast<const char*>(text.data()), text.size()}, printable(path));
+    return preset_from_text({reinterpret_cast<const char*>(text.data()), text.size()}, printable(path));
 }
 
-int store(const Options& options) {
-    const sm_tag_custom_info preset = preset_from(options.preset_file);
-    const SentPicture picture = picture_from(options.picture_file, options.fits_picture);
-    const StoreReply reply = CameraClient(options).store(preset, picture.jpeg);
+void print_stored(const StoreReply& reply) {
+    if (reply.result == SM_RETURN_TRUE) {
+        print(fmt::format("stored as preset {} with id {}\n", reply.preset_num, reply.custom_id));
+    }
+}
+
+// Sends the one request and nothing else.
+int store_unchecked(const Options& options, const PresetFile& file, const SentPicture& picture) {
+    const sm_tag_custom_info sent = file.form == Form::raw ? file.preset : sendable(file.preset);
+    const StoreReply reply = CameraClient(options).store(sent, picture.jpeg);
     if (!picture.change.empty()) {
         say(picture.change);
     }
     if (options.json) {
         print_json(json_of(reply));
-    } else if (reply.result == SM_RETURN_TRUE) {
-        print(fmt::format("stored as preset {} with id {}\n", reply.preset_num, reply.custom_id));
+    } else {
+        print_stored(reply);
     }
     return report_result(reply.result);
+}
+
+int foresee_store(const Options& options, const CarefulStore& camera, const Planned& planned) {
+    if (options.json) {
+        print_json({{"forecast", json_of(planned.changes)}});
+        return exit_done;
+    }
+    for (const Change& change : planned.changes) {
+        print(line_of(planned, change) + "\n");
+    }
+    if (planned.changes.empty()) {
+        print(fmt::format("\"{}\" will be as it is\n", title_text(planned.wanted)));
+    }
+    if (camera.room() == 0) {
+        mention(options, full_camera);
+    }
+    return exit_done;
+}
+
+// What was stored is on standard output even where it cannot be compared any more.
+int finish_store(const Options& options, CarefulStore& camera, const Planned& planned, const StoreReply& reply) {
+    Json json = json_of(reply);
+    json["forecast"] = json_of(planned.changes);
+    json["differences"] = nullptr; // until they are known
+    if (!options.json) {
+        print_stored(reply);
+    }
+    std::vector<Surprise> surprises;
+    try {
+        surprises = camera.finish();
+    } catch (const Failure&) {
+        if (options.json) {
+            print_json(json);
+        }
+        throw;
+    }
+    json["differences"] = json_of(surprises);
+    if (options.json) {
+        print_json(json);
+    }
+    for (const Surprise& surprise : surprises) {
+        complain(line_of(surprise));
+    }
+    const int code = report_result(reply.result);
+    return code == exit_done && !surprises.empty() ? int{exit_not_as_forecast} : code;
+}
+
+int store(const Options& options) {
+    const PresetFile file = preset_from(options.preset_file);
+    const SentPicture picture = picture_from(options.picture_file, options.fits_picture);
+    if (options.unchecked) {
+        return store_unchecked(options, file, picture);
+    }
+    CameraClient client(options);
+    CarefulStore camera(client, options.quiet);
+    const Planned planned = camera.plan(file.preset, file.form, picture.jpeg);
+    if (options.dry_run) {
+        return foresee_store(options, camera, planned);
+    }
+    const StoreReply reply = camera.store(planned, picture.jpeg);
+    if (!picture.change.empty()) {
+        say(picture.change);
+    }
+    return finish_store(options, camera, planned, reply);
 }
 
 // ---- rename ---------------------------------------------------------------------------------------------------------

@@ -104,6 +104,10 @@ void add_changing_commands(CLI::App& app, Arguments& arguments) {
     store->add_option("PRESET.json", options.preset_file, "what --json show prints")->required()->type_name("");
     store->add_option("PICTURE.jpg", options.picture_file, "its picture")->required()->type_name("");
     store->add_flag("--fit", options.fits_picture, "make a picture smaller that is too large for the camera");
+    CLI::Option* store_dry_run =
+        store->add_flag("--dry-run", options.dry_run, "only say what the camera would make of it");
+    store->add_flag("--unchecked", options.unchecked, "send the one request alone: foretell nothing, compare nothing")
+        ->excludes(store_dry_run);
 
     CLI::App* rename =
         add_command(app, options, Options::Command::rename, "rename", "change title and server identity of a preset");

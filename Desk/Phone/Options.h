@@ -30,9 +30,10 @@ struct Options {
     std::string preset_file;          // store
     std::string picture_file;         // store
     bool fits_picture = false;        // store
+    bool unchecked = false;           // store: the one request alone
     std::string title;                // rename
     std::optional<int32_t> server_id; // rename
-    bool dry_run = false;             // remove, restore, copy
+    bool dry_run = false;             // store, remove, restore, copy
     std::string folder;               // back_up, restore
     bool overwrites = false;          // back_up
     std::vector<std::string> files;   // restore; all when there are none

@@ -236,6 +236,32 @@ nlohmann::ordered_json json_of(const StoreReply& reply) {
             {"applocal_id", reply.applocal_id}};
 }
 
+nlohmann::ordered_json json_of(const std::vector<Change>& changes) {
+    Json list = Json::array();
+    for (const Change& change : changes) {
+        Json one = {{"entry", change.entry},
+                    {"wanted", change.wanted},
+                    {"expected", change.expected},
+                    {"reason", change.reason}};
+        if (!change.condition.empty()) {
+            one["condition"] = change.condition;
+        }
+        list.push_back(std::move(one));
+    }
+    return list;
+}
+
+nlohmann::ordered_json json_of(const std::vector<Surprise>& surprises) {
+    Json list = Json::array();
+    for (const Surprise& one : surprises) {
+        list.push_back({{"custom_id", one.custom_id},
+                        {"entry", one.difference.entry},
+                        {"expected", one.difference.expected},
+                        {"found", one.difference.found}});
+    }
+    return list;
+}
+
 nlohmann::ordered_json json_of(const DeleteReply& reply, const std::vector<Deletion>& deletions) {
     return {{"result", reply.result}, {"asked", json_of(deletions, "deleted")}, {"presets", json_of(reply.presets)}};
 }

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "CarefulStore.h"
 #include "Wire/Frames.h"
 
 namespace desk::phone {
@@ -49,6 +50,9 @@ std::string foreseen_lines_of(const std::vector<Deletion>& deletions);
 
 nlohmann::ordered_json json_of(const ListReply& reply);
 nlohmann::ordered_json json_of(const StoreReply& reply);
+// What was foretold of a preset that is stored, and what came out otherwise.
+nlohmann::ordered_json json_of(const std::vector<Change>& changes);
+nlohmann::ordered_json json_of(const std::vector<Surprise>& surprises);
 nlohmann::ordered_json json_of(const DeleteReply& reply, const std::vector<Deletion>& deletions);
 nlohmann::ordered_json foreseen_json_of(const std::vector<Deletion>& deletions);
 

@@ -169,7 +169,6 @@ class Backup {
     void fetch_picture(const sm_tag_custom_info& preset, BackupEntry& entry) {
         const Bytes picture = picture_of(preset);
         if (picture.empty()) {
-            progress_.clear();
             complain(fmt::format("the camera could not read the picture of {}; the preset is saved without",
                                  reference_to({entry.number, preset})));
             manifest_.obsolete.push_back(entry.picture->name);
@@ -284,7 +283,8 @@ void tell(const Options& options, const BackupManifest& manifest, size_t kept) {
                     {"without_picture", without_picture(manifest)}});
         return;
     }
-    const std::string already = kept == 0 ? "" : fmt::format(", {} of them {} there already", kept, kept == 1 ? "was" : "were");
+    const std::string already =
+        kept == 0 ? "" : fmt::format(", {} of them {} there already", kept, kept == 1 ? "was" : "were");
     print(fmt::format("{} preset{}, {}, in {}{}\n", count, count == 1 ? "" : "s", size_text(manifest.bytes()),
                       printable(options.folder), already));
 }
@@ -295,13 +295,6 @@ Failure broken_off(const Failure& why, const Backup& backup, const Place& place)
                                          : "run it again to go on";
     return {why.code(), fmt::format("{}; {} of {} presets are saved, {}", why.what(), backup.saved(),
                                     backup.manifest().presets.size(), remedy)};
-}
-
-// One bar for all takes the place of the client's own.
-Options without_progress(const Options& options) {
-    Options quiet = options;
-    quiet.quiet = true;
-    return quiet;
 }
 
 } // namespace

@@ -120,7 +120,7 @@ void BackupFolder::remove_if_empty() const {
 }
 
 std::optional<BackupManifest> BackupFolder::manifest() const {
-    const std::optional<Bytes> text = read(manifest_name, longest_manifest);
+    const std::optional<Bytes> text = read(manifest_name, longest_manifest, "give the folder of a backup");
     if (!text) {
         return std::nullopt;
     }
@@ -162,7 +162,11 @@ void BackupFolder::require_nothing_else(const BackupManifest& manifest, bool may
     }
 }
 
-std::optional<Bytes> BackupFolder::read(const std::string& name, size_t most) const {
+bool BackupFolder::has(const std::string& name) const {
+    return status_of(path_of(name)).has_value();
+}
+
+std::optional<Bytes> BackupFolder::read(const std::string& name, size_t most, const std::string& remedy) const {
     const std::string path = path_of(name);
     const std::optional<struct stat> status = status_of(path);
     if (!status) {
@@ -173,7 +177,7 @@ std::optional<Bytes> BackupFolder::read(const std::string& name, size_t most) co
                       fmt::format("{} is no plain file, as those of a backup are; put the file itself in its place",
                                   printable(path)));
     }
-    return read_file(path, most);
+    return read_file(path, most, remedy);
 }
 
 bool BackupFolder::holds(const BackupFile& file) const {
@@ -184,7 +188,7 @@ bool BackupFolder::holds(const BackupFile& file) const {
     if (!status || !S_ISREG(status->st_mode) || static_cast<uintmax_t>(status->st_size) != file.bytes) {
         return false;
     }
-    const std::optional<Bytes> content = read(file.name, longest_file);
+    const std::optional<Bytes> content = read(file.name, longest_file, "");
     return content && file.holds(*content);
 }
 

@@ -40,8 +40,9 @@ class BackupFolder {
     void require_nothing_else(const BackupManifest& manifest, bool may_be_replaced) const;
 
     // The bytes of a plain file, or nothing when there is none. Throws Failure for a link, a folder, a pipe, or a file
-    // with more bytes.
-    std::optional<Bytes> read(const std::string& name, size_t most) const;
+    // with more bytes, for which `remedy` is what mends it.
+    std::optional<Bytes> read(const std::string& name, size_t most, const std::string& remedy) const;
+    bool has(const std::string& name) const;
     bool holds(const BackupFile& file) const;
     void write(const std::string& name, std::span<const uint8_t> bytes) const;
     void remove(const std::string& name) const;

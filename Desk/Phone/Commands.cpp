@@ -13,6 +13,7 @@
 #include "Check.h"
 #include "Common/Files.h"
 #include "Common/Text.h"
+#include "Copy.h"
 #include "Fit.h"
 #include "Jpeg.h"
 #include "Options.h"
@@ -22,6 +23,8 @@
 #include "PresetFiles/PresetJson.h"
 #include "PresetNames.h"
 #include "Presets.h"
+#include "Restore.h"
+#include "StorablePicture.h"
 #include "Words/Describe.h"
 #include "Words/Results.h"
 
@@ -190,30 +193,17 @@ Bytes file_of_picture(const std::string& path, bool fits) {
                                  longest_file_to_fit >> 20U));
 }
 
-void check_picture(const Bytes& picture, const std::string& name) {
-    if (!is_jpeg(picture)) {
-        throw Failure(exit_usage,
-                      fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is broken", name));
-    }
-    if (picture.size() < smallest_picture) {
-        throw Failure(exit_usage, fmt::format("{} has {} bytes; the camera takes pictures of at least {}", name,
-                                              picture.size(), smallest_picture));
-    }
-}
-
 SentPicture picture_from(const std::string& path, bool fits) {
     Bytes picture = file_of_picture(path, fits);
     const std::string name = printable(path);
-    check_picture(picture, name);
+    require_jpeg(picture, name);
     if (picture.size() > longest_picture) {
         FittedPicture fitted = fit_jpeg(picture, longest_picture, name);
         const std::string before = size_text(fitted.before, picture.size());
         const std::string after = size_text(fitted.after, fitted.jpeg.size());
         return {std::move(fitted.jpeg), fmt::format("{}: {}, sent as {}", name, before, after)};
     }
-    if (const std::optional<std::string> fault = fault_of_jpeg(picture)) {
-        throw Failure(exit_usage, broken_picture(name, *fault));
-    }
+    require_whole(picture, name);
     return {std::move(picture), ""};
 }
 
@@ -406,8 +396,9 @@ int run(const Options& options) {
     case Options::Command::back_up:
         return back_up(options);
     case Options::Command::restore:
+        return restore(options);
     case Options::Command::copy:
-        return exit_usage;
+        return copy(options);
     case Options::Command::leave:
         return leave(options);
     case Options::Command::check:

@@ -129,6 +129,19 @@ void add_copying_commands(CLI::App& app, Arguments& arguments) {
     CLI::App* backup = add_command(app, options, Options::Command::back_up, "backup", "save all presets in a folder");
     backup->add_option("DIR", options.folder, "where to; it is made when it is not there")->required()->type_name("");
     backup->add_flag("--overwrite", options.overwrites, "replace the complete backup that is there");
+
+    CLI::App* restore =
+        add_command(app, options, Options::Command::restore, "restore", "store the presets of a backup");
+    restore->add_option("DIR", options.folder, "the backup")->required()->type_name("");
+    restore->add_option("FILE", options.files, "only these of its preset files")->type_name("");
+    restore->add_flag("--edited", options.takes_edited, "take files that have changed since the backup, too");
+    restore->add_flag("--incomplete", options.takes_incomplete, "restore what a backup has that was broken off");
+    restore->add_flag("--dry-run", options.dry_run, "only say what would be stored, and what becomes of it");
+
+    CLI::App* copy = add_command(app, options, Options::Command::copy, "copy", "store presets in another camera");
+    add_presets(copy, arguments)->expected(1, -1)->allow_extra_args();
+    copy->add_option("--to", arguments.other_url, "the other camera's link")->required()->type_name("URL");
+    copy->add_flag("--dry-run", options.dry_run, "only say what would be stored, and what becomes of it");
 }
 
 // A list of the checks is the one thing that needs no camera.
@@ -161,8 +174,19 @@ Endpoint endpoint_of(const Arguments& arguments) {
     }
 }
 
+Endpoint other_endpoint_of(const Arguments& arguments) {
+    try {
+        return parse_endpoint(arguments.other_url);
+    } catch (const Failure& failure) {
+        throw Failure(failure.code(), fmt::format("--to: {}", printable(failure.what())));
+    }
+}
+
 Options options_from(Arguments& arguments) {
     Options& options = arguments.options;
+    if (options.command == Options::Command::copy) {
+        options.other_camera = other_endpoint_of(arguments);
+    }
     if (!options.list_checks) {
         options.camera = endpoint_of(arguments);
     }

@@ -14,8 +14,14 @@
 #include "Common/Text.h"
 
 namespace desk::phone {
+namespace {
+
+bool passing_line_shows = false;
+
+} // namespace
 
 void print(std::string_view text) {
+    clear_passing_line();
     const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
     if (written && std::fflush(stdout) == 0) {
         return;
@@ -48,11 +54,25 @@ void talk(std::string_view text) {
 }
 
 void say(std::string_view line) {
+    clear_passing_line();
     talk(printable(line) + "\n");
 }
 
 void complain(std::string_view lines) {
+    clear_passing_line();
     talk(fmt::format("shotmentor-phone: {}\n", printable_lines(lines)));
+}
+
+void show_passing_line(std::string_view text) {
+    passing_line_shows = true;
+    talk(fmt::format("\r{}\x1b[K", text));
+}
+
+void clear_passing_line() {
+    if (passing_line_shows) {
+        talk("\r\x1b[K");
+    }
+    passing_line_shows = false;
 }
 
 bool output_is_terminal() {

@@ -41,10 +41,7 @@ Progress::~Progress() {
 }
 
 void Progress::clear() {
-    if (visible_) {
-        talk("\r\x1b[K");
-    }
-    visible_ = false;
+    clear_passing_line();
 }
 
 void Progress::show(size_t done, size_t all) {
@@ -57,16 +54,14 @@ void Progress::show(size_t done, size_t all) {
         return;
     }
     shown_permille_ = permille;
-    visible_ = true;
-    talk(fmt::format("\r{}\x1b[K", line_of(label_, done, all)));
+    show_passing_line(line_of(label_, done, all));
 }
 
 void Progress::show_step(size_t number, size_t all, const std::string& name) {
     if (!wanted_) {
         return;
     }
-    visible_ = true;
-    talk(fmt::format("\r[{}] {} of {} {}\x1b[K", bar_of(number - 1, all, step_bar_length), number, all, name));
+    show_passing_line(fmt::format("[{}] {} of {} {}", bar_of(number - 1, all, step_bar_length), number, all, name));
 }
 
 } // namespace desk::phone

@@ -6,18 +6,21 @@ import json
 import os
 import re
 import resource
+import select
 import shutil
 import signal
+import socket
 import struct
 import subprocess
 import tempfile
-import time
+import threading
 import unittest
+from random import Random
 
 from desk import (
-    LIST, PATIENCE, PHONE, PICTURE, REPLY, STORE, Camera, DeskTest, FakeCamera, Stored, changed, environment_of_programs,
-    get, list_reply, phone_record, picture, request, run_on_terminal, run_phone, stored_picture, update_request,
-    what_a_phone_gets,
+    LIST, PATIENCE, PHONE, PHONE_RECORD, PICTURE, REPLY, STORE, Camera, DeskTest, FakeCamera, Stored, changed,
+    environment_of_programs, get, list_reply, measure_phone, phone_record, picture, request, run_on_terminal, run_phone,
+    store_request, stored_picture, what_a_phone_gets,
 )  # fmt: skip
 
 MEMORY = "/dev/shm"  # flushes take no time there
@@ -487,6 +490,608 @@ class Overwriting(BackupTest):
         self.assertEnds(self.back_up_shelf(self.shelf, "--overwrite"), 0)
         self.assertEqual(self.shelf.asked[asked:], [2])
         self.assertReplaced()
+
+
+# ---- Restoring ---------------------------------------------------------------------------------------------
+
+OWN = {"preset_num", "custom_id", "screennail_path"}  # every camera gives its own
+
+
+def flat(entries):
+    """The entries of a preset file, those of its style among the others."""
+    return {**{name: value for name, value in entries.items() if name != "cs_info"}, **entries.get("cs_info", {})}
+
+
+class RestoreTest(BackupTest):
+    def second_camera(self, *options, **more):
+        camera = Camera(self.path("second"), "--empty", *options, **more)
+        self.addCleanup(lambda: camera.process.poll() is None and camera.kill())
+        return camera
+
+    def restore(self, url, *options, place=None, **more):
+        return run_phone(url, "--timeout", PATIENCE, "restore", place or self.place, *options, **more)
+
+    def titles(self, camera):
+        return [get(record, "title").rstrip(b"\0") for record in camera.presets()]
+
+    def make_backup(self, *titles):
+        """A backup of presets that a camera stores as they are."""
+        shelf = Shelf(*titles)
+        shelf.records = [
+            changed(record, color_style=13, cs_color_off_color=-1, iso=100, iso_1_3=100) for record in shelf.records
+        ]
+        self.assertEnds(self.back_up_shelf(shelf), 0)
+        return shelf
+
+
+class RoundTrip(RestoreTest):
+    """The samples in a backup, restored into an empty camera, and in a backup again."""
+
+    def compare(self, first_steps, second_steps):
+        self.samples()
+        with self.camera("--iso-step", first_steps) as camera:
+            self.assertEnds(self.back_up(camera), 0)
+        with self.second_camera("--iso-step", second_steps) as camera:
+            done = self.restore(camera.url, "--json")
+            self.assertEnds(done, 0)
+            self.assertEnds(self.back_up(camera, place=self.path("again")), 0)
+            again = self.restore(camera.url)
+            self.assertEnds(again, 0)
+            self.assertEqual(len(camera.presets()), 12)
+        self.assertEqual(again.stdout.splitlines()[-1], b"0 of 12 stored, 12 held already")
+        told = json.loads(done.stdout)
+        self.assertEqual(told["differences"], [])
+        before, after = contents(self.place), contents(self.path("again"))
+        self.assertEqual(sorted(before), sorted(after))
+        for stem, preset in zip(SAMPLES, told["presets"]):
+            self.assertEqual((preset["source"], preset["fate"]), (stem + ".json", "stored"))
+            self.assertEqual(before[stem + ".jpg"], after[stem + ".jpg"])
+            old, new = (flat(json.loads(files[stem + ".json"])) for files in (before, after))
+            differing = {name for name in {**old, **new} if old.get(name) != new.get(name)}
+            named = {change["entry"] for change in preset["forecast"]}
+            certain = {change["entry"] for change in preset["forecast"] if not change.get("condition")}
+            self.assertLessEqual(differing - OWN, named, stem)
+            self.assertLessEqual(certain, differing, stem)
+        changed_entries = {"custom_id", "preset"}  # the preset's file has another sum
+        for old, new in zip(*(manifest_of(place)["presets"] for place in (self.place, self.path("again")))):
+            self.assertEqual({name for name in old if old[name] != new[name]} - changed_entries, set())
+
+    def test_differs_in_what_was_foretold_between_full_steps(self):
+        self.compare("full", "full")
+
+    def test_differs_in_what_was_foretold_between_third_steps(self):
+        self.compare("third", "third")
+
+    def test_differs_in_what_was_foretold_from_full_to_third_steps(self):
+        self.compare("full", "third")
+
+    def test_differs_in_what_was_foretold_from_third_to_full_steps(self):
+        self.compare("third", "full")
+
+
+class Restoring(RestoreTest):
+    TITLES = (b"One", b"Two", b"Three")
+
+    def setUp(self):
+        super().setUp()
+        self.shelf = self.make_backup(*self.TITLES)
+
+    def test_all_is_stored_in_the_order_of_the_backup(self):
+        with self.second_camera() as camera:
+            done = self.restore(camera.url)
+            self.assertEnds(done, 0)
+            self.assertEqual(self.titles(camera), list(self.TITLES))
+        lines = [
+            f"0{n}-{name}.json: stored, preset {n} with id {n + 1}" for n, name in enumerate(("one", "two", "three"))
+        ]
+        self.assertEqual(done.stdout.decode().splitlines(), [*lines, "3 of 3 stored"])
+        self.assertEqual(done.stderr, b"")
+        for custom_id in (1, 2, 3):
+            self.assertEqual(stored_picture(self.path("second"), custom_id), self.shelf.pictures[custom_id])
+
+    def test_what_the_camera_holds_stays_as_it_is(self):
+        self.samples()
+        with self.camera() as camera:
+            before = camera.presets()
+            self.assertEnds(self.restore(camera.url), 0)
+            self.assertEqual(camera.presets()[:12], before)
+            self.assertEqual(self.titles(camera)[12:], list(self.TITLES))
+
+    def test_what_is_held_already_is_passed_over(self):
+        with self.second_camera() as camera:
+            self.assertEnds(self.restore(camera.url, "01-two.json"), 0)
+            done = self.restore(camera.url)
+            self.assertEnds(done, 0)
+            self.assertEqual(self.titles(camera), [b"Two", b"One", b"Three"])
+        self.assertIn(b"01-two.json: held already, preset 0 with id 1\n", done.stdout)
+        self.assertEqual(done.stdout.splitlines()[-1], b"2 of 3 stored, 1 held already")
+
+    def test_one_with_another_picture_is_another_one(self):
+        other = Shelf(*self.TITLES[:1])
+        other.records, other.pictures = self.shelf.records[:1], {1: picture(77, 400)}
+        self.assertEnds(self.back_up_shelf(other, place=self.path("other")), 0)
+        with self.second_camera() as camera:
+            self.assertEnds(self.restore(camera.url, place=self.path("other")), 0)
+            self.assertEnds(self.restore(camera.url), 0)
+            self.assertEqual(self.titles(camera), [b"One", *self.TITLES])
+
+    def test_one_of_the_camera_stands_for_one_of_the_backup(self):
+        shelf = Shelf(b"Same", b"Same")
+        shelf.pictures[2] = shelf.pictures[1]
+        self.assertEnds(self.back_up_shelf(shelf, place=self.path("twins")), 0)
+        with self.second_camera() as camera:
+            self.assertEnds(self.restore(camera.url, "00-same.json", place=self.path("twins")), 0)
+            self.assertEnds(self.restore(camera.url, place=self.path("twins")), 0)
+            self.assertEqual(self.titles(camera), [b"Same", b"Same"])
+
+    def test_files_that_are_named_are_restored_alone(self):
+        with self.second_camera() as camera:
+            self.assertEnds(self.restore(camera.url, "02-three.json", os.path.join(self.place, "00-one.json")), 0)
+            self.assertEqual(self.titles(camera), [b"One", b"Three"])
+            self.assertOneLine(self.restore(camera.url, "03-four.json"), 2, "03-four.json")
+
+    def test_a_dry_run_stores_nothing(self):
+        with self.second_camera() as camera:
+            self.assertEnds(self.restore(camera.url, "01-two.json"), 0)
+            done = self.restore(camera.url, "--dry-run")
+            self.assertEnds(done, 0)
+            self.assertEqual(self.titles(camera), [b"Two"])
+        self.assertEqual(
+            done.stdout,
+            b"00-one.json: would be stored\n01-two.json: held already, preset 0 with id 1\n"
+            b"02-three.json: would be stored\n",
+        )
+
+    def test_a_camera_without_room_gets_nothing(self):
+        with self.second_camera() as camera:
+            with camera.link() as link:
+                for number in range(38):
+                    link.ask(store_request(phone_record(b"Other %d" % number), picture(number)))
+            self.assertOneLine(self.restore(camera.url), 2, "3 presets", "room for 2")
+            self.assertEqual(len(camera.presets()), 38)
+            self.assertEnds(self.restore(camera.url, "00-one.json"), 0)
+            self.assertOneLine(self.restore(camera.url), 2, "2 presets", "room for 1")
+            self.assertEnds(self.restore(camera.url, "00-one.json", "01-two.json"), 0)
+            self.assertEqual(self.titles(camera)[38:], [b"One", b"Two"])
+
+    def test_a_refusal_says_how_far_it_came(self):
+        with self.second_camera("--save-result", "-1") as camera:
+            done = self.restore(camera.url)
+        self.assertOneLine(done, 11, "answered -1", "0 of 3 stored", "run it again")
+
+    def test_what_a_camera_shows_otherwise_is_told(self):
+        records = []
+
+        def answer(function, data):
+            if function == STORE:
+                sent = data[8 : 8 + PHONE_RECORD]
+                records.append(changed(sent, custom_id=len(records) + 1, ev_step=53, iso=100, iso_1_3=100))
+                return request(REPLY + STORE, struct.pack("<iiii", 1, len(records) - 1, len(records), 0))
+            if function == LIST:
+                return list_reply(records)
+            return request(REPLY + PICTURE, data[8:12] + self.shelf.pictures[struct.unpack_from("<i", data, 8)[0]])
+
+        with FakeCamera(self.folder, answer) as camera:
+            done = self.restore(camera.url)
+        self.assertEnds(done, 33)
+        self.assertEqual(len(records), 3)
+        self.assertEqual(done.stderr.count(b"ev_step"), 3, done.stderr)
+
+    def test_json_tells_of_each_preset(self):
+        with self.second_camera() as camera:
+            self.assertEnds(self.restore(camera.url, "01-two.json"), 0)
+            done = self.restore(camera.url, "--json")
+        self.assertEnds(done, 0)
+        told = json.loads(done.stdout)
+        self.assertEqual(
+            [
+                (one["source"], one["title"], one["fate"], one["preset_num"], one["custom_id"])
+                for one in told["presets"]
+            ],
+            [
+                ("00-one.json", "One", "stored", 1, 2),
+                ("01-two.json", "Two", "held already", 0, 1),
+                ("02-three.json", "Three", "stored", 2, 3),
+            ],
+        )
+        self.assertEqual(told["differences"], [])
+
+    def test_what_the_backup_has_no_picture_of_is_left_out(self):
+        self.shelf.pictures[2] = b""
+        self.assertEnds(self.back_up_shelf(self.shelf, "--overwrite"), 9)
+        with self.second_camera() as camera:
+            done = self.restore(camera.url)
+            self.assertOneLine(done, 9, "01-two.json", "no picture", "store")
+            self.assertEqual(self.titles(camera), [b"One", b"Three"])
+        self.assertEqual(done.stdout.splitlines()[-1], b"2 of 3 stored, 1 left out")
+
+    def test_a_backup_that_broke_off_is_restored_on_demand(self):
+        shelf = Shelf(*self.TITLES)
+        shelf.pictures.pop(3)
+        place = self.path("half")
+        self.assertEnds(self.back_up_shelf(shelf, place=place, timeout=0.3), 4)
+        with self.second_camera() as camera:
+            self.assertOneLine(self.restore(camera.url, place=place), 2, "not complete", "--incomplete")
+            self.assertEqual(self.titles(camera), [])
+            done = self.restore(camera.url, "--incomplete", place=place)
+            self.assertEnds(done, 9)
+            self.assertIn(b"02-three.json was not saved", done.stderr)
+            self.assertEqual(self.titles(camera), [b"One", b"Two"])
+
+
+class Cutter:
+    """Passes bytes on between a phone and a camera over TCP, and cuts the link when the phone has sent `most`."""
+
+    def __init__(self, camera_url, most):
+        self.camera = ("127.0.0.1", int(camera_url.rpartition(":")[2]))
+        self.left = most
+        self.server = socket.create_server(("127.0.0.1", 0))
+        self.url = f"tcp:127.0.0.1:{self.server.getsockname()[1]}"
+        self.thread = threading.Thread(target=self._pass_on, daemon=True)
+        self.thread.start()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.server.close()
+        self.thread.join(PATIENCE)
+
+    def _pass_on(self):
+        with contextlib.suppress(OSError):
+            phone, _ = self.server.accept()
+            with phone, socket.create_connection(self.camera) as camera:
+                while True:
+                    for ready in select.select([phone, camera], [], [], PATIENCE)[0]:
+                        data = ready.recv(min(65536, self.left) if ready is phone else 65536)
+                        if not data:
+                            return
+                        (camera if ready is phone else phone).sendall(data)
+                        if ready is phone:
+                            self.left -= len(data)
+                    if self.left == 0:
+                        camera.shutdown(socket.SHUT_WR)
+                        select.select([camera], [], [], PATIENCE)  # until the camera has read it
+                        return
+
+
+class CutOff(RestoreTest):
+    """A restore that breaks off is run again, and nothing is there twice."""
+
+    TITLES = (b"One", b"Two", b"Three")
+    STORED = 8 + PHONE_RECORD + 400  # bytes of a request to store, and its picture's number more
+
+    def test_one_whose_link_is_cut_goes_on(self):
+        self.make_backup(*self.TITLES)
+        ends = [8 + n * self.STORED for n in range(4)]
+        for most in sorted({*range(4, 8 + 3 * self.STORED, 331), *ends, *(end + 8 for end in ends)}):
+            with self.subTest(most=most):
+                with self.second_camera(kind="tcp") as camera:
+                    with Cutter(camera.url, most) as cutter:
+                        done = self.restore(cutter.url, wait_for_turn=False)
+                    self.assertOneLine(done, 6)
+                    told = re.search(r"(\d) of 3 stored", done.stderr.decode())
+                    held = self.wait_for_presets(camera)
+                    if told:
+                        self.assertIn(len(held) - int(told[1]), (0, 1) if b"may be in" in done.stderr else (0,))
+                    self.assertEqual(held, list(self.TITLES[: len(held)]))
+                    self.assertEnds(self.restore(camera.url), 0)
+                    self.assertEqual(self.titles(camera), list(self.TITLES))
+                shutil.rmtree(self.path("second"))
+
+    def wait_for_presets(self, camera):
+        """What the camera holds once the last phone has gone."""
+        with camera.link():
+            pass
+        return self.titles(camera)
+
+    def test_one_that_a_signal_ends_finishes_what_is_under_way(self):
+        self.make_backup(*self.TITLES)
+        stored = []
+
+        def answer(function, data):
+            if function == LIST:
+                return list_reply([])
+            stored.append(data)
+            process.send_signal(signal.SIGINT)
+            return request(REPLY + STORE, struct.pack("<iiii", 1, 0, 1, 0))
+
+        with FakeCamera(self.folder, answer) as camera:
+            process = subprocess.Popen(
+                [PHONE, "--connect", camera.url, "restore", self.place], stdin=subprocess.DEVNULL,
+                stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=environment_of_programs(),
+            )  # fmt: skip
+            output, talk = process.communicate(timeout=PATIENCE)
+        self.assertEqual(process.returncode, 32)
+        self.assertEqual(len(stored), 1)
+        self.assertEqual(output, b"00-one.json: stored, preset 0 with id 1\n")
+        self.assertIn(b"1 of 3 stored", talk)
+
+
+class Untrusted(RestoreTest):
+    """A backup that is not as it was written is refused before a camera is asked for."""
+
+    def setUp(self):
+        super().setUp()
+        self.make_backup(b"One", b"Two")
+        self.manifest = manifest_of(self.place)
+
+    def restore_nowhere(self, *options, place=None):
+        """There is no camera: whoever gets as far as to ask for it ends with 3."""
+        return self.restore(f"unix:{self.folder}/none.sock", *options, place=place)
+
+    def write_manifest(self, content):
+        with open(os.path.join(self.place, MANIFEST), "wb") as file:
+            file.write(content if isinstance(content, bytes) else json.dumps(content).encode())
+
+    def assertRefused(self, *words, options=(), code=2, place=None):
+        self.assertOneLine(self.restore_nowhere(*options, place=place), code, *words)
+
+    def path_in(self, name):
+        return os.path.join(self.place, name)
+
+    def replace_file(self, name, content):
+        """Puts other bytes in the place of a file, with their sum in the manifest."""
+        self.file(os.path.join("backup", name), content)
+        for entry in self.manifest["presets"]:
+            for file in (entry["preset"], entry["picture"]):
+                if file["file"] == name:
+                    file.update(bytes=len(content), sha256=hashlib.sha256(content).hexdigest())
+        self.write_manifest(self.manifest)
+
+    def test_a_whole_one_is_taken(self):
+        self.assertEnds(self.restore_nowhere(), 3)
+        self.write_manifest(self.manifest)
+        self.assertEnds(self.restore_nowhere(), 3)
+
+    def test_a_manifest_that_is_no_manifest_is_refused(self):
+        for content in (b"", b"{}", b"[]", b"null", b"1", b"\xff\xfe", b"{" * 1000, b"[" * 500000, b'{"format": '):
+            with self.subTest(content=content[:20]):
+                self.write_manifest(content)
+                self.assertRefused(MANIFEST)
+
+    def test_an_entry_of_another_kind_is_refused(self):
+        def mend(root, path, value):
+            copy = json.loads(json.dumps(root))
+            inner = copy
+            for key in path[:-1]:
+                inner = inner[key]
+            if value is KeyError:
+                del inner[path[-1]]
+            else:
+                inner[path[-1]] = value
+            return copy
+
+        def paths(node, path=()):
+            for key, value in node.items() if isinstance(node, dict) else enumerate(node):
+                yield (*path, key), value
+                if isinstance(value, (dict, list)):
+                    yield from paths(value, (*path, key))
+
+        runs = 0
+        for path, right in list(paths(self.manifest)):
+            for wrong in ("text", 1.5, 99999999999, {}, [], [[[[[[]]]]]], KeyError):
+                is_of_its_kind = isinstance(right, str) and wrong == "text" and path[-1] in ("title", "model")
+                is_list = path[-1] == "obsolete" and wrong == []
+                if not is_of_its_kind and not is_list:
+                    with self.subTest(path=path, wrong=wrong):
+                        self.write_manifest(mend(self.manifest, path, wrong))
+                        # A name that is no file's names a file that is missing.
+                        name = "text" if path[-1] == "file" and wrong == "text" else MANIFEST
+                        self.assertRefused(name)
+                    runs += 1
+        self.assertGreater(runs, 100)
+
+    def test_another_version_is_refused(self):
+        self.write_manifest({**self.manifest, "version": 2})
+        self.assertRefused("version 2", "version 1")
+
+    def test_an_entry_that_is_given_twice_is_refused(self):
+        text = json.dumps(self.manifest)
+        self.write_manifest(text.replace('"model"', '"complete": false, "model"').encode())
+        self.assertRefused("complete", "twice")
+
+    def test_names_that_lead_out_of_the_folder_are_refused(self):
+        secret = shutil.copy(self.path_in("00-one.json"), self.path("secret.json"))
+        shutil.copy(secret, self.path_in(".hidden"))
+        for name in (
+            "../secret.json", secret, "/etc/passwd", "./00-one.json", "x/../00-one.json", "..", ".", "", ".hidden",
+            "00-one.json\0", "\x1b[2J", "a\nb", "ü.json", "x" * 101, MANIFEST,
+        ):  # fmt: skip
+            with self.subTest(name=name):
+                manifest = json.loads(json.dumps(self.manifest))
+                manifest["presets"][0]["preset"]["file"] = name
+                self.write_manifest(manifest)
+                self.assertRefused(MANIFEST, options=("--edited",))
+
+    def test_a_file_that_is_named_twice_is_refused(self):
+        self.manifest["presets"][1]["preset"]["file"] = "00-one.json"
+        self.write_manifest(self.manifest)
+        self.assertRefused("twice")
+
+    def test_more_presets_than_a_camera_holds_are_refused(self):
+        self.manifest["presets"] *= 21
+        self.manifest["count"] = 42
+        self.write_manifest(self.manifest)
+        self.assertRefused("42 presets")
+
+    def test_a_manifest_of_any_bytes_is_read_or_refused(self):
+        random = Random(7)
+        text = json.dumps(self.manifest, indent=1).encode()
+        for number in range(250):
+            damaged = bytearray(text)
+            for _ in range(random.randint(1, 4)):
+                at = random.randrange(len(damaged))
+                damaged[at : at + random.randint(0, 3)] = bytes(
+                    random.choices(b'"{}[],:09aZ\\\0\xff', k=random.randint(0, 3))
+                )
+            with self.subTest(number=number):
+                self.write_manifest(bytes(damaged))
+                done = self.restore_nowhere("--incomplete", "--edited")
+                self.assertIn(done.returncode, (2, 3), done.stderr)
+                self.assertEqual(done.stdout, b"")
+
+    def test_a_huge_file_is_not_read(self):
+        for name in (MANIFEST, "00-one.json", "00-one.jpg"):
+            with self.subTest(name=name):
+                shutil.copy(self.path_in(name), self.path("kept"))
+                os.truncate(self.path_in(name), 2 << 30)
+                done = measure_phone(f"unix:{self.folder}/none.sock", "restore", self.place, "--edited")
+                self.assertOneLine(done, 2, name)
+                self.assertLess(done.peak, 100 << 20)
+                os.replace(self.path("kept"), self.path_in(name))
+
+    def test_a_missing_file_is_named(self):
+        for name in ("01-two.json", "01-two.jpg"):
+            with self.subTest(name=name):
+                os.rename(self.path_in(name), self.path("kept"))
+                self.assertRefused(name, "missing")
+                os.rename(self.path("kept"), self.path_in(name))
+
+    def test_what_is_no_plain_file_is_refused(self):
+        for make in (lambda path: os.symlink(self.path("kept"), path), os.mkdir, os.mkfifo):
+            for name in (MANIFEST, "01-two.json", "01-two.jpg"):
+                with self.subTest(name=name):
+                    os.rename(self.path_in(name), self.path("kept"))
+                    make(self.path_in(name))
+                    self.assertRefused(name, "plain file", options=("--edited",))
+                    os.rmdir(self.path_in(name)) if make is os.mkdir else os.remove(self.path_in(name))
+                    os.rename(self.path("kept"), self.path_in(name))
+
+    def test_a_file_that_was_edited_is_taken_on_demand(self):
+        path = self.path_in("01-two.json")
+        with open(path) as file:
+            text = file.read()
+        with open(path, "w") as file:
+            file.write(text.replace('"Two"', '"Deux"'))
+        self.assertRefused("01-two.json", "--edited")
+        with self.second_camera() as camera:
+            self.assertEnds(self.restore(camera.url, "--edited"), 0)
+            self.assertEqual(self.titles(camera), [b"One", b"Deux"])
+
+    def test_an_edited_file_has_to_be_a_preset(self):
+        self.file("backup/01-two.json", "{}")
+        done = self.restore_nowhere("--edited")
+        self.assertEnds(done, 2)
+        self.assertIn(b"01-two.json", done.stderr)
+
+    def test_a_picture_has_to_be_a_whole_one(self):
+        whole = picture(1, 3000)
+        for content, word in ((whole[:-2], "cut off"), (b"GIF89a" * 100, "no JPEG"), (whole[:60], "JPEG")):
+            with self.subTest(word=word):
+                self.replace_file("01-two.jpg", content)
+                self.assertRefused("01-two.jpg", word)
+
+    def test_a_picture_that_no_request_holds_is_refused(self):
+        self.replace_file("01-two.jpg", picture(1, 600000 - 8 - 744 + 1))
+        self.assertRefused("01-two.jpg", "599249")
+        self.replace_file("01-two.jpg", picture(1, 600000 - 8 - 744))
+        self.assertEnds(self.restore_nowhere(), 3)
+
+    def test_what_is_no_backup_is_refused(self):
+        os.mkdir(self.path("empty"))
+        self.assertRefused(MANIFEST, place=self.path("empty"))
+        self.assertRefused("no folder", place=self.path("none"), code=1)
+        self.assertRefused("no folder", place=self.path_in(MANIFEST))
+
+
+# ---- Copying -----------------------------------------------------------------------------------------------
+
+
+class Copying(RestoreTest):
+    """Presets of one camera in another."""
+
+    def setUp(self):
+        super().setUp()
+        self.shelf = self.make_backup(b"One", b"Two", b"Three")
+
+    def copy(self, url, *names, to, **more):
+        return run_phone(url, "--timeout", PATIENCE, "copy", *names, "--to", to, **more)
+
+    def first_camera(self):
+        self.store = self.path("first")
+        camera = self.camera("--empty")
+        self.assertEnds(self.restore(camera.url), 0)
+        return camera
+
+    def test_records_and_pictures_come_along(self):
+        with self.first_camera() as first, self.second_camera() as second:
+            done = self.copy(first.url, "three", "0", to=second.url)
+            self.assertEnds(done, 0)
+            self.assertEqual(self.titles(second), [b"Three", b"One"])
+            self.assertEqual(self.titles(first), [b"One", b"Two", b"Three"])
+        self.assertEqual(
+            done.stdout.decode().splitlines(),
+            [
+                '"Three" (preset 2, id 3): stored, preset 0 with id 1',
+                '"One" (preset 0, id 1): stored, preset 1 with id 2',
+                "2 of 2 stored",
+            ],
+        )
+        for old, new in ((3, 1), (1, 2)):
+            self.assertEqual(stored_picture(self.path("second"), new), stored_picture(self.store, old))
+
+    def test_samples_differ_in_what_was_foretold(self):
+        self.samples()
+        with self.camera() as first, self.second_camera("--iso-step", "third") as second:
+            done = self.copy(first.url, "--json", *map(str, range(12)), to=second.url)
+            self.assertEnds(done, 0)
+            before, after = (json.loads(run_phone(c.url, "--json", "list").stdout)["presets"] for c in (first, second))
+        told = json.loads(done.stdout)
+        self.assertEqual(len(after), 12)
+        for old, new, preset in zip(map(flat, before), map(flat, after), told["presets"]):
+            named = {change["entry"] for change in preset["forecast"]}
+            self.assertLessEqual({name for name in old if old[name] != new[name]} - OWN, named)
+
+    def test_a_camera_may_be_both(self):
+        with self.first_camera() as camera:
+            self.assertEnds(self.copy(camera.url, "two", to=camera.url), 0)
+            self.assertEqual(self.titles(camera), [b"One", b"Two", b"Three", b"Two"])
+
+    def test_nothing_is_passed_over(self):
+        with self.first_camera() as first, self.second_camera() as second:
+            for _ in range(2):
+                self.assertEnds(self.copy(first.url, "one", to=second.url), 0)
+            self.assertEqual(self.titles(second), [b"One", b"One"])
+
+    def test_a_dry_run_stores_nothing(self):
+        with self.first_camera() as first, self.second_camera() as second:
+            done = self.copy(first.url, "one", "--dry-run", to=second.url)
+            self.assertEnds(done, 0)
+            self.assertEqual(self.titles(second), [])
+        self.assertEqual(done.stdout, b'"One" (preset 0, id 1): would be stored\n')
+
+    def test_a_failure_names_its_camera(self):
+        gone = f"unix:{self.folder}/none.sock"
+        with self.first_camera() as camera:
+            self.assertOneLine(self.copy(camera.url, "one", to=gone), 3, f"the camera at {gone}: ")
+            self.assertOneLine(self.copy(gone, "one", to=camera.url), 3, f"the camera at {gone}: ")
+            self.assertEqual(len(camera.presets()), 3)
+
+    def test_a_link_that_breaks_is_told_from_the_other(self):
+        def closing(function, data):
+            return FakeCamera.CLOSE if function in (PICTURE, STORE) else self.shelf.answer(function, data)
+
+        with self.first_camera() as camera, FakeCamera(self.folder, closing) as broken:
+            done = self.copy(broken.url, "two", to=camera.url)
+            self.assertOneLine(done, 6, f"the camera at {broken.url} closed the link", "0 of 1 stored")
+            self.assertNotIn(b"may be in the camera", done.stderr)
+        with self.camera() as camera, FakeCamera(self.folder, closing) as broken:
+            done = self.copy(camera.url, "two", to=broken.url)
+            self.assertOneLine(done, 6, f"the camera at {broken.url} closed the link", "may be in the camera")
+
+    def test_a_picture_that_cannot_be_read_stops_it(self):
+        self.shelf.pictures[2] = b""
+        with FakeCamera(self.folder, self.shelf.answer) as first, self.second_camera() as second:
+            done = self.copy(first.url, "one", "two", "three", to=second.url)
+            self.assertOneLine(done, 9, f"the camera at {first.url} could not read", '"Two"', "1 of 3 stored")
+            self.assertEqual(self.titles(second), [b"One"])
+
+    def test_a_preset_that_is_not_there_stops_it_before_all(self):
+        with self.first_camera() as first, self.second_camera() as second:
+            self.assertEnds(self.copy(first.url, "one", "seven", to=second.url), 9)
+            self.assertEqual(self.titles(second), [])
+            self.assertOneLine(self.copy(first.url, "one", to="nowhere"), 2, "--to")
 
 
 if __name__ == "__main__":

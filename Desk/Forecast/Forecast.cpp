@@ -164,24 +164,35 @@ std::optional<Difference> difference_of_text(const Field& field, const Bytes& ex
     return text_difference(field, expected, found);
 }
 
+// A word in words, or where those would be the same, in numbers.
+Difference word_difference(const Field& field, size_t word, const Bytes& expected, const Bytes& found) {
+    constexpr size_t mode_offset = offsetof(sm_tag_custom_info, mode);
+    const size_t offset = field.offset + word * sizeof(int32_t);
+    const int32_t before = get_word(expected, offset);
+    const int32_t after = get_word(found, offset);
+    std::string before_text = word_text(field, before, get_word(expected, mode_offset));
+    std::string after_text = word_text(field, after, get_word(found, mode_offset));
+    if (before_text == after_text) {
+        before_text = fmt::format("{}", before);
+        after_text = fmt::format("{}", after);
+    }
+    return {field.name, place_text(field, word) + before_text, after_text};
+}
+
 // The first word that differs, and how many more do.
 std::optional<Difference> difference_of_words(const Field& field, const Bytes& expected, const Bytes& found) {
-    constexpr size_t mode_offset = offsetof(sm_tag_custom_info, mode);
     std::optional<Difference> difference;
     size_t more = 0;
     for (size_t word = 0; word < field.words(); ++word) {
         const size_t offset = field.offset + word * sizeof(int32_t);
-        const int32_t before = get_word(expected, offset);
-        const int32_t after = get_word(found, offset);
-        if (before == after) {
+        if (get_word(expected, offset) == get_word(found, offset)) {
             continue;
         }
         if (difference) {
             ++more;
-            continue;
+        } else {
+            difference = word_difference(field, word, expected, found);
         }
-        difference = {field.name, place_text(field, word) + word_text(field, before, get_word(expected, mode_offset)),
-                      word_text(field, after, get_word(found, mode_offset))};
     }
     if (more > 0) {
         difference->found += fmt::format(", and {} more", more);
@@ -365,6 +376,9 @@ sm_tag_custom_info sendable(const sm_tag_custom_info& as_listed) {
     }
     if (is_manual(sent.mode) && sent.ev_step == no_compensation_in_manual_lists) {
         sent.ev_step = no_compensation;
+    }
+    if (sent.mode == SM_MODE_AUTO && sent.tv_index == 0) {
+        sent.tv_index = shutter_stored_as_zero(); // the camera would take position 0 for 60 s, and not tell
     }
     for (size_t word = 0; word < colors_of_record; ++word) {
         int32_t& color = color_word(sent.cs_info, word);

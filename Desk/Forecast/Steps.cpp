@@ -92,4 +92,8 @@ std::optional<int32_t> position_of_iso(int32_t iso) {
     return position < 0 ? std::nullopt : std::optional(position);
 }
 
+int32_t shutter_stored_as_zero() {
+    return find(tKT7_APEX_TV, 0);
+}
+
 } // namespace desk

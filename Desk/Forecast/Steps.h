@@ -30,4 +30,7 @@ int32_t nearest_step(const Steps& steps, int32_t code);
 std::optional<int32_t> iso_at_position(int32_t position);
 std::optional<int32_t> position_of_iso(int32_t iso);
 
+// The shutter position that a camera stores as 0, as it does what carries no shutter time. It is that of 1 s.
+int32_t shutter_stored_as_zero();
+
 } // namespace desk

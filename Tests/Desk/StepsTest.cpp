@@ -72,5 +72,20 @@ TEST(NearestStep, BeyondAScaleIsItsEnd) {
     EXPECT_EQ(step_above(full_iso_steps(), 51201), std::nullopt);
 }
 
+TEST(IsoNumbers, HaveAPositionOnThePhonesScale) {
+    EXPECT_EQ(iso_at_position(0), 0);
+    EXPECT_EQ(iso_at_position(1), 50);
+    EXPECT_EQ(iso_at_position(9), 400);
+    EXPECT_EQ(iso_at_position(30), 51200);
+    EXPECT_EQ(iso_at_position(31), std::nullopt);
+    EXPECT_EQ(iso_at_position(-1), std::nullopt);
+    EXPECT_EQ(position_of_iso(500), 10);
+    EXPECT_EQ(position_of_iso(501), std::nullopt);
+}
+
+TEST(NoShutterTime, IsStoredAsOneSecondIs) {
+    EXPECT_EQ(shutter_stored_as_zero(), 58);
+}
+
 } // namespace
 } // namespace desk

@@ -432,7 +432,7 @@ class AgainstCamerasThatBreakTheRules(DeskTest):
         self.commands = {
             LIST: ("list",),
             PICTURE: ("picture", 1, "-o", os.path.join(self.folder, "saved.jpg")),
-            STORE: ("store", preset, self.file("p.jpg", picture(1))),
+            STORE: ("store", "--unchecked", preset, self.file("p.jpg", picture(1))),
             UPDATE: ("rename", 1, "Renamed"),
             DELETE: ("delete", 1),
         }

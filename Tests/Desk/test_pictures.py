@@ -40,7 +40,7 @@ class Sending(DeskTest):
         answer = request(REPLY + STORE, struct.pack("<iiii", 1, 2, 33, 0))
         path = self.file("picture.jpg", image) if isinstance(image, bytes) else image
         with FakeCamera(self.folder, lambda *_: answer) as camera:
-            done = measure_phone(camera.url, "store", self.preset, path, *options)
+            done = measure_phone(camera.url, "store", "--unchecked", self.preset, path, *options)
         head = request(STORE, rich_record())
         self.sent = b"".join(camera.requests)[len(head) :]
         self.assertLess(done.peak, memory)

@@ -253,7 +253,9 @@ class PhoneCalls(WatchedTest):
             file.write(self.image)
         self.commands = {
             "picture": ("picture", 3, "-o", self.target),
-            "store": ("store", os.path.join(self.files, "p.json"), os.path.join(self.files, "p.jpg")),
+            "store": (
+                "store", "--unchecked", os.path.join(self.files, "p.json"), os.path.join(self.files, "p.jpg"),
+            ),  # fmt: skip
         }
 
     def serve(self, kind):

@@ -508,8 +508,8 @@ class RestoreTest(BackupTest):
         self.addCleanup(lambda: camera.process.poll() is None and camera.kill())
         return camera
 
-    def restore(self, url, *options, place=None, **more):
-        return run_phone(url, "--timeout", PATIENCE, "restore", place or self.place, *options, **more)
+    def restore(self, url, *options, place=None, timeout=PATIENCE, **more):
+        return run_phone(url, "--timeout", timeout, "restore", place or self.place, *options, **more)
 
     def titles(self, camera):
         return [get(record, "title").rstrip(b"\0") for record in camera.presets()]

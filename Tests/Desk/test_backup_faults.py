@@ -1,6 +1,7 @@
-"""Each system call that a backup makes in its folder fails in turn, and kills the phone in turn.
+"""Each system call that a backup makes in its folder, and a restore on its link, fails in turn, and kills the phone.
 
-Whatever happens, the folder holds whole files alone, and the next run makes of it what one run would have made.
+Whatever happens, the folder holds whole files alone, and the next run makes of it what one run would have made; a
+camera has each preset once.
 """
 
 import errno
@@ -10,8 +11,8 @@ import signal
 import unittest
 
 from desk import FakeCamera, picture
-from test_backup import BackupTest, Shelf, contents
-from test_system_calls import SHORT, WatchedTest, counted, preloaded
+from test_backup import BackupTest, RestoreTest, Shelf, contents
+from test_system_calls import PATIENCE_WITH_FAULTS, SHORT, WatchedTest, counted, preloaded
 
 KINDS = ["open", "write", "fsync", "rename", "close", "mkdir", "opendir", "unlink", "rmdir"]
 FAILURES = {
@@ -113,6 +114,48 @@ class Faults(WatchedTest, BackupTest):
                     self.begin(overwrites)
                     self.assertEnds(self.run_with(overwrites, fault=fault), 0)
                     self.assertEqual(contents(self.place), contents(self.fresh))
+
+
+class RestoreFaults(WatchedTest, RestoreTest):
+    """A restore of two presets ends at each of its calls, and is run again."""
+
+    def setUp(self):
+        super().setUp()
+        self.make_backup(b"One", b"Two")
+
+    def counts(self):
+        with self.second_camera() as camera:
+            watched = preloaded(sockets=True, report=self.report)
+            self.assertEnds(self.restore(camera.url, environment=watched), 0)
+        shutil.rmtree(self.path("second"))
+        return counted(self.report)
+
+    def run_with(self, fault, codes):
+        with self.second_camera() as camera:
+            done = self.restore(
+                camera.url, timeout=PATIENCE_WITH_FAULTS, environment=preloaded(sockets=True, fault=fault),
+                wait_for_turn=False,
+            )  # fmt: skip
+            self.assertIn(done.returncode, codes, done.stderr)
+            again = self.restore(camera.url)
+            self.assertEnds(again, 0)
+            self.assertEqual(self.titles(camera), [b"One", b"Two"])
+        shutil.rmtree(self.path("second"))
+
+    def test_one_that_is_killed_at_any_call_goes_on(self):
+        faults = list(self.faults(self.counts(), {kind: ["kill"] for kind in ("connect", "send", "recv", "poll")}))
+        self.assertGreater(len(faults), 15)
+        for fault in faults:
+            with self.subTest(fault=fault):
+                self.run_with(fault, (-signal.SIGKILL,))
+
+    def test_one_whose_link_fails_at_any_call_goes_on(self):
+        errors = {"send": [errno.EPIPE], "recv": [errno.ETIMEDOUT]}
+        faults = list(self.faults(self.counts(), errors))
+        self.assertGreater(len(faults), 8)
+        for fault in faults:
+            with self.subTest(fault=fault):
+                self.run_with(fault, (4, 6))
 
 
 if __name__ == "__main__":

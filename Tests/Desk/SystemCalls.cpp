@@ -15,7 +15,6 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -90,7 +89,7 @@ Fault fault_from(std::string text) {
     fault.kind = *kind;
     fault.nth = std::atoi(text.c_str() + first + 1);
     const std::string error = text.substr(second + 1);
-    fault.error = error == "short" ? Fault::cut_short : error == "kill" ? Fault::killed : std::atoi(error.c_str());
+    fault.error = error == "short" ? Fault::cut_short : std::atoi(error.c_str());
     return fault;
 }
 
@@ -183,17 +182,17 @@ bool is_carried_out_all_the_same(const Call& call) {
 long make(State& state, Call& call, size_t size, const Ask& ask) {
     ++state.counts[static_cast<size_t>(call.kind)];
     const bool faulty = fault_is_due(state, call.kind);
-    if (faulty && state.fault->error == Fault::killed) {
-        syscall(SYS_kill, syscall(SYS_getpid), SIGKILL);
+    if (faulty && state.fault->error < 0) {
+        syscall(SYS_kill, syscall(SYS_getpid), -state.fault->error);
     }
-    if (faulty && state.fault->error != Fault::cut_short) {
+    if (faulty && state.fault->error > 0) {
         call.error = state.fault->error;
         if (is_carried_out_all_the_same(call)) {
             ask(size);
         }
         call.result = -1;
     } else {
-        call.result = ask(faulty && size > 1 ? size / 2 : size);
+        call.result = ask(faulty && state.fault->error == Fault::cut_short && size > 1 ? size / 2 : size);
         call.error = call.result < 0 ? errno : 0;
     }
     report(state, call);

@@ -12,7 +12,7 @@
 //     SYSTEM_CALLS_FOLDER=PATH   watches this folder
 //     SYSTEM_CALLS_SOCKETS=1     watches all sockets that the program opens or accepts
 //     SYSTEM_CALLS_FAULT=KIND:NTH:ERROR[+]
-//                                the fault: NTH from 1, ERROR a number, "short" or "kill", + for all from then on
+//                                the fault: NTH from 1, ERROR a number or "short", + for all from then on
 //     SYSTEM_CALLS_REPORT=PATH   gets a line for each call that counts: KIND NTH RESULT ERROR PATH
 #pragma once
 
@@ -80,11 +80,10 @@ struct Call {
 
 struct Fault {
     static constexpr int cut_short = 0;
-    static constexpr int killed = -1; // the process ends before the call
 
     Kind kind = Kind::count;
     int nth = 1;           // which call of its kind, from 1
-    int error = cut_short; // errno, or `cut_short`: half of the bytes are moved
+    int error = cut_short; // errno, or `cut_short`: half of the bytes are moved; below 0 a signal comes with the call
     bool from_then_on = false;
 };
 

@@ -19,8 +19,8 @@ from random import Random
 
 from desk import (
     LIST, PATIENCE, PHONE, PHONE_RECORD, PICTURE, REPLY, STORE, Camera, DeskTest, FakeCamera, Stored, changed,
-    environment_of_programs, get, list_reply, measure_phone, phone_record, picture, request, run_on_terminal, run_phone,
-    store_request, stored_picture, what_a_phone_gets,
+    environment_of_programs, get, list_reply, measure_phone, phone_record, picture, request, run_camera,
+    run_on_terminal, run_phone, store_request, stored_picture, what_a_phone_gets,
 )  # fmt: skip
 
 MEMORY = "/dev/shm"  # flushes take no time there
@@ -605,6 +605,25 @@ class Restoring(RestoreTest):
             self.assertEqual(self.titles(camera), [b"Two", b"One", b"Three"])
         self.assertIn(b"01-two.json: held already, preset 0 with id 1\n", done.stdout)
         self.assertEqual(done.stdout.splitlines()[-1], b"2 of 3 stored, 1 held already")
+
+    def test_a_camera_holds_what_was_backed_up_there(self):
+        self.samples()
+        place = self.path("samples")
+        with self.camera() as camera:
+            self.assertEnds(self.back_up(camera, place=place), 0)
+            done = self.restore(camera.url, place=place)
+            self.assertEnds(done, 0)
+        self.assertEqual(done.stdout.splitlines()[-1], b"0 of 12 stored, 12 held already")
+
+    def test_one_that_a_custom_mode_uses_now_is_held(self):
+        with self.second_camera() as camera:
+            self.assertEnds(self.restore(camera.url), 0)
+        self.assertEqual(run_camera(self.path("second"), "link", "CUSTOM2", "1").returncode, 0)
+        with self.second_camera() as camera:
+            self.assertEqual(get(camera.presets()[1], "linked_custom_mode"), 2)
+            done = self.restore(camera.url)
+            self.assertEnds(done, 0)
+        self.assertEqual(done.stdout.splitlines()[-1], b"0 of 3 stored, 3 held already")
 
     def test_one_with_another_picture_is_another_one(self):
         other = Shelf(*self.TITLES[:1])

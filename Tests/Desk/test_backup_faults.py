@@ -79,7 +79,7 @@ class Faults(WatchedTest, BackupTest):
 
     def test_one_that_is_killed_at_any_call_goes_on(self):
         for overwrites in (False, True):
-            faults = self.all_faults(overwrites, {kind: ["kill"] for kind in KINDS})
+            faults = self.all_faults(overwrites, {kind: [-signal.SIGKILL] for kind in KINDS})
             self.assertGreater(len(faults), 30)
             for fault in faults:
                 with self.subTest(overwrites=overwrites, fault=fault):
@@ -88,6 +88,19 @@ class Faults(WatchedTest, BackupTest):
                     self.assertEqual(done.returncode, -signal.SIGKILL)
                     self.assertWholeFiles()
                     self.assertGoesOn(overwrites)
+
+    def test_one_that_is_interrupted_at_any_call_leaves_whole_files_alone(self):
+        faults = self.all_faults(False, {kind: [-signal.SIGINT] for kind in KINDS})
+        self.assertGreater(len(faults), 30)
+        for fault in faults:
+            with self.subTest(fault=fault):
+                self.begin(False)
+                done = self.run_with(False, fault=fault)
+                self.assertEqual(done.returncode, -signal.SIGINT)
+                self.assertWholeFiles()
+                left = os.listdir(self.place) if os.path.exists(self.place) else []
+                self.assertEqual([name for name in left if name.startswith(".")], [])
+                self.assertGoesOn(False)
 
     def test_one_that_a_call_fails_ends_with_one_line_and_goes_on(self):
         for overwrites in (False, True):
@@ -101,8 +114,7 @@ class Faults(WatchedTest, BackupTest):
                     self.assertOneLine(done.stderr.decode())
                     self.assertEqual(done.stdout, b"")
                     self.assertWholeFiles()
-                    left = [name for name in os.listdir(self.folder) if name.startswith(".shotmentor-")]
-                    self.assertEqual(left, [])
+                    self.assertEqual([name for name in os.listdir(self.folder) if name.startswith(".")], [])
                     self.assertGoesOn(overwrites)
 
     def test_calls_that_are_interrupted_or_cut_short_are_not_seen(self):
@@ -143,7 +155,9 @@ class RestoreFaults(WatchedTest, RestoreTest):
         shutil.rmtree(self.path("second"))
 
     def test_one_that_is_killed_at_any_call_goes_on(self):
-        faults = list(self.faults(self.counts(), {kind: ["kill"] for kind in ("connect", "send", "recv", "poll")}))
+        faults = list(
+            self.faults(self.counts(), {kind: [-signal.SIGKILL] for kind in ("connect", "send", "recv", "poll")})
+        )
         self.assertGreater(len(faults), 15)
         for fault in faults:
             with self.subTest(fault=fault):

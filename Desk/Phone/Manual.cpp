@@ -26,6 +26,8 @@ command_line::Manual manual() {
                       "shotmentor-phone --connect tcp:localhost:7700 store dawn.json dawn.jpg"},
                      {"Store one with a picture as large as cameras take them:",
                       "shotmentor-phone --connect tcp:localhost:7700 store dawn.json photo.jpg --fit"},
+                     {"Only say what the camera would make of it:",
+                      "shotmentor-phone --connect tcp:localhost:7700 store --dry-run dawn.json dawn.jpg"},
                      {"Give the preset with custom_id 13 another title:",
                       "shotmentor-phone --connect tcp:localhost:7700 rename id:13 \"Dawn over the sea\""},
                      {"Delete two presets, by a part of the title and by number:",

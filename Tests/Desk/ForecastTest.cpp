@@ -1,5 +1,6 @@
-// What is sent so that a preset comes back as it was, what a camera makes of it, and the words for that. Values are worked
-// out by hand: colours v of the camera are listed as v * 256 / 199, and colours p of the phone stored as p * 200 / 256.
+// What is sent so that a preset comes back as it was, what a camera makes of it, and the words for that. Values are
+// worked out by hand: colours v of the camera are listed as v * 256 / 199, and colours p of the phone stored as
+// p * 200 / 256.
 #include "Forecast/Forecast.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // Forecasts for the conversations' tests. Standard input: cases, each a word for the ISO steps (0 full, 1 third, 2
-// unknown), a word for the mode that the camera listed last (-1: unknown), and a phone record as a list has it. Standard
-// output: for each case the record to send, and the one that a list will show of it.
+// unknown), a word for the mode that the camera listed last (-1: unknown), and a phone record as a list has it.
+// Standard output: for each case the record to send, and the one that a list will show of it.
 #include <array>
 #include <cstdio>
 #include <span>

@@ -37,7 +37,7 @@ constexpr std::array<Meaning, 16> meanings = {{
      "the camera's result 0 to -12: 10 plus the number without its sign"},
     {exit_other_result, exit_other_result, other_result, other_result},
     {exit_faulty_camera, exit_faulty_camera, nullptr, "check found that the camera got something wrong"},
-    {exit_stopped, exit_stopped, nullptr, "check or restore was stopped by a signal"},
+    {exit_stopped, exit_stopped, nullptr, "check, restore or copy was stopped by a signal"},
     {exit_not_as_forecast, exit_not_as_forecast, nullptr, "a stored preset is not as was foretold"},
     {exit_changed, exit_changed, nullptr, "the camera's presets changed while they were backed up"},
 }};

@@ -21,7 +21,7 @@ enum ExitCode {
     exit_result = 10,          // result codes 0 to -12: 10 plus the number without its sign
     exit_other_result = 30,    // any other result code but 1
     exit_faulty_camera = 31,   // a check of the camera found that something does not hold
-    exit_stopped = 32,         // a signal ended a check of the camera, or a restore, before all was done
+    exit_stopped = 32,         // a signal ended a check, a restore or a copy before all was done
     exit_not_as_forecast = 33, // a camera shows what it stored otherwise than was foretold
     exit_changed = 34          // the camera's presets changed while they were backed up
 };

@@ -289,12 +289,27 @@ void tell(const Options& options, const BackupManifest& manifest, size_t kept) {
                       printable(options.folder), already));
 }
 
-Failure broken_off(const Failure& why, const Backup& backup, const Place& place) {
-    const std::string remedy = place.old ? fmt::format("the backup in {} is as it was: --overwrite again goes on",
-                                                       printable(place.folder.path()))
-                                         : "run it again to go on";
+Failure broken_off(const Failure& why, const Backup& backup, const std::string& remedy) {
     return {why.code(), fmt::format("{}; {} of {} presets are saved, {}", why.what(), backup.saved(),
                                     backup.manifest().presets.size(), remedy)};
+}
+
+// Fetches what is to come, then lets it take the place of what was there.
+void complete(const ListReply& list, const Place& place, Backup& backup) {
+    constexpr const char* again = "run it again to go on";
+    try {
+        place.growing().make();
+        backup.run(list, place.begun);
+    } catch (const Failure& failure) {
+        const std::string untouched =
+            place.old ? fmt::format("the backup in {} is as it was; ", printable(place.folder.path())) : "";
+        throw broken_off(failure, backup, untouched + again);
+    }
+    try {
+        settle(place, backup.manifest());
+    } catch (const Failure& failure) {
+        throw broken_off(failure, backup, again);
+    }
 }
 
 } // namespace
@@ -309,14 +324,12 @@ int back_up(const Options& options) {
     const Place place = place_for(options.folder, options.overwrites);
     Backup backup(options, camera, place.growing());
     try {
-        place.growing().make();
-        backup.run(list, place.begun);
-        settle(place, backup.manifest());
-    } catch (const Failure& failure) {
+        complete(list, place, backup);
+    } catch (const Failure&) {
         if (is_new) {
             folder.remove_if_empty();
         }
-        throw broken_off(failure, backup, place);
+        throw;
     }
     tell(options, backup.manifest(), backup.kept());
     return without_picture(backup.manifest()) == 0 ? exit_done : exit_missing;

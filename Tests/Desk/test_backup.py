@@ -220,6 +220,15 @@ class Backup(BackupTest):
             },
         )  # fmt: skip
 
+    def test_pictures_come_one_at_a_time(self):
+        shelf = Shelf(*[b"Large %d" % number for number in range(10)])
+        shelf.pictures = dict.fromkeys(shelf.pictures, picture(1, 12_000_000))
+        with FakeCamera(self.folder, shelf.answer) as camera:
+            done = measure_phone(camera.url, "backup", self.place)
+        self.assertEnds(done, 0)
+        self.assertEqual(self.assertWhole(self.place)["presets"][9]["picture"]["bytes"], 12_000_000)
+        self.assertLess(done.peak, 100 << 20)
+
     def test_a_terminal_shows_one_bar_for_all(self):
         shelf = Shelf(b"One", b"Two", b"Golden hour")
         shelf.pictures[1] = picture(1, 200000)
@@ -483,7 +492,7 @@ class Overwriting(BackupTest):
             return FakeCamera.CLOSE if gone else self.shelf.answer(function, data)
 
         done = self.back_up_shelf(self.shelf, "--overwrite", answer=answer)
-        self.assertOneLine(done, 6, "1 of 2 presets are saved", "is as it was", "--overwrite")
+        self.assertOneLine(done, 6, "1 of 2 presets are saved", "is as it was", "run it again")
         self.assertEqual(contents(self.place), {**self.old, "unfinished": None})
         self.assertOneLine(self.back_up_shelf(self.shelf), 2, "--overwrite")
         asked = len(self.shelf.asked)

@@ -5,6 +5,7 @@
 
 #include "CameraClient.h"
 #include "Common/Text.h"
+#include "Jpeg.h"
 #include "Options.h"
 #include "PresetNames.h"
 #include "Presets.h"
@@ -43,7 +44,11 @@ Bytes picture_of(CameraClient& camera, const Endpoint& endpoint, const NumberedP
                                   name, picture.size(), longest_picture));
     }
     require_jpeg(picture, name);
-    require_whole(picture, name);
+    if (const std::optional<std::string> fault = fault_of_jpeg(picture)) {
+        throw Failure(
+            exit_usage,
+            fmt::format("{} is cut off or broken: {}; save it with picture, mend it, and store it", name, *fault));
+    }
     return picture;
 }
 

@@ -107,10 +107,17 @@ int StoreSeveral::run() {
     require_room();
     if (options_.dry_run) {
         foresee();
-        return exit_done;
+        return count(Fate::left_out) > 0 ? exit_missing : exit_done;
     }
     heed_signals();
-    store_waiting();
+    try {
+        store_waiting();
+    } catch (const Failure& failure) {
+        if (failure.code() >= exit_result) { // the camera still answers
+            compare();
+        }
+        throw;
+    }
     compare();
     if (!options_.json) {
         print(counts() + "\n");

@@ -815,10 +815,11 @@ class CutOff(RestoreTest):
 
     def test_one_that_a_signal_ends_finishes_what_is_under_way(self):
         self.make_backup(*self.TITLES)
-        stored = []
+        stored, lists = [], []
 
         def answer(function, data):
             if function == LIST:
+                lists.append(data)
                 return list_reply([])
             stored.append(data)
             process.send_signal(signal.SIGINT)
@@ -834,6 +835,8 @@ class CutOff(RestoreTest):
         self.assertEqual(len(stored), 1)
         self.assertEqual(output, b"00-one.json: stored, preset 0 with id 1\n")
         self.assertIn(b"1 of 3 stored", talk)
+        self.assertEqual(len(lists), 2)
+        self.assertIn(b'"One" (id 1) is not as foretold', talk)
 
 
 class Untrusted(RestoreTest):
@@ -1114,6 +1117,13 @@ class Copying(RestoreTest):
             done = self.copy(first.url, "one", "two", "three", to=second.url)
             self.assertOneLine(done, 9, f"the camera at {first.url} could not read", '"Two"', "1 of 3 stored")
             self.assertEqual(self.titles(second), [b"One"])
+
+    def test_a_broken_picture_stops_it(self):
+        self.shelf.pictures[1] = self.shelf.pictures[1][:-2]
+        with FakeCamera(self.folder, self.shelf.answer) as first, self.second_camera() as second:
+            done = self.copy(first.url, "two", "one", to=second.url)
+            self.assertOneLine(done, 2, '"One"', "cut off", "1 of 2 stored")
+            self.assertEqual(self.titles(second), [b"Two"])
 
     def test_a_preset_that_is_not_there_stops_it_before_all(self):
         with self.first_camera() as first, self.second_camera() as second:

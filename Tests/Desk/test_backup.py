@@ -18,9 +18,10 @@ import unittest
 from random import Random
 
 from desk import (
-    LIST, PATIENCE, PHONE, PHONE_RECORD, PICTURE, REPLY, STORE, Camera, DeskTest, FakeCamera, Stored, changed,
-    environment_of_programs, get, list_reply, measure_phone, phone_record, picture, request, run_camera,
-    run_on_terminal, run_phone, store_request, stored_picture, what_a_phone_gets,
+    CAMERA_AV, CAMERA_SV, CAMERA_SV_THIRD, CAMERA_TV, LIST, PATIENCE, PHONE, PHONE_AV, PHONE_RECORD, PHONE_SV, PICTURE,
+    REPLY, STORE, Camera, DeskTest, FakeCamera, Stored, changed, environment_of_programs, get, list_reply,
+    measure_phone, phone_record, picture, record_to_json, request, run_camera, run_on_terminal, run_phone,
+    store_request, stored_picture, what_a_phone_gets,
 )  # fmt: skip
 
 MEMORY = "/dev/shm"  # flushes take no time there
@@ -534,10 +535,29 @@ class RestoreTest(BackupTest):
 
 
 class RoundTrip(RestoreTest):
-    """The samples in a backup, restored into an empty camera, and in a backup again."""
+    """The samples and some more in a backup, restored into an empty camera, and in a backup again."""
+
+    MORE = {
+        # ISO 500 in third steps, 400 in full ones; f/2.8.
+        b"Third step": {"mode": 2, "iso": CAMERA_SV[PHONE_SV.index(400)], "av_index": CAMERA_AV[PHONE_AV.index(28)]},
+        b"By hand": {"mode": 4, "tv_index": CAMERA_TV[58], "av_index": CAMERA_AV[PHONE_AV.index(80)]},
+        b"In a hurry": {"mode": 3, "tv_index": CAMERA_TV[60]},  # a list that ends so costs the next preset its aperture
+    }
+    STEMS = [*SAMPLES, "12-third-step", "13-by-hand", "14-in-a-hurry"]
+
+    def add_more(self):
+        base = Stored(self.store).records[0]
+        for title, values in self.MORE.items():
+            values = {"iso_1_3": CAMERA_SV_THIRD[PHONE_SV.index(500)], **values}
+            record = changed(base, title=title.ljust(52, b"\0"), **values)
+            preset = self.file("record.json", json.dumps(record_to_json(record)))
+            added = run_camera(self.store, "add", preset, self.file("picture.jpg", picture(len(title))))
+            self.assertEqual(added.returncode, 0, added.stderr)
 
     def compare(self, first_steps, second_steps):
+        """Returns what was foretold of "Third step": the entries."""
         self.samples()
+        self.add_more()
         with self.camera("--iso-step", first_steps) as camera:
             self.assertEnds(self.back_up(camera), 0)
         with self.second_camera("--iso-step", second_steps) as camera:
@@ -546,13 +566,14 @@ class RoundTrip(RestoreTest):
             self.assertEnds(self.back_up(camera, place=self.path("again")), 0)
             again = self.restore(camera.url)
             self.assertEnds(again, 0)
-            self.assertEqual(len(camera.presets()), 12)
-        self.assertEqual(again.stdout.splitlines()[-1], b"0 of 12 stored, 12 held already")
+            self.assertEqual(len(camera.presets()), 15)
+        self.assertEqual(again.stdout.splitlines()[-1], b"0 of 15 stored, 15 held already")
         told = json.loads(done.stdout)
         self.assertEqual(told["differences"], [])
         before, after = contents(self.place), contents(self.path("again"))
         self.assertEqual(sorted(before), sorted(after))
-        for stem, preset in zip(SAMPLES, told["presets"]):
+        self.assertEqual(len(told["presets"]), 15)
+        for stem, preset in zip(self.STEMS, told["presets"]):
             self.assertEqual((preset["source"], preset["fate"]), (stem + ".json", "stored"))
             self.assertEqual(before[stem + ".jpg"], after[stem + ".jpg"])
             old, new = (flat(json.loads(files[stem + ".json"])) for files in (before, after))
@@ -564,9 +585,10 @@ class RoundTrip(RestoreTest):
         changed_entries = {"custom_id", "preset"}  # the preset's file has another sum
         for old, new in zip(*(manifest_of(place)["presets"] for place in (self.place, self.path("again")))):
             self.assertEqual({name for name in old if old[name] != new[name]} - changed_entries, set())
+        return {change["entry"] for change in told["presets"][12]["forecast"]}
 
     def test_differs_in_what_was_foretold_between_full_steps(self):
-        self.compare("full", "full")
+        self.assertNotIn("av_index", self.compare("full", "full"))
 
     def test_differs_in_what_was_foretold_between_third_steps(self):
         self.compare("third", "third")
@@ -575,7 +597,22 @@ class RoundTrip(RestoreTest):
         self.compare("full", "third")
 
     def test_differs_in_what_was_foretold_from_third_to_full_steps(self):
-        self.compare("third", "full")
+        self.assertIn("iso", self.compare("third", "full"))
+
+    def test_an_aperture_is_kept_where_the_list_ends_in_shutter_mode(self):
+        shelf = Shelf(b"Wide open", b"Half open")
+        for number, aperture in enumerate((28, 56)):
+            record = changed(shelf.records[number], mode=2, av_index=aperture, color_style=13, cs_color_off_color=-1)
+            shelf.records[number] = changed(record, iso=100, iso_1_3=100)
+        self.assertEnds(self.back_up_shelf(shelf), 0)
+        self.samples()
+        self.add_more()
+        with self.camera() as camera:
+            for stored in (2, 0):
+                done = self.restore(camera.url)
+                self.assertEnds(done, 0)
+                self.assertIn(f"{stored} of 2 stored".encode(), done.stdout)
+                self.assertEqual([get(record, "av_index") for record in camera.presets()[15:]], [28, 56])
 
 
 class Restoring(RestoreTest):
@@ -685,7 +722,10 @@ class Restoring(RestoreTest):
     def test_a_refusal_says_how_far_it_came(self):
         with self.second_camera("--save-result", "-1") as camera:
             done = self.restore(camera.url)
+            told = self.restore(camera.url, "--json")
         self.assertOneLine(done, 11, "answered -1", "0 of 3 stored", "run it again")
+        fates = [preset["fate"] for preset in json.loads(told.stdout)["presets"]]
+        self.assertEqual(fates, ["refused", "not stored", "not stored"])
 
     def test_what_a_camera_shows_otherwise_is_told(self):
         records = []

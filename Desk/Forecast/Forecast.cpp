@@ -349,13 +349,15 @@ std::vector<Change> changes_of(const Field& field, const sm_tag_custom_info& wan
 } // namespace
 
 CameraState state_of(const std::vector<sm_tag_custom_info>& listed) {
+    const auto shows_full_steps = [](const sm_tag_custom_info& preset) { return preset.iso != preset.iso_1_3; };
+    const auto shows_third_steps = [](const sm_tag_custom_info& preset) {
+        return is_step(third_iso_steps(), preset.iso) && !is_step(full_iso_steps(), preset.iso);
+    };
     CameraState state;
-    for (const sm_tag_custom_info& preset : listed) {
-        if (preset.iso != preset.iso_1_3) {
-            state.iso_steps = IsoSteps::full;
-        } else if (preset.iso != 0 && !is_step(full_iso_steps(), preset.iso) && state.iso_steps == IsoSteps::unknown) {
-            state.iso_steps = IsoSteps::third;
-        }
+    if (std::any_of(listed.begin(), listed.end(), shows_full_steps)) {
+        state.iso_steps = IsoSteps::full;
+    } else if (std::any_of(listed.begin(), listed.end(), shows_third_steps)) {
+        state.iso_steps = IsoSteps::third;
     }
     if (!listed.empty()) {
         state.last_listed_mode = listed.back().mode;

@@ -80,18 +80,24 @@ Planned CarefulStore::plan(const sm_tag_custom_info& preset, Form form, std::spa
     Planned planned;
     planned.wanted = form == Form::raw ? meant_by(preset) : preset;
     planned.sent = form == Form::raw ? preset : sendable(preset);
-    const bool stays = loses_aperture(planned.sent, state_) && can_store_twice();
-    planned.changes = changes(planned.wanted, planned.sent, stays ? keeping_aperture(state_) : state_);
-    if (loses_aperture(planned.sent, state_) && !stays) {
-        for (Change& change : planned.changes) {
-            change.reason += change.entry == "av_index" ? ", and has no room to store it twice" : "";
-        }
+    planned.changes = foreseen(planned, picture);
+    return planned;
+}
+
+// What would change if the preset was stored now.
+std::vector<Change> CarefulStore::foreseen(const Planned& planned, std::span<const uint8_t> picture) const {
+    const bool is_at_stake = loses_aperture(planned.sent, state_);
+    const bool stays = is_at_stake && can_store_twice();
+    std::vector<Change> all = changes(planned.wanted, planned.sent, stays ? keeping_aperture(state_) : state_);
+    for (Change& change : all) {
+        change.reason +=
+            is_at_stake && !stays && change.entry == "av_index" ? ", and has no room to store it twice" : "";
     }
     if (const size_t fetched = as_fetched(picture).size(); fetched != picture.size()) {
-        planned.changes.push_back({picture_entry, bytes_text(picture.size()), bytes_text(fetched),
-                                   "phones get a picture up to its third JPEG stream", ""});
+        all.push_back({picture_entry, bytes_text(picture.size()), bytes_text(fetched),
+                       "phones get a picture up to its third JPEG stream", ""});
     }
-    return planned;
+    return all;
 }
 
 // The preset is stored, listed, and stored again: then the last preset of the list is not in shutter mode. One preset's
@@ -101,7 +107,7 @@ bool CarefulStore::can_store_twice() const {
 }
 
 StoreReply CarefulStore::store(const Planned& planned, std::span<const uint8_t> picture) {
-    for (const Change& change : planned.changes) {
+    for (const Change& change : foreseen(planned, picture)) {
         tell(line_of(planned, change));
     }
     if (loses_aperture(planned.sent, state_) && can_store_twice()) {
@@ -153,20 +159,23 @@ bool CarefulStore::is_as_wanted_now(const Planned& planned, const StoreReply& fi
     return shown == nullptr || shown->av_index == aperture || loses_aperture(planned.sent, state_);
 }
 
-// Deletes the first of two, and gives the second the number that it then has.
+// Deletes the first of two, and gives the second the number that it then has. A camera deletes by number: it is asked
+// once more which number the first one has now.
 void CarefulStore::take_back(const Planned& planned, const StoreReply& first, StoreReply& second) {
-    const sm_tag_custom_info* listed = find(listed_, first.custom_id);
-    const std::array<sm_delete_pair, 1> pair = {{{listed->preset_num, first.custom_id}}};
-    const DeleteReply reply = camera_.remove(pair);
-    if (reply.result != SM_RETURN_TRUE || find(reply.presets, first.custom_id) != nullptr) {
-        surprises_.push_back({first.custom_id,
-                              title_text(planned.wanted),
-                              {"preset", "deleted", "still there, without its aperture: delete it"}});
-    } else {
+    learn(camera_.list().presets);
+    std::erase_if(stored_, [&](const Stored& stored) { return stored.custom_id == first.custom_id; });
+    if (const sm_tag_custom_info* listed = find(listed_, first.custom_id); listed != nullptr) {
+        const std::array<sm_delete_pair, 1> pair = {{{listed->preset_num, first.custom_id}}};
+        const DeleteReply reply = camera_.remove(pair);
+        if (reply.result != SM_RETURN_TRUE || find(reply.presets, first.custom_id) != nullptr) {
+            surprises_.push_back({first.custom_id,
+                                  title_text(planned.wanted),
+                                  {"preset", "deleted", "still there, without its aperture: delete it"}});
+            return;
+        }
         learn(reply.presets);
     }
-    std::erase_if(stored_, [&](const Stored& stored) { return stored.custom_id == first.custom_id; });
-    if (const sm_tag_custom_info* left = find(reply.presets, second.custom_id); left != nullptr) {
+    if (const sm_tag_custom_info* left = find(listed_, second.custom_id); left != nullptr) {
         second.preset_num = left->preset_num;
     }
 }

@@ -41,11 +41,12 @@ class CarefulStore {
     const std::vector<sm_tag_custom_info>& listed() const { return listed_; }
     size_t room() const;
 
-    // A preset in words is as lists have it; one in raw codes is sent as it stands. To store several, plan all of them
-    // first or one at a time, as you like: storing them changes nothing in what becomes of the next.
+    // A preset in words is as lists have it; one in raw codes is sent as it stands. What is planned holds while the
+    // camera is as it is now: of several presets, the first may take the room that a later one needs to keep its
+    // aperture.
     Planned plan(const sm_tag_custom_info& preset, Form form, std::span<const uint8_t> picture) const;
 
-    // Tells on standard error what will change, a line each, and stores the preset. Where the result is not
+    // Tells on standard error what will change now, a line each, and stores the preset. Where the result is not
     // SM_RETURN_TRUE the caller reports it: nothing was stored, or what was has been told.
     StoreReply store(const Planned& planned, std::span<const uint8_t> picture);
 
@@ -62,6 +63,7 @@ class CarefulStore {
     };
 
     void learn(const std::vector<sm_tag_custom_info>& listed);
+    std::vector<Change> foreseen(const Planned& planned, std::span<const uint8_t> picture) const;
     bool can_store_twice() const;
     StoreReply store_once(const Planned& planned, std::span<const uint8_t> picture);
     StoreReply store_again(const Planned& planned, std::span<const uint8_t> picture, const StoreReply& first);

@@ -133,6 +133,8 @@ TEST(CameraStateOfAList, IsThirdStepsWhereASensitivityIsNoFullStep) {
     sm_tag_custom_info preset = plain_preset();
     preset.iso = preset.iso_1_3 = 500;
     EXPECT_EQ(state_of({preset}).iso_steps, IsoSteps::third);
+    preset.iso = preset.iso_1_3 = 50; // no step of either
+    EXPECT_EQ(state_of({preset}).iso_steps, IsoSteps::unknown);
 }
 
 TEST(CameraStateOfAList, HasTheModeOfItsLastPreset) {

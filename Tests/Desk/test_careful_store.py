@@ -299,6 +299,20 @@ class AgainstOtherCameras(StoreTest):
         self.assertIn(b'"Wide" (id 3) is not as foretold: preset should be deleted, and is still there', done.stderr)
         self.assertEqual(done.stdout, b"stored as preset 3 with id 4\n")
 
+    def test_the_first_of_two_is_deleted_where_it_is_then(self):
+        model = Model(phone_record(b"First"), FAST)
+
+        def store_in_front(data):
+            identity = model.keep(data[8 : 8 + PHONE_RECORD], data[8 + PHONE_RECORD :])
+            model.presets.insert(0, model.presets.pop())
+            return request(REPLY + STORE, struct.pack("<iiii", 1, 0, identity, 0))
+
+        model.answers[STORE, 2] = store_in_front
+        done = self.store_in(model, WIDE)
+        self.assertEnds(done, 0)
+        self.assertEqual([get(preset, "custom_id") for preset in model.presets], [4, 1, 2])
+        self.assertEqual(get(model.presets[0], "av_index"), 28)
+
     def test_a_camera_that_gives_one_id_twice_is_asked_to_delete_nothing(self):
         model = Model(phone_record(b"First"), FAST)
         model.identities = iter([3, 3])

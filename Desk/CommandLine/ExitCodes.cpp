@@ -19,7 +19,7 @@ constexpr const char* done = "done";
 constexpr const char* machine = "this machine failed: a file, the disk";
 constexpr const char* other_result = "any other result";
 
-constexpr std::array<Meaning, 15> meanings = {{
+constexpr std::array<Meaning, 16> meanings = {{
     {exit_done, exit_done, done, done},
     {exit_machine, exit_machine, machine, machine},
     {exit_usage, exit_usage, "wrong usage or input: options, records, pictures",
@@ -37,8 +37,9 @@ constexpr std::array<Meaning, 15> meanings = {{
      "the camera's result 0 to -12: 10 plus the number without its sign"},
     {exit_other_result, exit_other_result, other_result, other_result},
     {exit_faulty_camera, exit_faulty_camera, nullptr, "check found that the camera got something wrong"},
-    {exit_stopped, exit_stopped, nullptr, "check was stopped by a signal"},
+    {exit_stopped, exit_stopped, nullptr, "check, restore or copy was stopped by a signal"},
     {exit_not_as_forecast, exit_not_as_forecast, nullptr, "a stored preset is not as was foretold"},
+    {exit_changed, exit_changed, nullptr, "the camera's presets changed while they were backed up"},
 }};
 
 std::vector<Row> rows_of(const char* Meaning::*tool) {

@@ -53,6 +53,12 @@ std::string seconds(std::chrono::milliseconds time) {
 
 } // namespace
 
+Options without_progress(const Options& options) {
+    Options quiet = options;
+    quiet.quiet = true;
+    return quiet;
+}
+
 CameraClient::CameraClient(const Options& options)
     : quiet_(options.quiet), verbose_(options.verbose), timeout_(options.timeout),
       link_(options.camera, options.mtu, options.timeout) {}

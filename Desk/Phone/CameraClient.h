@@ -14,6 +14,9 @@ namespace desk::phone {
 
 struct Options;
 
+// The options of a client whose requests draw no progress: whoever sends many of them draws one for all.
+Options without_progress(const Options& options);
+
 // What the phone holds at most of a camera's bytes: one frame in progress, longest_picture_reply, and one receipt of
 // the link, 1 MiB. A picture stays in the memory that it came in. While it is drawn, most_decoder_memory comes to that:
 // about 200 MB in all.

@@ -23,22 +23,6 @@ CameraState keeping_aperture(const CameraState& state) {
     return {state.iso_steps, SM_MODE_AUTO};
 }
 
-// What a phone gets of a picture: all of it up to its third JPEG stream, if it has one.
-std::span<const uint8_t> as_fetched(std::span<const uint8_t> picture) {
-    constexpr std::array<uint8_t, 4> stream_start = {0xFF, 0xD8, 0xFF, 0xDB};
-    auto at = picture.begin();
-    for (int streams = 1;; ++streams) {
-        at = std::search(at, picture.end(), stream_start.begin(), stream_start.end());
-        if (at == picture.end()) {
-            return picture;
-        }
-        if (streams == 3) {
-            return {picture.begin(), at};
-        }
-        at += stream_start.size();
-    }
-}
-
 std::string bytes_text(size_t bytes) {
     return fmt::format("{} bytes", bytes);
 }
@@ -57,6 +41,21 @@ std::vector<Difference> fewest_differences(const std::vector<sm_tag_custom_info>
 }
 
 } // namespace
+
+std::span<const uint8_t> as_fetched(std::span<const uint8_t> picture) {
+    constexpr std::array<uint8_t, 4> stream_start = {0xFF, 0xD8, 0xFF, 0xDB};
+    auto at = picture.begin();
+    for (int streams = 1;; ++streams) {
+        at = std::search(at, picture.end(), stream_start.begin(), stream_start.end());
+        if (at == picture.end()) {
+            return picture;
+        }
+        if (streams == 3) {
+            return {picture.begin(), at};
+        }
+        at += stream_start.size();
+    }
+}
 
 std::string line_of(const Planned& planned, const Change& change) {
     return fmt::format("\"{}\" will be: {}", title_text(planned.wanted), line_of(change));

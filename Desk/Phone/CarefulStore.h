@@ -25,6 +25,9 @@ struct Surprise {
     Difference difference;
 };
 
+// What a phone gets of a picture: all of it up to its third JPEG stream, if it has one.
+std::span<const uint8_t> as_fetched(std::span<const uint8_t> picture);
+
 // One line each: "\"Dusk\" will be: iso 500 -> 400: the camera is set to full ISO steps".
 std::string line_of(const Planned& planned, const Change& change);
 std::string line_of(const Surprise& surprise);

@@ -7,28 +7,28 @@
 #include <string_view>
 #include <unistd.h>
 
+#include "Backup.h"
 #include "CameraClient.h"
-#include "CarefulStore.h"
 #include "Check.h"
 #include "Common/Terminal.h"
 #include "Common/Text.h"
-#include "Fit.h"
-#include "Jpeg.h"
+#include "Copy.h"
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
-#include "Png.h"
 #include "PresetFiles/JsonText.h"
 #include "PresetFiles/PresetFile.h"
 #include "PresetFiles/Schema.h"
 #include "PresetNames.h"
 #include "Presets.h"
+#include "Reporting.h"
+#include "Restore.h"
 #include "SchemaFile.h"
 #include "StandardFiles.h"
+#include "StoreCommand.h"
 #include "Thumbnails.h"
 #include "Watch.h"
 #include "Words/Describe.h"
-#include "Words/Results.h"
 #include "Words/TextTable.h"
 
 namespace desk::phone {
@@ -37,7 +37,6 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Presets = std::vector<sm_tag_custom_info>;
 
-constexpr const char* full_camera = "the camera holds 40 presets, as many as a camera takes: delete one first";
 constexpr TerminalSize thumbnail = {36, 12}; // two in 80 columns, three in 120
 constexpr TerminalSize large_picture = {72, 24};
 
@@ -47,22 +46,6 @@ size_t width_of(const Options& options) {
 
 Form form_of(const Options& options) {
     return options.raw ? Form::raw : Form::words;
-}
-
-// Talk that is no error.
-void mention(const Options& options, std::string_view line) {
-    if (!options.quiet) {
-        say(line);
-    }
-}
-
-// Says what else than success the camera answered. Returns the exit code.
-int report_result(int32_t result) {
-    if (result != SM_RETURN_TRUE) {
-        complain(
-            fmt::format("the camera answered {}, {}: {}", result, name_of_result(result), meaning_of_result(result)));
-    }
-    return exit_code_of_result(result);
 }
 
 // ---- list and show --------------------------------------------------------------------------------------------------
@@ -223,165 +206,6 @@ int save_picture(const Options& options) {
     return exit_done;
 }
 
-// ---- store ----------------------------------------------------------------------------------------------------------
-
-struct SentPicture {
-    Bytes jpeg;
-    std::string change; // what was made of the file's picture, if anything
-};
-
-std::string size_text(const PictureSize& size, size_t bytes) {
-    constexpr double kilobyte = 1e3;
-    constexpr double megabyte = 1e6;
-    const auto count = static_cast<double>(bytes);
-    return count < megabyte ? fmt::format("{}x{}, {:.0f} KB", size.width, size.height, count / kilobyte)
-                            : fmt::format("{}x{}, {:.1f} MB", size.width, size.height, count / megabyte);
-}
-
-Bytes file_of_picture(const std::string& path, bool fits) {
-    if (fits) {
-        return read_input(path, longest_file_to_fit);
-    }
-    return read_input(
-        path, longest_picture,
-        fmt::format("give a smaller file, or --fit, which makes JPEG and PNG files of up to {} MiB smaller",
-                    longest_file_to_fit >> 20U));
-}
-
-void check_picture(const Bytes& picture, const std::string& name) {
-    if (is_png(picture)) {
-        throw Failure(exit_usage,
-                      fmt::format("{} is a PNG, and the camera takes JPEG files; --fit makes it one", name));
-    }
-    if (!is_jpeg(picture)) {
-        throw Failure(exit_usage,
-                      fmt::format("{} is no JPEG: it does not begin with FF D8 FF, or its header is broken", name));
-    }
-    if (picture.size() < smallest_picture) {
-        throw Failure(exit_usage, fmt::format("{} has {} bytes; the camera takes pictures of at least {}", name,
-                                              picture.size(), smallest_picture));
-    }
-}
-
-SentPicture picture_from(const std::string& path, bool fits) {
-    Bytes picture = file_of_picture(path, fits);
-    const std::string name = name_of_input(path);
-    const bool is_converted = fits && is_png(picture);
-    if (!is_converted) {
-        check_picture(picture, name);
-    }
-    if (is_converted || picture.size() > longest_picture) {
-        FittedPicture fitted =
-            is_converted ? fit_png(picture, longest_picture, name) : fit_jpeg(picture, longest_picture, name);
-        const std::string before = size_text(fitted.before, picture.size());
-        const std::string after = size_text(fitted.after, fitted.jpeg.size());
-        return {std::move(fitted.jpeg), fmt::format("{}: {}, sent as {}", name, before, after)};
-    }
-    if (const std::optional<std::string> fault = fault_of_jpeg(picture)) {
-        throw Failure(exit_usage, broken_picture(name, *fault));
-    }
-    return {std::move(picture), ""};
-}
-
-PresetFile preset_from(const Options& options) {
-    const Bytes text = read_input(options.preset_file, longest_preset_file);
-    const MissingSteps missing = options.takes_nearest ? MissingSteps::nearest : MissingSteps::refused;
-    PresetFile file = preset_from_text({reinterpret_cast<const char*>(text.data()), text.size()},
-                                       name_of_input(options.preset_file), missing);
-    for (const std::string& taken : file.taken) {
-        mention(options, fmt::format("{}: {}", name_of_input(options.preset_file), taken));
-    }
-    return file;
-}
-
-void print_stored(const StoreReply& reply) {
-    if (reply.result == SM_RETURN_TRUE) {
-        print(fmt::format("stored as preset {} with id {}\n", reply.preset_num, reply.custom_id));
-    }
-}
-
-// Sends the one request and nothing else.
-int store_unchecked(const Options& options, const PresetFile& file, const SentPicture& picture) {
-    const sm_tag_custom_info sent = file.form == Form::raw ? file.preset : sendable(file.preset);
-    const StoreReply reply = CameraClient(options).store(sent, picture.jpeg);
-    if (!picture.change.empty()) {
-        say(picture.change);
-    }
-    if (options.json) {
-        print_json(json_of(reply));
-    } else {
-        print_stored(reply);
-    }
-    return report_result(reply.result);
-}
-
-int foresee_store(const Options& options, const CarefulStore& camera, const Planned& planned) {
-    if (options.json) {
-        print_json({{"forecast", json_of(planned.changes)}});
-        return exit_done;
-    }
-    for (const Change& change : planned.changes) {
-        print(line_of(planned, change) + "\n");
-    }
-    if (planned.changes.empty()) {
-        print(fmt::format("\"{}\" will be as it is\n", title_text(planned.wanted)));
-    }
-    if (camera.room() == 0) {
-        mention(options, full_camera);
-    }
-    return exit_done;
-}
-
-// What was stored is on standard output even where it cannot be compared any more.
-int finish_store(const Options& options, CarefulStore& camera, const Planned& planned, const StoreReply& reply) {
-    Json json = json_of(reply);
-    json["forecast"] = json_of(planned.changes);
-    json["differences"] = nullptr; // until they are known
-    if (!options.json) {
-        print_stored(reply);
-    }
-    std::vector<Surprise> surprises;
-    try {
-        surprises = camera.finish();
-    } catch (const Failure&) {
-        if (options.json) {
-            print_json(json);
-        }
-        throw;
-    }
-    json["differences"] = json_of(surprises);
-    if (options.json) {
-        print_json(json);
-    }
-    for (const Surprise& surprise : surprises) {
-        complain(line_of(surprise));
-    }
-    const int code = report_result(reply.result);
-    return code == exit_done && !surprises.empty() ? int{exit_not_as_forecast} : code;
-}
-
-int store(const Options& options) {
-    if (is_standard(options.preset_file) && is_standard(options.picture_file)) {
-        throw Failure(exit_usage, "the preset and its picture cannot both be standard input; name a file for one");
-    }
-    const PresetFile file = preset_from(options);
-    const SentPicture picture = picture_from(options.picture_file, options.fits_picture);
-    if (options.unchecked) {
-        return store_unchecked(options, file, picture);
-    }
-    CameraClient client(options);
-    CarefulStore camera(client, options.quiet);
-    const Planned planned = camera.plan(file.preset, file.form, picture.jpeg);
-    if (options.dry_run) {
-        return foresee_store(options, camera, planned);
-    }
-    const StoreReply reply = camera.store(planned, picture.jpeg);
-    if (!picture.change.empty()) {
-        say(picture.change);
-    }
-    return finish_store(options, camera, planned, reply);
-}
-
 // ---- rename ---------------------------------------------------------------------------------------------------------
 
 void check_title(const std::string& title) {
@@ -490,6 +314,12 @@ int run(const Options& options) {
         return rename_preset(options);
     case Options::Command::remove:
         return delete_presets(options);
+    case Options::Command::back_up:
+        return back_up(options);
+    case Options::Command::restore:
+        return restore(options);
+    case Options::Command::copy:
+        return copy(options);
     case Options::Command::leave:
         return leave(options);
     case Options::Command::check:

@@ -34,6 +34,7 @@ constexpr const char* connect_variable = "SHOTMENTOR_CONNECT";
 struct Arguments {
     Options options;
     std::string url;
+    std::string other_url;
     double timeout_seconds = 5;
     std::set<std::string> words; // of the command line, as they were given
 };
@@ -169,6 +170,26 @@ void add_changing_commands(CLI::App& app, Arguments& arguments) {
     leave->add_option("--code", options.code, "the phone's own result code, 1 unless given")->type_name("N");
 }
 
+void add_copying_commands(CLI::App& app, Arguments& arguments) {
+    Options& options = arguments.options;
+    CLI::App* backup = add_command(app, options, Options::Command::back_up, "backup", "save all presets in a folder");
+    backup->add_option("DIR", options.folder, "where to; it is made when it is not there")->required()->type_name("");
+    backup->add_flag("--overwrite", options.overwrites, "replace the complete backup that is there");
+
+    CLI::App* restore =
+        add_command(app, options, Options::Command::restore, "restore", "store the presets of a backup");
+    restore->add_option("DIR", options.folder, "the backup")->required()->type_name("");
+    restore->add_option("FILE", options.files, "only these of its preset files")->type_name("");
+    restore->add_flag("--edited", options.takes_edited, "take files that have changed since the backup, too");
+    restore->add_flag("--incomplete", options.takes_incomplete, "restore what a backup has that was broken off");
+    restore->add_flag("--dry-run", options.dry_run, "only say what would be stored, and what becomes of it");
+
+    CLI::App* copy = add_command(app, options, Options::Command::copy, "copy", "store presets in another camera");
+    add_presets(copy, arguments)->expected(1, -1)->allow_extra_args();
+    copy->add_option("--to", arguments.other_url, "the other camera's link")->required()->type_name("URL");
+    copy->add_flag("--dry-run", options.dry_run, "only say what would be stored, and what becomes of it");
+}
+
 // What these print needs no camera.
 void add_printing_commands(CLI::App& app, Options& options) {
     const auto add = [&](Options::Command command, const char* name, const char* help) {
@@ -216,8 +237,19 @@ Endpoint endpoint_of(const Arguments& arguments) {
     }
 }
 
+Endpoint other_endpoint_of(const Arguments& arguments) {
+    try {
+        return parse_endpoint(arguments.other_url);
+    } catch (const Failure& failure) {
+        throw Failure(failure.code(), fmt::format("--to: {}", printable(failure.what())));
+    }
+}
+
 Options options_from(Arguments& arguments) {
     Options& options = arguments.options;
+    if (options.command == Options::Command::copy) {
+        options.other_camera = other_endpoint_of(arguments);
+    }
     if (needs_camera(options)) {
         options.camera = endpoint_of(arguments);
     }
@@ -280,7 +312,8 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     if (lacks_something && app.get_subcommands().empty()) {
         return {exit_usage,
                 fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
-                            "picture, store, rename, delete, leave, check, new or schema; see shotmentor-phone --help",
+                            "picture, store, rename, delete, backup, restore, copy, leave, check, new or schema; see "
+                            "shotmentor-phone --help",
                             connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {
@@ -322,6 +355,7 @@ std::optional<Options> options_of(int argc, char** argv) {
     add_common_options(app, arguments);
     add_reading_commands(app, arguments);
     add_changing_commands(app, arguments);
+    add_copying_commands(app, arguments);
     add_checking_command(app, arguments.options);
     add_printing_commands(app, arguments.options);
     command_line::add_reference(app, manual());

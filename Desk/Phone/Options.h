@@ -12,7 +12,21 @@
 namespace desk::phone {
 
 struct Options {
-    enum class Command { list, show, picture, store, rename, remove, leave, check, create, schema };
+    enum class Command {
+        list,
+        show,
+        picture,
+        store,
+        rename,
+        remove,
+        back_up,
+        restore,
+        copy,
+        leave,
+        check,
+        create,
+        schema
+    };
 
     Endpoint camera;
     std::chrono::milliseconds timeout{5000};
@@ -29,7 +43,7 @@ struct Options {
     // list: the time between two looks
     std::optional<std::chrono::milliseconds> watch;
 
-    std::vector<std::string> presets; // show, remove: at least one; picture, rename: exactly one
+    std::vector<std::string> presets; // show, remove, copy: at least one; picture, rename: exactly one
     std::string output_file;          // picture
     std::string preset_file;          // store
     std::string picture_file;         // store
@@ -38,7 +52,13 @@ struct Options {
     bool unchecked = false;           // store: the one request alone
     std::string title;                // rename
     std::optional<int32_t> server_id; // rename
-    bool dry_run = false;             // store, remove
+    bool dry_run = false;             // store, remove, restore, copy
+    std::string folder;               // back_up, restore
+    bool overwrites = false;          // back_up
+    std::vector<std::string> files;   // restore; all when there are none
+    bool takes_edited = false;        // restore
+    bool takes_incomplete = false;    // restore
+    Endpoint other_camera;            // copy
     int32_t code = 1;                 // leave
     bool quick = false;               // check
     bool list_checks = false;         // check

@@ -13,8 +13,14 @@
 #include "PresetFiles/JsonText.h"
 
 namespace desk::phone {
+namespace {
+
+bool passing_line_shows = false;
+
+} // namespace
 
 void print(std::string_view text) {
+    clear_passing_line();
     const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
     if (written && std::fflush(stdout) == 0) {
         return;
@@ -45,11 +51,27 @@ void talk(std::string_view text) {
 }
 
 void say(std::string_view line) {
+    clear_passing_line();
     talk(printable(line) + "\n");
 }
 
 void complain(std::string_view lines) {
+    clear_passing_line();
     talk(fmt::format("shotmentor-phone: {}\n", printable_lines(lines)));
+}
+
+// The cursor waits at the start of the line. A terminal that is made narrower may break the line, but the cursor stays in
+// front of all of it, so that everything behind the cursor is ours to erase.
+void show_passing_line(std::string_view text) {
+    passing_line_shows = true;
+    talk(std::string(text) + "\x1b[J\r");
+}
+
+void clear_passing_line() {
+    if (passing_line_shows) {
+        talk("\x1b[J");
+    }
+    passing_line_shows = false;
 }
 
 bool output_is_terminal() {

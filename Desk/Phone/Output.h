@@ -25,6 +25,10 @@ void talk(std::string_view text);
 void say(std::string_view line);
 void complain(std::string_view lines);
 
+// A line whose place the next one takes, whoever writes it, as that of a progress bar; and its end.
+void show_passing_line(std::string_view text);
+void clear_passing_line();
+
 bool output_is_terminal();
 bool talk_is_terminal();
 bool color_is_unwanted();   // NO_COLOR, https://no-color.org

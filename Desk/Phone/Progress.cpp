@@ -19,6 +19,7 @@ constexpr size_t shortest_bar = 8;   // below it numbers alone tell more
 constexpr size_t brackets = 3;       // those of the bar, and the blank before them
 constexpr size_t shortest_label = 6; // below it there is none
 constexpr size_t usual_width = 80;
+constexpr size_t step_bar = 10; // of several things; leaves room for a name
 constexpr size_t never_shown = SIZE_MAX;
 
 std::string kilobytes(size_t bytes) {
@@ -56,6 +57,18 @@ std::string progress_line(const std::string& label, size_t done, size_t all, siz
     return name + (bar > 0 ? bar_of(done, all, bar) : "") + percent + (has_bytes ? bytes : "");
 }
 
+std::string step_line(size_t number, size_t all, const std::string& name, size_t room) {
+    const std::string count = fmt::format("{} of {} ", number, all);
+    const size_t needed = count.size() + shortest_label;
+    if (room < needed) {
+        return "";
+    }
+    const bool has_bar = room >= needed + brackets + step_bar;
+    const std::string text =
+        count + shortened(printable(name), room - count.size() - (has_bar ? brackets + step_bar : 0));
+    return text + (has_bar ? bar_of(number - 1, all, step_bar) : "");
+}
+
 Progress::Progress(std::string label, bool is_wanted)
     : label_(std::move(label)), wanted_(is_wanted && talk_is_terminal() && terminal_can_redraw()),
       shown_permille_(never_shown) {}
@@ -64,13 +77,8 @@ Progress::~Progress() {
     clear();
 }
 
-// The cursor always waits at the start of the line. A terminal that is made narrower may break the line, but the cursor
-// stays in front of all of it, so that everything behind the cursor is ours to erase.
 void Progress::clear() {
-    if (visible_) {
-        talk("\x1b[J");
-    }
-    visible_ = false;
+    clear_passing_line();
 }
 
 void Progress::show(size_t done, size_t all) {
@@ -83,8 +91,13 @@ void Progress::show(size_t done, size_t all) {
         return;
     }
     shown_permille_ = permille;
-    visible_ = true;
-    talk(progress_line(label_, done, all, room_on_terminal()) + "\x1b[J\r");
+    show_passing_line(progress_line(label_, done, all, room_on_terminal()));
+}
+
+void Progress::show_step(size_t number, size_t all, const std::string& name) {
+    if (wanted_) {
+        show_passing_line(step_line(number, all, name, room_on_terminal()));
+    }
 }
 
 } // namespace desk::phone

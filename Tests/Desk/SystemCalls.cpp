@@ -182,14 +182,17 @@ bool is_carried_out_all_the_same(const Call& call) {
 long make(State& state, Call& call, size_t size, const Ask& ask) {
     ++state.counts[static_cast<size_t>(call.kind)];
     const bool faulty = fault_is_due(state, call.kind);
-    if (faulty && state.fault->error != Fault::cut_short) {
+    if (faulty && state.fault->error < 0) {
+        syscall(SYS_kill, syscall(SYS_getpid), -state.fault->error);
+    }
+    if (faulty && state.fault->error > 0) {
         call.error = state.fault->error;
         if (is_carried_out_all_the_same(call)) {
             ask(size);
         }
         call.result = -1;
     } else {
-        call.result = ask(faulty && size > 1 ? size / 2 : size);
+        call.result = ask(faulty && state.fault->error == Fault::cut_short && size > 1 ? size / 2 : size);
         call.error = call.result < 0 ? errno : 0;
     }
     report(state, call);

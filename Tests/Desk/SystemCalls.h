@@ -83,7 +83,7 @@ struct Fault {
 
     Kind kind = Kind::count;
     int nth = 1;           // which call of its kind, from 1
-    int error = cut_short; // errno, or `cut_short`: half of the bytes are moved
+    int error = cut_short; // errno, or `cut_short`: half of the bytes are moved; below 0 a signal comes with the call
     bool from_then_on = false;
 };
 

@@ -31,9 +31,9 @@ command_line::Manual manual() {
              "Without a command it serves. It creates the store on first start, with twelve sample presets and their "
              "pictures, and prints \"listening on URL\" to standard output once a phone can connect. It serves one "
              "phone at a time. SIGINT and SIGTERM end it in order.",
-             "Standard error tells what happens, a line for each request; with --json each line is a JSON object. Faults to "
-             "try are set by options, by control while it serves, and by a script: lines such as \"at 2.5s pull reply "
-             "1000\" or \"after request 3 link-down on\", with comments behind #.",
+             "Standard error tells what happens, a line for each request; with --json each line is a JSON object. "
+             "Faults to try are set by options, by control while it serves, and by a script: lines such as \"at 2.5s "
+             "pull reply 1000\" or \"after request 3 link-down on\", with comments behind #.",
              "A store is the folder DIR: a database, presets.sqlite, and a folder pictures. An answer of success means "
              "that the change outlives a loss of power."},
         .words_title = "Links",

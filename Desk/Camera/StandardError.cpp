@@ -366,9 +366,12 @@ StandardError::~StandardError() {
         std::fclose(state_->stream);
     }
     state_->when_behind = nullptr;
-    state_->cutter.finish([&](std::string_view line) { state_->take_from_library(line); });
-    state_->lines = LineBudget();
-    catch_up();
+    try {
+        state_->cutter.finish([&](std::string_view line) { state_->take_from_library(line); });
+        state_->lines = LineBudget();
+        catch_up();
+    } catch (...) { // no memory: what is left stays untold
+    }
     State::current = nullptr;
 }
 

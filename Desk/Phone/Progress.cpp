@@ -41,7 +41,10 @@ Progress::~Progress() {
 }
 
 void Progress::clear() {
-    clear_passing_line();
+    if (visible_) {
+        clear_passing_line();
+    }
+    visible_ = false;
 }
 
 void Progress::show(size_t done, size_t all) {
@@ -54,6 +57,7 @@ void Progress::show(size_t done, size_t all) {
         return;
     }
     shown_permille_ = permille;
+    visible_ = true;
     show_passing_line(line_of(label_, done, all));
 }
 
@@ -61,6 +65,7 @@ void Progress::show_step(size_t number, size_t all, const std::string& name) {
     if (!wanted_) {
         return;
     }
+    visible_ = true;
     show_passing_line(fmt::format("[{}] {} of {} {}", bar_of(number - 1, all, step_bar_length), number, all, name));
 }
 

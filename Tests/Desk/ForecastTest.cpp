@@ -289,7 +289,7 @@ bool may_change(const std::string& entry, const sm_tag_custom_info& listed) {
 
 TEST(Forecast, OfWhatACameraCanListIsTheSameButForTheNamedEntries) {
     std::mt19937 random(1);
-    for (int round = 0; round < 2000; ++round) {
+    for (int round = 0; round < 1000; ++round) {
         const IsoSteps steps = round % 2 == 0 ? IsoSteps::full : IsoSteps::third;
         const sm_tag_custom_info listed = listable(random, steps);
         const sm_tag_custom_info again = forecast(sendable(listed), {steps, SM_MODE_AUTO});
@@ -302,7 +302,7 @@ TEST(Forecast, OfWhatACameraCanListIsTheSameButForTheNamedEntries) {
 
 TEST(Forecast, OfAnyBytesIsMadeAndTold) {
     std::mt19937 random(2);
-    for (int round = 0; round < 1000; ++round) {
+    for (int round = 0; round < 300; ++round) {
         Bytes bytes(sizeof(sm_tag_custom_info));
         std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
         const sm_tag_custom_info any = decode_phone_record(bytes);

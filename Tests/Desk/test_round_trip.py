@@ -5,6 +5,7 @@ The record to send, and the forecast of what the camera will list, come from the
 
 import itertools
 import os
+import shutil
 import struct
 import subprocess
 import unittest
@@ -213,6 +214,19 @@ class ForeseenLosses(DeskTest):
             shown = records_in(link.ask(request(LIST)))[1]
         self.assertEqual(without_cameras_own(shown), lost)
 
+    def test_the_samples_come_out_as_foretold(self):
+        for steps in ("full", "third"):
+            self.samples()
+            with self.camera("--iso-step", steps) as serving, serving.link() as link:
+                listed = records_in(link.ask(request(LIST)))
+                self.assertEqual(len(listed), 12)
+                sent = forecasts([(steps, get(listed[-1], "mode"), record) for record in listed])
+                for record, _ in sent:
+                    link.ask(store_request(record, picture(1)))
+                for shown, (_, foretold) in zip(records_in(link.ask(request(LIST)))[12:], sent, strict=True):
+                    self.assertEqual(without_cameras_own(shown), foretold)
+            shutil.rmtree(self.store)
+
     def test_presets_of_other_origins_come_out_as_foretold(self):
         origins = [0, 0x30, 0x130, 0x144, 0x145, 0x40, 0x12345140]
         records = [
@@ -223,7 +237,7 @@ class ForeseenLosses(DeskTest):
         with self.camera("--empty") as serving, serving.link() as link:
             for record, _ in sent:
                 link.ask(store_request(record, picture(1)))
-            for shown, (_, foretold) in zip(records_in(link.ask(request(LIST))), sent):
+            for shown, (_, foretold) in zip(records_in(link.ask(request(LIST))), sent, strict=True):
                 self.assertEqual(without_cameras_own(shown), foretold)
 
 

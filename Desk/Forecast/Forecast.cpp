@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "Common/Text.h"
+#include "PresetFiles/PresetFile.h"
 #include "Steps.h"
 #include "Wire/Record.h"
 #include "Words/Describe.h"
@@ -20,14 +21,6 @@ constexpr int32_t no_compensation_in_manual_lists = 15;
 
 bool is_manual(int32_t mode) {
     return mode == SM_MODE_MANUAL || mode == manual_mode_too;
-}
-
-bool carries_aperture(int32_t mode) {
-    return mode == SM_MODE_APERTURE || is_manual(mode);
-}
-
-bool carries_shutter(int32_t mode) {
-    return mode == SM_MODE_SHUTTER || is_manual(mode);
 }
 
 // ---- Colours --------------------------------------------------------------------------------------------------------
@@ -120,6 +113,7 @@ constexpr Wording wordings[] = {
     {"iso", iso_number_text},
     {"iso_1_3", iso_number_text},
     {"ev_step", compensation_text},
+    {"type", white_balance_name},
     {"color_style", color_style_text},
     {"made_id", origin_code_text},
     {"linked_custom_mode", custom_mode_text},
@@ -134,13 +128,17 @@ std::string word_text(const Field& field, int32_t code, int32_t mode) {
     return wording == std::end(wordings) ? fmt::format("{}", code) : wording->text(code);
 }
 
-// A word of an array, as a preset file has it.
+// Which word of an array: of a colour style, or by its place.
 std::string place_text(const Field& field, size_t word) {
     constexpr std::array parts = {"red", "green", "blue"};
     if (field.kind == Field::Kind::colors) {
-        return fmt::format("[{}] {} ", word / parts.size(), parts[word % parts.size()]);
+        const auto style = static_cast<int32_t>(word / parts.size()) + 1; // style 0 has no colour
+        return fmt::format("{} {} ", color_style_text(style), parts[word % parts.size()]);
     }
-    return field.kind == Field::Kind::words ? fmt::format("[{}] ", word) : "";
+    if (field.kind == Field::Kind::words) {
+        return field.in_style ? color_style_text(static_cast<int32_t>(word)) + " " : fmt::format("[{}] ", word);
+    }
+    return "";
 }
 
 std::string text_entry(const Bytes& record, const Field& field) {
@@ -152,7 +150,7 @@ std::string text_entry(const Bytes& record, const Field& field) {
 Difference text_difference(const Field& field, const Bytes& expected, const Bytes& found) {
     const std::string before = text_entry(expected, field);
     const std::string after = text_entry(found, field);
-    return {field.name, before, after == before ? "the same, with other bytes behind its end" : after};
+    return {entry_in_words(field.name), before, after == before ? "the same, with other bytes behind its end" : after};
 }
 
 std::optional<Difference> difference_of_text(const Field& field, const Bytes& expected, const Bytes& found) {
@@ -176,7 +174,7 @@ Difference word_difference(const Field& field, size_t word, const Bytes& expecte
         before_text = fmt::format("{}", before);
         after_text = fmt::format("{}", after);
     }
-    return {field.name, place_text(field, word) + before_text, after_text};
+    return {entry_in_words(field.name), place_text(field, word) + before_text, after_text};
 }
 
 // The first word that differs, and how many more do.
@@ -335,7 +333,7 @@ std::vector<Change> changes_of(const Field& field, const sm_tag_custom_info& wan
         const bool is_known = std::any_of(found.begin(), found.end(),
                                           [&](const Change& one) { return one.expected == difference->found; });
         if (!is_known) {
-            found.push_back({field.name, difference->expected, difference->found,
+            found.push_back({difference->entry, difference->expected, difference->found,
                              reason_for(field.name, {wanted, sent, outcome.expected, outcome.state}),
                              condition_of(field.name, outcome.state)});
         }

@@ -1,5 +1,6 @@
-// The table of contents of a backup, manifest.json: which presets it has, in which files, and the sums that tell whether
-// those are as they were written. It says nothing of times, so that two backups of the same presets are the same.
+// The table of contents of a backup, manifest.json: which presets it has, in which files, and the sums that tell
+// whether those are as they were written. It says nothing of times, so that two backups of the same presets are the
+// same.
 #pragma once
 
 #include <cstdint>

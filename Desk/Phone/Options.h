@@ -52,13 +52,13 @@ struct Options {
     bool unchecked = false;           // store: the one request alone
     std::string title;                // rename
     std::optional<int32_t> server_id; // rename
-    bool dry_run = false;             // store, remove, restore, copy
     std::string folder;               // back_up, restore
-    bool overwrites = false;          // back_up
     std::vector<std::string> files;   // restore; all when there are none
+    Endpoint other_camera;            // copy
+    bool dry_run = false;             // store, remove, restore, copy
+    bool overwrites = false;          // back_up
     bool takes_edited = false;        // restore
     bool takes_incomplete = false;    // restore
-    Endpoint other_camera;            // copy
     int32_t code = 1;                 // leave
     bool quick = false;               // check
     bool list_checks = false;         // check

@@ -78,7 +78,10 @@ Progress::~Progress() {
 }
 
 void Progress::clear() {
-    clear_passing_line();
+    if (visible_) {
+        clear_passing_line();
+    }
+    visible_ = false;
 }
 
 void Progress::show(size_t done, size_t all) {
@@ -91,11 +94,13 @@ void Progress::show(size_t done, size_t all) {
         return;
     }
     shown_permille_ = permille;
+    visible_ = true;
     show_passing_line(progress_line(label_, done, all, room_on_terminal()));
 }
 
 void Progress::show_step(size_t number, size_t all, const std::string& name) {
     if (wanted_) {
+        visible_ = true;
         show_passing_line(step_line(number, all, name, room_on_terminal()));
     }
 }

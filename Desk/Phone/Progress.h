@@ -30,6 +30,7 @@ class Progress {
     std::string label_;
     bool wanted_;
     size_t shown_permille_;
+    bool visible_ = false;
 };
 
 } // namespace desk::phone

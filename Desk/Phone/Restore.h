@@ -1,5 +1,5 @@
-// Stores the presets of a backup in a camera, which keeps all that it holds. A restore that was broken off goes on where
-// it stopped.
+// Stores the presets of a backup in a camera, which keeps all that it holds. A restore that was broken off goes on
+// where it stopped.
 #pragma once
 
 namespace desk::phone {

@@ -393,6 +393,26 @@ class WordsReader {
 
 } // namespace
 
+std::string entry_in_words(const std::string& field) {
+    const auto known = std::ranges::find(fields(), field, &Field::name);
+    if (known == fields().end()) {
+        return field;
+    }
+    if (known->offset == offset_of_color(1)) {
+        return fmt::format("{} {}", styles_entry, style_color);
+    }
+    for (const StyleValue& value : style_values()) {
+        if (value.offset == known->offset) {
+            return fmt::format("{} {}", styles_entry, value.name);
+        }
+    }
+    const auto entry = std::ranges::find(word_entries(), known->offset, &WordEntry::offset);
+    if (entry == word_entries().end()) {
+        return field;
+    }
+    return entry->group.empty() ? entry->name : fmt::format("{} {}", entry->group, entry->name);
+}
+
 ordered_json in_words(const sm_tag_custom_info& preset) {
     const Bytes record = encode(preset);
     ordered_json whole = ordered_json::object();

@@ -37,6 +37,9 @@ std::string text_of_preset(const sm_tag_custom_info& preset, Form form, const st
 PresetFile preset_from_text(std::string_view text, const std::string& name,
                             MissingSteps missing = MissingSteps::refused);
 
+// What a file in words calls a field of the record: "av_index" is "aperture", "cs_hue" is "styles hue".
+std::string entry_in_words(const std::string& field);
+
 // A file to begin with, all of whose values are usual ones.
 std::string text_of_new_preset(Form form, const std::string& schema = "");
 

@@ -108,7 +108,7 @@ std::vector<WordEntry> styles_and_settings() {
     return {
         named("style", "color_style", color_style_names(), "The colour style that is chosen"),
         plain("off_color", "cs_color_off_color", "Off colour of the styles; -1 where the camera forced style C4"),
-        of_kind(Kind::color_styles, "styles", "cs_color", "The values of each colour style; colours from 0 to 255"),
+        of_kind(Kind::color_styles, styles_entry, "cs_color", "The values of each colour style; colours from 0 to 255"),
         plain("smart_filter", "smart_filter", "0 none, else the camera's own code"),
         plain("metering", "metering", "The camera's own code"),
         plain("drive", "drive", "The camera's own code"),

@@ -49,6 +49,7 @@ struct StyleValue {
     size_t offset; // of the value of style 0
 };
 const std::vector<StyleValue>& style_values();
+inline constexpr auto styles_entry = "styles";
 inline constexpr auto style_color = "color"; // of all styles but style 0
 // Where the record has the colour of a style from 1 on.
 size_t offset_of_color(int32_t style);

@@ -370,6 +370,19 @@ class BrokenOff(BackupTest):
         shelf.pictures[1] = whole
         self.assertGoesOn(shelf, there=2)
 
+    def test_a_picture_that_is_not_read_any_more_goes(self):
+        shelf = Shelf(*self.TITLES)
+
+        def answer(function, data):
+            gone = function == PICTURE and len(shelf.asked) == 2
+            return FakeCamera.CLOSE if gone else shelf.answer(function, data)
+
+        self.assertEnds(self.back_up_shelf(shelf, answer=answer), 6)
+        os.truncate(os.path.join(self.place, "00-one.jpg"), 100)
+        shelf.pictures[1] = b""
+        self.assertEnds(self.back_up_shelf(shelf), 9)
+        self.assertIsNone(self.assertWhole(self.place)["presets"][0]["picture"])
+
     def test_a_full_disk_leaves_whole_files(self):
         shelf = Shelf(*self.TITLES)
         shelf.pictures[3] = picture(3, 100000)
@@ -703,6 +716,24 @@ class Restoring(RestoreTest):
             self.assertEnds(self.restore(camera.url, "00-same.json", place=self.path("twins")), 0)
             self.assertEnds(self.restore(camera.url, place=self.path("twins")), 0)
             self.assertEqual(self.titles(camera), [b"Same", b"Same"])
+
+    def test_one_whose_picture_cannot_be_asked_for_is_not_taken_for_held(self):
+        record = self.shelf.records[0]
+        records = [changed(record, custom_id=0)]
+
+        def answer(function, data):
+            if function == STORE:
+                records.append(changed(record, preset_num=1, custom_id=7))
+                return request(REPLY + STORE, struct.pack("<iiii", 1, 1, 7, 0))
+            if function == PICTURE and data[8:12] == bytes(4):
+                return None
+            is_list = function == LIST
+            return list_reply(records) if is_list else request(REPLY + PICTURE, data[8:12] + self.shelf.pictures[1])
+
+        with FakeCamera(self.folder, answer) as camera:
+            done = self.restore(camera.url, "00-one.json")
+        self.assertEnds(done, 0)
+        self.assertEqual(done.stdout.splitlines()[-1], b"1 of 1 stored")
 
     def test_files_that_are_named_are_restored_alone(self):
         with self.second_camera() as camera:

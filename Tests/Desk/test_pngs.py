@@ -167,6 +167,13 @@ class Pngs(Fitting):
             for x in range(0, 7000, 100):
                 self.assertLessEqual(abs(rows[7000 * y + x] - x * 8 // 7 * 255 // 8000), NEAR, (x, y))
 
+    def test_are_no_darker_at_their_edges_where_they_become_smaller(self):
+        # Of 8001 by 4001 pixels, seven eighths are 7000.9 by 3500.9: the last new ones are cut.
+        width, height, rows = self.fitted(png_of_rows(8001, 4001, itertools.repeat(bytes([200]) * 8001, 4001), GREY))
+        self.assertEqual((width, height), (7001, 3501))
+        for at in (7000, 3500 * 7001, 3501 * 7001 - 1):
+            self.assertLessEqual(abs(rows[at] - 200), NEAR)
+
     def test_keep_their_orientation(self):
         for order, begin in ((">", b"MM"), ("<", b"II")):
             entry = struct.pack(order + "HHIHH", 0x0112, 3, 1, 6, 0)

@@ -90,8 +90,9 @@ std::vector<Change> CarefulStore::foreseen(const Planned& planned, std::span<con
     const bool stays = is_at_stake && can_store_twice();
     std::vector<Change> all = changes(planned.wanted, planned.sent, stays ? keeping_aperture(state_) : state_);
     for (Change& change : all) {
-        change.reason +=
-            is_at_stake && !stays && change.entry == entry_in_words("av_index") ? ", and has no room to store it twice" : "";
+        change.reason += is_at_stake && !stays && change.entry == entry_in_words("av_index")
+                             ? ", and has no room to store it twice"
+                             : "";
     }
     if (const size_t fetched = as_fetched(picture).size(); fetched != picture.size()) {
         all.push_back({picture_entry, bytes_text(picture.size()), bytes_text(fetched),

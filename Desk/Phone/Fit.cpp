@@ -322,9 +322,12 @@ Rows rows_of_png(std::span<const uint8_t> picture, unsigned scale, Clock::time_p
     }
 }
 
-Rows smaller(const Rows& rows, unsigned scale, unsigned from) {
+Rows smaller(const Rows& rows, unsigned scale, unsigned from, Clock::time_point deadline, const std::string& name) {
     Shrinker shrinker(rows.size, static_cast<size_t>(rows.components), scale, from);
     for (size_t y = 0; y < rows.size.height; ++y) {
+        if (Clock::now() > deadline) {
+            throw costly_png(name);
+        }
         shrinker.add(std::span(rows.bytes).subspan(y * rows.row_size(), rows.row_size()));
     }
     return {shrinker.size(), rows.colors, rows.components, shrinker.take()};
@@ -352,10 +355,7 @@ FittedPicture fit_png(std::span<const uint8_t> picture, size_t most, const std::
     const Rows all = rows_of_png(picture, largest, deadline, name, properties);
     Rows fewer;
     const auto rows_at = [&](unsigned scale) -> const Rows& {
-        if (Clock::now() > deadline) {
-            throw costly_png(name);
-        }
-        return scale == largest ? all : fewer = smaller(all, scale, largest);
+        return scale == largest ? all : fewer = smaller(all, scale, largest, deadline, name);
     };
     return fit(properties, rows_at, most, name, deadline);
 }

@@ -13,7 +13,7 @@ namespace desk::phone {
 
 class Shrinker {
   public:
-    // To `parts` of `whole` parts of its width and height, rounded up. A pixel has so many bytes.
+    // To `parts` of `whole` parts of its width and height, rounded up. A pixel has one byte, or three.
     Shrinker(PictureSize size, size_t components, unsigned parts, unsigned whole);
 
     // The next row from the top; each must come.
@@ -27,6 +27,7 @@ class Shrinker {
     void add_across(std::span<const uint8_t> row);
     void add_down(unsigned weight);
     void finish_row();
+    uint32_t units_across(size_t x) const;
 
     PictureSize old_size_;
     PictureSize new_size_;

@@ -1,6 +1,5 @@
 """`list --watch`: the presets of a camera as they change, on a terminal and in a pipe."""
 
-import contextlib
 import fcntl
 import json
 import os
@@ -69,8 +68,6 @@ class Watched(DeskTest):
 class ManyTimes(FakeCamera):
     def __init__(self, path, answer):
         super().__init__(os.path.dirname(path), answer)
-        with contextlib.suppress(FileNotFoundError):
-            os.unlink(path)
         os.rename(self.url[len("unix:") :], path)
 
     def _serve(self):
@@ -194,7 +191,10 @@ class Lines(Watched):
         self.records.pop()
         self.serve()
         self.assertLine('gone: "Dusk" (preset 2, id 3)')
-        self.assertEqual(self.said().count("\n"), 2, self.said())
+        *troubles, last = self.said().splitlines()
+        self.assertEqual(last, "the camera answers again")
+        # A look that was under way may have been cut off first; nothing is told twice in a row.
+        self.assertLessEqual(len(troubles), 2, troubles)
 
     def test_leave_the_camera_to_others_between_two_looks(self):
         self.serving.stop()

@@ -15,10 +15,15 @@
 #include "PresetFiles/PresetFile.h"
 #include "Presets.h"
 #include "Progress.h"
+#include "SchemaFile.h"
 #include "Words/Describe.h"
 
 namespace desk::phone {
 namespace {
+
+std::string file_text(const sm_tag_custom_info& preset) {
+    return text_of_preset(preset, Form::words, schema_url());
+}
 
 std::span<const uint8_t> bytes_of(std::string_view text) {
     return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
@@ -118,7 +123,7 @@ class Backup {
             const sm_tag_custom_info& preset = presets_[number];
             const std::string title = title_text(preset);
             const std::string stem = file_stem(number, title);
-            const std::string text = text_of_preset(preset, Form::words);
+            const std::string text = file_text(preset);
             const BackupFile file = {stem + ".json", text.size(), sha256_of(bytes_of(text))};
             const BackupFile picture = {stem + ".jpg", 0, ""};
             manifest_.presets.push_back({static_cast<int32_t>(number), preset.custom_id, title, file, picture});
@@ -155,7 +160,7 @@ class Backup {
     void fetch(const sm_tag_custom_info& preset, BackupEntry& entry) {
         const bool had_preset = folder_.holds(entry.preset);
         if (!had_preset) {
-            folder_.write(entry.preset.name, bytes_of(text_of_preset(preset, Form::words)));
+            folder_.write(entry.preset.name, bytes_of(file_text(preset)));
         }
         if (entry.picture->is_there()) {
             kept_ += had_preset;

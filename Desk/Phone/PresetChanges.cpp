@@ -3,7 +3,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "PresetFiles/PresetJson.h"
+#include "Forecast/Forecast.h"
+#include "PresetFiles/PresetFile.h"
 #include "Words/Describe.h"
 
 namespace desk::phone {
@@ -33,24 +34,27 @@ NumberedPreset numbered(const Presets& presets, size_t position) {
     return {static_cast<int>(position), presets[position]};
 }
 
-std::vector<std::string> changed_fields(const sm_tag_custom_info& before, const sm_tag_custom_info& after) {
-    const Json old_entries = to_json(before);
-    const Json entries = to_json(after);
+std::string title_of(const sm_tag_custom_info& preset) {
+    return text_of(preset.title, sizeof preset.title);
+}
+
+// A preset's number and the like are the camera's own.
+std::vector<std::string> changed_entries(const sm_tag_custom_info& before, const sm_tag_custom_info& after) {
     std::vector<std::string> names;
-    for (const auto& [name, value] : entries.items()) {
-        if (name != "title" && name != "preset_num" && old_entries[name] != value) {
-            names.push_back(name);
+    for (const Difference& difference : differences(before, after)) {
+        if (difference.entry != entry_in_words("title")) {
+            names.push_back(difference.entry);
         }
     }
     return names;
 }
 
 void append_changes(const sm_tag_custom_info& before, const NumberedPreset& after, std::vector<PresetChange>& changes) {
-    if (to_json(before)["title"] != to_json(after.preset)["title"]) {
+    if (title_of(before) != title_of(after.preset)) {
         changes.push_back({Kind::renamed, after, before, {}});
     }
-    if (std::vector<std::string> fields = changed_fields(before, after.preset); !fields.empty()) {
-        changes.push_back({Kind::changed, after, before, std::move(fields)});
+    if (std::vector<std::string> entries = changed_entries(before, after.preset); !entries.empty()) {
+        changes.push_back({Kind::changed, after, before, std::move(entries)});
     }
 }
 
@@ -87,23 +91,23 @@ std::string line_of(const PresetChange& change) {
     case Kind::renamed:
         return line + fmt::format(", was \"{}\"", title_text(change.before));
     case Kind::changed:
-        return line + fmt::format(": {}", fmt::join(change.fields, ", "));
+        return line + fmt::format(": {}", fmt::join(change.entries, ", "));
     default:
         return line;
     }
 }
 
-Json json_of(const PresetChange& change) {
+Json json_of(const PresetChange& change, Form form) {
     Json json = {{"change", name_of(change.kind)},
                  {"number", change.preset.number},
                  {"custom_id", change.preset.preset.custom_id}};
     if (change.kind == Kind::renamed) {
-        json["title_before"] = to_json(change.before)["title"];
+        json["title_before"] = json_of_preset(change.before, form)["title"];
     }
     if (change.kind == Kind::changed) {
-        json["fields"] = change.fields;
+        json["entries"] = change.entries;
     }
-    json["preset"] = to_json(change.preset.preset);
+    json["preset"] = json_of_preset(change.preset.preset, form);
     return json;
 }
 

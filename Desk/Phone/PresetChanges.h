@@ -12,9 +12,9 @@ namespace desk::phone {
 struct PresetChange {
     enum class Kind { listed, added, gone, renamed, changed };
     Kind kind;
-    NumberedPreset preset;           // as it is now; one that is gone, as it was
-    sm_tag_custom_info before = {};  // renamed, changed
-    std::vector<std::string> fields; // changed: the names of those of the record that have
+    NumberedPreset preset;            // as it is now; one that is gone, as it was
+    sm_tag_custom_info before = {};   // renamed, changed
+    std::vector<std::string> entries; // changed: those of a preset file that have
 };
 
 // A preset is known by its custom_id. Its number alone is no change: presets get others when one before them goes.
@@ -27,6 +27,6 @@ std::vector<PresetChange> listed(const std::vector<sm_tag_custom_info>& presets)
 // One line without its end.
 std::string line_of(const PresetChange& change);
 
-nlohmann::ordered_json json_of(const PresetChange& change);
+nlohmann::ordered_json json_of(const PresetChange& change, Form form);
 
 } // namespace desk::phone

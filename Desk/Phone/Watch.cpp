@@ -174,7 +174,7 @@ class Watch {
         for (const PresetChange& change : changes) {
             if (options_.json) {
                 nlohmann::ordered_json json = {{"time", universal_time()}};
-                json.update(json_of(change));
+                json.update(json_of(change, options_.raw ? Form::raw : Form::words));
                 print(escaped_json(json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)) + "\n");
             } else {
                 print(fmt::format("{} {}\n", local_time(), line_of(change)));

@@ -172,10 +172,10 @@ TEST(Forecast, TellsOfAnApertureThatIsLostForTheLastListedPreset) {
     preset.av_index = 28;
     EXPECT_EQ(lines_about(preset), Lines{});
     EXPECT_EQ(lines_about(preset, after_shutter_mode),
-              Lines{"av_index f/2.8 -> -: the camera stores no aperture while the last preset of its list is in "
+              Lines{"aperture f/2.8 -> -: the camera stores no aperture while the last preset of its list is in "
                     "shutter mode"});
     EXPECT_EQ(lines_about(preset, {IsoSteps::full, std::nullopt}),
-              Lines{"av_index f/2.8 -> - if the last preset that the camera listed is in shutter mode"});
+              Lines{"aperture f/2.8 -> - if the last preset that the camera listed is in shutter mode"});
     EXPECT_TRUE(loses_aperture(sendable(preset), after_shutter_mode));
     EXPECT_TRUE(loses_aperture(sendable(preset), {IsoSteps::full, std::nullopt}));
     EXPECT_FALSE(loses_aperture(sendable(preset), full_steps));
@@ -186,15 +186,15 @@ TEST(Forecast, TellsNothingOfAnApertureThatTheModeDoesNotCarry) {
     sm_tag_custom_info preset = preset_in(SM_MODE_AUTO);
     preset.av_index = 28;
     EXPECT_FALSE(loses_aperture(preset, after_shutter_mode));
-    EXPECT_EQ(lines_about(preset), Lines{"av_index f/2.8 -> -: a preset in this mode carries no aperture"});
+    EXPECT_EQ(lines_about(preset), Lines{"aperture f/2.8 -> -: a preset in this mode carries no aperture"});
 }
 
 TEST(Forecast, TellsOfStepsThatTheCameraLacks) {
     sm_tag_custom_info preset = preset_in(SM_MODE_APERTURE);
     preset.av_index = 10;
     preset.ev_step = 51;
-    EXPECT_EQ(lines_about(preset), (Lines{"av_index f/1 -> f/1.1: the camera has no such step",
-                                          "ev_step 51 -> 50: the camera has no such step"}));
+    EXPECT_EQ(lines_about(preset), (Lines{"aperture f/1 -> f/1.1: the camera has no such step",
+                                          "ev 51 -> 50: the camera has no such step"}));
 }
 
 TEST(Forecast, TellsWhatBecomesOfOtherOrigins) {
@@ -204,35 +204,35 @@ TEST(Forecast, TellsWhatBecomesOfOtherOrigins) {
     preset.k_value = 5500;
     preset.type = 2;
     EXPECT_EQ(lines_about(preset),
-              (Lines{"type 2 -> 10: presets that were not made on a KT camera are set to their colour temperature",
-                     "color_style style 3 -> C4: presets that were not made on a KT camera get style C4",
-                     "cs_color_off_color 0 -> -1: presets that were not made on a KT camera get style C4"}));
+              (Lines{"white_balance daylight -> Kelvin: presets that were not made on a KT camera are set to their colour temperature",
+                     "style style 3 -> C4: presets that were not made on a KT camera get style C4",
+                     "off_color 0 -> -1: presets that were not made on a KT camera get style C4"}));
 }
 
 TEST(Forecast, TellsWhatBecomesOfKorvelsPresets) {
     sm_tag_custom_info preset = plain_preset();
     preset.made_id = 0x145;
     EXPECT_EQ(lines_about(preset),
-              (Lines{"color_style style 0 -> C4: presets of the maker korvel without a smart filter get style C4",
-                     "cs_color_off_color 0 -> -1: presets of the maker korvel without a smart filter get style C4"}));
+              (Lines{"style style 0 -> C4: presets of the maker korvel without a smart filter get style C4",
+                     "off_color 0 -> -1: presets of the maker korvel without a smart filter get style C4"}));
     preset.smart_filter = 1;
-    EXPECT_EQ(lines_about(preset), Lines{"made_id 0x145 -> 0x140: presets of the maker korvel with a smart filter lose "
+    EXPECT_EQ(lines_about(preset), Lines{"origin 0x145 -> 0x140: presets of the maker korvel with a smart filter lose "
                                          "the last digit of their origin"});
 }
 
 TEST(Forecast, TellsOfColorsThatAreNotOnTheCamerasScale) {
     sm_tag_custom_info preset = plain_preset();
     preset.cs_info.cs_color[2].cs_color_g = 4; // 3 is listed as 3, 4 as 5
-    EXPECT_EQ(lines_about(preset), Lines{"cs_color [2] green 4 -> 3: the camera's scale of colours has 199 steps"});
+    EXPECT_EQ(lines_about(preset), Lines{"styles color style 3 green 4 -> 3: the camera's scale of colours has 199 steps"});
     preset.cs_info.cs_color[5] = {4, 4, 4};
     EXPECT_EQ(lines_about(preset),
-              Lines{"cs_color [2] green 4 -> 3, and 3 more: the camera's scale of colours has 199 steps"});
+              Lines{"styles color style 3 green 4 -> 3, and 3 more: the camera's scale of colours has 199 steps"});
 }
 
 TEST(Forecast, TellsThatALinkIsNotCarried) {
     sm_tag_custom_info preset = plain_preset();
     preset.linked_custom_mode = 1;
-    EXPECT_EQ(lines_about(preset), Lines{"linked_custom_mode CUSTOM1 -> -: the camera gives its own"});
+    EXPECT_EQ(lines_about(preset), Lines{"custom_mode CUSTOM1 -> -: the camera gives its own"});
 }
 
 TEST(Forecast, OfCodesAsTheyAreSentTellsWhatTheyMean) {
@@ -246,7 +246,7 @@ TEST(Forecast, OfCodesAsTheyAreSentTellsWhatTheyMean) {
     const std::vector<Change> found = changes(meant_by(sent), sent, full_steps);
     ASSERT_EQ(found.size(), 1U);
     EXPECT_EQ(line_of(found[0]),
-              "iso_1_3 400 -> auto: sent as it stands it is read as a position 0 to 30, not as a number");
+              "iso_third_steps 400 -> auto: sent as it stands it is read as a position 0 to 30, not as a number");
 }
 
 // ---- Whatever stands in a record ------------------------------------------------------------------------------------
@@ -275,16 +275,16 @@ sm_tag_custom_info listable(std::mt19937& random, IsoSteps steps) {
 bool may_change(const std::string& entry, const sm_tag_custom_info& listed) {
     const bool is_kt = (listed.made_id & SM_MADE_FAMILY) == SM_MADE_FAMILY_KT;
     const bool is_korvel = (listed.made_id & SM_MADE_MAKER) == SM_MADE_MAKER_KORVEL;
-    if (entry == "color_style" || entry == "cs_color_off_color") {
+    if (entry == "style" || entry == "off_color") {
         return !is_kt || (is_korvel && listed.smart_filter == 0);
     }
-    if (entry == "type") {
+    if (entry == "white_balance") {
         return !is_kt && listed.k_value != 0;
     }
-    if (entry == "made_id") {
+    if (entry == "origin") {
         return is_kt && is_korvel && listed.smart_filter != 0;
     }
-    return entry == "tv_index" && listed.tv_index == 0; // of a code that is no step: 60 s is the nearest
+    return entry == "shutter" && listed.tv_index == 0; // of a code that is no step: 60 s is the nearest
 }
 
 TEST(Forecast, OfWhatACameraCanListIsTheSameButForTheNamedEntries) {

@@ -15,7 +15,7 @@ STREAM = b"\xff\xd8\xff\xdb"
 FAST = changed(phone_record(b"Fast"), mode=SHUTTER, tv_index=90)
 WIDE = changed(phone_record(b"Wide"), mode=APERTURE, av_index=28)
 WIDE_LOST = (
-    b'"Wide" will be: av_index f/2.8 -> -: the camera stores no aperture while the last preset of its list is in '
+    b'"Wide" will be: aperture f/2.8 -> -: the camera stores no aperture while the last preset of its list is in '
     b"shutter mode, and has no room to store it twice\n"
 )
 WIDE_TWICE = (

@@ -171,7 +171,7 @@ class StandardInputAndOutput(DeskTest):
         with tempfile.TemporaryFile() as file:
             file.write(given)
             file.seek(0)
-            return self.phone("store", *arguments, stdin=file, **more)
+            return self.phone("store", "--unchecked", *arguments, stdin=file, **more)
 
     def test_a_preset_comes_from_standard_input(self):
         self.send("-", self.file("p.jpg", self.image), given=self.preset)
@@ -186,7 +186,7 @@ class StandardInputAndOutput(DeskTest):
             ["sh", "-c", f"head -c 300 {self.file('p.jpg', self.image)}; sleep 0.3; tail -c +301 {self.folder}/p.jpg"],
             stdout=subprocess.PIPE,
         )
-        self.phone("store", self.file("p.json", self.preset), "-", stdin=writer.stdout)
+        self.phone("store", "--unchecked", self.file("p.json", self.preset), "-", stdin=writer.stdout)
         writer.stdout.close()
         self.assertEqual((writer.wait(PATIENCE), self.sent), (0, rich_record() + self.image))
 
@@ -208,7 +208,7 @@ class StandardInputAndOutput(DeskTest):
 
     def test_a_file_that_is_called_so_is_reached_by_its_path(self):
         self.file("-", self.preset)
-        self.phone("store", "./-", self.file("p.jpg", self.image), cwd=self.folder)
+        self.phone("store", "--unchecked", "./-", self.file("p.jpg", self.image), cwd=self.folder)
         self.assertEqual(self.sent, rich_record() + self.image)
 
     def test_a_picture_goes_to_standard_output_and_talk_to_standard_error(self):

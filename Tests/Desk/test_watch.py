@@ -146,7 +146,7 @@ class Lines(Watched):
     def test_tell_the_fields_that_have_changed(self):
         self.start()
         self.records[2] = changed(self.records[2], iso=800, linked_custom_mode=1)
-        self.assertLine('changed: "Dusk" (preset 2, id 3): iso, linked_custom_mode')
+        self.assertLine('changed: "Dusk" (preset 2, id 3): iso, custom_mode')
         self.assertSilent()
 
     def test_are_silent_where_presets_get_other_numbers_alone(self):
@@ -155,7 +155,7 @@ class Lines(Watched):
         self.assertSilent()
 
     def test_as_json_are_an_object_for_each_change(self):
-        self.watch("--json")
+        self.watch("--json", "--raw")
         found = [json.loads(self.line()) for _ in range(3)]
         self.assertEqual([one["change"] for one in found], ["listed"] * 3)
         self.assertEqual([one["preset"] for one in found], [record_to_json(record) for record in self.records])
@@ -169,7 +169,7 @@ class Lines(Watched):
             [
                 {"change": "gone", "number": 0, "custom_id": 1, "preset": record_to_json(old[0])},
                 {"change": "renamed", "number": 0, "custom_id": 2, "title_before": "Noon", "preset": noon},
-                {"change": "changed", "number": 0, "custom_id": 2, "fields": ["iso"], "preset": noon},
+                {"change": "changed", "number": 0, "custom_id": 2, "entries": ["iso"], "preset": noon},
                 {"change": "added", "number": 2, "custom_id": 4, "preset": new},
             ],
         )

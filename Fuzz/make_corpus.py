@@ -88,9 +88,7 @@ def picture(short=0):
 
 def pairs(*named):
     return (
-        bytes([len(named)])
-        + b"".join(b"\0" + number(preset) + b"\0" + number(id_) for preset, id_ in named)
-        + size(0)
+        bytes([len(named)]) + b"".join(b"\0" + number(preset) + b"\0" + number(id_) for preset, id_ in named) + size(0)
     )
 
 
@@ -145,11 +143,7 @@ def flood(value, *extra):
 
 
 def pictures(*parts, path=4):
-    return (
-        bytes([15, len(parts)])
-        + b"".join(bytes([3]) + size(len(part)) + part for part in parts)
-        + bytes([path])
-    )
+    return bytes([15, len(parts)]) + b"".join(bytes([3]) + size(len(part)) + part for part in parts) + bytes([path])
 
 
 CONVERSATIONS = {
@@ -159,11 +153,8 @@ CONVERSATIONS = {
         camera_list([(0, 1)], reported=count) + request(1) for count in (-(2**31), -1, 41, 2**31 - 1)
     ),
     "picture_errors": request(2, number(0) + number(1)) + request(2, number(5) + number(1)) + confirm(2),
-    "picture_of_four_streams": pictures(b"one", b"two", b"three", b"four")
-    + request(2, number(5) + number(1)),
-    "picture_paths": b"".join(
-        pictures(b"x", path=path) + request(2, number(7) + number(1)) for path in range(5)
-    ),
+    "picture_of_four_streams": pictures(b"one", b"two", b"three", b"four") + request(2, number(5) + number(1)),
+    "picture_paths": b"".join(pictures(b"x", path=path) + request(2, number(7) + number(1)) for path in range(5)),
     "store": answers(1) + request(3, record(b"B\1") + picture(), cuts(8, 100, 736)) + confirm(),
     "store_too_short": request(3, record() + picture(short=10)) + announcing(3, 4) + drop_link(),
     "update": answers(1) + request(4, record(b"T", [(600, 5)])) + request(4, record(b"\xff")),
@@ -172,26 +163,14 @@ CONVERSATIONS = {
     + request(5, pairs((0, 1), (1, 3), (2, 5)))
     + confirm(),
     "delete_impossible_link": camera_list([(0, 1)], (-2, 41, 0, 1)) + answers(1) + request(5, pairs((0, 1))),
-    "delete_faulty": answers(1)
-    + request(5, pairs((0, 0)))
-    + request(5, pairs((40, 1)))
-    + request(5, pairs()),
+    "delete_faulty": answers(1) + request(5, pairs((0, 0))) + request(5, pairs((40, 1))) + request(5, pairs()),
     "state_off_and_on": request(0, size(4) + word(-12)) + request(255) + request(256) + request(6),
     "queue_overflow": request(4, record()) * 13 + confirm(12) + request(1),
-    "refused_totals": announcing(1, -1)
-    + announcing(1, 0)
-    + drop_link()
-    + announcing(257, 8)
-    + announcing(-1, 8),
+    "refused_totals": announcing(1, -1) + announcing(1, 0) + drop_link() + announcing(257, 8) + announcing(-1, 8),
     "overshoot": announcing(1, 2, b"more") + raw(b"\1\0\0\0\x08\0\0\0") + drop_link() + request(1),
     "too_long": announcing(3, 600001) + flood(7, 0, 0, 0) + drop_link(),
-    "refused_buffers": b"".join(
-        refuse(nth) + camera_list([(0, 1)]) + request(1) + drop_link() for nth in range(1, 5)
-    ),
-    "refused_for_good": refuse(2, True)
-    + request(2, number(0) + number(0))
-    + request(4, record())
-    + confirm(),
+    "refused_buffers": b"".join(refuse(nth) + camera_list([(0, 1)]) + request(1) + drop_link() for nth in range(1, 5)),
+    "refused_for_good": refuse(2, True) + request(2, number(0) + number(0)) + request(4, record()) + confirm(),
     "total_0_without_buffer": refuse(1) + announcing(1, 0) + raw(b"\1\0\0\0"),
 }
 
@@ -206,9 +185,7 @@ def bytes_of(*values):
 # Model code, C4 state and ISO step are left behind, then the kind of conversion follows.
 CONVERSIONS = {
     **{
-        f"to_phone_mode_{mode}": bytes_of(
-            4, 4, 5, 0, 1, mode + 1, 0, 1, 20 + mode, 1, 30 + mode, 0, 1, 3, 0, 5, 1, 15
-        )
+        f"to_phone_mode_{mode}": bytes_of(4, 4, 5, 0, 1, mode + 1, 0, 1, 20 + mode, 1, 30 + mode, 0, 1, 3, 0, 5, 1, 15)
         for mode in range(7)
     },
     **{
@@ -223,10 +200,7 @@ CONVERSIONS = {
         for model in range(4)
     },
     "white": bytes_of(4, 4, 5, 2) + word(255) * 186,
-    "extremes": bytes_of(19, 0, 19, 2)
-    + word(2**31 - 1) * 186
-    + bytes_of(0, 19, 0, 2)
-    + word(-(2**31)) * 186,
+    "extremes": bytes_of(19, 0, 19, 2) + word(2**31 - 1) * 186 + bytes_of(0, 19, 0, 2) + word(-(2**31)) * 186,
 }
 
 LOG_LINES = {
@@ -235,9 +209,7 @@ LOG_LINES = {
         for level in range(6)
     },
     "longest": b"".join(
-        bytes_of(level, 0, 1, more) + b"y" * (240 + more) + b"\1"
-        for level in (0, 1, 5)
-        for more in (5, 6, 7, 8)
+        bytes_of(level, 0, 1, more) + b"y" * (240 + more) + b"\1" for level in (0, 1, 5) for more in (5, 6, 7, 8)
     ),
     "formats": bytes_of(5, 3, 0) + size(12) + b"%s%n%d%%\\\033[m\1",
 }
@@ -274,9 +246,7 @@ JSON_TEXTS = {
     "deep": b"[" * 200 + b"]" * 200,
     "broken_utf8": b'{"title": "\xff\xfe", "mode": "\\ud800"}',
     "words_aperture": in_words(mode="Aperture", aperture="f/4", iso=400, ev="-1/3"),
-    "words_manual": in_words(
-        mode="Manual", aperture="f/4.2", shutter="1/33 s", iso="auto", iso_third_steps=500
-    ),
+    "words_manual": in_words(mode="Manual", aperture="f/4.2", shutter="1/33 s", iso="auto", iso_third_steps=500),
     "words_codes": in_words(mode={"code": 7}, iso={"code": 50}, ev="+1 2/3", aperture={"code": -1}),
     "words_partial": b'{"form": "words", "mode": "Shutter", "shutter": "0.5", "styles": {"C1": {"color": [1]}}}',
     "record_of_zeros": b"\xff",
@@ -299,10 +269,7 @@ REPLIES = {
     "empty_list": bytes_of(1) + reply(1, 0, 5, bytes(20), 20),
     "deleted_kept_one": bytes_of(1) + reply(5, 1, 5, word(-7) + bytes(16), 12),
     "picture": bytes_of(1) + reply(2, 0, 9, bytes(range(20))),
-    "stored_and_renamed": bytes_of(2)
-    + reply(3, 0, 4, bytes(20))
-    + reply(4, 0, 1, bytes(20))
-    + bytes_of(1) * 40,
+    "stored_and_renamed": bytes_of(2) + reply(3, 0, 4, bytes(20)) + reply(4, 0, 1, bytes(20)) + bytes_of(1) * 40,
     "plain_bytes": bytes_of(1, 0) + size(16) + word(0x1001) + word(7) + bytes(8),
 }
 
@@ -317,10 +284,7 @@ STORES = {
         f"header_{offset}": bytes_of(1) + size(offset) + size(3) + word(7) + bytes_of(0, 2, 1, 1)
         for offset in (0, 16, 18, 20, 28, 40, 60, 68)
     },
-    **{
-        f"page_{page}": bytes_of(1) + size(4096 * page) + size(7) + bytes(8) + bytes_of(0)
-        for page in range(1, 4)
-    },
+    **{f"page_{page}": bytes_of(1) + size(4096 * page) + size(7) + bytes(8) + bytes_of(0) for page in range(1, 4)},
 }
 
 

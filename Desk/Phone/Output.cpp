@@ -60,8 +60,8 @@ void complain(std::string_view lines) {
     talk(fmt::format("shotmentor-phone: {}\n", printable_lines(lines)));
 }
 
-// The cursor waits at the start of the line. A terminal that is made narrower may break the line, but the cursor stays in
-// front of all of it, so that everything behind the cursor is ours to erase.
+// The cursor waits at the start of the line. A terminal that is made narrower may break the line, but the cursor stays
+// in front of all of it, so that everything behind the cursor is ours to erase.
 void show_passing_line(std::string_view text) {
     passing_line_shows = true;
     talk(std::string(text) + "\x1b[J\r");

@@ -88,10 +88,10 @@ std::vector<WordEntry> fine_adjustments() {
 std::vector<WordEntry> exposure_and_colour() {
     return {
         text("title", "title", "At most 51 bytes of UTF-8", Need::always),
-        named("mode", "mode", mode_names(), "The shooting mode: it says which of aperture, shutter and ev the file has"),
+        named("mode", "mode", mode_names(), "Says which of aperture, shutter and ev the file has"),
         step("aperture", "av_index", aperture_scale(), carries_aperture, 0, "In the modes Aperture and Manual"),
         step("shutter", "tv_index", shutter_scale(), carries_shutter, 0, "In the modes Shutter and Manual"),
-        iso("iso", "iso", "The sensitivity, or \"auto\"; a camera that is set to full ISO steps takes the nearest of these",
+        iso("iso", "iso", "The sensitivity, or \"auto\"; a camera that is set to full ISO steps takes its nearest one",
             Need::always),
         iso("iso_third_steps", "iso_1_3",
             "The sensitivity of a camera that is set to third ISO steps, where it is another; else that of iso",
@@ -145,7 +145,7 @@ std::vector<WordEntry> styles_and_settings() {
         plain("id", "custom_id", "Its id, which the camera gives", Need::never),
         plain("phone_id", "applocal_id", "Its id on the phone", Need::never),
         plain("server_id", "server_id", "Its id on the phone application's server", Need::never),
-        named("custom_mode", "linked_custom_mode", custom_mode_names(), "The custom mode that uses it, which the camera says",
+        named("custom_mode", "linked_custom_mode", custom_mode_names(), "The custom mode that uses it, as the camera says",
               Need::never),
         text("picture_path", "screennail_path", "Where the camera keeps its picture", Need::never),
     };

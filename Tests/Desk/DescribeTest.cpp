@@ -111,10 +111,11 @@ TEST(Describe, ShowsTheNumberOfAStepWithoutAShutterTime) {
 }
 
 TEST(Describe, WritesCompensationsInThirds) {
-    const Texts thirds = {"-5 EV",   "-4 2/3 EV", "-4 1/3 EV", "-4 EV",   "-3 2/3 EV", "-3 1/3 EV", "-3 EV",   "-2 2/3 EV",
-                          "-2 1/3 EV", "-2 EV",   "-1 2/3 EV", "-1 1/3 EV", "-1 EV",   "-2/3 EV", "-1/3 EV", "0 EV",
-                          "+1/3 EV", "+2/3 EV", "+1 EV",   "+1 1/3 EV", "+1 2/3 EV", "+2 EV",   "+2 1/3 EV", "+2 2/3 EV",
-                          "+3 EV",   "+3 1/3 EV", "+3 2/3 EV", "+4 EV",   "+4 1/3 EV", "+4 2/3 EV", "+5 EV"};
+    const Texts thirds = {"-5 EV",     "-4 2/3 EV", "-4 1/3 EV", "-4 EV",     "-3 2/3 EV", "-3 1/3 EV", "-3 EV",
+                          "-2 2/3 EV", "-2 1/3 EV", "-2 EV",     "-1 2/3 EV", "-1 1/3 EV", "-1 EV",     "-2/3 EV",
+                          "-1/3 EV",   "0 EV",      "+1/3 EV",   "+2/3 EV",   "+1 EV",     "+1 1/3 EV", "+1 2/3 EV",
+                          "+2 EV",     "+2 1/3 EV", "+2 2/3 EV", "+3 EV",     "+3 1/3 EV", "+3 2/3 EV", "+4 EV",
+                          "+4 1/3 EV", "+4 2/3 EV", "+5 EV"};
     ASSERT_EQ(thirds.size(), size_t{SM_EV_STEPS});
     for (size_t k = 0; k < thirds.size(); ++k) {
         EXPECT_EQ(compensation_text(tPRO_COMMON_EV[k]), thirds[k]) << tPRO_COMMON_EV[k];

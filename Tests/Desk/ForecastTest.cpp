@@ -203,10 +203,12 @@ TEST(Forecast, TellsWhatBecomesOfOtherOrigins) {
     preset.cs_info.color_style = 3;
     preset.k_value = 5500;
     preset.type = 2;
-    EXPECT_EQ(lines_about(preset),
-              (Lines{"white_balance daylight -> Kelvin: presets that were not made on a KT camera are set to their colour temperature",
-                     "style style 3 -> C4: presets that were not made on a KT camera get style C4",
-                     "off_color 0 -> -1: presets that were not made on a KT camera get style C4"}));
+    EXPECT_EQ(
+        lines_about(preset),
+        (Lines{"white_balance daylight -> Kelvin: presets that were not made on a KT camera are set to their colour "
+               "temperature",
+               "style style 3 -> C4: presets that were not made on a KT camera get style C4",
+               "off_color 0 -> -1: presets that were not made on a KT camera get style C4"}));
 }
 
 TEST(Forecast, TellsWhatBecomesOfKorvelsPresets) {
@@ -223,7 +225,8 @@ TEST(Forecast, TellsWhatBecomesOfKorvelsPresets) {
 TEST(Forecast, TellsOfColorsThatAreNotOnTheCamerasScale) {
     sm_tag_custom_info preset = plain_preset();
     preset.cs_info.cs_color[2].cs_color_g = 4; // 3 is listed as 3, 4 as 5
-    EXPECT_EQ(lines_about(preset), Lines{"styles color style 3 green 4 -> 3: the camera's scale of colours has 199 steps"});
+    EXPECT_EQ(lines_about(preset),
+              Lines{"styles color style 3 green 4 -> 3: the camera's scale of colours has 199 steps"});
     preset.cs_info.cs_color[5] = {4, 4, 4};
     EXPECT_EQ(lines_about(preset),
               Lines{"styles color style 3 green 4 -> 3, and 3 more: the camera's scale of colours has 199 steps"});

@@ -764,7 +764,8 @@ def run_on_terminal(
         start = time.monotonic()
         end = start + timeout
         process = subprocess.Popen(
-            [PHONE, *(("--connect", url) if url else ()), *map(str, arguments)], stdin=slave, stdout=slave, stderr=slave,
+            [PHONE, *(("--connect", url) if url else ()), *map(str, arguments)],
+            stdin=slave, stdout=slave, stderr=slave,
             env=environment_of_programs(**{"TERM": "xterm-256color", **_FREES_AT_ONCE, **(environment or {})}),
             start_new_session=True,
         )  # fmt: skip

@@ -13,8 +13,8 @@ import unicodedata
 import unittest
 
 from desk import (
-    DELETE, LIST, PHONE_RECORD, PICTURE, REPLY, STORE, TITLE_SIZE, UPDATE, DeskTest, FakeCamera, changed, delete_reply, entries_of,
-    list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
+    DELETE, LIST, PHONE_RECORD, PICTURE, REPLY, STORE, TITLE_SIZE, UPDATE, DeskTest, FakeCamera, changed, delete_reply,
+    entries_of, list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
 )  # fmt: skip
 from jpegs import encoded
 

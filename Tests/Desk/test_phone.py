@@ -10,8 +10,8 @@ import unittest
 
 from desk import (
     BUSY_FRAME, DELETE, LIST, OPTIONAL_NAMES, PATIENCE, PHONE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY,
-    STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, delete_reply, entries_of, environment_of_programs, get,
-    list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
+    STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, delete_reply, entries_of,
+    environment_of_programs, get, list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
     stored_picture, what_a_phone_gets,
 )  # fmt: skip
 

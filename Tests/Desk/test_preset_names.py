@@ -6,8 +6,8 @@ import struct
 import unittest
 
 from desk import (
-    DELETE, LIST, PICTURE, REPLY, UPDATE, DeskTest, FakeCamera, delete_reply, entries_of, get, list_reply, phone_record, picture,
-    record_to_json, request, run_phone,
+    DELETE, LIST, PICTURE, REPLY, UPDATE, DeskTest, FakeCamera, delete_reply, entries_of, get, list_reply, phone_record,
+    picture, record_to_json, request, run_phone,
 )  # fmt: skip
 
 TITLES = [

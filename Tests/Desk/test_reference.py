@@ -58,7 +58,8 @@ class Help:
         self.common_options = self.names(lambda title: title == "Common options")
         self.arguments = [term.removesuffix("...") for term, _ in self.groups.get("Arguments", [])]
         self.commands = [
-            term for title, rows in self.groups.items() if title.startswith("Commands") and title != self.RUNNING for term, _ in rows
+            term for title, rows in self.groups.items()
+            if title.startswith("Commands") and title != self.RUNNING for term, _ in rows
         ]  # fmt: skip
 
     def names(self, is_wanted):

@@ -145,7 +145,7 @@ std::vector<WordEntry> styles_and_settings() {
         plain("id", "custom_id", "Its id, which the camera gives", Need::never),
         plain("phone_id", "applocal_id", "Its id on the phone", Need::never),
         plain("server_id", "server_id", "Its id on the phone application's server", Need::never),
-        named("custom_mode", "linked_custom_mode", custom_mode_names(), "The custom mode that uses it, as the camera says",
+        named("custom_mode", "linked_custom_mode", custom_mode_names(), "The custom mode that uses it",
               Need::never),
         text("picture_path", "screennail_path", "Where the camera keeps its picture", Need::never),
     };

@@ -327,7 +327,7 @@ TEST(Differences, AreNamedInTheOrderOfTheRecord) {
     const std::vector<Difference> all = differences(expected, found);
     ASSERT_EQ(all.size(), 3U);
     EXPECT_EQ(all[0].entry + all[0].expected + all[0].found, "title\"Plain\"\"Other\"");
-    EXPECT_EQ(all[1].entry + all[1].expected + all[1].found, "cs_hue[13] 07");
+    EXPECT_EQ(all[1].entry + all[1].expected + all[1].found, "styles hueC4 07");
     EXPECT_EQ(all[2].entry + all[2].expected + all[2].found, "quality0-1");
 }
 

@@ -497,8 +497,9 @@ class Camera:
         return self.process.pid
 
     def talk(self):
-        self.errors.seek(0)
-        return self.errors.read().decode(errors="replace")
+        """What it wrote so far. Read without moving the place in the file, which is where the camera writes next."""
+        size = os.fstat(self.errors.fileno()).st_size
+        return os.pread(self.errors.fileno(), size, 0).decode(errors="replace")
 
     def link(self):
         """A link to a camera that may still be learning that the last phone has gone."""

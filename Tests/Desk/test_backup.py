@@ -795,7 +795,7 @@ class Restoring(RestoreTest):
             done = self.restore(camera.url)
         self.assertEnds(done, 33)
         self.assertEqual(len(records), 3)
-        self.assertEqual(done.stderr.count(b"ev_step"), 3, done.stderr)
+        self.assertEqual(done.stderr.count(b" ev should be "), 3, done.stderr)
 
     def test_json_tells_of_each_preset(self):
         with self.second_camera() as camera:

@@ -219,7 +219,9 @@ class AgainstOtherCameras(StoreTest):
             STORE, data[:8] + changed(data[8 : 8 + PHONE_RECORD], quality=3, cs_hue=[5] * 14) + data[8 + PHONE_RECORD :]
         )
         done = self.store_in(model, phone_record())
-        self.assertNotAsForetold(done, "cs_hue should be [0] 0, and is 5, and 13 more", "quality should be 0, and is 3")
+        self.assertNotAsForetold(
+            done, "styles hue should be style 0 0, and is 5, and 13 more", "quality should be 0, and is 3"
+        )
         self.assertEqual(done.stdout, b"stored as preset 1 with id 2\n")
 
     def test_differences_are_in_the_json(self):
@@ -332,7 +334,7 @@ class AgainstOtherCameras(StoreTest):
         done = self.store_in(model, WIDE)
         self.assertEnds(done, 33)
         self.assertEqual(model.asked.count(STORE), 1)
-        self.assertIn(b"av_index should be f/2.8, and is -", done.stderr)
+        self.assertIn(b"aperture should be f/2.8, and is -", done.stderr)
 
 
 if __name__ == "__main__":

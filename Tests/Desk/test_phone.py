@@ -11,8 +11,8 @@ import unittest
 from desk import (
     BUSY_FRAME, DELETE, LIST, OPTIONAL_NAMES, PATIENCE, PHONE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY,
     STATE_OFF, STORE, STYLE_NAMES, UPDATE, DeskTest, FakeCamera, Stored, delete_reply, entries_of,
-    environment_of_programs, get, list_reply, phone_record, picture, record_to_json, request, rich_record, run_on_terminal, run_phone,
-    stored_picture, what_a_phone_gets,
+    environment_of_programs, get, list_reply, phone_record, picture, record_to_json, request, rich_record,
+    run_on_terminal, run_phone, stored_picture, what_a_phone_gets,
 )  # fmt: skip
 
 ESCAPES = re.compile(r"\x1b\[[0-9;?]*[a-zA-Z]|\x1b[P\]_][^\x1b\x07]*(?:\x1b\\|\x07)|\x1b[()][A-Z0-9]|\x1b.")

@@ -79,9 +79,9 @@ for tool in shotmentor-camera shotmentor-phone; do
         [ -s "/usr/share/$file" ] || fail "/usr/share/$file is not there"
     done
 done
-[ "$(shotmentor-phone new | sed -n 's/.*"$schema": "\(.*\)",/\1/p')" = file:///usr/share/shotmentor/preset.schema.json ] ||
-    fail "a preset file does not name its schema"
-[ -s /usr/share/shotmentor/preset.schema.json ] || fail "there is no schema of preset files"
+schema=/usr/share/shotmentor/preset.schema.json
+shotmentor-phone new | grep -qF "\"file://$schema\"" || fail "a preset file does not name its schema"
+[ -s "$schema" ] || fail "there is no schema of preset files"
 [ -s /usr/share/doc/libshotmentor-dev/html/index.html ] || fail "there is no reference of the headers"
 
 say "the camera and the phone run, with nothing but the packages"

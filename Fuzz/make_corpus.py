@@ -9,6 +9,7 @@ import json
 import pathlib
 import re
 import struct
+import zlib
 
 FUZZ = pathlib.Path(__file__).resolve().parent
 CORPUS = FUZZ / "corpus"
@@ -288,6 +289,47 @@ STORES = {
 }
 
 
+def png(width, height, kind, bits, pixels, *chunks):
+    """A whole PNG of rows without a filter."""
+
+    def chunk(name, data):
+        return struct.pack(">I", len(data)) + name + data + struct.pack(">I", zlib.crc32(name + data))
+
+    head = struct.pack(">IIBBBBB", width, height, bits, kind, 0, 0, 0)
+    body = b"".join(chunk(*one) for one in chunks) + chunk(b"IDAT", zlib.compress(pixels)) + chunk(b"IEND", b"")
+    return b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", head) + body
+
+
+# 8 by 8 pixels of one grey: all steps 1, and Huffman tables of one code each.
+GREY_JPEG = (
+    b"\xff\xd8\xff\xdb\0\x43\0" + b"\x01" * 64 + b"\xff\xc0\0\x0b\x08\0\x08\0\x08\x01\x01\x11\0"
+    + b"\xff\xc4\0\x14\0\x01" + bytes(15) + b"\0" + b"\xff\xc4\0\x14\x10\x01" + bytes(15) + b"\0"
+    + b"\xff\xda\0\x08\x01\x01\0\0\x3f\0\x3f\xff\xd9"
+)  # fmt: skip
+SUM = "0" * 64
+MANIFEST = {
+    "format": "ShotMentor backup", "version": 1, "complete": True, "model": "KT7", "count": 1, "obsolete": [],
+    "presets": [
+        {
+            "number": 0, "custom_id": 1, "title": "Sea",
+            "preset": {"file": "00-sea.json", "bytes": 10, "sha256": SUM},
+            "picture": {"file": "00-sea.jpg", "bytes": 10, "sha256": SUM},
+        }
+    ],
+}  # fmt: skip
+PHONE_FILES = {
+    "jpeg": GREY_JPEG,
+    "jpeg_cut": GREY_JPEG[:-4],
+    "png_grey": png(2, 2, 0, 8, bytes(6)),
+    "png_palette": png(4, 1, 3, 2, b"\0\x1b", (b"PLTE", bytes(range(12))), (b"tRNS", b"\0\x80")),
+    "png_color": png(3, 2, 6, 16, bytes(range(25)) * 2),
+    "png_cut": png(2, 2, 2, 8, bytes(14))[:-20],
+    "manifest": json.dumps(MANIFEST).encode(),
+    "manifest_unfinished": json.dumps({**MANIFEST, "complete": False, "obsolete": ["00-old.jpg"]}).encode(),
+    "manifest_outside": json.dumps(MANIFEST).replace("00-sea.jpg", "../sea.jpg").encode(),
+}
+
+
 def write(target, inputs):
     folder = CORPUS / target
     folder.mkdir(parents=True, exist_ok=True)
@@ -298,6 +340,7 @@ def write(target, inputs):
 write("Conversation", CONVERSATIONS)
 write("Conversion", CONVERSIONS)
 write("Log", LOG_LINES)
+write("PhoneFiles", PHONE_FILES)
 write("PresetJson", JSON_TEXTS)
 write("Replies", REPLIES)
 write("Store", STORES)

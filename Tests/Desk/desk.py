@@ -449,15 +449,31 @@ class NotStarted(AssertionError):
         self.code, self.talk = code, talk
 
 
+class ReadFile:
+    """A file that a program writes, and that is read without moving the place where the program writes next."""
+
+    def __init__(self):
+        self.file = tempfile.TemporaryFile()
+
+    def fileno(self):
+        return self.file.fileno()
+
+    def written(self):
+        return os.pread(self.fileno(), os.fstat(self.fileno()).st_size, 0)
+
+    def close(self):
+        self.file.close()
+
+
 class Camera:
-    """A camera that serves. Use it in a `with` statement, or call `stop` or `kill`. `errors` is the file that it
-    gets as standard error."""
+    """A camera that serves. Use it in a `with` statement, or call `stop` or `kill`. `errors` is what it gets as
+    standard error, and has what ReadFile has."""
 
     def __init__(self, store, *options, kind="unix", url=None, environment=None, errors=None):
         self.store = store
         if url is None:
             url = f"unix:{store}/camera.sock" if kind == "unix" else "tcp:127.0.0.1:0"
-        self.errors = errors or tempfile.TemporaryFile()
+        self.errors = errors or ReadFile()
         self.process = subprocess.Popen(
             [CAMERA, "--store", str(store), "--listen", url, *map(str, options)],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self.errors,
@@ -497,9 +513,7 @@ class Camera:
         return self.process.pid
 
     def talk(self):
-        """What it wrote so far. Read without moving the place in the file, which is where the camera writes next."""
-        size = os.fstat(self.errors.fileno()).st_size
-        return os.pread(self.errors.fileno(), size, 0).decode(errors="replace")
+        return self.errors.written().decode(errors="replace")
 
     def link(self):
         """A link to a camera that may still be learning that the last phone has gone."""

@@ -329,7 +329,7 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
 // Help for something that there is not would be help for something else.
 void print_help(const CLI::App& app) {
     if (const std::optional<Failure> failure = unknown_word_failure(app)) {
-        throw *failure;
+        throw Failure(*failure);
     }
     const command_line::Table table = command_line::table_of(app);
     const size_t width = width_of_lines(STDOUT_FILENO);

@@ -216,11 +216,11 @@ std::string compensation_text(int32_t code) {
     return text_of_thirds(thirds_of(code)) + " EV";
 }
 
-Scale::Scale(const char* name, std::vector<std::pair<int32_t, std::string>> steps, Read read)
+Scale::Scale(const char* name, const std::vector<std::pair<int32_t, std::string>>& steps, Read read)
     : name_(name), read_(read) {
-    for (auto& [code, word] : steps) {
+    for (const auto& [code, word] : steps) {
         const double stops = read(word).value();
-        steps_.push_back({code, std::move(word), stops});
+        steps_.push_back({code, word, stops});
     }
     std::ranges::sort(steps_, {}, &Step::stops);
 }

@@ -26,7 +26,7 @@ class Scale {
   public:
     using Read = std::optional<double> (*)(std::string_view);
 
-    Scale(const char* name, std::vector<std::pair<int32_t, std::string>> steps, Read read);
+    Scale(const char* name, const std::vector<std::pair<int32_t, std::string>>& steps, Read read);
 
     const std::string& name() const { return name_; }
     const std::vector<Step>& steps() const { return steps_; }

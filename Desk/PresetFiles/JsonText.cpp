@@ -47,7 +47,7 @@ std::string text_of(const ordered_json& value, size_t indentation) {
     }
     const bool is_root = indentation == 0;
     if (!is_root && may_be_one_line(value)) {
-        const std::string line = on_one_line(value);
+        std::string line = on_one_line(value);
         if (indentation + line.size() <= widest) {
             return line;
         }

@@ -12,8 +12,8 @@ import time
 import unittest
 
 from desk import (
-    DELETE, LIST, PATIENCE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY, STATE_OFF, STATE_ON, STORE, UPDATE, Camera,
-    Closed, DeskTest, Link, _die_with_the_test, delete_request, get, phone_record, picture, picture_request,
+    DELETE, LIST, PATIENCE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY, STATE_OFF, STATE_ON, STORE, UPDATE,
+    Camera, Closed, DeskTest, ReadFile, Link, _die_with_the_test, delete_request, get, phone_record, picture, picture_request,
     record_to_json, records_in, request, run_phone, store_request, store_result, update_request,
 )  # fmt: skip
 
@@ -28,7 +28,7 @@ class Host(Camera):
     """The example, in a folder of its own."""
 
     def __init__(self, folder):
-        self.errors = tempfile.TemporaryFile()
+        self.errors = ReadFile()
         self.process = subprocess.Popen(
             [*EMULATOR, HOST, "unix:host.sock", "first.jpg"], cwd=folder,
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self.errors, preexec_fn=_die_with_the_test,

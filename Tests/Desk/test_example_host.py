@@ -7,14 +7,13 @@ import signal
 import socket
 import struct
 import subprocess
-import tempfile
 import time
 import unittest
 
 from desk import (
     DELETE, LIST, PATIENCE, PHONE_RECORD, PICTURE, PRESET_LIMIT, REPLY, STATE_OFF, STATE_ON, STORE, UPDATE,
-    Camera, Closed, DeskTest, ReadFile, Link, _die_with_the_test, delete_request, get, phone_record, picture, picture_request,
-    record_to_json, records_in, request, run_phone, store_request, store_result, update_request,
+    Camera, Closed, DeskTest, Link, ReadFile, _die_with_the_test, delete_request, get, phone_record, picture,
+    picture_request, record_to_json, records_in, request, run_phone, store_request, store_result, update_request,
 )  # fmt: skip
 
 HOST = os.environ.get("SHOTMENTOR_EXAMPLE_HOST", "")

@@ -55,6 +55,7 @@ types:
         enum: result
         doc: |
           The phone's own result code: 1, -10, -11 or -12.
+        if: "_io.size >= 4"
       - id: unread
         size-eos: true
         doc: |
@@ -75,10 +76,12 @@ types:
         type: s4
         doc: |
           The camera's identity of the preset, above 0.
+        if: "_io.size >= 4"
       - id: applocal_id
         type: s4
         doc: |
           The phone's own identity of the preset.
+        if: "_io.size >= 8"
       - id: unread
         size-eos: true
         doc: |
@@ -91,6 +94,7 @@ types:
         type: phone_record
         doc: |
           The preset's record.
+        if: "_io.size >= 744"
       - id: picture
         size-eos: true
         doc: |
@@ -103,6 +107,7 @@ types:
         type: phone_record
         doc: |
           The record, of which `custom_id`, `server_id` and `title` are used.
+        if: "_io.size >= 744"
       - id: unread
         size-eos: true
         doc: |

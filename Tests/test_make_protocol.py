@@ -1,6 +1,7 @@
 """That tools/make_protocol.py makes the page's table and the Kaitai description, and sees what is out of date."""
 
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -148,6 +149,30 @@ class Made(unittest.TestCase):
     def test_description_refuses_counts_that_no_camera_has(self):
         count = "      - id: num_preset\n        type: s4\n        valid:\n          min: 0\n          max: 40\n"
         self.assertEqual(self.ksy.count(count), 2)  # of a list and of a deletion
+
+    def test_description_lets_a_request_be_too_short_for_its_record(self):
+        record = "      - id: preset\n        type: phone_record\n"
+        self.assertEqual(self.ksy.count(record), 2)  # of a store and of an update
+        for behind in self.ksy.split(record)[1:]:
+            self.assertIn('        if: "_io.size >= 744"\n', behind.partition("- id:")[0])
+
+    def size_of(self, name):
+        """Bytes of a type of the description, added up from the sizes of its entries."""
+        entries = self.ksy.partition(f"\n  {name}:\n")[2]
+        entries = re.split(r"^  \w", entries, maxsplit=1, flags=re.M)[0].split("- id: ")[1:]
+        return sum(self.size_of_entry(entry) for entry in entries)
+
+    def size_of_entry(self, entry):
+        keys = dict(re.findall(r"^        ([\w-]+): (\w+)$", entry, re.M))
+        kind = keys.get("type")
+        size = int(keys["size"]) if "size" in keys else 4 if kind == "s4" else self.size_of(kind)
+        return size * int(keys.get("repeat-expr", 1))
+
+    def test_description_has_records_of_the_protocols_sizes(self):
+        self.assertEqual(self.size_of("color"), 12)
+        self.assertEqual(self.size_of("cs_info"), 388)
+        self.assertEqual(self.size_of("camera_record"), 740)
+        self.assertEqual(self.size_of("phone_record"), 744)
 
     def test_description_has_a_doc_for_every_entry(self):
         self.assertGreater(self.ksy.count("- id: "), 100)

@@ -20,6 +20,7 @@ import sys
 import textwrap
 
 import protocol_fields
+from protocol_fields import WORD
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 HEADER = pathlib.Path("Src", "ADE_ShotMentor_Records.h")
@@ -207,6 +208,11 @@ def rest(name, doc):
     return entry(name, doc, **{"size-eos": True})
 
 
+def where_it_fits(item, end):
+    """An entry that a request which is cut short does not have: what there is of its bytes goes to the next entry."""
+    return {**item, "if": f"_io.size >= {end}"}
+
+
 def repeated(item, count):
     return {**item, "repeat": "expr", "repeat-expr": count}
 
@@ -292,15 +298,17 @@ class Description:
     # ---- Requests ----
 
     def requests(self):
+        """A request that is too short for its words or its record has none: the camera refuses it, not the parser."""
+        record_size = self.protocol.sizes["sm_tag_custom_info"]
         unread = rest("unread", "Nobody reads it.")
-        custom_id = word("custom_id", "The camera's identity of the preset, above 0.")
-        applocal_id = word("applocal_id", "The phone's own identity of the preset.")
-        phone_record = entry("preset", "The preset's record.", type="phone_record")
+        custom_id = where_it_fits(word("custom_id", "The camera's identity of the preset, above 0."), WORD)
+        applocal_id = where_it_fits(word("applocal_id", "The phone's own identity of the preset."), 2 * WORD)
+        phone_record = where_it_fits(entry("preset", "The preset's record.", type="phone_record"), record_size)
         used = "The record, of which `custom_id`, `server_id` and `title` are used."
         picture = rest("picture", "A JPEG of at least 100 bytes.")
         size = self.protocol.sizes["sm_delete_pair"]
         pairs = entry("pairs", "The presets to delete.", type="delete_pair")
-        code = word("code", "The phone's own result code: 1, -10, -11 or -12.", enum="result")
+        code = where_it_fits(word("code", "The phone's own result code: 1, -10, -11 or -12.", enum="result"), WORD)
         return {
             "state_off_request": sequence("The phone leaves. No reply.", code, unread),
             "send_list_request": sequence("The phone asks for all presets.", unread),

@@ -262,132 +262,124 @@ types:
       - id: title
         size: 52
         doc: |
-          Title, opaque bytes in any encoding. It may fill all 52 bytes: bound every read. On the phone's side: bytes,
-          ended by a NUL where there is room for one; 0 means: no title.
+          Title, opaque bytes in any encoding. It may fill all 52 bytes: bound every read. As it travels: bytes, ended
+          by a NUL where there is room for one; 0 means: no title.
       - id: mode
         type: s4
         enum: mode
         doc: |
           Shooting mode, SM_MODE_AUTO to SM_MODE_MANUAL. Camera: 0 to 5 (5 gives the phone 4, unknown values give 1).
-          The mode says which exposure values the record carries. On the phone's side: 0 auto, 1 program, 2 aperture, 3
+          The mode says which exposure values the record carries. As it travels: 0 auto, 1 program, 2 aperture, 3
           shutter, 4 manual; 0 means: auto.
       - id: av_index
         type: s4
         doc: |
           Aperture. Camera: step code of `tKT7_APEX_AV`. Phone: f-number times ten, a value of `tPRO_COMMON_AV`. 0 where
-          the mode carries no aperture. On the phone's side: f-number × 10: 28 is f/2.8; 0 means: no aperture.
+          the mode carries no aperture. As it travels: f-number × 10: 28 is f/2.8; 0 means: no aperture.
       - id: tv_index
         type: s4
         doc: |
           Shutter time. Camera: step code of `tKT7_APEX_TV`. Phone: position 0 to 109 in that table. 0 where the mode
-          carries no shutter time. On the phone's side: position 0 to 109: 58 is 1 s, 84 is 1/125 s; 0 means: no shutter
-          time.
+          carries no shutter time. As it travels: position 0 to 109 among the shutter times; 0 means: no shutter time.
       - id: iso
         type: s4
         doc: |
           Sensitivity. Camera: full-step code of `tKT7_APEX_SV`. Phone: ISO number of `tPRO_COMMON_SV`, 0 automatic,
-          taken from whichever of the camera's two settings is in force. On the phone's side: ISO number; 0 means:
-          automatic.
+          taken from whichever of the camera's two settings is in force. As it travels: ISO number; 0 means: automatic.
       - id: iso_1_3
         type: s4
         doc: |
           Sensitivity in third steps. Camera: code of `tKT7_APEX_SV_1_3`. To the phone: ISO number of `tPRO_COMMON_SV`.
-          From the phone: position 0 to 30 in `tKT7_APEX_SV_1_3`, not an ISO number. On the phone's side: from the
-          camera: ISO number; from the phone: position 0 to 30; 0 means: automatic.
+          From the phone: position 0 to 30 in `tKT7_APEX_SV_1_3`, not an ISO number. As it travels: from the camera: ISO
+          number; from the phone: position 0 to 30 among the sensitivities; 0 means: automatic.
       - id: ev_step
         type: s4
         doc: |
           Exposure compensation. Camera: third steps 0 to 30, 15 none. Phone: 0 to 100, 50 none, a value of
-          `tPRO_COMMON_EV`; the bare number 15 in mode 4. On the phone's side: 50 + 10 × EV, its fraction cut off
-          towards 50: 53 is +1/3 EV, 44 is -2/3 EV; 0 means: -5 EV.
+          `tPRO_COMMON_EV`; the bare number 15 in mode 4. As it travels: 50 + 10 × EV, its fraction cut off towards 50:
+          53 is +1/3 EV, 44 is -2/3 EV; 0 means: -5 EV.
       - id: metering
         type: s4
         doc: |
-          Metering. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Metering. As it travels: the camera's own code; 0 means: a code like any other.
       - id: drive
         type: s4
         doc: |
-          Drive. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Drive. As it travels: the camera's own code; 0 means: a code like any other.
       - id: hdr
         type: s4
         doc: |
-          HDR. On the phone's side: the camera's own code; 0 means: a code like any other.
+          HDR. As it travels: the camera's own code; 0 means: a code like any other.
       - id: type
         type: s4
         doc: |
           White-balance type; 10 is Kelvin, forced on the way to the camera for presets that were not made on a KT
-          camera and name a colour temperature. On the phone's side: 0 to 10: auto, auto tungsten, daylight, cloudy,
+          camera and name a colour temperature. As it travels: 0 to 10: auto, auto tungsten, daylight, cloudy,
           fluorescent white, fluorescent neutral, fluorescent daylight, tungsten, flash, custom, Kelvin; 0 means: auto.
       - id: k_value
         type: s4
         doc: |
-          Colour temperature of the Kelvin type; 0 none. On the phone's side: kelvin; 0 means: no colour temperature.
+          Colour temperature of the Kelvin type; 0 none. As it travels: kelvin; 0 means: no colour temperature.
       - id: cwb_red
         type: s4
         doc: |
-          Custom white balance: red. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Custom white balance: red. As it travels: the camera's own code; 0 means: a code like any other.
       - id: cwb_green
         type: s4
         doc: |
-          Custom white balance: green. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Custom white balance: green. As it travels: the camera's own code; 0 means: a code like any other.
       - id: cwb_blue
         type: s4
         doc: |
-          Custom white balance: blue. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Custom white balance: blue. As it travels: the camera's own code; 0 means: a code like any other.
       - id: auto_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance auto. On the phone's side: the camera's own code; 0 means: no adjustment.
+          Fine adjustment of the white balance auto. As it travels: the camera's own code; 0 means: no adjustment.
       - id: auto_tungsten_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance auto tungsten. On the phone's side: the camera's own code; 0 means: no
+          Fine adjustment of the white balance auto tungsten. As it travels: the camera's own code; 0 means: no
           adjustment.
       - id: daylight_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance daylight. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance daylight. As it travels: the camera's own code; 0 means: no adjustment.
       - id: cloudy_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance cloudy. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance cloudy. As it travels: the camera's own code; 0 means: no adjustment.
       - id: flu_w_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance fluorescent white. On the phone's side: the camera's own code; 0 means:
-          no adjustment.
+          Fine adjustment of the white balance fluorescent white. As it travels: the camera's own code; 0 means: no
+          adjustment.
       - id: flu_n_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance fluorescent neutral. On the phone's side: the camera's own code; 0 means:
-          no adjustment.
+          Fine adjustment of the white balance fluorescent neutral. As it travels: the camera's own code; 0 means: no
+          adjustment.
       - id: flu_d_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance fluorescent daylight. On the phone's side: the camera's own code; 0
-          means: no adjustment.
+          Fine adjustment of the white balance fluorescent daylight. As it travels: the camera's own code; 0 means: no
+          adjustment.
       - id: tungsten_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance tungsten. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance tungsten. As it travels: the camera's own code; 0 means: no adjustment.
       - id: flash_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance flash. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance flash. As it travels: the camera's own code; 0 means: no adjustment.
       - id: cwb_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance custom. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance custom. As it travels: the camera's own code; 0 means: no adjustment.
       - id: k_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance Kelvin. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance Kelvin. As it travels: the camera's own code; 0 means: no adjustment.
       - id: cs_info
         type: cs_info
         doc: |
@@ -395,158 +387,154 @@ types:
       - id: smart_filter
         type: s4
         doc: |
-          Smart filter; 0 none. On the phone's side: the camera's own code; 0 means: no filter.
+          Smart filter; 0 none. As it travels: the camera's own code; 0 means: no filter.
       - id: flash
         type: s4
         doc: |
-          Flash. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Flash. As it travels: the camera's own code; 0 means: a code like any other.
       - id: flash_ev
         type: s4
         doc: |
-          Flash compensation. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Flash compensation. As it travels: the camera's own code; 0 means: a code like any other.
       - id: af_mode
         type: s4
         doc: |
-          Autofocus: mode. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Autofocus: mode. As it travels: the camera's own code; 0 means: a code like any other.
       - id: af_area
         type: s4
         doc: |
-          Autofocus: area. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Autofocus: area. As it travels: the camera's own code; 0 means: a code like any other.
       - id: photosize
         type: s4
         doc: |
-          Picture size. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Picture size. As it travels: the camera's own code; 0 means: a code like any other.
       - id: touch_af
         type: s4
         doc: |
-          Touch AF. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Touch AF. As it travels: the camera's own code; 0 means: a code like any other.
       - id: selection_af_pos_x
         type: s4
         doc: |
-          Selection AF frame: horizontal position. On the phone's side: the camera's own code; 0 means: a code like any
-          other.
+          Selection AF frame: horizontal position. As it travels: the camera's own code; 0 means: a code like any other.
       - id: selection_af_pos_y
         type: s4
         doc: |
-          Selection AF frame: vertical position. On the phone's side: the camera's own code; 0 means: a code like any
-          other.
+          Selection AF frame: vertical position. As it travels: the camera's own code; 0 means: a code like any other.
       - id: selection_af_width
         type: s4
         doc: |
-          Selection AF frame: width. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Selection AF frame: width. As it travels: the camera's own code; 0 means: a code like any other.
       - id: selection_af_height
         type: s4
         doc: |
-          Selection AF frame: height. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Selection AF frame: height. As it travels: the camera's own code; 0 means: a code like any other.
       - id: selection_af_box_size
         type: s4
         doc: |
-          Selection AF frame: size of its box. On the phone's side: the camera's own code; 0 means: a code like any
-          other.
+          Selection AF frame: size of its box. As it travels: the camera's own code; 0 means: a code like any other.
       - id: multi_af_pos_x
         type: s4
         doc: |
-          Multi AF frame: horizontal position. The phone has no use for it but carries it. On the phone's side: the
-          camera's own code; 0 means: a code like any other.
+          Multi AF frame: horizontal position. The phone has no use for it but carries it. As it travels: the camera's
+          own code; 0 means: a code like any other.
       - id: multi_af_pos_y
         type: s4
         doc: |
-          Multi AF frame: vertical position. The phone has no use for it but carries it. On the phone's side: the
-          camera's own code; 0 means: a code like any other.
+          Multi AF frame: vertical position. The phone has no use for it but carries it. As it travels: the camera's own
+          code; 0 means: a code like any other.
       - id: multi_af_width
         type: s4
         doc: |
-          Multi AF frame: width. The phone has no use for it but carries it. On the phone's side: the camera's own code;
-          0 means: a code like any other.
+          Multi AF frame: width. The phone has no use for it but carries it. As it travels: the camera's own code; 0
+          means: a code like any other.
       - id: multi_af_height
         type: s4
         doc: |
-          Multi AF frame: height. The phone has no use for it but carries it. On the phone's side: the camera's own
-          code; 0 means: a code like any other.
+          Multi AF frame: height. The phone has no use for it but carries it. As it travels: the camera's own code; 0
+          means: a code like any other.
       - id: multi_af_box_size
         type: s4
         doc: |
-          Multi AF frame: size of its box. The phone has no use for it but carries it. On the phone's side: the camera's
-          own code; 0 means: a code like any other.
+          Multi AF frame: size of its box. The phone has no use for it but carries it. As it travels: the camera's own
+          code; 0 means: a code like any other.
       - id: timer_time
         type: s4
         doc: |
-          Self-timer: delay. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Self-timer: delay. As it travels: the camera's own code; 0 means: a code like any other.
       - id: timer_count
         type: s4
         doc: |
-          Self-timer: number of shots. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Self-timer: number of shots. As it travels: the camera's own code; 0 means: a code like any other.
       - id: timer_interval
         type: s4
         doc: |
-          Self-timer: interval between shots. On the phone's side: the camera's own code; 0 means: a code like any
-          other.
+          Self-timer: interval between shots. As it travels: the camera's own code; 0 means: a code like any other.
       - id: counti_h_frame
         type: s4
         doc: |
-          Continuous drive: high speed. "counti" is the camera's spelling. On the phone's side: the camera's own code; 0
+          Continuous drive: high speed. "counti" is the camera's spelling. As it travels: the camera's own code; 0
           means: a code like any other.
       - id: counti_n_frame
         type: s4
         doc: |
-          Continuous drive: normal speed. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Continuous drive: normal speed. As it travels: the camera's own code; 0 means: a code like any other.
       - id: burst_frame
         type: s4
         doc: |
-          Continuous drive: burst. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Continuous drive: burst. As it travels: the camera's own code; 0 means: a code like any other.
       - id: drive_set_conti
         type: s4
         doc: |
-          The selected continuous drive. On the phone's side: the camera's own code; 0 means: a code like any other.
+          The selected continuous drive. As it travels: the camera's own code; 0 means: a code like any other.
       - id: reserved_636
         type: s4
         doc: |
-          Words without a meaning here, carried byte for byte. On the phone's side: any; 0 means: nothing.
+          Words without a meaning here, carried byte for byte. As it travels: any; 0 means: nothing.
         repeat: expr
         repeat-expr: 6
       - id: quality
         type: s4
         doc: |
-          Picture quality. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Picture quality. As it travels: the camera's own code; 0 means: a code like any other.
       - id: bulb
         type: s4
         doc: |
-          Bulb exposure. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Bulb exposure. As it travels: the camera's own code; 0 means: a code like any other.
       - id: preset_num
         type: s4
         doc: |
-          Position in the camera's preset list, 0 to 39. Deleting other presets renumbers it. On the phone's side: 0 to
-          39; 0 means: the first preset.
+          Position in the camera's preset list, 0 to 39. Deleting other presets renumbers it. As it travels: 0 to 39; 0
+          means: the first preset.
       - id: custom_id
         type: s4
         doc: |
-          The camera's identity of the stored preset. On the phone's side: above 0; 0 means: no preset.
+          The camera's identity of the stored preset. As it travels: above 0; 0 means: no preset.
       - id: applocal_id
         type: s4
         doc: |
-          The phone application's own identity of the preset. On the phone's side: any number of the phone's; 0 means: a
+          The phone application's own identity of the preset. As it travels: any number of the phone's; 0 means: a
           number like any other.
       - id: server_id
         type: s4
         doc: |
-          The preset's identity on the phone application's server. On the phone's side: any number of the phone's; 0
-          means: a number like any other.
+          The preset's identity on the phone application's server. As it travels: any number of the phone's; 0 means: a
+          number like any other.
       - id: made_id
         type: s4
         doc: |
           Origin, read as hexadecimal digits: SM_MADE_KIND, SM_MADE_FAMILY, SM_MADE_MAKER. When the camera stores a
-          korvel-made KT preset with a smart filter, it keeps only the digits 2 to 4. On the phone's side: lowest
-          hexadecimal digit: kind; second: family, 4 for KT; third: maker, 1 for korvel; 0 means: made elsewhere.
+          korvel-made KT preset with a smart filter, it keeps only the digits 2 to 4. As it travels: lowest hexadecimal
+          digit: kind; second: family, 4 for KT; third: maker, 1 for korvel; 0 means: made elsewhere.
       - id: screennail_path
         size: 52
         doc: |
-          Path of the preset's JPEG screennail in the camera's file system; of no use to the phone. On the phone's side:
+          Path of the preset's JPEG screennail in the camera's file system; of no use to the phone. As it travels:
           bytes, ended by a NUL where there is room for one; 0 means: no picture.
       - id: linked_custom_mode
         type: s4
         doc: |
-          Custom mode that uses the preset: 0 none, 1 CUSTOM1, 2 CUSTOM2. Set in replies only. On the phone's side: 0 to
-          2; 0 means: no custom mode.
+          Custom mode that uses the preset: 0 none, 1 CUSTOM1, 2 CUSTOM2. Set in replies only. As it travels: 0 to 2; 0
+          means: no custom mode.
     doc: |
       A preset as it travels, 744 bytes. Codes without a range are the camera's own.
   camera_record:
@@ -554,132 +542,124 @@ types:
       - id: title
         size: 52
         doc: |
-          Title, opaque bytes in any encoding. It may fill all 52 bytes: bound every read. On the phone's side: bytes,
-          ended by a NUL where there is room for one; 0 means: no title.
+          Title, opaque bytes in any encoding. It may fill all 52 bytes: bound every read. As it travels: bytes, ended
+          by a NUL where there is room for one; 0 means: no title.
       - id: mode
         type: s4
         enum: mode
         doc: |
           Shooting mode, SM_MODE_AUTO to SM_MODE_MANUAL. Camera: 0 to 5 (5 gives the phone 4, unknown values give 1).
-          The mode says which exposure values the record carries. On the phone's side: 0 auto, 1 program, 2 aperture, 3
+          The mode says which exposure values the record carries. As it travels: 0 auto, 1 program, 2 aperture, 3
           shutter, 4 manual; 0 means: auto.
       - id: av_index
         type: s4
         doc: |
           Aperture. Camera: step code of `tKT7_APEX_AV`. Phone: f-number times ten, a value of `tPRO_COMMON_AV`. 0 where
-          the mode carries no aperture. On the phone's side: f-number × 10: 28 is f/2.8; 0 means: no aperture.
+          the mode carries no aperture. As it travels: f-number × 10: 28 is f/2.8; 0 means: no aperture.
       - id: tv_index
         type: s4
         doc: |
           Shutter time. Camera: step code of `tKT7_APEX_TV`. Phone: position 0 to 109 in that table. 0 where the mode
-          carries no shutter time. On the phone's side: position 0 to 109: 58 is 1 s, 84 is 1/125 s; 0 means: no shutter
-          time.
+          carries no shutter time. As it travels: position 0 to 109 among the shutter times; 0 means: no shutter time.
       - id: iso
         type: s4
         doc: |
           Sensitivity. Camera: full-step code of `tKT7_APEX_SV`. Phone: ISO number of `tPRO_COMMON_SV`, 0 automatic,
-          taken from whichever of the camera's two settings is in force. On the phone's side: ISO number; 0 means:
-          automatic.
+          taken from whichever of the camera's two settings is in force. As it travels: ISO number; 0 means: automatic.
       - id: iso_1_3
         type: s4
         doc: |
           Sensitivity in third steps. Camera: code of `tKT7_APEX_SV_1_3`. To the phone: ISO number of `tPRO_COMMON_SV`.
-          From the phone: position 0 to 30 in `tKT7_APEX_SV_1_3`, not an ISO number. On the phone's side: from the
-          camera: ISO number; from the phone: position 0 to 30; 0 means: automatic.
+          From the phone: position 0 to 30 in `tKT7_APEX_SV_1_3`, not an ISO number. As it travels: from the camera: ISO
+          number; from the phone: position 0 to 30 among the sensitivities; 0 means: automatic.
       - id: ev_step
         type: s4
         doc: |
           Exposure compensation. Camera: third steps 0 to 30, 15 none. Phone: 0 to 100, 50 none, a value of
-          `tPRO_COMMON_EV`; the bare number 15 in mode 4. On the phone's side: 50 + 10 × EV, its fraction cut off
-          towards 50: 53 is +1/3 EV, 44 is -2/3 EV; 0 means: -5 EV.
+          `tPRO_COMMON_EV`; the bare number 15 in mode 4. As it travels: 50 + 10 × EV, its fraction cut off towards 50:
+          53 is +1/3 EV, 44 is -2/3 EV; 0 means: -5 EV.
       - id: metering
         type: s4
         doc: |
-          Metering. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Metering. As it travels: the camera's own code; 0 means: a code like any other.
       - id: drive
         type: s4
         doc: |
-          Drive. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Drive. As it travels: the camera's own code; 0 means: a code like any other.
       - id: hdr
         type: s4
         doc: |
-          HDR. On the phone's side: the camera's own code; 0 means: a code like any other.
+          HDR. As it travels: the camera's own code; 0 means: a code like any other.
       - id: type
         type: s4
         doc: |
           White-balance type; 10 is Kelvin, forced on the way to the camera for presets that were not made on a KT
-          camera and name a colour temperature. On the phone's side: 0 to 10: auto, auto tungsten, daylight, cloudy,
+          camera and name a colour temperature. As it travels: 0 to 10: auto, auto tungsten, daylight, cloudy,
           fluorescent white, fluorescent neutral, fluorescent daylight, tungsten, flash, custom, Kelvin; 0 means: auto.
       - id: k_value
         type: s4
         doc: |
-          Colour temperature of the Kelvin type; 0 none. On the phone's side: kelvin; 0 means: no colour temperature.
+          Colour temperature of the Kelvin type; 0 none. As it travels: kelvin; 0 means: no colour temperature.
       - id: cwb_red
         type: s4
         doc: |
-          Custom white balance: red. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Custom white balance: red. As it travels: the camera's own code; 0 means: a code like any other.
       - id: cwb_green
         type: s4
         doc: |
-          Custom white balance: green. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Custom white balance: green. As it travels: the camera's own code; 0 means: a code like any other.
       - id: cwb_blue
         type: s4
         doc: |
-          Custom white balance: blue. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Custom white balance: blue. As it travels: the camera's own code; 0 means: a code like any other.
       - id: auto_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance auto. On the phone's side: the camera's own code; 0 means: no adjustment.
+          Fine adjustment of the white balance auto. As it travels: the camera's own code; 0 means: no adjustment.
       - id: auto_tungsten_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance auto tungsten. On the phone's side: the camera's own code; 0 means: no
+          Fine adjustment of the white balance auto tungsten. As it travels: the camera's own code; 0 means: no
           adjustment.
       - id: daylight_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance daylight. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance daylight. As it travels: the camera's own code; 0 means: no adjustment.
       - id: cloudy_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance cloudy. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance cloudy. As it travels: the camera's own code; 0 means: no adjustment.
       - id: flu_w_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance fluorescent white. On the phone's side: the camera's own code; 0 means:
-          no adjustment.
+          Fine adjustment of the white balance fluorescent white. As it travels: the camera's own code; 0 means: no
+          adjustment.
       - id: flu_n_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance fluorescent neutral. On the phone's side: the camera's own code; 0 means:
-          no adjustment.
+          Fine adjustment of the white balance fluorescent neutral. As it travels: the camera's own code; 0 means: no
+          adjustment.
       - id: flu_d_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance fluorescent daylight. On the phone's side: the camera's own code; 0
-          means: no adjustment.
+          Fine adjustment of the white balance fluorescent daylight. As it travels: the camera's own code; 0 means: no
+          adjustment.
       - id: tungsten_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance tungsten. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance tungsten. As it travels: the camera's own code; 0 means: no adjustment.
       - id: flash_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance flash. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance flash. As it travels: the camera's own code; 0 means: no adjustment.
       - id: cwb_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance custom. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance custom. As it travels: the camera's own code; 0 means: no adjustment.
       - id: k_xy
         type: s4
         doc: |
-          Fine adjustment of the white balance Kelvin. On the phone's side: the camera's own code; 0 means: no
-          adjustment.
+          Fine adjustment of the white balance Kelvin. As it travels: the camera's own code; 0 means: no adjustment.
       - id: cs_info
         type: cs_info
         doc: |
@@ -687,152 +667,148 @@ types:
       - id: smart_filter
         type: s4
         doc: |
-          Smart filter; 0 none. On the phone's side: the camera's own code; 0 means: no filter.
+          Smart filter; 0 none. As it travels: the camera's own code; 0 means: no filter.
       - id: flash
         type: s4
         doc: |
-          Flash. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Flash. As it travels: the camera's own code; 0 means: a code like any other.
       - id: flash_ev
         type: s4
         doc: |
-          Flash compensation. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Flash compensation. As it travels: the camera's own code; 0 means: a code like any other.
       - id: af_mode
         type: s4
         doc: |
-          Autofocus: mode. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Autofocus: mode. As it travels: the camera's own code; 0 means: a code like any other.
       - id: af_area
         type: s4
         doc: |
-          Autofocus: area. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Autofocus: area. As it travels: the camera's own code; 0 means: a code like any other.
       - id: photosize
         type: s4
         doc: |
-          Picture size. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Picture size. As it travels: the camera's own code; 0 means: a code like any other.
       - id: touch_af
         type: s4
         doc: |
-          Touch AF. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Touch AF. As it travels: the camera's own code; 0 means: a code like any other.
       - id: selection_af_pos_x
         type: s4
         doc: |
-          Selection AF frame: horizontal position. On the phone's side: the camera's own code; 0 means: a code like any
-          other.
+          Selection AF frame: horizontal position. As it travels: the camera's own code; 0 means: a code like any other.
       - id: selection_af_pos_y
         type: s4
         doc: |
-          Selection AF frame: vertical position. On the phone's side: the camera's own code; 0 means: a code like any
-          other.
+          Selection AF frame: vertical position. As it travels: the camera's own code; 0 means: a code like any other.
       - id: selection_af_width
         type: s4
         doc: |
-          Selection AF frame: width. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Selection AF frame: width. As it travels: the camera's own code; 0 means: a code like any other.
       - id: selection_af_height
         type: s4
         doc: |
-          Selection AF frame: height. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Selection AF frame: height. As it travels: the camera's own code; 0 means: a code like any other.
       - id: selection_af_box_size
         type: s4
         doc: |
-          Selection AF frame: size of its box. On the phone's side: the camera's own code; 0 means: a code like any
-          other.
+          Selection AF frame: size of its box. As it travels: the camera's own code; 0 means: a code like any other.
       - id: multi_af_pos_x
         type: s4
         doc: |
-          Multi AF frame: horizontal position. The phone has no use for it but carries it. On the phone's side: the
-          camera's own code; 0 means: a code like any other.
+          Multi AF frame: horizontal position. The phone has no use for it but carries it. As it travels: the camera's
+          own code; 0 means: a code like any other.
       - id: multi_af_pos_y
         type: s4
         doc: |
-          Multi AF frame: vertical position. The phone has no use for it but carries it. On the phone's side: the
-          camera's own code; 0 means: a code like any other.
+          Multi AF frame: vertical position. The phone has no use for it but carries it. As it travels: the camera's own
+          code; 0 means: a code like any other.
       - id: multi_af_width
         type: s4
         doc: |
-          Multi AF frame: width. The phone has no use for it but carries it. On the phone's side: the camera's own code;
-          0 means: a code like any other.
+          Multi AF frame: width. The phone has no use for it but carries it. As it travels: the camera's own code; 0
+          means: a code like any other.
       - id: multi_af_height
         type: s4
         doc: |
-          Multi AF frame: height. The phone has no use for it but carries it. On the phone's side: the camera's own
-          code; 0 means: a code like any other.
+          Multi AF frame: height. The phone has no use for it but carries it. As it travels: the camera's own code; 0
+          means: a code like any other.
       - id: multi_af_box_size
         type: s4
         doc: |
-          Multi AF frame: size of its box. The phone has no use for it but carries it. On the phone's side: the camera's
-          own code; 0 means: a code like any other.
+          Multi AF frame: size of its box. The phone has no use for it but carries it. As it travels: the camera's own
+          code; 0 means: a code like any other.
       - id: timer_time
         type: s4
         doc: |
-          Self-timer: delay. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Self-timer: delay. As it travels: the camera's own code; 0 means: a code like any other.
       - id: timer_count
         type: s4
         doc: |
-          Self-timer: number of shots. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Self-timer: number of shots. As it travels: the camera's own code; 0 means: a code like any other.
       - id: timer_interval
         type: s4
         doc: |
-          Self-timer: interval between shots. On the phone's side: the camera's own code; 0 means: a code like any
-          other.
+          Self-timer: interval between shots. As it travels: the camera's own code; 0 means: a code like any other.
       - id: counti_h_frame
         type: s4
         doc: |
-          Continuous drive: high speed. "counti" is the camera's spelling. On the phone's side: the camera's own code; 0
+          Continuous drive: high speed. "counti" is the camera's spelling. As it travels: the camera's own code; 0
           means: a code like any other.
       - id: counti_n_frame
         type: s4
         doc: |
-          Continuous drive: normal speed. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Continuous drive: normal speed. As it travels: the camera's own code; 0 means: a code like any other.
       - id: burst_frame
         type: s4
         doc: |
-          Continuous drive: burst. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Continuous drive: burst. As it travels: the camera's own code; 0 means: a code like any other.
       - id: drive_set_conti
         type: s4
         doc: |
-          The selected continuous drive. On the phone's side: the camera's own code; 0 means: a code like any other.
+          The selected continuous drive. As it travels: the camera's own code; 0 means: a code like any other.
       - id: reserved_636
         type: s4
         doc: |
-          Words without a meaning here, carried byte for byte. On the phone's side: any; 0 means: nothing.
+          Words without a meaning here, carried byte for byte. As it travels: any; 0 means: nothing.
         repeat: expr
         repeat-expr: 6
       - id: quality
         type: s4
         doc: |
-          Picture quality. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Picture quality. As it travels: the camera's own code; 0 means: a code like any other.
       - id: bulb
         type: s4
         doc: |
-          Bulb exposure. On the phone's side: the camera's own code; 0 means: a code like any other.
+          Bulb exposure. As it travels: the camera's own code; 0 means: a code like any other.
       - id: preset_num
         type: s4
         doc: |
-          Position in the camera's preset list, 0 to 39. Deleting other presets renumbers it. On the phone's side: 0 to
-          39; 0 means: the first preset.
+          Position in the camera's preset list, 0 to 39. Deleting other presets renumbers it. As it travels: 0 to 39; 0
+          means: the first preset.
       - id: custom_id
         type: s4
         doc: |
-          The camera's identity of the stored preset. On the phone's side: above 0; 0 means: no preset.
+          The camera's identity of the stored preset. As it travels: above 0; 0 means: no preset.
       - id: applocal_id
         type: s4
         doc: |
-          The phone application's own identity of the preset. On the phone's side: any number of the phone's; 0 means: a
+          The phone application's own identity of the preset. As it travels: any number of the phone's; 0 means: a
           number like any other.
       - id: server_id
         type: s4
         doc: |
-          The preset's identity on the phone application's server. On the phone's side: any number of the phone's; 0
-          means: a number like any other.
+          The preset's identity on the phone application's server. As it travels: any number of the phone's; 0 means: a
+          number like any other.
       - id: made_id
         type: s4
         doc: |
           Origin, read as hexadecimal digits: SM_MADE_KIND, SM_MADE_FAMILY, SM_MADE_MAKER. When the camera stores a
-          korvel-made KT preset with a smart filter, it keeps only the digits 2 to 4. On the phone's side: lowest
-          hexadecimal digit: kind; second: family, 4 for KT; third: maker, 1 for korvel; 0 means: made elsewhere.
+          korvel-made KT preset with a smart filter, it keeps only the digits 2 to 4. As it travels: lowest hexadecimal
+          digit: kind; second: family, 4 for KT; third: maker, 1 for korvel; 0 means: made elsewhere.
       - id: screennail_path
         size: 52
         doc: |
-          Path of the preset's JPEG screennail in the camera's file system; of no use to the phone. On the phone's side:
+          Path of the preset's JPEG screennail in the camera's file system; of no use to the phone. As it travels:
           bytes, ended by a NUL where there is room for one; 0 means: no picture.
     doc: |
       A preset as the camera keeps it, 740 bytes. It does not travel; `shotmentor-camera add` takes it.
@@ -842,46 +818,46 @@ types:
         type: s4
         doc: |
           Selected colour style, 0 to 13. Presets that were not made on a KT camera, and korvel-made presets without a
-          smart filter, are put into style 13 (C4) on their way to the camera. On the phone's side: 0 to 13; 10 to 13
-          are C1 to C4; 0 means: style 0.
+          smart filter, are put into style 13 (C4) on their way to the camera. As it travels: 0 to 13; 10 to 13 are C1
+          to C4; 0 means: style 0.
       - id: cs_color_off_color
         type: s4
         doc: |
-          Off-colour setting of the styles; -1 whenever style 13 was forced. On the phone's side: the camera's own code;
-          -1; 0 means: a code like any other.
+          Off-colour setting of the styles; -1 whenever style 13 was forced. As it travels: the camera's own code; -1; 0
+          means: a code like any other.
       - id: cs_color
         type: color
         doc: |
-          Colour of styles 1 to 13, style s at index s - 1 (style 0 has none): camera 0 to 200, phone 0 to 255. On the
-          phone's side: each 0 to 255; 0 means: the least of this colour.
+          Colour of styles 1 to 13, style s at index s - 1 (style 0 has none): camera 0 to 200, phone 0 to 255. As it
+          travels: each 0 to 255; 0 means: the least of this colour.
         repeat: expr
         repeat-expr: 13
       - id: cs_saturation
         type: s4
         doc: |
-          Saturation of the styles 0 to 13, style s at index s. On the phone's side: the camera's own code; 0 means: a
-          code like any other.
+          Saturation of the styles 0 to 13, style s at index s. As it travels: the camera's own code; 0 means: a code
+          like any other.
         repeat: expr
         repeat-expr: 14
       - id: cs_sharpness
         type: s4
         doc: |
-          Sharpness of the styles 0 to 13, style s at index s. On the phone's side: the camera's own code; 0 means: a
-          code like any other.
+          Sharpness of the styles 0 to 13, style s at index s. As it travels: the camera's own code; 0 means: a code
+          like any other.
         repeat: expr
         repeat-expr: 14
       - id: cs_contrast
         type: s4
         doc: |
-          Contrast of the styles 0 to 13, style s at index s. On the phone's side: the camera's own code; 0 means: a
-          code like any other.
+          Contrast of the styles 0 to 13, style s at index s. As it travels: the camera's own code; 0 means: a code like
+          any other.
         repeat: expr
         repeat-expr: 14
       - id: cs_hue
         type: s4
         doc: |
-          Hue of the styles 0 to 13, style s at index s. On the phone's side: the camera's own code; 0 means: a code
-          like any other.
+          Hue of the styles 0 to 13, style s at index s. As it travels: the camera's own code; 0 means: a code like any
+          other.
         repeat: expr
         repeat-expr: 14
     doc: |

@@ -13,6 +13,8 @@ TOOL = ROOT / "tools" / "make_protocol.py"
 HEADER = pathlib.Path("Src", "ADE_ShotMentor_Records.h")
 PAGE = pathlib.Path("Docs", "protocol.md")
 KSY = pathlib.Path("Protocol", "shotmentor.ksy")
+SHUTTER_TIMES = pathlib.Path("Desk", "Values", "Scales.cpp")
+ISO_NUMBERS = pathlib.Path("Src", "ADE_ShotMentor_Tables.h")
 
 
 def run(*arguments):
@@ -32,8 +34,8 @@ class Copy(unittest.TestCase):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.root = pathlib.Path(folder.name)
-        for path in (HEADER, PAGE, KSY):
-            (self.root / path).parent.mkdir()
+        for path in (HEADER, PAGE, KSY, SHUTTER_TIMES, ISO_NUMBERS):
+            (self.root / path).parent.mkdir(parents=True, exist_ok=True)
             shutil.copy(ROOT / path, self.root / path)
 
     def read(self, path):
@@ -57,7 +59,7 @@ class Copy(unittest.TestCase):
 
     def test_of_a_field_with_another_name_differs_in_both_files_and_is_told_with_the_command(self):
         self.change(HEADER, "WORD(photosize, 560)", "WORD(photo_size, 560)")
-        mends = "is not what Src/ADE_ShotMentor_Records.h makes; tools/make_protocol.py makes it anew"
+        mends = "is not what the sources make; tools/make_protocol.py makes it anew"
         done = run("--check", "--root", self.root)
         self.assertRefused(done, f"Docs/protocol.md {mends}", f"Protocol/shotmentor.ksy {mends}")
 
@@ -81,12 +83,22 @@ class Copy(unittest.TestCase):
         self.change(HEADER, "/* Picture size. ", "/* Pixels. ")
         self.make()
         self.assertIn("| both | Pixels. |\n", self.read(PAGE))
-        self.assertIn("          Pixels. On the phone's side:", self.read(KSY))
+        self.assertIn("          Pixels. As it travels:", self.read(KSY))
 
     def test_of_another_result_code_has_it_in_the_description(self):
         self.change(HEADER, "SM_RETURN_BT_RES_ERR = -10, ", "SM_RETURN_BT_RES_ERR = -13, ")
         self.make()
         self.assertIn("    -13:\n      id: bt_res_err\n", self.read(KSY))
+
+    def test_of_another_shutter_time_differs_until_the_page_has_it(self):
+        self.change(SHUTTER_TIMES, '{84, "1/125 s"}', '{84, "1/120 s"}')
+        self.assertRefused(run("--check", "--root", self.root), "Docs/protocol.md is not what")
+        self.make()
+        self.assertIn("| 84 | 1/120 s |", self.read(PAGE))
+
+    def test_of_a_scale_that_cannot_be_read_is_refused(self):
+        self.change(SHUTTER_TIMES, '{84, "1/125 s"}', '{1 + 83, "1/125 s"}')
+        self.assertRefused(run("--root", self.root), "Desk/Values/Scales.cpp: no table of the form")
 
     def test_that_was_edited_by_hand_differs(self):
         self.change(PAGE, "| 560 | `photosize` |", "| 561 | `photosize` |")
@@ -103,8 +115,8 @@ class Copy(unittest.TestCase):
         self.assertEqual((self.read(PAGE), self.read(KSY)), before)
 
     def test_without_the_marks_of_the_table_is_refused(self):
-        self.change(PAGE, "<!-- The table ends here. -->\n", "")
-        self.assertRefused(run("--root", self.root), "Docs/protocol.md: the table has to stand between")
+        self.change(PAGE, "<!-- Src/ADE_ShotMentor_Records.h makes", "<!-- Src/ADE_ShotMentor_Records.h made")
+        self.assertRefused(run("--root", self.root), "Docs/protocol.md: a table has to stand between")
 
     def test_with_a_field_that_the_details_know_and_the_header_does_not_is_refused(self):
         self.change(HEADER, "WORD(k_value, 92)", "WORD(kelvin, 92)")
@@ -135,6 +147,12 @@ class Made(unittest.TestCase):
             "Colour temperature of the Kelvin type; 0 none. |\n",
             self.page,
         )
+
+    def test_tables_of_the_scales_have_their_ends(self):
+        self.assertIn("| 1 | 60 s | 2 | 30 s |", self.page)
+        self.assertIn("| 109 | 1/10000 s |", self.page)
+        self.assertIn("| 0 | 0 | 1 | 50 | 2 | 80 |", self.page)
+        self.assertIn("| 30 | 51200 |", self.page)
 
     def test_table_tells_fields_apart_that_share_a_comment(self):
         self.assertIn("| both | Custom white balance: red. |\n", self.page)

@@ -3,9 +3,10 @@
 
 Usage: tools/make_protocol.py [--check] [--root FOLDER]
 
-Writes the table of the preset record in Docs/protocol.md, between its two marks, and Protocol/shotmentor.ksy, a
-description for the Kaitai Struct compiler, which makes parsers for a dozen languages from it. With --check nothing is
-written: it fails where a file is not what the header makes. Other files than this source tree's are made in FOLDER.
+Writes the tables of the preset record and of its scales in Docs/protocol.md, between their marks, and
+Protocol/shotmentor.ksy, a description for the Kaitai Struct compiler, which makes parsers for a dozen languages from
+it. With --check nothing is written: it fails where a file is not what the sources make. Other files than this source
+tree's are made in FOLDER.
 
 The fields come from Src/ADE_ShotMentor_Records.h. What the header does not say of them stands in DETAILS, and nowhere
 else: what travels of them, what 0 means, who writes them, and what each of several fields is that share a comment.
@@ -26,10 +27,13 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 HEADER = pathlib.Path("Src", "ADE_ShotMentor_Records.h")
 PAGE = pathlib.Path("Docs", "protocol.md")
 KSY = pathlib.Path("Protocol", "shotmentor.ksy")
+SHUTTER_TIMES = pathlib.Path("Desk", "Values", "Scales.cpp")
+ISO_NUMBERS = pathlib.Path("Src", "ADE_ShotMentor_Tables.h")
 COMMAND = "tools/make_protocol.py"
 LINE = 120
 
-BEGIN = f"<!-- The table is made by {COMMAND} from {HEADER}. -->"
+# The tables of the page, by what stands in the line above each, and what in the line below.
+BEGIN = "<!-- {source} makes this table, by {command}. -->"
 END = "<!-- The table ends here. -->"
 
 
@@ -85,9 +89,11 @@ DETAILS = {
     "title": Detail("bytes, ended by a NUL where there is room for one", "no title"),
     "mode": Detail("0 auto, 1 program, 2 aperture, 3 shutter, 4 manual", "auto"),
     "av_index": Detail("f-number × 10: 28 is f/2.8", "no aperture"),
-    "tv_index": Detail("position 0 to 109: 58 is 1 s, 84 is 1/125 s", "no shutter time"),
+    "tv_index": Detail("position 0 to 109 among the shutter times", "no shutter time"),
     "iso": Detail("ISO number", "automatic"),
-    "iso_1_3": Detail("from the camera: ISO number; from the phone: position 0 to 30", "automatic"),
+    "iso_1_3": Detail(
+        "from the camera: ISO number; from the phone: position 0 to 30 among the sensitivities", "automatic"
+    ),
     "ev_step": Detail("50 + 10 × EV, its fraction cut off towards 50: 53 is +1/3 EV, 44 is -2/3 EV", "-5 EV"),
     "type": Detail("0 to 10: " + ", ".join(BALANCES.values()), "auto"),
     "k_value": Detail("kelvin", "no colour temperature"),
@@ -178,15 +184,54 @@ def page_table(fields):
         size = SIZES[field.kind].format(size=field.size, count=field.count)
         name = f"`{field.name}`"
         rows.append([str(field.offset), name, size, detail.value, detail.zero, detail.writer, each.meaning])
+    return markdown(rows)
+
+
+def shutter_times(text):
+    """The positions of the phone's shutter times, as the desk names them."""
+    return pairs_in(
+        SHUTTER_TIMES, text, r"constexpr ShutterTime shutter_times\[\] = \{(.*?)\n\};", r'\{(\d+), *"([^"]*)"\}'
+    )
+
+
+def iso_numbers(text):
+    """The positions of the ISO numbers, as they stand in the library's table."""
+    pattern = r"constexpr int32_t tPRO_COMMON_SV\[\] = \{(.*?)\n\};"
+    numbers = pairs_in(ISO_NUMBERS, re.sub(r"/\*.*?\*/|//.*", "", text), pattern, r"()(\d+)")
+    return [(str(position), number) for position, (_, number) in enumerate(numbers)]
+
+
+def pairs_in(path, text, table, entry):
+    """The entries of a table, of which nothing may be left over but what separates them."""
+    body = re.search(table, text, re.S)
+    if not body or re.sub(entry, "", body[1]).replace(",", "").strip():
+        raise Fault(f"{path}: no table of the form that {COMMAND} knows; teach it the new one")
+    return re.findall(entry, body[1])
+
+
+def scale_table(name, pairs, columns=5):
+    """A table that is read in rows: positions and what they stand for, several side by side."""
+    rows = [["Position", name] * columns, ["---"] * 2 * columns]
+    for start in range(0, len(pairs), columns):
+        cells = [cell for pair in pairs[start : start + columns] for cell in pair]
+        rows.append(cells + [""] * (2 * columns - len(cells)))
+    return markdown(rows)
+
+
+def markdown(rows):
     lines = ["|" + "|".join(row) + "|" if row[0] == "---" else "| " + " | ".join(row) + " |" for row in rows]
     return "\n".join(lines)
 
 
-def page_with(page, table):
-    parts = re.split(f"({re.escape(BEGIN)}\n|{re.escape(END)}\n)", page)
-    if [part.strip() for part in parts[1::2]] != [BEGIN, END]:
-        raise Fault(f"{PAGE}: the table has to stand between one line `{BEGIN}` and one line `{END}`")
-    return parts[0] + parts[1] + "\n" + table + "\n\n" + parts[3] + parts[4]
+def page_with(page, tables):
+    """The page with these tables, by their sources, between the marks."""
+    for source, table in tables.items():
+        begin = BEGIN.format(source=source, command=COMMAND) + "\n"
+        parts = page.split(begin)
+        if len(parts) != 2 or f"{END}\n" not in parts[1]:
+            raise Fault(f"{PAGE}: a table has to stand between one line `{begin.rstrip()}` and a line `{END}`")
+        page = f"{parts[0]}{begin}\n{table}\n\n{END}\n{parts[1].partition(END)[2].removeprefix(chr(10))}"
+    return page
 
 
 # ---- The description for Kaitai Struct ---------------------------------------------------------------------
@@ -233,7 +278,7 @@ def field_entry(each):
 
 
 def field_doc(each):
-    return f"{each.meaning} On the phone's side: {each.detail.value}; 0 means: {each.detail.zero}."
+    return f"{each.meaning} As it travels: {each.detail.value}; 0 means: {each.detail.zero}."
 
 
 def record(doc, fields):
@@ -486,13 +531,18 @@ def made_files(root):
     protocol = protocol_fields.read(root / HEADER)
     fields = described(protocol.fields)
     ksy = "\n".join(yaml(Description(protocol, fields).whole())) + "\n"
-    return {PAGE: page_with(read(root / PAGE), page_table(fields)), KSY: ksy}
+    tables = {
+        HEADER: page_table(fields),
+        SHUTTER_TIMES: scale_table("Time", shutter_times(read(root / SHUTTER_TIMES))),
+        ISO_NUMBERS: scale_table("ISO number", iso_numbers(read(root / ISO_NUMBERS))),
+    }
+    return {PAGE: page_with(read(root / PAGE), tables), KSY: ksy}
 
 
 def check(root):
     differing = [path for path, text in made_files(root).items() if read(root / path) != text]
     for path in differing:
-        print(f"{path} is not what {HEADER} makes; {COMMAND} makes it anew", file=sys.stderr)
+        print(f"{path} is not what the sources make; {COMMAND} makes it anew", file=sys.stderr)
     return 1 if differing else 0
 
 
@@ -505,7 +555,7 @@ def make(root):
 
 def main():
     parser = argparse.ArgumentParser(description="Makes what describes the protocol from the header of the records.")
-    parser.add_argument("--check", action="store_true", help="fail where a file is not what the header makes")
+    parser.add_argument("--check", action="store_true", help="fail where a file is not what the sources make")
     parser.add_argument("--root", type=pathlib.Path, default=ROOT, help="the folder that holds Src, Docs and Protocol")
     options = parser.parse_args()
     try:

@@ -9,19 +9,8 @@ import sys
 import unittest
 
 from desk import (
-    DELETE,
-    PRESET_LIMIT,
-    REPLY,
-    STORE,
-    UPDATE,
-    Camera,
-    Closed,
-    DeskTest,
-    Link,
-    Silent,
-    run_camera,
-    store_result,
-)
+    DELETE, PRESET_LIMIT, REPLY, STORE, UPDATE, Camera, Closed, DeskTest, Link, Silent, run_camera, store_result,
+)  # fmt: skip
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PAGE = ROOT / "Docs" / "protocol.md"
@@ -46,22 +35,22 @@ def bytes_of(text):
     """The bytes of a line: those of a file, or digits, in which `00 x 48` stands for 48 bytes."""
     if text.startswith("... "):
         return bytes_of_file(text.removeprefix("... "))
-    data = b""
-    for piece in re.findall(rf"{HEXADECIMAL} x \d+|{HEXADECIMAL}(?! x)", text):
-        byte, _, count = piece.partition(" x ")
-        data += bytes.fromhex(byte) * int(count or 1)
-    return data
+    pieces = re.findall(rf"{HEXADECIMAL} x \d+|{HEXADECIMAL}", text)
+    if " ".join(pieces) != text:
+        raise AssertionError(f"Docs/protocol.md: {text!r} is neither a file nor hexadecimal digits")
+    split = [piece.partition(" x ") for piece in pieces]
+    return b"".join(bytes.fromhex(byte) * int(count or 1) for byte, _, count in split)
 
 
 class Step:
-    """What is between two blank lines: something that happens, a request, a reply; `sent` is None without a request,
-    `answer` is empty where there is none."""
+    """What is between two blank lines: something that happens, a request, its reply. `sent` is None without a request,
+    `answer` is empty where nothing comes, and None where the page does not say."""
 
     def __init__(self, line):
         self.line = line  # its first one on the page
         self.events = []
         self.sent = None
-        self.answer = b""
+        self.answer = None
 
     def add(self, line):
         mark, text = line[0], re.split(r" {2,}", line[2:])[0]
@@ -70,7 +59,7 @@ class Step:
         elif mark == ">":
             self.sent = (self.sent or b"") + bytes_of(text)
         elif mark == "<":
-            self.answer += b"" if text == "nothing" else bytes_of(text)
+            self.answer = (self.answer or b"") + (b"" if text == "nothing" else bytes_of(text))
         else:
             raise AssertionError(f"Docs/protocol.md: {line!r} begins with none of $ * > <")
 
@@ -100,12 +89,11 @@ def function_of(data):
 
 
 class Conversation(DeskTest):
-    """Plays the page from its top to its end, with one store at a time."""
+    """Plays the page from its top to its end."""
 
     def setUp(self):
         super().setUp()
         self.serving = self.phone = None
-        self.stores = 0
         self.addCleanup(self.end)
 
     def end(self):
@@ -116,18 +104,16 @@ class Conversation(DeskTest):
         self.serving = self.phone = None
 
     def run_line(self, line):
-        """A line with `$`: a new camera, a camera on the last store, or a change of it."""
+        """A line with `$`: a camera on a store, or a change of the store."""
         self.end()
-        program, option, folder, *rest = shlex.split(line)
-        self.assertEqual((program, option, folder), ("shotmentor-camera", "--store", "DIR"))
+        program, option, name, *rest = shlex.split(line)
+        self.assertEqual((program, option), ("shotmentor-camera", "--store"))
+        store = os.path.join(self.folder, name)
         if rest and not rest[0].startswith("--"):
-            self.assertEnds(run_camera(self.store, *rest), 0)
-            return
-        if "--empty" in rest:
-            self.stores += 1
-            self.store = os.path.join(self.folder, f"store{self.stores}")
-        self.serving = Camera(self.store, *rest)
-        self.phone = self.serving.link()
+            self.assertEnds(run_camera(store, *rest), 0)
+        else:
+            self.serving = Camera(store, *rest)
+            self.phone = self.serving.link()
 
     def happen(self, text):
         """A line with `*`."""
@@ -141,21 +127,26 @@ class Conversation(DeskTest):
             for data in self.stored:
                 self.assertEqual(store_result(self.phone.ask(data))[0], 1)
         elif text == "the phone stores Dusk, until the camera holds 40 presets":
-            while store_result(self.phone.ask(self.stored[0]))[1] < PRESET_LIMIT - 1:
-                pass
+            for number in range(1, PRESET_LIMIT):  # it holds one already
+                self.assertEqual(store_result(self.phone.ask(self.stored[0]))[:2], (1, number))
         else:
             self.fail(f"Docs/protocol.md: nobody knows how it is done: * {text}")
 
     def play(self, step):
         self.other = None
         for mark, text in step.events:
-            self.run_line(text) if mark == "$" else self.happen(text)
+            if mark == "$":
+                self.run_line(text)
+            else:
+                self.happen(text)
         if step.sent is not None:
             self.phone.send(step.sent)
         if step.answer:
             self.assertEqual((self.other or self.phone).receive().hex(" "), step.answer.hex(" "))
         elif step.sent is not None:
             self.assertTrue(self.phone.is_silent(QUIET), "there is an answer")
+        if self.other:
+            self.assertRaises(Closed, self.other.receive)
 
     def test_of_the_page_is_what_the_camera_says(self):
         steps = steps_of_page()
@@ -194,6 +185,9 @@ class Page(unittest.TestCase):
         bearing = [reply for reply in self.replies if function_of(reply) in self.RESULT_BEARING]
         results = {struct.unpack_from("<i", reply, 8)[0] for reply in bearing}
         self.assertEqual(results, {1, -2, -3, -4, -6, -7, -8})
+
+    def test_says_of_each_request_what_it_gets(self):
+        self.assertEqual([step.line for step in self.requests if step.answer is None], [])
 
     def test_has_requests_without_a_reply(self):
         self.assertGreater(len([step for step in self.requests if not step.answer]), 8)

@@ -90,6 +90,16 @@ class Copy(unittest.TestCase):
         self.make()
         self.assertIn("    -13:\n      id: bt_res_err\n", self.read(KSY))
 
+    def test_of_another_request_is_refused_until_the_tool_knows_what_is_in_it(self):
+        last = "    SM_FUNCTION_STATE_ON = 255, "
+        self.change(HEADER, last, "    SM_FUNCTION_SEND_LOG = 6, /* the phone asks for the log */\n" + last)
+        self.assertRefused(run("--root", self.root), "what is in send_log_reply and send_log_request")
+
+    def test_of_a_comment_with_a_bar_keeps_its_columns(self):
+        self.change(HEADER, "/* Picture size. ", "/* Large | small. ")
+        self.make()
+        self.assertIn("| both | Large \\| small. |\n", self.read(PAGE))
+
     def test_of_another_shutter_time_differs_until_the_page_has_it(self):
         self.change(SHUTTER_TIMES, '{84, "1/125 s"}', '{84, "1/120 s"}')
         self.assertRefused(run("--check", "--root", self.root), "Docs/protocol.md is not what")

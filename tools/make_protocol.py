@@ -219,7 +219,9 @@ def scale_table(name, pairs, columns=5):
 
 
 def markdown(rows):
-    lines = ["|" + "|".join(row) + "|" if row[0] == "---" else "| " + " | ".join(row) + " |" for row in rows]
+    """A table; the second row is the line below the headings."""
+    cells = [[cell.replace("|", r"\|") for cell in row] for row in rows]
+    lines = ["|" + "|".join(row) + "|" if row[0] == "---" else "| " + " | ".join(row) + " |" for row in cells]
     return "\n".join(lines)
 
 
@@ -322,6 +324,9 @@ class Description:
             f"function::{value['id']}": value["id"] if number >= self.reply() else f"{value['id']}_request"
             for number, value in self.enums()["function"].items()
         }
+        without_body = set(cases.values()) - {*self.requests(), *self.replies()}
+        if without_body:
+            raise Fault(f"{COMMAND}: say in requests() and replies() what is in {' and '.join(sorted(without_body))}")
         return sequence(
             "A request or a reply. One with an unknown function number has raw bytes for a body.",
             word(function.name, sentence(function.meaning), enum="function"),
@@ -560,7 +565,7 @@ def main():
     options = parser.parse_args()
     try:
         return check(options.root) if options.check else make(options.root)
-    except (Fault, protocol_fields.HeaderError, OSError) as error:
+    except (Fault, protocol_fields.HeaderError, OSError, UnicodeDecodeError) as error:
         print(error, file=sys.stderr)
         return 1
 

@@ -470,6 +470,7 @@ local function next_bytes(body, size)
 end
 
 local function say(body, kind, text)
+    body.has_remark = true
     body.tree:add_proto_expert_info(remark[kind], text)
 end
 
@@ -816,7 +817,9 @@ local function add_payload(body)
     end
     if remaining(body) > 0 then
         local item = body.tree:add(field.surplus, next_bytes(body, remaining(body)))
-        item:add_proto_expert_info(remark.surplus)
+        if not body.has_remark then
+            item:add_proto_expert_info(remark.surplus)
+        end
     end
 end
 
@@ -1119,7 +1122,7 @@ function shotmentor.dissector(packet, pinfo, tree)
     local place = place_of(pinfo)
     -- The same whenever the packet is shown again, and another for each of several packets in a frame.
     local key = table.concat({ pinfo.number, packet:offset(), packet:len() }, " ")
-    if packet:len() < packet:reported_len() then
+    if packet:len() < packet:reported_len() or pinfo.caplen < pinfo.len then
         show_cut(packet, pinfo, tree, place, key)
     elseif place and place.is_tcp and pinfo.can_desegment > 0 then
         dissect_segment(packet, pinfo, tree, place, key)

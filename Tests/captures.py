@@ -96,6 +96,10 @@ class Shown:
         self.text = run.stdout.decode("utf-8", "replace")
         self.frames = xml.etree.ElementTree.fromstring(run.stdout).findall("packet")
 
+    def numbers(self):
+        """The numbers of the frames that are shown, as texts."""
+        return [packet.find("proto/field[@name='num']").get("show") for packet in self.frames]
+
     def protocols(self, frame):
         return [proto for proto in self.frames[frame - 1] if proto.get("name") == "shotmentor"]
 
@@ -123,16 +127,11 @@ class Shown:
         return [
             field.get("name").removeprefix("shotmentor.")
             for proto in self.protocols(frame)
-            for field in proto.iter("field")
-            if field.find("..") is None and field.get("name", "").startswith("shotmentor.") and _is_remark(field)
+            for remark in proto.iter("field")
+            if remark.get("name") == "_ws.expert"
+            for field in remark
+            if field.get("name").startswith("shotmentor.")
         ]
-
-
-REMARKS = {"malformed", "stuck", "unanswered", "refused", "surplus_bytes", "cut"}
-
-
-def _is_remark(field):
-    return field.get("name").removeprefix("shotmentor.") in REMARKS
 
 
 def label_of(field):
@@ -158,12 +157,12 @@ def is_there():
     return shutil.which("tshark") is not None
 
 
-def show(capture, *options):
-    """The capture as tshark shows it when it has read it twice."""
+def show(capture, *options, read=READ_TWICE):
+    """The capture as tshark shows it."""
     with tempfile.TemporaryDirectory() as folder:
         path = os.path.join(folder, "capture")
         with open(path, "wb") as file:
             file.write(capture.bytes())
-        command = ["tshark", "-r", path, "-X", f"lua_script:{DISSECTOR}", *READ_TWICE, "-T", "pdml", *options]
+        command = ["tshark", "-r", path, "-X", f"lua_script:{DISSECTOR}", *read, "-n", "-T", "pdml", *options]
         environment = {**os.environ, "HOME": folder, "XDG_CONFIG_HOME": folder, "LC_ALL": "C.UTF-8"}
         return Shown(subprocess.run(command, capture_output=True, timeout=100, env=environment, check=False))

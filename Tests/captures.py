@@ -94,7 +94,7 @@ class Shown:
         self.exit_code = run.returncode
         self.errors = run.stderr.decode("utf-8", "replace")
         self.text = run.stdout.decode("utf-8", "replace")
-        self.frames = xml.etree.ElementTree.fromstring(run.stdout).findall("packet")
+        self.frames = xml.etree.ElementTree.fromstring(run.stdout or b"<pdml/>").findall("packet")
 
     def numbers(self):
         """The numbers of the frames that are shown, as texts."""

@@ -318,6 +318,16 @@ class Records(unittest.TestCase):
             self.assertEqual(show(capture, "-Y", text).numbers(), frames)
 
 
+class Documentation(unittest.TestCase):
+    def test_names_filters_that_there_are(self):
+        page = (ROOT / "Docs" / "captures.md").read_text(encoding="utf-8").replace("\\|", "|")
+        rows = re.findall(r"^\| `(shotmentor.*?)` \| ", page.partition("## Filter")[2], re.MULTILINE)
+        rows = [row for row in rows if row != "shotmentor"]
+        self.assertGreater(len(rows), 10)
+        seen = show(conversation((PHONE, LIST)), "-Y", " || ".join(f"({row})" for row in rows))
+        self.assertEqual(seen.exit_code, 0, seen.errors)
+
+
 class Packets(unittest.TestCase):
     maxDiff = None
     reply = list_reply(record(o64=100), record(o64=200))
@@ -405,6 +415,15 @@ class Packets(unittest.TestCase):
         self.assertEqual(show(capture).values(3, "function"), [])
         self.assertEqual(show(capture, "-o", "shotmentor.psm:4099").values(3, "function"), ["1"])
         self.assertEqual(show(capture, "-d", "btl2cap.psm==4099,shotmentor").values(3, "function"), ["1"])
+
+    def test_of_a_channel_whose_opening_is_not_in_the_capture_are_shown_when_it_is_named(self):
+        capture = BluetoothCapture()
+        capture.send(PHONE, LIST)
+        capture.send(CAMERA, self.reply[:600])
+        capture.send(CAMERA, self.reply[600:])
+        seen = show(capture, "-d", "btl2cap.cid==0x40,shotmentor", "-d", "btl2cap.cid==0x51,shotmentor")
+        self.assertEqual(seen.values(3, "record.iso"), ["100", "200"])
+        self.assertEqual(seen.values(3, "response_to"), ["1"])
 
     def test_that_the_capture_cut_are_remarked_on_and_the_next_message_is_read(self):
         capture = BluetoothCapture()

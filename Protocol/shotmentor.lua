@@ -895,7 +895,6 @@ end
 local directions = {} -- what each sender has begun: { skip = bytes to throw away, message = what is collected }
 local pieces_of = {} -- what a packet holds, by its key
 local skipped_in = {} -- how many bytes at the start of a TCP segment are thrown away, by its key
-local is_counted = {} -- the TCP segments that began such a message, by their keys
 
 local function direction_of(place)
     directions[place.key] = directions[place.key] or { skip = 0 }
@@ -1029,14 +1028,6 @@ local function skip_start(segment, pinfo, tree, place, key)
     return skipped_in[key]
 end
 
--- The bytes of a message that is counted and thrown away, behind those of this segment; counted once.
-local function skip_behind(place, key, size)
-    if not is_counted[key] then
-        is_counted[key] = true
-        direction_of(place).skip = math.max(size, 0)
-    end
-end
-
 local function ask_for_more(pinfo, offset, missing)
     pinfo.desegment_offset = offset
     pinfo.desegment_len = missing
@@ -1053,8 +1044,8 @@ local function dissect_segment(segment, pinfo, tree, place, key)
         local kind = judge(number, total)
         if kind ~= "message" then
             show_refused(segment(at, left):tvb(), pinfo, tree, kind)
-            if kind == "overlong" then
-                skip_behind(place, key, total - left)
+            if kind == "overlong" and not pinfo.visited then
+                direction_of(place).skip = math.max(total - left, 0)
             end
             return
         elseif left < total then
@@ -1134,7 +1125,7 @@ end
 
 function shotmentor.init()
     waiting, request_of, reply_of, is_linked = {}, {}, {}, {}
-    directions, pieces_of, skipped_in, is_counted = {}, {}, {}, {}
+    directions, pieces_of, skipped_in = {}, {}, {}
 end
 
 -- The lengths that the messages have which begin a conversation: a phone's first request, or a reply to it.

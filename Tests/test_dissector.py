@@ -232,6 +232,10 @@ class Messages(unittest.TestCase):
         self.assertEqual([seen.values(frame, "response_in") for frame in (3, 4, 5, 7)], [[], [], ["6"], []])
         self.assertEqual([seen.values(frame, "response_to") for frame in (6, 8)], [["5"], []])
 
+    def test_that_reply_before_any_request_belong_to_none(self):
+        seen = show(conversation((CAMERA, list_reply()), (PHONE, LIST)))
+        self.assertEqual([seen.values(3, "response_to"), seen.values(4, "response_in")], [[], []])
+
 
 class Records(unittest.TestCase):
     maxDiff = None
@@ -507,6 +511,7 @@ class Malformed(unittest.TestCase):
             "a preset number of 40": (message(5, words(40, 2)), ["malformed"]),
             "an id of 0": (message(5, words(0, 0)), ["malformed"]),
             "no result": (message(0x1004), ["malformed"]),
+            "a result cut": (message(0x1004, b"\1\2\3"), ["malformed"]),
             "a model cut": (message(0x1001, b"KT7"), ["malformed"]),
             "another layout": (message(0x1001, bytes(12) + words(2, 0)), ["malformed"]),
             "more presets than a camera has": (message(0x1001, bytes(12) + words(1, 41)), ["malformed", "malformed"]),
@@ -524,6 +529,11 @@ class Malformed(unittest.TestCase):
             {name: seen.remarks(frame) for name, frame in frames.items()},
             {name: remarks for name, (_, remarks) in cases.items()},
         )
+
+    def test_lists_of_more_presets_than_a_camera_has_are_shown_as_far_as_a_camera_has_any(self):
+        seen = show(conversation((CAMERA, list_reply(*[record()] * 41))))
+        self.assertEqual(len(seen.fields(3, "record")), 40)
+        self.assertEqual(len(seen.fields(3, "surplus")[0].get("value")), 2 * 744)
 
     def test_starts_of_messages_do_not_keep_the_next_request_from_being_read(self):
         starts = [words(-1, 16, 1), words(1, 7), words(1, -1) + bytes(30)]

@@ -1065,8 +1065,8 @@ local channel_id = Field.new("btl2cap.cid")
 local connected_in = Field.new("btl2cap.connect_in")
 local dlci = Field.new("btrfcomm.dlci")
 
--- Fields of other protocols are there only while a tree is made. Where somebody listens to frames, Wireshark makes one of
--- each when it loads a capture, which is when messages are put together.
+-- Fields of other protocols are there only while a tree is made. Where somebody listens to frames, Wireshark makes one
+-- of each when it loads a capture, which is when messages are put together.
 local _ = Listener.new("frame", nil, true)
 
 -- The innermost value of a field, as text.

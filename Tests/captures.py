@@ -78,8 +78,16 @@ class TcpCapture:
         source, target = addresses if sender == PHONE else addresses[::-1]
         packet = struct.pack(">BBHHHBBH", 0x45, 0, 20 + len(tcp), 0, 0, 64, 6, 0) + source + target + tcp
         kept = packet if held is None else packet[: 40 + held]
+        return self._add(kept, len(packet))
+
+    def send_again(self):
+        """The last segment once more."""
+        packet = self.records[-1][16:]
+        return self._add(packet, len(packet))
+
+    def _add(self, kept, size):
         seconds, micros = divmod(START + 1000 * self.frames, 1_000_000)
-        self.records.append(struct.pack("<IIII", seconds, micros, len(kept), len(packet)) + kept)
+        self.records.append(struct.pack("<IIII", seconds, micros, len(kept), size) + kept)
         self.frames += 1
         return self.frames
 

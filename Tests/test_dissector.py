@@ -25,7 +25,9 @@ ON_TCP = ["-o", f"shotmentor.tcp_port:{TCP_PORT}"]
 
 def setUpModule():
     if not captures.is_there():
-        raise unittest.SkipTest("tshark is missing: install the Debian package tshark to test the dissector")
+        reason = "tshark is missing: install the Debian package tshark to test the dissector"
+        print(f"test_dissector.py: skipped, {reason}", file=sys.stderr)
+        raise unittest.SkipTest(reason)
 
 
 def words(*values):
@@ -464,6 +466,23 @@ class Tcp(unittest.TestCase):
         self.assertEqual(seen.values(5, "record.iso"), ["100", "200"])
         # The list request has bytes 8 to 15 of the stream, the other one 16 to 31.
         self.assertEqual(seen.values(5, "response_to"), ["2", "3"])
+
+    def test_that_repeats_a_segment_shows_the_message_once(self):
+        capture = TcpCapture()
+        capture.send(CAMERA, self.reply[:1000])
+        capture.send_again()
+        capture.send(CAMERA, self.reply[1000:])
+        seen = show(capture, *ON_TCP)
+        self.assertEqual([len(seen.protocols(frame)) for frame in (1, 2, 3)], [0, 0, 1])
+        self.assertEqual(seen.values(3, "record.iso"), ["100", "200"])
+
+    def test_without_reassembly_by_wireshark_is_put_together_as_well(self):
+        capture = TcpCapture()
+        capture.send(CAMERA, self.reply[:1000])
+        capture.send(CAMERA, self.reply[1000:] + message(0x1004, words(1)))
+        seen = show(capture, *ON_TCP, "-o", "tcp.desegment_tcp_streams:FALSE")
+        self.assertEqual(seen.values(2, "record.iso"), ["100", "200"])
+        self.assertEqual(seen.values(2, "result"), ["1"])
 
     def test_is_recognised_by_its_first_message_on_any_port(self):
         capture = TcpCapture()

@@ -917,30 +917,19 @@ local function take(message, bytes, at, size)
     return at + #taken
 end
 
--- What lies at `at` of a packet: { kind, start, size }, with the message's bytes where they came in several packets.
-local function next_piece(direction, bytes, at, frame)
-    local start = at
-    if direction.skip > 0 then
-        local size = math.min(direction.skip, #bytes - at)
-        direction.skip = direction.skip - size
-        return { kind = "skipped", start = start, size = size }
-    end
-    local message = direction.message or { parts = {}, size = 0, first = frame, packets = 0 }
-    direction.message = message
-    message.packets = message.packets + 1
-    at = take(message, bytes, at, header_size)
-    if message.size < header_size then
-        return { kind = "part", start = start, size = at - start, message = message }
-    end
-    if not message.total then
-        local head = table.concat(message.parts)
-        message.total, message.kind = word_at(head, 5), judge(word_at(head, 1), word_at(head, 5))
-    end
-    local is_whole = message.kind == "broken" or message.kind == "refused" -- the whole packet is lost with it
-    at = take(message, bytes, at, is_whole and message.size + #bytes - at or message.total)
-    if message.kind == "message" and message.size < message.total then
-        return { kind = "part", start = start, size = at - start, message = message }
-    end
+local function read_header(message)
+    local head = table.concat(message.parts)
+    message.total = word_at(head, 5)
+    message.kind = judge(word_at(head, 1), message.total)
+end
+
+-- How far the bytes of a packet belong to a message: a message that is lost with its packet has all of them.
+local function size_within(message, left)
+    local is_lost = message.kind == "broken" or message.kind == "refused"
+    return is_lost and message.size + left or message.total
+end
+
+local function finish(direction, message, frame)
     direction.message = nil
     message.last = frame
     if message.kind == "overlong" then
@@ -950,7 +939,39 @@ local function next_piece(direction, bytes, at, frame)
         message.bytes = table.concat(message.parts)
     end
     message.parts = nil
-    return { kind = message.kind, start = start, size = at - start, message = message }
+end
+
+-- Throws away what is left of a message that is too long.
+local function skip_piece(direction, bytes, at)
+    local size = math.min(direction.skip, #bytes - at)
+    direction.skip = direction.skip - size
+    return { kind = "skipped", start = at, size = size }
+end
+
+-- What lies at `at` of a packet: { kind, start, size }, with the message that it belongs to.
+local function next_piece(direction, bytes, at, frame)
+    if direction.skip > 0 then
+        return skip_piece(direction, bytes, at)
+    end
+    local start = at
+    local message = direction.message or { parts = {}, size = 0, first = frame, packets = 0 }
+    direction.message = message
+    message.packets = message.packets + 1
+    at = take(message, bytes, at, header_size)
+    if message.size >= header_size then
+        if not message.total then
+            read_header(message)
+        end
+        at = take(message, bytes, at, size_within(message, #bytes - at))
+    end
+    local piece = { kind = message.kind or "part", start = start, size = at - start, message = message }
+    if piece.kind == "message" and message.size < message.total then
+        piece.kind = "part"
+    end
+    if piece.kind ~= "part" then
+        finish(direction, message, frame)
+    end
+    return piece
 end
 
 local function pieces_in(packet, place, frame, key)

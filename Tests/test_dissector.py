@@ -370,6 +370,14 @@ class Packets(unittest.TestCase):
         )
         self.assertEqual(seen.remarks(3), ["stuck"])
 
+    def test_of_a_request_that_is_too_long_are_thrown_away_to_its_last_byte(self):
+        rest = [(PHONE, b"\xff" * 60000)] * 9
+        packets = [(PHONE, words(3, 600001)), (PHONE, bytes(59993)), *rest, (PHONE, LIST)]
+        seen = show(conversation(*packets))
+        self.assertEqual(seen.remarks(3), ["unanswered"])
+        self.assertEqual([tree[0] for tree in seen.trees(13)], ["ShotMentor, rest of a message that is thrown away"])
+        self.assertEqual([tree[0] for tree in seen.trees(14)], ["ShotMentor, request: preset list"])
+
     def test_of_l2cap_that_cut_a_header_are_remarked_on(self):
         seen = show(conversation((PHONE, LIST[:5]), (PHONE, LIST[5:])))
         self.assertEqual(seen.remarks(3), ["malformed"])

@@ -14,8 +14,8 @@ known=()
 for source in Fuzz/*Fuzz.cpp; do
     known+=("$(basename "$source" Fuzz.cpp)")
 done
-if [ $# -ne 2 ] || ! [[ $2 =~ ^[1-9][0-9]*$ ]] || ! [[ " all ${known[*]} " == *" $1 "* ]]; then
-    echo "usage: ./fuzz.sh TARGET MINUTES, TARGET one of: all ${known[*]}" >&2
+if [ $# -ne 2 ] || ! [[ $2 =~ ^([1-9][0-9]*|0\.[1-9])$ ]] || ! [[ " all ${known[*]} " == *" $1 "* ]]; then
+    echo "usage: ./fuzz.sh TARGET MINUTES, TARGET one of: all ${known[*]}; MINUTES from 0.1 on" >&2
     exit 2
 fi
 case ${FUZZ_ENGINE:=libfuzzer} in
@@ -28,7 +28,7 @@ afl) preset=afl engine_packages=("${afl_packages[@]}") ;;
 esac
 targets=("$1")
 [ "$1" != all ] || targets=("${known[@]}")
-seconds=$((60 * $2))
+seconds=$(awk -v minutes="$2" 'BEGIN { print 60 * minutes }')
 cores=${FUZZ_WORKERS:-$(nproc)}
 folder=$PWD/build/$preset
 

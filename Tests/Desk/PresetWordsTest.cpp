@@ -180,7 +180,7 @@ TEST(PresetFile, GivesBackEveryWordOfARecordWhateverItsValueInBothForms) {
     for (const Form form : {Form::words, Form::raw}) {
         for (const Field& field : fields()) {
             for (size_t k = 0; k < field.words(); ++k) {
-                for (const int32_t value : {INT32_MIN, -1, 0, 1, 3, 50, 400, INT32_MAX}) {
+                for (const int32_t value : {INT32_MIN, 3, 400}) {
                     Bytes bytes = encode(dusk());
                     put_word(bytes, field.offset + 4 * k, value);
                     ASSERT_EQ(there_and_back(decode_phone_record(bytes), form), bytes)
@@ -193,7 +193,7 @@ TEST(PresetFile, GivesBackEveryWordOfARecordWhateverItsValueInBothForms) {
 
 TEST(PresetFile, GivesBackRecordsOfAnyBytesInBothForms) {
     std::mt19937 random(12);
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < 60; ++round) {
         Bytes bytes(sizeof(sm_tag_custom_info));
         std::ranges::generate(bytes, [&] { return static_cast<uint8_t>(random() % (round % 2 == 0 ? 256 : 3)); });
         for (const Form form : {Form::words, Form::raw}) {
@@ -413,7 +413,7 @@ TEST(PresetWords, CollectAllFaultsEachWithItsLine) {
 TEST(PresetWords, OfAnyMutationAreReadOrRefusedInLines) {
     std::mt19937 random(3);
     const std::string good = text_of_preset(dusk(), Form::words);
-    for (int round = 0; round < 3000; ++round) {
+    for (int round = 0; round < 400; ++round) {
         std::string text = good;
         for (auto changes = random() % 3 + 1; changes-- > 0;) {
             text[random() % text.size()] = "{}[]\":,0 9fx-e\n"[random() % 15];

@@ -62,7 +62,10 @@ for preset in "${presets[@]}"; do
     rm -rf "$transcripts"
     mkdir "$transcripts"
     # One more than there are cores: half of the tests wait for what the others reckon.
-    SHOTMENTOR_TRANSCRIPTS=$transcripts ctest --preset "$preset" -j "$(($(nproc) + 1))"
+    if ! SHOTMENTOR_TRANSCRIPTS=$transcripts ctest --preset "$preset" -j "$(($(nproc) + 1))"; then
+        tools/show_failures.py "build/$preset"
+        exit 1
+    fi
     if [ "$preset" = coverage ]; then
         gcovr --root . --filter Src/ --branches --exclude-throw-branches --print-summary \
             --fail-under-line 100 --fail-under-branch 100 --txt build/coverage/coverage.txt build/coverage

@@ -31,7 +31,7 @@ LARGE_PICTURE = 590000  # a few of them are more than a socket holds for a phone
 with open(CAMERA, "rb") as program:
     IS_SANITIZED = b"__asan_init" in program.read()
 
-AT_ONCE = 3.0 if IS_SANITIZED else 1.0  # seconds
+AT_ONCE = 3.0 if IS_SANITIZED else 1.5  # seconds; less than the waiting time, which a phone must not be kept for
 
 
 def descriptors_of(camera):
@@ -136,7 +136,7 @@ class Turns(Crowd):
                     waited = seconds_until_busy(second)
                     self.assertRaises(Closed, second.receive)
                 self.assertGreater(waited, WAITING_TIME - 0.2)
-                self.assertLess(waited, WAITING_TIME + 1)
+                self.assertLess(waited, WAITING_TIME + 3)
 
     def test_no_more_phones_wait_than_there_are_places(self):
         for kind in KINDS:
@@ -198,11 +198,15 @@ class Stalls(Crowd):
             time.sleep(pause)
             for kind in KINDS:
                 cls.scenes["taking", kind][1].socket.recv(65536)
-        time.sleep(STALLED_TIME - 0.6 - 8)  # they wait beyond the time of the stall
-        cls.waiting = {kind: Link(cls.scenes["half_left", kind][0].url) for kind in KINDS}
-        for link in cls.waiting.values():
-            cls.addClassCleanup(link.close)
-            link.send(request(LIST))
+        time.sleep(STALLED_TIME - 0.7 - 8)
+        cls.waiting = {kind: [] for kind in KINDS}
+        for pause in (0.5, 0.5, 0):  # one of them waits when the time of the stall is over, soon or late
+            for kind in KINDS:
+                link = Link(cls.scenes["half_left", kind][0].url)
+                cls.addClassCleanup(link.close)
+                link.send(request(LIST))
+                cls.waiting[kind].append(link)
+            time.sleep(pause)
         time.sleep(max(0.0, end - time.monotonic()))
         for kind in KINDS:  # at once: the tests take time themselves
             cls.told_beside_taking[kind] = cls._first_frame(cls.scenes["taking", kind][0])
@@ -272,7 +276,9 @@ class Stalls(Crowd):
 
     def test_a_phone_that_waits_when_the_stall_is_over_is_taken_in(self):
         for kind in KINDS:
-            self.assertEqual(len(records_in(self.waiting[kind].receive())), 1)
+            answers = [link.receive() for link in self.waiting[kind]]
+            answers = [answer for answer in answers if answer != BUSY_FRAME]
+            self.assertEqual([len(records_in(answer)) for answer in answers], [1])
 
     def test_a_camera_that_was_stopped_itself_takes_that_for_no_stall_of_a_phone(self):
         for kind in KINDS:
@@ -607,7 +613,7 @@ class Day(Crowd):
     def at_rest(self, camera):
         """Descriptors and memory when all that phones left behind has had its time."""
         time.sleep(WAITING_TIME + 0.5)
-        return descriptors_of(camera), memory_of(camera)
+        return settled_descriptors_of(camera), memory_of(camera)
 
     def test_100000_phones_leave_descriptors_and_memory_as_they_were(self):
         for kind in KINDS:

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "ADE_ShotMentor_Version.h"
+#include "Capture/CaptureFile.h"
 #include "CommandLine/Help.h"
 #include "CommandLine/Reference.h"
 #include "Common/Terminal.h"
@@ -33,6 +34,7 @@ CLI::Validator one_of(std::vector<std::string> words) {
 
 struct Texts {
     std::optional<std::string> listen;
+    std::optional<std::string> capture;
     std::string iso_step = "full";
     std::optional<std::string> log_level;
     std::string custom_mode;
@@ -59,6 +61,9 @@ void add_link_options(App& app, Options& options, Texts& texts) {
         ->check(between(1, 65535))
         ->group(link_group)
         ->type_name("BYTES");
+    app.add_option("--capture", texts.capture, "Write what crosses the links to this file, as Bluetooth tools read it")
+        ->group(link_group)
+        ->type_name("FILE");
 }
 
 void add_log_options(App& app, Options& options, Texts& texts) {
@@ -165,6 +170,14 @@ Endpoint listening_endpoint(const Texts& texts, const Options& options) {
     return endpoint;
 }
 
+std::filesystem::path capture_file(const Texts& texts) {
+    if (!texts.capture) {
+        return {};
+    }
+    capture::require_file_name(*texts.capture);
+    return std::filesystem::absolute(*texts.capture);
+}
+
 Endpoint control_endpoint(const std::string& url) {
     Endpoint endpoint = parse_endpoint(url);
     if (endpoint.kind != Endpoint::Kind::unix_socket) {
@@ -208,6 +221,7 @@ void take_texts(const Texts& texts, Options& options) {
     options.store = std::filesystem::absolute(options.store);
     if (options.command == Command::serve) {
         options.listen = listening_endpoint(texts, options);
+        options.capture = capture_file(texts);
     }
     options.log.choice = LogChoice::parse(texts.log_level.value_or("warn"));
     options.log.is_choice_given = texts.log_level.has_value();

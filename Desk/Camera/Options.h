@@ -24,7 +24,8 @@ struct Options {
     LogOptions log;
     bool quiet = false; // tells of no requests
     size_t mtu = 65535;
-    Knobs knobs; // at the start
+    std::filesystem::path capture; // absolute; empty for none
+    Knobs knobs;                   // at the start
     std::optional<Endpoint> control;
     std::vector<ScriptStep> script;
 

@@ -22,6 +22,8 @@ command_line::Manual manual() {
              {"list", "Draw their pictures, too:", "shotmentor-phone --connect tcp:localhost:7700 list --pictures"},
              {"list", "Follow the presets as they change, with a look every 5 seconds:",
               "shotmentor-phone --connect tcp:localhost:7700 list --watch 5"},
+             {"list", "Write what both say to each other to a file for Wireshark:",
+              "shotmentor-phone --connect tcp:localhost:7700 --capture phone.btsnoop list"},
              {"show", "Show preset 3 of a camera behind TCP, and draw its picture:",
               "shotmentor-phone --connect tcp:localhost:7700 show 3 --picture"},
              {"show",
@@ -59,6 +61,7 @@ command_line::Manual manual() {
                    {"--connect", command_line::Scope::Kind::except, {"new", "schema"}},
                    {"--timeout", command_line::Scope::Kind::except, {"new", "schema"}},
                    {"--mtu", command_line::Scope::Kind::except, {"new", "schema"}},
+                   {"--capture", command_line::Scope::Kind::except, {"new", "schema"}},
                    {"--quiet", command_line::Scope::Kind::except, {"new", "schema"}}},
         .see_also = "shotmentor-camera",
     };

@@ -35,6 +35,7 @@ struct Arguments {
     Options options;
     std::string url;
     std::string other_url;
+    std::optional<std::string> capture;
     double timeout_seconds = 5;
     std::set<std::string> words; // of the command line, as they were given
 };
@@ -61,6 +62,9 @@ void add_common_options(CLI::App& app, Arguments& arguments) {
     app.add_option("--mtu", options.mtu, "largest packet that is sent, 4096 unless given")
         ->check(between(size_t{1}, largest_mtu))
         ->type_name("BYTES");
+    app.add_option("--capture", arguments.capture,
+                   "write what crosses the link to this file, as Bluetooth tools read it")
+        ->type_name("FILE");
     app.add_option("--width", options.width,
                    "width of tables and of presets, 0 for no limit; that of a terminal, else none, unless given")
         ->check(between(size_t{0}, largest_width))
@@ -245,6 +249,16 @@ Endpoint other_endpoint_of(const Arguments& arguments) {
     }
 }
 
+// It is refused before anything is sent.
+std::shared_ptr<capture::Writer> capture_of(const Arguments& arguments) {
+    if (!arguments.capture) {
+        return nullptr;
+    }
+    capture::require_file_name(*arguments.capture);
+    return std::make_shared<capture::Writer>(*arguments.capture, capture::Side::phone,
+                                             [](const std::string& line) { complain(line); });
+}
+
 Options options_from(Arguments& arguments) {
     Options& options = arguments.options;
     if (options.command == Options::Command::copy) {
@@ -252,6 +266,7 @@ Options options_from(Arguments& arguments) {
     }
     if (needs_camera(options)) {
         options.camera = endpoint_of(arguments);
+        options.capture = capture_of(arguments);
     }
     options.timeout = milliseconds_of(arguments.timeout_seconds);
     return options;

@@ -3,10 +3,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "Capture/Writer.h"
 #include "Links/Endpoint.h"
 
 namespace desk::phone {
@@ -31,6 +33,8 @@ struct Options {
     Endpoint camera;
     std::chrono::milliseconds timeout{5000};
     size_t mtu = 4096;
+    // what crosses all links is written there, unless it is null
+    std::shared_ptr<capture::Writer> capture;
     bool json = false;
     bool raw = false;
     bool quiet = false;          // no talk but errors

@@ -7,6 +7,7 @@ import os
 import pathlib
 import resource
 import select
+import socket
 import struct
 import subprocess
 import sys
@@ -224,6 +225,15 @@ class Records(CaptureTest):
             wait_for(lambda: 3 in reasons_in(self.capture), "the end of the third link")
         first.close()  # 2: the camera ended first
         self.assertEqual(reasons_in(self.capture), {1: PEER, 2: HOST, 3: HOST})
+
+    def test_of_a_phone_that_goes_without_reading_its_reply_end_as_it_left(self):
+        self.samples()
+        with self.capturing() as camera:
+            with camera.link() as phone:
+                phone.send(request(LIST))
+                wait_for(lambda: carried(self.capture, True), "the reply")
+            wait_for(lambda: reasons_in(self.capture), "the end of the link")
+        self.assertEqual(reasons_in(self.capture), {1: PEER})
 
     def test_of_a_link_that_is_pulled_end_without_a_word_of_either_side(self):
         script = self.file("script", "at 0s pull reply 1000\n")
@@ -592,6 +602,9 @@ class FilesThatAreThereAlready(CaptureTest):
         fifo = os.path.join(self.folder, "fifo")
         os.mkfifo(fifo)
         self.refused(fifo, 1, "nobody reads this pipe; start its reader first")
+        with socket.socket(socket.AF_UNIX) as other:
+            other.bind(os.path.join(self.folder, "socket"))
+            self.refused(other.getsockname(), 1, "it is neither a file nor a pipe; give the name of a file")
 
     def test_that_are_standard_output_are_refused(self):
         line = "--capture writes to no standard output, which is for what is printed; give the name of a file or a pipe"

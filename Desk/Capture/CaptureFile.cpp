@@ -88,7 +88,10 @@ iovec vector_of(std::span<const uint8_t> bytes) {
 } // namespace
 
 void require_file_name(const std::string& path) {
-    if (path.empty() || path == "-") {
+    if (path.empty()) {
+        throw Failure(exit_usage, "--capture names no file; give the name of a file or a pipe");
+    }
+    if (path == "-") {
         throw Failure(exit_usage, "--capture writes to no standard output, which is for what is printed; give the name "
                                   "of a file or a pipe");
     }

@@ -606,8 +606,11 @@ class FilesThatAreThereAlready(CaptureTest):
             other.bind(os.path.join(self.folder, "socket"))
             self.refused(other.getsockname(), 1, "it is neither a file nor a pipe; give the name of a file")
 
-    def test_that_are_standard_output_are_refused(self):
+    def test_that_are_no_name_or_standard_output_are_refused(self):
         line = "--capture writes to no standard output, which is for what is printed; give the name of a file or a pipe"
+        done = run_camera(self.store, "--capture", "")
+        message = "--capture names no file; give the name of a file or a pipe"
+        self.assertEqual((done.returncode, done.stderr.decode()), (2, f"shotmentor-camera: {message}\n"))
         done = run_camera(self.store, "--capture", "-")
         self.assertEqual((done.returncode, done.stderr.decode()), (2, f"shotmentor-camera: {line}\n"))
         done = run_phone("unix:/nowhere", "--capture", "-", "list")

@@ -332,7 +332,7 @@ class SeveralLinks(CaptureTest):
             self.assertEqual(of_camera, of_phone)
 
     def test_of_a_check_are_as_many_as_the_camera_has_seen(self):
-        files = self.both_sides("--timeout", 1, "check", "--quick")
+        files = self.both_sides("--timeout", 2, "check", "--quick")
         of_camera, of_phone = map(connections_in, files)
         self.assertGreater(len(of_phone), 3)
         self.assertEqual(of_phone, list(range(1, len(of_phone) + 1)))
@@ -469,7 +469,7 @@ class FilesThatAreWatched(CaptureTest):
 
     def test_are_readable_when_the_camera_is_killed_in_the_middle_of_a_picture(self):
         self.samples()
-        script = self.file("script", "at 0s link-rate 400000\n")
+        script = self.file("script", "at 0s link-rate 100000\n")
         camera = self.capturing("--mtu", 3000, "--script", script)
         with camera.link() as phone:
             phone.send(picture_request(2))

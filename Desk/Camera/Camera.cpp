@@ -128,7 +128,7 @@ bool Camera::is_phone_stalled() {
 }
 
 void Camera::pull_link() {
-    phone_->link->pull();
+    phone_->link->look_lost();
     phone_left("the link was pulled");
 }
 

@@ -288,11 +288,6 @@ void Link::abort() {
     close();
 }
 
-void Link::pull() {
-    end_capture_as(End::link_lost);
-    close();
-}
-
 void Link::end_capture_as(End how) {
     if (capture_ != nullptr) {
         capture_->ends(how);

@@ -57,8 +57,8 @@ class Link : public std::enable_shared_from_this<Link> {
     void close();
     // Closes at once: what is still on its way to the phone is dropped.
     void abort();
-    // Closes as if the link had been lost.
-    void pull();
+    // When it is closed, a capture shows it as lost.
+    void look_lost() { end_capture_as(capture::LinkWriter::End::link_lost); }
 
   private:
     using Clock = std::chrono::steady_clock;

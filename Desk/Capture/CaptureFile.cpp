@@ -40,12 +40,18 @@ Failure failure_of(ExitCode code, const std::string& path, const std::string& wh
     return {code, fmt::format("cannot write the capture {}: {}", printable(path), why)};
 }
 
-std::string reason_of_open(int error) {
+bool is_pipe(const std::string& path) {
+    struct stat status = {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+std::string reason_of_open(int error, const std::string& path) {
     switch (error) {
     case EISDIR:
         return "it is a folder; give the name of a file";
     case ENXIO:
-        return "nobody reads this pipe; start its reader first";
+        return is_pipe(path) ? "nobody reads this pipe; start its reader first"
+                             : "it is neither a file nor a pipe; give the name of a file";
     default:
         return fmt::format("{}; see that its folder is there and may be written", std::strerror(error));
     }
@@ -82,7 +88,10 @@ iovec vector_of(std::span<const uint8_t> bytes) {
 } // namespace
 
 void require_file_name(const std::string& path) {
-    if (path.empty() || path == "-") {
+    if (path.empty()) {
+        throw Failure(exit_usage, "--capture names no file; give the name of a file or a pipe");
+    }
+    if (path == "-") {
         throw Failure(exit_usage, "--capture writes to no standard output, which is for what is printed; give the name "
                                   "of a file or a pipe");
     }
@@ -120,7 +129,7 @@ void CaptureFile::open() {
         file_ = Descriptor(repeated([&] { return ::open(path_.c_str(), open_flags, new_file_mode); }));
     }
     if (file_.get() < 0) {
-        throw failure_of(exit_machine, path_, reason_of_open(errno));
+        throw failure_of(exit_machine, path_, reason_of_open(errno, path_));
     }
 }
 

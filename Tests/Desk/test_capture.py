@@ -7,6 +7,7 @@ import os
 import pathlib
 import resource
 import select
+import socket
 import struct
 import subprocess
 import sys
@@ -225,6 +226,15 @@ class Records(CaptureTest):
         first.close()  # 2: the camera ended first
         self.assertEqual(reasons_in(self.capture), {1: PEER, 2: HOST, 3: HOST})
 
+    def test_of_a_phone_that_goes_without_reading_its_reply_end_as_it_left(self):
+        self.samples()
+        with self.capturing() as camera:
+            with camera.link() as phone:
+                phone.send(request(LIST))
+                wait_for(lambda: carried(self.capture, True), "the reply")
+            wait_for(lambda: reasons_in(self.capture), "the end of the link")
+        self.assertEqual(reasons_in(self.capture), {1: PEER})
+
     def test_of_a_link_that_is_pulled_end_without_a_word_of_either_side(self):
         script = self.file("script", "at 0s pull reply 1000\n")
         self.samples()
@@ -322,7 +332,7 @@ class SeveralLinks(CaptureTest):
             self.assertEqual(of_camera, of_phone)
 
     def test_of_a_check_are_as_many_as_the_camera_has_seen(self):
-        files = self.both_sides("--timeout", 1, "check", "--quick")
+        files = self.both_sides("--timeout", 2, "check", "--quick")
         of_camera, of_phone = map(connections_in, files)
         self.assertGreater(len(of_phone), 3)
         self.assertEqual(of_phone, list(range(1, len(of_phone) + 1)))
@@ -459,7 +469,7 @@ class FilesThatAreWatched(CaptureTest):
 
     def test_are_readable_when_the_camera_is_killed_in_the_middle_of_a_picture(self):
         self.samples()
-        script = self.file("script", "at 0s link-rate 400000\n")
+        script = self.file("script", "at 0s link-rate 100000\n")
         camera = self.capturing("--mtu", 3000, "--script", script)
         with camera.link() as phone:
             phone.send(picture_request(2))
@@ -592,9 +602,15 @@ class FilesThatAreThereAlready(CaptureTest):
         fifo = os.path.join(self.folder, "fifo")
         os.mkfifo(fifo)
         self.refused(fifo, 1, "nobody reads this pipe; start its reader first")
+        with socket.socket(socket.AF_UNIX) as other:
+            other.bind(os.path.join(self.folder, "socket"))
+            self.refused(other.getsockname(), 1, "it is neither a file nor a pipe; give the name of a file")
 
-    def test_that_are_standard_output_are_refused(self):
+    def test_that_are_no_name_or_standard_output_are_refused(self):
         line = "--capture writes to no standard output, which is for what is printed; give the name of a file or a pipe"
+        done = run_camera(self.store, "--capture", "")
+        message = "--capture names no file; give the name of a file or a pipe"
+        self.assertEqual((done.returncode, done.stderr.decode()), (2, f"shotmentor-camera: {message}\n"))
         done = run_camera(self.store, "--capture", "-")
         self.assertEqual((done.returncode, done.stderr.decode()), (2, f"shotmentor-camera: {line}\n"))
         done = run_phone("unix:/nowhere", "--capture", "-", "list")

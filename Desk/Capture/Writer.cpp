@@ -8,14 +8,16 @@
 namespace desk::capture {
 namespace {
 
-// A packet of L2CAP stands in one of ACL, whose length has 16 bits, and is as long as that lets it be.
+// A packet of L2CAP is cut into packets of ACL that are as long as adapters take them. There are tools that read no
+// longer ones, and tools that count the bytes of a packet of L2CAP, its head included, in 16 bits.
 constexpr size_t l2cap_head_size = 4;
 constexpr size_t longest_l2cap_payload = 65535 - l2cap_head_size;
+constexpr size_t longest_acl_data = 1021;
 constexpr size_t longest_rfcomm_data = 32767; // of 15 bits
 constexpr size_t longest_in_a_byte = 127;     // of 7 bits
 
-constexpr uint16_t handles = 0x0eff; // that Bluetooth has
-constexpr uint16_t acl_begins = 0x2000;
+constexpr uint16_t handles = 0x0eff;    // that Bluetooth has
+constexpr uint16_t acl_begins = 0x2000; // a packet of L2CAP
 constexpr uint8_t acl_link = 1;
 
 constexpr uint32_t flag_received = 1;
@@ -188,15 +190,21 @@ void LinkWriter::event(uint8_t code, std::span<const uint8_t> parameters) {
     file_->add(flag_received | flag_event, {head, parameters});
 }
 
-// The first piece of the payload is a small one, which is copied.
 void LinkWriter::l2cap(Side sender, uint16_t channel, const CaptureFile::Pieces& payload) {
     const size_t size = payload[0].size() + payload[1].size() + payload[2].size();
-    const size_t acl_size = l2cap_head_size + size;
-    const auto handle = static_cast<uint16_t>(handle_ | acl_begins);
-    std::vector<uint8_t> head = {hci_acl,   low(handle), high(handle), low(acl_size), high(acl_size),
-                                 low(size), high(size),  low(channel), high(channel)};
-    head.insert(head.end(), payload[0].begin(), payload[0].end());
-    file_->add(sender == own_ ? 0 : flag_received, {head, payload[1], payload[2]});
+    std::vector<uint8_t> packet = {low(size), high(size), low(channel), high(channel)};
+    packet.reserve(packet.size() + size);
+    for (const std::span<const uint8_t> piece : payload) {
+        packet.insert(packet.end(), piece.begin(), piece.end());
+    }
+    uint16_t boundary = acl_begins;
+    for (std::span<const uint8_t> rest = packet; !rest.empty(); boundary = acl_continued) {
+        const std::span<const uint8_t> part = rest.first(std::min(rest.size(), longest_acl_data));
+        const auto handle = static_cast<uint16_t>(handle_ | boundary);
+        const std::array<uint8_t, 5> head = {hci_acl, low(handle), high(handle), low(part.size()), high(part.size())};
+        file_->add(sender == own_ ? 0 : flag_received, {head, part, {}});
+        rest = rest.subspan(part.size());
+    }
 }
 
 void LinkWriter::signal(Side sender, Signal code, uint8_t identifier, std::initializer_list<uint16_t> words) {

@@ -19,7 +19,7 @@ constexpr const char* done = "done";
 constexpr const char* machine = "this machine failed: a file, the disk";
 constexpr const char* other_result = "any other result";
 
-constexpr std::array<Meaning, 16> meanings = {{
+constexpr std::array<Meaning, 17> meanings = {{
     {exit_done, exit_done, done, done},
     {exit_machine, exit_machine, machine, machine},
     {exit_usage, exit_usage, "wrong usage or input: options, records, pictures",
@@ -40,6 +40,8 @@ constexpr std::array<Meaning, 16> meanings = {{
     {exit_stopped, exit_stopped, nullptr, "check, restore or copy was stopped by a signal"},
     {exit_not_as_forecast, exit_not_as_forecast, nullptr, "a stored preset is not as was foretold"},
     {exit_changed, exit_changed, nullptr, "the camera's presets changed while they were backed up"},
+    {exit_differs, exit_differs, "--replay: a phone said something else than in the capture",
+     "replay: the camera said something else than in the capture"},
 }};
 
 std::vector<Row> rows_of(const char* Meaning::*tool) {

@@ -21,6 +21,7 @@
 #include "PresetFiles/Schema.h"
 #include "PresetNames.h"
 #include "Presets.h"
+#include "Replay.h"
 #include "Reporting.h"
 #include "Restore.h"
 #include "SchemaFile.h"
@@ -326,6 +327,8 @@ int run(const Options& options) {
         return check(options);
     case Options::Command::create:
         return print_new_preset(options);
+    case Options::Command::replay:
+        return replay(options);
     case Options::Command::schema:
         return print_schema();
     }

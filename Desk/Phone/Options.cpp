@@ -23,6 +23,8 @@ namespace {
 
 constexpr double shortest_timeout = 0.001;
 constexpr double longest_timeout = 86400; // a day; more is a slip of the hand
+constexpr double slowest = 0.001;         // of a replay
+constexpr double fastest = 1000000;
 constexpr double usual_interval = 2;
 constexpr double shortest_interval = 0.1;
 constexpr double longest_interval = 86400;
@@ -36,6 +38,8 @@ struct Arguments {
     std::string url;
     std::string other_url;
     double timeout_seconds = 5;
+    double longest_pause = 5;
+    bool no_pauses = false;
     std::set<std::string> words; // of the command line, as they were given
 };
 
@@ -202,8 +206,13 @@ void add_printing_commands(CLI::App& app, Options& options) {
     add(Options::Command::schema, "schema", "print the JSON Schema of preset files");
 }
 
+// What a replay would send needs no camera.
+bool is_planned_replay(const Options& options) {
+    return options.command == Options::Command::replay && options.dry_run;
+}
+
 bool needs_camera(const Options& options) {
-    return !options.list_checks && options.command != Options::Command::create &&
+    return !options.list_checks && !is_planned_replay(options) && options.command != Options::Command::create &&
            options.command != Options::Command::schema;
 }
 
@@ -221,6 +230,30 @@ void add_checking_command(CLI::App& app, Options& options) {
                      "the file that the camera writes its log to: confirmations and memory show there")
         ->type_name("FILE");
     check->add_flag("--list-checks", options.list_checks, "print the id of each check and what must hold, and end");
+}
+
+void add_replaying_command(CLI::App& app, Arguments& arguments) {
+    Options& options = arguments.options;
+    CLI::App* replay = app.add_subcommand(
+        "replay", "send the phone's side of a capture again, and compare the answers; this changes presets as then");
+    replay->parse_complete_callback([&app, &options] {
+        options.command = Options::Command::replay;
+        app.get_option("--connect")->required(!options.dry_run);
+    });
+    replay->add_option("FILE", options.capture_file, "the capture, a btsnoop file; - is standard input")
+        ->required()
+        ->type_name("");
+    replay->add_flag("--all", options.all_differences, "go on behind the first difference, and tell all");
+    CLI::Option* speed = replay->add_option("--speed", options.pace.speed, "how many times as fast as then")
+                             ->check(between(slowest, fastest))
+                             ->type_name("FACTOR");
+    replay->add_option("--longest-pause", arguments.longest_pause, "what longer pauses become, 5 unless given")
+        ->check(between(0.0, longest_timeout))
+        ->type_name("SECONDS");
+    replay->add_flag("--no-pauses", arguments.no_pauses, "send as fast as the camera answers")->excludes(speed);
+    replay->add_option("--psm", options.psm, "where the camera of the capture listens, where that is not seen")
+        ->type_name("PSM");
+    replay->add_flag("--dry-run", options.dry_run, "only say what would be sent");
 }
 
 bool is_from_environment(const Arguments& arguments) {
@@ -254,6 +287,8 @@ Options options_from(Arguments& arguments) {
         options.camera = endpoint_of(arguments);
     }
     options.timeout = milliseconds_of(arguments.timeout_seconds);
+    options.pace.has_pauses = !arguments.no_pauses;
+    options.pace.longest_pause = milliseconds_of(arguments.longest_pause);
     return options;
 }
 
@@ -311,10 +346,11 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     const CLI::Option* connect = app.get_option("--connect");
     if (lacks_something && app.get_subcommands().empty()) {
         return {exit_usage,
-                fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
-                            "picture, store, rename, delete, backup, restore, copy, leave, check, new or schema; see "
-                            "shotmentor-phone --help",
-                            connect_variable)};
+                fmt::format(
+                    "--connect URL (or {} in the environment) and a command are needed: list, show, "
+                    "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new or schema; see "
+                    "shotmentor-phone --help",
+                    connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {
         return {exit_usage,
@@ -357,6 +393,7 @@ std::optional<Options> options_of(int argc, char** argv) {
     add_changing_commands(app, arguments);
     add_copying_commands(app, arguments);
     add_checking_command(app, arguments.options);
+    add_replaying_command(app, arguments);
     add_printing_commands(app, arguments.options);
     command_line::add_reference(app, manual());
     try {

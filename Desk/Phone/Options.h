@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Capture/Pace.h"
 #include "Links/Endpoint.h"
 
 namespace desk::phone {
@@ -25,7 +26,8 @@ struct Options {
         leave,
         check,
         create,
-        schema
+        schema,
+        replay
     };
 
     Endpoint camera;
@@ -55,7 +57,7 @@ struct Options {
     std::string folder;               // back_up, restore
     std::vector<std::string> files;   // restore; all when there are none
     Endpoint other_camera;            // copy
-    bool dry_run = false;             // store, remove, restore, copy
+    bool dry_run = false;             // store, remove, restore, copy, replay
     bool overwrites = false;          // back_up
     bool takes_edited = false;        // restore
     bool takes_incomplete = false;    // restore
@@ -64,6 +66,10 @@ struct Options {
     bool list_checks = false;         // check
     std::string junit_file;           // check
     std::string camera_log;           // check
+    std::string capture_file;         // replay
+    std::optional<uint16_t> psm;      // replay: where the captured camera listens
+    capture::Pace pace;               // replay
+    bool all_differences = false;     // replay
 };
 
 // The options that the command line gives, or nothing when it asked for help, the version or the reference, which is

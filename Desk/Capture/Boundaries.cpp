@@ -28,6 +28,9 @@ size_t Boundaries::take(std::span<const uint8_t> bytes) {
                 header_.begin() + static_cast<std::ptrdiff_t>(std::min(header_size, arrived_)));
     if (arrived_ + of_header < header_size) {
         arrived_ += of_header;
+        if (sender_ == Side::phone && keeps_message_boundaries_) {
+            arrived_ = 0; // lost with its packet: a header stands in one
+        }
         return of_header;
     }
     return rest_of(bytes.size());

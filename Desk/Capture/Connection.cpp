@@ -121,7 +121,7 @@ L2capChannel& Connection::add(std::unique_ptr<L2capChannel> channel) {
         if (channels_.front()->is_ours()) {
             queue_.remark(fmt::format("more than {} channels are open at once: the oldest is given up", most_channels));
         }
-        channels_.front()->close();
+        channels_.front()->close(std::nullopt);
         channels_.pop_front();
     }
     channels_.push_back(std::move(channel));
@@ -134,10 +134,10 @@ L2capChannel* Connection::find(End end, uint16_t id) {
     return found == channels_.end() ? nullptr : found->get();
 }
 
-void Connection::remove(const L2capChannel* channel) {
+void Connection::remove(const L2capChannel* channel, std::optional<End> by) {
     const auto found = std::ranges::find_if(channels_, [&](const auto& one) { return one.get() == channel; });
     if (found != channels_.end()) {
-        (*found)->close();
+        (*found)->close(by);
         channels_.erase(found);
     }
 }
@@ -156,12 +156,12 @@ void Connection::lose(const std::string& why) {
     }
 }
 
-void Connection::close() {
+void Connection::close(std::optional<End> by) {
     for (const auto& channel : channels_) {
-        channel->close();
+        channel->close(by);
     }
     channels_.clear();
-    unopened_session_.close();
+    unopened_session_.close(by);
 }
 
 bool Connection::is_ours() const {

@@ -25,7 +25,7 @@ class Connection {
     // The payload of a packet of ACL; `is_cut` where the capture lacks its end.
     void take(End sender, bool begins, std::span<const uint8_t> bytes, bool is_cut);
     void lose(const std::string& why);
-    void close();
+    void close(std::optional<End> by);
     bool is_ours() const;
 
   private:
@@ -65,7 +65,7 @@ class Connection {
     L2capChannel& add(std::unique_ptr<L2capChannel> channel);
     L2capChannel* find(End end, uint16_t id);
     L2capChannel* find_pending(const Command& response);
-    void remove(const L2capChannel* channel);
+    void remove(const L2capChannel* channel, std::optional<End> by = std::nullopt);
 
     EventQueue& queue_;
     std::optional<uint16_t> psm_;

@@ -99,9 +99,9 @@ void Conversation::lose(End sender, const std::string& why) {
     }
 }
 
-void Conversation::close() {
+void Conversation::close(std::optional<End> by) {
     if (state_ == State::ours) {
-        queue_.closed(channel_);
+        queue_.closed(channel_, by ? std::optional<Side>(side_of(*by)) : std::nullopt);
     }
     state_ = State::of_others;
 }

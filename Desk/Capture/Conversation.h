@@ -29,7 +29,7 @@ class Receiver {
     virtual void take(End sender, std::span<const uint8_t> bytes) = 0;
     // Bytes are missing here.
     virtual void lose(End sender, const std::string& why) = 0;
-    virtual void close() = 0;
+    virtual void close(std::optional<End> by) = 0; // who hung up, where that is seen
 };
 
 class Conversation : public Receiver {
@@ -41,7 +41,7 @@ class Conversation : public Receiver {
     void establish(); // the channel is open at both ends
     void take(End sender, std::span<const uint8_t> bytes) override;
     void lose(End sender, const std::string& why) override;
-    void close() override;
+    void close(std::optional<End> by) override;
     // The start of a packet whose rest is missing may tell that the channel is one of ours.
     void take_start(End sender, std::span<const uint8_t> bytes);
 

@@ -16,7 +16,7 @@ void EventQueue::set_place(int64_t time, uint64_t record) {
 }
 
 void EventQueue::add(Event::Kind kind, const Channel& channel, Side sender) {
-    waiting_.push_back({{kind, time_, record_, channel, sender, {}, {}}, {}});
+    waiting_.push_back({{kind, time_, record_, channel, sender, {}, {}, {}}, {}});
 }
 
 void EventQueue::opened(const Channel& channel) {
@@ -33,8 +33,9 @@ void EventQueue::gap(const Channel& channel, Side sender, const std::string& why
     waiting_.back().event.text = why;
 }
 
-void EventQueue::closed(const Channel& channel) {
+void EventQueue::closed(const Channel& channel, std::optional<Side> by) {
     add(Event::Kind::closed, channel, Side::phone);
+    waiting_.back().event.by = by;
 }
 
 void EventQueue::remark(const std::string& line) {

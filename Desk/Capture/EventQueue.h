@@ -20,7 +20,7 @@ class EventQueue {
     void opened(const Channel& channel);
     void data(const Channel& channel, Side sender, std::span<const uint8_t> bytes);
     void gap(const Channel& channel, Side sender, const std::string& why);
-    void closed(const Channel& channel);
+    void closed(const Channel& channel, std::optional<Side> by);
     // A file can be wrong in any number of places: beyond a hundred they are counted.
     void remark(const std::string& line);
     void count_left_out();

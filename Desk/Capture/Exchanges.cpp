@@ -1,5 +1,6 @@
 #include "Exchanges.h"
 
+#include <fmt/format.h>
 #include <utility>
 
 #include "Wire/Frames.h"
@@ -13,6 +14,10 @@ constexpr size_t longest_exchange = longest_picture_reply + 4 * size_t{SM_REQUES
 constexpr size_t most_packets = 2 * size_t{SM_REQUEST_LIMIT};
 constexpr size_t most_connections = 16; // that are open at once
 constexpr size_t most_remarks = 100;    // that are kept until they are asked for
+
+Ending ending_of(const Event& event) {
+    return !event.by ? Ending::unknown : *event.by == Side::phone ? Ending::phone_left : Ending::camera_left;
+}
 
 } // namespace
 
@@ -55,9 +60,7 @@ std::vector<std::string> Exchanges::remarks() {
 void Exchanges::take(const Event& event) {
     switch (event.kind) {
     case Event::Kind::remark:
-        if (remarks_.size() < most_remarks) {
-            remarks_.push_back(event.text);
-        }
+        remark(event.text);
         return;
     case Event::Kind::opened:
         finish_others(event.channel.number);
@@ -68,11 +71,20 @@ void Exchanges::take(const Event& event) {
             take_data(connection_of(event.channel), event);
         }
         return;
+    case Event::Kind::gap:
+        take_gap(connection_of(event.channel), event);
+        return;
     case Event::Kind::closed:
         if (const auto known = connections_.find(event.channel.number); known != connections_.end()) {
-            close(known->second, Ending::unknown);
+            close(known->second, ending_of(event));
         }
         return;
+    }
+}
+
+void Exchanges::remark(const std::string& line) {
+    if (remarks_.size() < most_remarks) {
+        remarks_.push_back(line);
     }
 }
 
@@ -88,7 +100,25 @@ Exchanges::Connection& Exchanges::connection_of(const Channel& channel) {
     return added;
 }
 
+// A request that is not whole is dropped: nobody knows how it was to go on. The phone is taken to have left here.
+void Exchanges::take_gap(Connection& connection, const Event& event) {
+    if (connection.has_gap) {
+        return;
+    }
+    connection.has_gap = true;
+    remark(fmt::format("connection {}: {}; what follows on it is left out", event.channel.number, event.text));
+    if (!connection.phone.is_between()) {
+        connection.pending.packets.clear();
+        connection.pending.bytes.clear();
+    }
+    connection.pending.ending = Ending::unknown;
+    finish(connection);
+}
+
 void Exchanges::take_data(Connection& connection, const Event& event) {
+    if (connection.has_gap) {
+        return;
+    }
     if (event.sender == Side::camera) {
         add(connection, event, event.bytes);
         return;
@@ -139,8 +169,10 @@ void Exchanges::finish_others(uint32_t number) {
 }
 
 void Exchanges::close(Connection& connection, Ending ending) {
-    connection.pending.ending = ending;
-    finish(connection);
+    if (!connection.has_gap) {
+        connection.pending.ending = ending;
+        finish(connection);
+    }
     connections_.erase(connection.channel.number);
 }
 

@@ -57,16 +57,19 @@ class Exchanges {
 
   private:
     struct Connection {
-        explicit Connection(const Channel& channel)
-            : channel(channel), phone(Side::phone, channel.keeps_message_boundaries()) {}
+        explicit Connection(const Channel& its_channel)
+            : channel(its_channel), phone(Side::phone, its_channel.keeps_message_boundaries()) {}
         Channel channel;
         Boundaries phone;
         Exchange pending;
         bool was_opened = false;
+        bool has_gap = false; // what follows may begin anywhere
     };
 
     Connection& connection_of(const Channel& channel);
     void take(const Event& event);
+    void remark(const std::string& line);
+    void take_gap(Connection& connection, const Event& event);
     void take_data(Connection& connection, const Event& event);
     void add(Connection& connection, const Event& event, std::span<const uint8_t> bytes);
     void finish(Connection& connection);

@@ -33,7 +33,7 @@ class L2capChannel {
     // The capture holds the start of a packet alone.
     void take_start(End sender, std::span<const uint8_t> bytes, const std::string& why);
     void lose(End sender, const std::string& why);
-    void close() { receiver().close(); }
+    void close(std::optional<End> by) { receiver().close(by); }
     bool is_ours() const;
     // Whose requests are looked for on it; nothing while that is not known, or on a session of RFCOMM.
     std::optional<End> phone() const;

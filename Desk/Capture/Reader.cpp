@@ -17,6 +17,12 @@ namespace {
 constexpr size_t most_connections = 16;
 constexpr size_t acl_header = 4;
 
+// Why a connection ended.
+constexpr uint8_t remote_user_left = 0x13;
+constexpr uint8_t remote_device_low_on_resources = 0x14;
+constexpr uint8_t remote_device_powers_off = 0x15;
+constexpr uint8_t local_host_left = 0x16;
+
 // Of the events of LE that tell of a new connection.
 constexpr uint8_t le_connection_complete = 0x01;
 constexpr uint8_t le_enhanced_connection_complete = 0x0a;
@@ -53,7 +59,7 @@ class Reader::State {
     void take_event(const HciPacket& packet);
     void take_acl(const HciPacket& packet);
     Connection& connection_of(uint32_t key);
-    void end_connection(uint32_t key);
+    void end_connection(uint32_t key, std::optional<End> by);
 
     EventQueue queue_;
     Packets packets_;
@@ -62,6 +68,20 @@ class Reader::State {
 };
 
 namespace {
+
+// By the reason that the adapter gives.
+std::optional<End> who_hung_up(uint8_t reason) {
+    switch (reason) {
+    case remote_user_left:
+    case remote_device_low_on_resources:
+    case remote_device_powers_off:
+        return End::remote;
+    case local_host_left:
+        return End::host;
+    default:
+        return std::nullopt;
+    }
+}
 
 uint32_t key_of(const HciPacket& packet, uint16_t handle) {
     return static_cast<uint32_t>(packet.adapter) << 16 | (handle & acl_handle_mask);
@@ -95,7 +115,9 @@ void Reader::State::take_event(const HciPacket& packet) {
                           (data[0] == le_connection_complete || data[0] == le_enhanced_connection_complete);
     const size_t status = is_of_le ? 1 : 0;
     if ((is_of_connection || is_of_le) && data.size() >= status + 3 && data[status] == 0) {
-        end_connection(key_of(packet, get_16(data, status + 1)));
+        const bool tells_who = code == event_disconnection_complete && data.size() > status + 3;
+        end_connection(key_of(packet, get_16(data, status + 1)),
+                       tells_who ? who_hung_up(data[status + 3]) : std::nullopt);
     }
 }
 
@@ -126,16 +148,16 @@ Connection& Reader::State::connection_of(uint32_t key) {
                             "up",
                             most_connections));
         }
-        connections_.back().connection.close();
+        connections_.back().connection.close(std::nullopt);
         connections_.pop_back();
     }
     return connections_.emplace_front(key, queue_, psm_).connection;
 }
 
-void Reader::State::end_connection(uint32_t key) {
+void Reader::State::end_connection(uint32_t key, std::optional<End> by) {
     const auto found = std::ranges::find(connections_, key, &Entry::key);
     if (found != connections_.end()) {
-        found->connection.close();
+        found->connection.close(by);
         connections_.erase(found);
     }
 }

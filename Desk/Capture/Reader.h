@@ -34,6 +34,7 @@ struct Event {
     uint64_t record = 0; // the record that completed it, 1 for the first in the file
     Channel channel;     // not of a remark
     Side sender = Side::phone;
+    std::optional<Side> by;         // of closed: who hung up, where the file tells
     std::span<const uint8_t> bytes; // of data; until the next call
     std::string text;               // of a gap and a remark: one line
 };

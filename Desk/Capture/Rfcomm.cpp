@@ -52,7 +52,7 @@ void Rfcomm::take(End sender, std::span<const uint8_t> bytes) {
     }
     if (frame->dlci < first_dlci) {
         if (frame->control == rfcomm_disconnect) {
-            close();
+            close(sender);
         }
         return;
     }
@@ -61,7 +61,7 @@ void Rfcomm::take(End sender, std::span<const uint8_t> bytes) {
             conversations_.try_emplace(frame->dlci, queue_, Channel::Kind::rfcomm, uint16_t{0}, std::nullopt, false);
         found->second.take(sender, frame->data);
     } else if (frame->control == rfcomm_connect) {
-        close_channel(frame->dlci);
+        close_channel(frame->dlci, std::nullopt);
         const uint16_t port = frame->dlci >> 1;
         conversations_.try_emplace(frame->dlci, queue_, Channel::Kind::rfcomm, port, sender, port == camera_channel);
     } else if (frame->control == rfcomm_accept) {
@@ -69,13 +69,13 @@ void Rfcomm::take(End sender, std::span<const uint8_t> bytes) {
             found->second.establish();
         }
     } else if (frame->control == rfcomm_disconnect || frame->control == rfcomm_refuse) {
-        close_channel(frame->dlci);
+        close_channel(frame->dlci, sender);
     }
 }
 
-void Rfcomm::close_channel(uint8_t dlci) {
+void Rfcomm::close_channel(uint8_t dlci, std::optional<End> by) {
     if (const auto found = conversations_.find(dlci); found != conversations_.end()) {
-        found->second.close();
+        found->second.close(by);
         conversations_.erase(found);
     }
 }
@@ -86,9 +86,9 @@ void Rfcomm::lose(End sender, const std::string& why) {
     }
 }
 
-void Rfcomm::close() {
+void Rfcomm::close(std::optional<End> by) {
     for (auto& [dlci, conversation] : conversations_) {
-        conversation.close();
+        conversation.close(by);
     }
     conversations_.clear();
 }

@@ -146,7 +146,8 @@ void Connection::refuse_configuration(const Command& command) {
 
 // It names the number at the end that answers first.
 void Connection::disconnect(const Command& command) {
-    remove(find(command.sender, get_16(command.data, 0)));
+    // The end that answers is not the one that hung up.
+    remove(find(command.sender, get_16(command.data, 0)), opposite(command.sender));
 }
 
 } // namespace desk::capture

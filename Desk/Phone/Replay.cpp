@@ -249,7 +249,8 @@ class Source {
 std::optional<Exchange> Source::next() {
     while (std::optional<Exchange> exchange = exchanges_.next()) {
         tell_remarks();
-        if (is_to_be_sent(*exchange)) {
+        const bool is_late_end = exchange->packets.empty() && exchange->connection != current_;
+        if (!is_late_end && is_to_be_sent(*exchange)) {
             check_order(*exchange);
             return exchange;
         }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Capture/Pace.h"
 #include "Knobs.h"
 #include "Links/Endpoint.h"
 #include "Log.h"
@@ -24,7 +25,11 @@ struct Options {
     LogOptions log;
     bool quiet = false; // tells of no requests
     size_t mtu = 65535;
-    Knobs knobs; // at the start
+    Knobs knobs;                 // at the start
+    std::string replay;          // the capture that is played in the place of a store; empty: none
+    std::optional<uint16_t> psm; // where the camera of the capture listens
+    capture::Pace pace;
+    bool loops = false;
     std::optional<Endpoint> control;
     std::vector<ScriptStep> script;
 

@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <optional>
-#include <set>
 #include <thread>
 
 #include "Capture/Assembler.h"
 #include "Capture/Comparison.h"
-#include "Capture/Exchanges.h"
 #include "Capture/MessageWords.h"
+#include "Capture/Playable.h"
+#include "Capture/Recut.h"
 #include "Common/Failure.h"
 #include "Options.h"
 #include "Output.h"
@@ -44,6 +44,7 @@ class Replay {
   private:
     void connect(const Exchange& exchange);
     void send(const Exchange& exchange);
+    void send_piece(std::span<const uint8_t> piece);
     void send_packet(std::span<const uint8_t> packet);
     void wait_as_then(const Packet& packet);
     void expect(const Packet& packet, std::span<const uint8_t> bytes);
@@ -59,8 +60,9 @@ class Replay {
     std::optional<capture::Assembler> camera_; // of the capture
     uint32_t connection_ = 0;
     std::optional<int64_t> last_time_; // of the capture
-    Bytes held_back_;                  // of a stream, until a packet may begin with it
+    std::optional<capture::Recut> recut_;
     bool camera_has_closed_ = false;
+    bool camera_may_close_ = false;
     bool told_unreadable_ = false;
     size_t requests_ = 0;
     size_t replies_ = 0;
@@ -87,7 +89,7 @@ void Replay::connect(const Exchange& exchange) {
     tell(fmt::format("connection {}", connection_));
     camera_.emplace(Side::camera, exchange.keeps_message_boundaries);
     camera_has_closed_ = false;
-    held_back_.clear();
+    recut_.emplace(Side::phone, !exchange.keeps_message_boundaries && options_.camera.keeps_message_boundaries());
     link_.emplace(options_.camera, options_.timeout);
 }
 
@@ -110,7 +112,7 @@ void Replay::send(const Exchange& exchange) {
         ++requests_;
         tell(fmt::format("request {}: {}", requests_, capture::request_in_words(now)));
     }
-    const bool may_be_cut_anyhow = exchange.keeps_message_boundaries || !options_.camera.keeps_message_boundaries();
+    camera_may_close_ = exchange.ending == Ending::camera_left || exchange.ending == Ending::unknown;
     size_t sent = 0;
     for (const Packet& packet : exchange.packets) {
         if (packet.sender == Side::camera) {
@@ -118,19 +120,24 @@ void Replay::send(const Exchange& exchange) {
             continue;
         }
         wait_as_then(packet);
-        const auto piece = std::span<const uint8_t>(now).subspan(sent, packet.size);
+        send_piece(std::span<const uint8_t>(now).subspan(sent, packet.size));
         sent += packet.size;
-        held_back_.insert(held_back_.end(), piece.begin(), piece.end());
-        const bool may_begin = may_be_cut_anyhow || sent >= sizeof(sm_frame) || sent == now.size();
-        if (may_begin) {
-            send_packet(std::exchange(held_back_, {}));
-        }
     }
 }
 
+void Replay::send_piece(std::span<const uint8_t> piece) {
+    for (const Bytes& packet : recut_->take(piece)) {
+        send_packet(packet);
+    }
+}
+
+// A camera that hung up then may do so now.
 void Replay::send_packet(std::span<const uint8_t> packet) {
-    if (!camera_has_closed_ && !link_->send(packet)) {
-        camera_has_closed_ = true;
+    const bool was_taken = !camera_has_closed_ && link_->send(packet);
+    camera_has_closed_ = !was_taken;
+    if (!was_taken && !camera_may_close_) {
+        throw Failure(exit_protocol,
+                      fmt::format("request {}: the camera closed the link before all was sent", requests_));
     }
 }
 
@@ -200,6 +207,9 @@ void Replay::end(Ending ending) {
     if (!link_) {
         return;
     }
+    if (!recut_->rest().empty()) {
+        send_packet(recut_->rest());
+    }
     const bool was_cut_off = !camera_->begun().empty();
     expect_start();
     if (ending == Ending::camera_left && !was_cut_off && !link_->wait_for_close()) {
@@ -216,93 +226,9 @@ void Replay::end(Ending ending) {
 
 // ---- The capture ----------------------------------------------------------------------------------------------------
 
-bool says_busy(const Exchange& exchange) {
-    const Bytes camera = exchange.sent_by(Side::camera);
-    return camera.size() >= sizeof(sm_frame) && capture::function_of(camera) == busy_function;
-}
-
-// Hands out what can be sent again.
-class Source {
-  public:
-    explicit Source(const Options& options)
-        : options_(options), exchanges_(options.capture_file, {.follows = false, .psm = options.psm}) {}
-
-    std::optional<Exchange> next();
-    // Throws Failure for a capture that has nothing to send.
-    void check_end() const;
-    bool was_read_in_full() const { return remarks_ == 0; }
-
-  private:
-    bool is_to_be_sent(const Exchange& exchange);
-    void check_order(const Exchange& exchange);
-    void tell_remarks();
-
-    const Options& options_;
-    capture::Exchanges exchanges_;
-    std::optional<uint32_t> current_;
-    uint32_t highest_ = 0;    // of the connections that have been handed out
-    std::set<uint32_t> busy_; // connections that the camera had no time for
-    size_t busy_count_ = 0;
-    size_t remarks_ = 0;
-};
-
-std::optional<Exchange> Source::next() {
-    while (std::optional<Exchange> exchange = exchanges_.next()) {
-        tell_remarks();
-        const bool is_late_end = exchange->packets.empty() && exchange->connection != current_;
-        if (!is_late_end && is_to_be_sent(*exchange)) {
-            check_order(*exchange);
-            return exchange;
-        }
-    }
-    tell_remarks();
-    return std::nullopt;
-}
-
-bool Source::is_to_be_sent(const Exchange& exchange) {
-    if (exchange.opens && says_busy(exchange)) {
-        ++busy_count_;
-        busy_.insert(exchange.connection);
-        say(fmt::format("connection {} is passed over: the phone was told that the camera was busy",
-                        exchange.connection));
-    }
-    const bool is_busy = busy_.contains(exchange.connection);
-    if (exchange.ending != Ending::none) {
-        busy_.erase(exchange.connection);
-    }
-    return !is_busy;
-}
-
-// A camera serves one phone at a time.
-void Source::check_order(const Exchange& exchange) {
-    if (exchange.connection == current_) {
-        return;
-    }
-    if (exchange.connection < highest_) {
-        throw Failure(
-            exit_usage,
-            fmt::format("{}: connection {} goes on after connection {} has begun, and a camera serves one phone "
-                        "at a time: this cannot be sent again",
-                        name_of_input(options_.capture_file), exchange.connection, highest_));
-    }
-    current_ = exchange.connection;
-    highest_ = exchange.connection;
-}
-
-void Source::tell_remarks() {
-    for (const std::string& remark : exchanges_.remarks()) {
-        ++remarks_;
-        say(fmt::format("{}: {}", name_of_input(options_.capture_file), remark));
-    }
-}
-
-void Source::check_end() const {
-    if (current_) {
-        return;
-    }
-    const char* const why = busy_count_ > 0 ? "holds a phone that was told that the camera was busy, and nothing else"
-                                            : "holds nothing that a phone and a camera said to each other";
-    throw Failure(exit_usage, fmt::format("{} {}", name_of_input(options_.capture_file), why));
+capture::Playable playable(const Options& options) {
+    return {options.capture_file, name_of_input(options.capture_file), options.psm,
+            [](const std::string& line) { say(line); }};
 }
 
 // ---- What would be sent ---------------------------------------------------------------------------------------------
@@ -330,7 +256,7 @@ void print_planned(const Exchange& exchange, int64_t start, size_t replies) {
 }
 
 int plan(const Options& options) {
-    Source source(options);
+    capture::Playable source = playable(options);
     std::optional<int64_t> start;
     std::optional<capture::Assembler> camera;
     while (const std::optional<Exchange> exchange = source.next()) {
@@ -359,7 +285,7 @@ int replay(const Options& options) {
     if (options.dry_run) {
         return plan(options);
     }
-    Source source(options);
+    capture::Playable source = playable(options);
     Replay replay(options);
     try {
         while (const std::optional<Exchange> exchange = source.next()) {

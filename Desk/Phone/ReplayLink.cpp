@@ -32,7 +32,7 @@ bool ReplayLink::send(std::span<const uint8_t> packet) {
             throw Failure(exit_timeout, fmt::format("the camera took {} of a packet's {} bytes, then nothing within {}",
                                                     size - packet.size(), size, seconds(timeout_)));
         }
-        const std::optional<size_t> sent = closed_ ? std::nullopt : link_.send_packet(packet);
+        const std::optional<size_t> sent = closed_ ? std::nullopt : send_once(packet);
         if (!sent) {
             return false;
         }
@@ -44,9 +44,18 @@ bool ReplayLink::send(std::span<const uint8_t> packet) {
     return packet.empty();
 }
 
+std::optional<size_t> ReplayLink::send_once(std::span<const uint8_t> packet) const {
+    try {
+        return link_.send_packet(packet);
+    } catch (const Failure&) {
+        throw Failure(exit_usage, fmt::format("the link takes no packet of {} bytes, as the capture has one: send it "
+                                              "over tcp: or rfcomm:, where there are no packets",
+                                              packet.size()));
+    }
+}
+
 std::optional<Bytes> ReplayLink::next_message() {
-    const size_t before = reader_.arrived();
-    size_t seen = before;
+    size_t seen = reader_.arrived();
     Clock::time_point end = deadline();
     while (messages_.empty() && !closed_) {
         if (!move(false, end)) {

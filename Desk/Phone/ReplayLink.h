@@ -32,6 +32,7 @@ class ReplayLink {
     std::vector<Bytes> finish();
 
   private:
+    std::optional<size_t> send_once(std::span<const uint8_t> packet) const;
     bool move(bool to_write, Clock::time_point deadline);
     void receive();
     void take(std::span<const uint8_t> bytes);

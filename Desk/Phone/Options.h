@@ -67,6 +67,7 @@ struct Options {
     std::string junit_file;           // check
     std::string camera_log;           // check
     std::string capture_file;         // replay
+    std::string other_capture;        // decode: the one to compare with
     std::optional<uint16_t> psm;      // replay: where the captured camera listens
     capture::Pace pace;               // replay
     bool all_differences = false;     // replay

@@ -13,6 +13,7 @@
 #include "Common/Terminal.h"
 #include "Common/Text.h"
 #include "Copy.h"
+#include "Decode.h"
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
@@ -328,6 +329,8 @@ int run(const Options& options) {
         return print_new_preset(options);
     case Options::Command::schema:
         return print_schema();
+    case Options::Command::decode:
+        return decode(options);
     }
     return exit_usage;
 }

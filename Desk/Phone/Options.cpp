@@ -193,18 +193,29 @@ void add_copying_commands(CLI::App& app, Arguments& arguments) {
 // What these print needs no camera.
 void add_printing_commands(CLI::App& app, Options& options) {
     const auto add = [&](Options::Command command, const char* name, const char* help) {
-        app.add_subcommand(name, help)->parse_complete_callback([&app, &options, command] {
+        CLI::App* const added = app.add_subcommand(name, help);
+        added->preparse_callback([&app, &options, command](size_t) {
             options.command = command;
             app.get_option("--connect")->required(false);
         });
+        return added;
     };
     add(Options::Command::create, "new", "print a preset file to begin with");
     add(Options::Command::schema, "schema", "print the JSON Schema of preset files");
+    CLI::App* decode = add(Options::Command::decode, "decode", "print what a phone and a camera said in a capture");
+    decode->add_option("FILE", options.capture, "a btsnoop file of Bluetooth packets; - is standard input")
+        ->required()
+        ->type_name("");
+    decode->add_flag("--hex", options.with_hex, "print the bytes of each message and what they mean, too");
+    decode->add_flag("--follow", options.follows, "wait for more at the end of the file");
+    decode->add_option("--psm", options.psm, "where the camera listens on L2CAP, where its first message does not tell")
+        ->check(CLI::Range(1, 65535).description(""))
+        ->type_name("PSM");
 }
 
 bool needs_camera(const Options& options) {
     return !options.list_checks && options.command != Options::Command::create &&
-           options.command != Options::Command::schema;
+           options.command != Options::Command::schema && options.command != Options::Command::decode;
 }
 
 // A list of the checks needs no camera either.
@@ -312,8 +323,8 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     if (lacks_something && app.get_subcommands().empty()) {
         return {exit_usage,
                 fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
-                            "picture, store, rename, delete, backup, restore, copy, leave, check, new or schema; see "
-                            "shotmentor-phone --help",
+                            "picture, store, rename, delete, backup, restore, copy, leave, check, new, schema or decode; "
+                            "see shotmentor-phone --help",
                             connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {

@@ -25,7 +25,8 @@ struct Options {
         leave,
         check,
         create,
-        schema
+        schema,
+        decode
     };
 
     Endpoint camera;
@@ -64,6 +65,10 @@ struct Options {
     bool list_checks = false;         // check
     std::string junit_file;           // check
     std::string camera_log;           // check
+    std::string capture;              // decode
+    bool follows = false;             // decode
+    bool with_hex = false;            // decode
+    std::optional<uint16_t> psm;      // decode
 };
 
 // The options that the command line gives, or nothing when it asked for help, the version or the reference, which is

@@ -91,8 +91,8 @@ void Play::run() {
     while (const std::optional<Exchange> exchange = next()) {
         play(*exchange);
     }
-    source_.check_end();
     end(Ending::unknown);
+    source_.check_whole();
     const size_t differences = differences_ - differences_before_;
     tell(fmt::format("the capture is at its end: {}, {}", capture::counted(requests_, "request"),
                      differences == 0 ? "no difference" : capture::counted(differences, "difference")));
@@ -288,7 +288,7 @@ int replay(const Options& options) {
     check_file(options.replay);
     Playable first = playable(options, [](const std::string&) {});
     static_cast<void>(first.next());
-    first.check_end();
+    first.check_any();
     const Waiting waiting;
     const ReplayListener listener(waiting, options.listen);
     std::printf("listening on %s\n", listener.endpoint().url().c_str());

@@ -40,14 +40,14 @@ size_t total_of(const Message& message) {
     return static_cast<size_t>(message.total);
 }
 
-bool is_same_picture(const Message& request, const Message& reply) {
-    return request.bytes.size() >= header + 4 && reply.bytes.size() >= header + 4 &&
-           get_word(request.bytes, header) == get_word(reply.bytes, header);
+// The first word of a payload, 0 where it is not there.
+int32_t id_in(const Message& message) {
+    return message.bytes.size() >= header + sizeof(int32_t) ? get_word(message.bytes, header) : 0;
 }
 
 bool answers(const Message& reply, const Message& request) {
     return reply.function == request.function + SM_REPLY &&
-           (request.function != SM_FUNCTION_SEND_PRESET || is_same_picture(request, reply));
+           (request.function != SM_FUNCTION_SEND_PRESET || id_in(request) == id_in(reply));
 }
 
 } // namespace
@@ -76,8 +76,7 @@ std::string why_unanswered(const Message& request) {
     if (!is_known) {
         return "there is no such function";
     }
-    const bool has_id = request.function == SM_FUNCTION_SEND_PRESET && request.bytes.size() >= header + 4;
-    return has_id && get_word(request.bytes, header) <= 0 ? "ids are above 0" : "";
+    return request.function == SM_FUNCTION_SEND_PRESET && id_in(request) <= 0 ? "ids are above 0" : "";
 }
 
 bool expects_reply(const Message& request) {
@@ -300,7 +299,7 @@ void Messages::note_reply(Conversation& conversation, Message& reply) {
         return;
     }
     // Both times are the file's own, and may be any number.
-    reply.waited = static_cast<int64_t>(static_cast<uint64_t>(reply.began) - static_cast<uint64_t>(found->ended));
+    reply.waited = static_cast<int64_t>(static_cast<uint64_t>(reply.ended) - static_cast<uint64_t>(found->ended));
     reply.request_record = found->last_record;
     give_up_waiting(conversation, static_cast<size_t>(std::distance(found, waiting.rend())) - 1);
     waiting.pop_front();

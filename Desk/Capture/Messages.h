@@ -42,7 +42,7 @@ struct Message {
     std::string fault;                  // what is wrong with the way it came, in words; nothing when it is right
     bool jams_camera = false;           // the camera answers nothing from here on until the phone disconnects
     bool is_unheard = false;            // the camera was in that state before
-    std::optional<int64_t> waited;      // of a reply: microseconds from the request's last packet to its own first one
+    std::optional<int64_t> waited;      // of a reply: microseconds from the request's last packet to its own
     uint64_t request_record = 0;        // and that packet's record, else 0
 };
 

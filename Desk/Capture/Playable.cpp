@@ -58,18 +58,39 @@ void Playable::check_order(const Exchange& exchange) {
 
 void Playable::tell_remarks() {
     for (const std::string& remark : exchanges_.remarks()) {
+        ++faults_;
         tell_(fmt::format("{}: {}", name_, remark));
     }
 }
 
-void Playable::check_end() const {
-    if (!current_) {
-        throw Failure(exit_usage,
-                      fmt::format("{} holds {}", name_,
-                                  was_busy_ ? "a phone that was told that the camera was busy, and nothing else: there "
-                                              "is nothing to play"
-                                            : "nothing that a phone and a camera said to each other"));
+void Playable::check_any() const {
+    if (current_) {
+        return;
     }
+    if (was_busy_) {
+        throw Failure(exit_missing, fmt::format("{} holds a phone that was told that the camera was busy, and nothing "
+                                                "else: there is nothing to play",
+                                                name_));
+    }
+    throw nothing_in(name_);
+}
+
+void Playable::check_whole() const {
+    if (faults_ > 0) {
+        throw not_in_full(name_);
+    }
+}
+
+Failure nothing_in(const std::string& name) {
+    return {exit_missing,
+            fmt::format("{} holds nothing that a phone and a camera have said; where the capture lacks how "
+                        "they began, name the camera's PSM with --psm",
+                        name)};
+}
+
+Failure not_in_full(const std::string& name) {
+    return {exit_cut_capture,
+            fmt::format("{} was not read in full, see above; capture it again, or take what is here", name)};
 }
 
 } // namespace desk::capture

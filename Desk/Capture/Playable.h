@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 
+#include "Common/Failure.h"
 #include "Exchanges.h"
 
 namespace desk::capture {
@@ -19,8 +20,10 @@ class Playable {
 
     // Nothing at the end. Throws Failure (exit_usage) for phones that talk at the same time.
     std::optional<Exchange> next();
-    // At the end. Throws Failure (exit_usage) where there was nothing to play.
-    void check_end() const;
+    // At the end. Throws Failure (exit_missing) where there was nothing to play.
+    void check_any() const;
+    // Throws Failure (exit_cut_capture) where not all was there.
+    void check_whole() const;
 
   private:
     bool is_busy(const Exchange& exchange);
@@ -33,6 +36,11 @@ class Playable {
     std::optional<uint32_t> current_;
     std::set<uint32_t> busy_; // connections that the camera had no time for, while they are open
     bool was_busy_ = false;
+    size_t faults_ = 0;
 };
+
+// For a capture that has nothing to tell, and for one that is not whole.
+Failure nothing_in(const std::string& name);
+Failure not_in_full(const std::string& name);
 
 } // namespace desk::capture

@@ -11,6 +11,7 @@
 #include "Capture/Comparison.h"
 #include "Capture/Exchanges.h"
 #include "Capture/MessageWords.h"
+#include "Capture/Playable.h"
 #include "Common/Failure.h"
 #include "Options.h"
 #include "Output.h"
@@ -60,7 +61,8 @@ class Source {
     // False at the end. `take` gets each message, `end` each connection's end.
     template<class Take, class End>
     bool next(Take take, End end);
-    void check_end() const;
+    void check_any() const;
+    void check_whole() const;
 
   private:
     struct Ends {
@@ -72,12 +74,14 @@ class Source {
     capture::Exchanges exchanges_;
     std::map<uint32_t, Ends> open_;
     bool had_any_ = false;
+    bool has_faults_ = false;
 };
 
 template<class Take, class End>
 bool Source::next(Take take, End end) {
     const std::optional<Exchange> exchange = exchanges_.next();
     for (const std::string& remark : exchanges_.remarks()) {
+        has_faults_ = true;
         say(fmt::format("{}: {}", name_, remark));
     }
     if (!exchange) {
@@ -106,16 +110,22 @@ bool Source::next(Take take, End end) {
     return true;
 }
 
-void Source::check_end() const {
+void Source::check_any() const {
     if (!had_any_) {
-        throw Failure(exit_usage, fmt::format("{} holds nothing that a phone and a camera said to each other", name_));
+        throw capture::nothing_in(name_);
+    }
+}
+
+void Source::check_whole() const {
+    if (has_faults_) {
+        throw capture::not_in_full(name_);
     }
 }
 
 class CaptureDiff {
   public:
     explicit CaptureDiff(const Options& options)
-        : options_(options), before_(options.capture_file, options), now_(options.other_capture, options) {}
+        : options_(options), before_(options.capture, options), now_(options.other_capture, options) {}
 
     size_t run();
 
@@ -156,11 +166,15 @@ size_t CaptureDiff::run() {
             has_now = has_now && read(now_, false);
             compare();
         }
-        before_.check_end();
-        now_.check_end();
+        before_.check_any();
+        now_.check_any();
         tell_rests();
     } catch (const Enough&) {
         mention(options_, "this is the first difference; --all tells all");
+    }
+    if (differences_ == 0) {
+        before_.check_whole();
+        now_.check_whole();
     }
     return differences_;
 }

@@ -9,10 +9,12 @@
 
 #include "Backup.h"
 #include "CameraClient.h"
+#include "CaptureDiff.h"
 #include "Check.h"
 #include "Common/Terminal.h"
 #include "Common/Text.h"
 #include "Copy.h"
+#include "Decode.h"
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
@@ -331,6 +333,8 @@ int run(const Options& options) {
         return replay(options);
     case Options::Command::schema:
         return print_schema();
+    case Options::Command::decode:
+        return options.other_capture.empty() ? decode(options) : compare_captures(options);
     }
     return exit_usage;
 }

@@ -197,13 +197,31 @@ void add_copying_commands(CLI::App& app, Arguments& arguments) {
 // What these print needs no camera.
 void add_printing_commands(CLI::App& app, Options& options) {
     const auto add = [&](Options::Command command, const char* name, const char* help) {
-        app.add_subcommand(name, help)->parse_complete_callback([&app, &options, command] {
+        CLI::App* const added = app.add_subcommand(name, help);
+        added->preparse_callback([&app, &options, command](size_t) {
             options.command = command;
             app.get_option("--connect")->required(false);
         });
+        return added;
     };
     add(Options::Command::create, "new", "print a preset file to begin with");
     add(Options::Command::schema, "schema", "print the JSON Schema of preset files");
+    CLI::App* decode = add(Options::Command::decode, "decode", "print what a phone and a camera said in a capture");
+    decode->add_option("FILE", options.capture, "a btsnoop file of Bluetooth packets; - is standard input")
+        ->required()
+        ->type_name("");
+    CLI::Option* hex =
+        decode->add_flag("--hex", options.with_hex, "print the bytes of each message and what they mean, too");
+    CLI::Option* follow = decode->add_flag("--follow", options.follows, "wait for more at the end of the file");
+    CLI::Option* diff =
+        decode->add_option("--diff", options.other_capture, "print in what this capture differs instead")
+            ->type_name("FILE")
+            ->excludes(hex)
+            ->excludes(follow);
+    decode->add_flag("--all", options.all_differences, "print all differences, and not the first alone")->needs(diff);
+    decode->add_option("--psm", options.psm, "where the camera listens on L2CAP, where its first message does not tell")
+        ->check(CLI::Range(1, 65535).description(""))
+        ->type_name("PSM");
 }
 
 // What a replay would send needs no camera.
@@ -213,7 +231,7 @@ bool is_planned_replay(const Options& options) {
 
 bool needs_camera(const Options& options) {
     return !options.list_checks && !is_planned_replay(options) && options.command != Options::Command::create &&
-           options.command != Options::Command::schema;
+           options.command != Options::Command::schema && options.command != Options::Command::decode;
 }
 
 // A list of the checks needs no camera either.
@@ -240,7 +258,7 @@ void add_replaying_command(CLI::App& app, Arguments& arguments) {
         options.command = Options::Command::replay;
         app.get_option("--connect")->required(!options.dry_run);
     });
-    replay->add_option("FILE", options.capture_file, "the capture, a btsnoop file; - is standard input")
+    replay->add_option("FILE", options.capture, "the capture, a btsnoop file; - is standard input")
         ->required()
         ->type_name("");
     replay->add_flag("--all", options.all_differences, "go on behind the first difference, and tell all");
@@ -345,12 +363,13 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     const bool lacks_something = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
     const CLI::Option* connect = app.get_option("--connect");
     if (lacks_something && app.get_subcommands().empty()) {
-        return {exit_usage,
-                fmt::format(
-                    "--connect URL (or {} in the environment) and a command are needed: list, show, "
-                    "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new or schema; see "
-                    "shotmentor-phone --help",
-                    connect_variable)};
+        return {
+            exit_usage,
+            fmt::format(
+                "--connect URL (or {} in the environment) and a command are needed: list, show, "
+                "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new, schema or decode; see "
+                "shotmentor-phone --help",
+                connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {
         return {exit_usage,

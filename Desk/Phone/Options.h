@@ -27,6 +27,7 @@ struct Options {
         check,
         create,
         schema,
+        decode,
         replay
     };
 
@@ -66,11 +67,13 @@ struct Options {
     bool list_checks = false;         // check
     std::string junit_file;           // check
     std::string camera_log;           // check
-    std::string capture_file;         // replay
+    std::string capture;              // decode, replay
+    bool follows = false;             // decode
+    bool with_hex = false;            // decode
     std::string other_capture;        // decode: the one to compare with
-    std::optional<uint16_t> psm;      // replay: where the captured camera listens
-    capture::Pace pace;               // replay
-    bool all_differences = false;     // replay
+    std::optional<uint16_t> psm;      // decode, replay: where the captured camera listens
+    desk::capture::Pace pace;         // replay
+    bool all_differences = false;     // decode, replay
 };
 
 // The options that the command line gives, or nothing when it asked for help, the version or the reference, which is

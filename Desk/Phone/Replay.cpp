@@ -227,8 +227,7 @@ void Replay::end(Ending ending) {
 // ---- The capture ----------------------------------------------------------------------------------------------------
 
 capture::Playable playable(const Options& options) {
-    return {options.capture_file, name_of_input(options.capture_file), options.psm,
-            [](const std::string& line) { say(line); }};
+    return {options.capture, name_of_input(options.capture), options.psm, [](const std::string& line) { say(line); }};
 }
 
 // ---- What would be sent ---------------------------------------------------------------------------------------------
@@ -268,7 +267,8 @@ int plan(const Options& options) {
         }
         print_planned(*exchange, start.value_or(0), camera->take(exchange->sent_by(Side::camera)).size());
     }
-    source.check_end();
+    source.check_any();
+    source.check_whole();
     return exit_done;
 }
 
@@ -291,14 +291,18 @@ int replay(const Options& options) {
         while (const std::optional<Exchange> exchange = source.next()) {
             replay.play(*exchange);
         }
-        source.check_end();
+        source.check_any();
         replay.end(Ending::unknown);
     } catch (const Enough&) {
         mention(options, "the replay ended at the first difference; --all goes on");
         return exit_differs;
     }
     mention(options, summary(replay));
-    return replay.differences() == 0 ? exit_done : exit_differs;
+    if (replay.differences() > 0) {
+        return exit_differs;
+    }
+    source.check_whole();
+    return exit_done;
 }
 
 } // namespace desk::phone

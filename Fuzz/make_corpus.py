@@ -337,16 +337,23 @@ PHONE_FILES = {
 
 # ---- Captures --------------------------------------------------------------------------------------------------------
 
-RECORD = b"Dusk".ljust(744, b"\0")
+# Short ones: a fuzzer's input has at most 1024 bytes.
 LIST = struct.pack("<ii", 1, 8)
-LISTED = struct.pack("<ii12sii", 0x1001, 28 + 744, b"KT7", 1, 1) + RECORD
-RENAME = struct.pack("<ii", 4, 752) + RECORD
+LISTED = struct.pack("<ii12sii", 0x1001, 28, b"KT7", 1, 0)
+DELETE = struct.pack("<iiii", 5, 16, 0, 1)
+RENAME = struct.pack("<ii", 4, 752) + b"Dusk".ljust(744, b"\0")
 
 
 def talk(capture, send):
     """A conversation in a capture; `send` takes sender and bytes."""
-    for sender, data in ((captures.PHONE, LIST), (captures.CAMERA, LISTED), (captures.PHONE, RENAME)):
+    for sender, data in ((captures.PHONE, LIST), (captures.CAMERA, LISTED), (captures.PHONE, DELETE)):
         send(sender, data)
+    return capture.bytes()
+
+
+def renaming():
+    capture = captures.BluetoothCapture()
+    capture.send(captures.PHONE, RENAME)
     return capture.bytes()
 
 
@@ -375,8 +382,8 @@ def numbered_capture(mode):
     capture.configure(mode)
     for number in (0, 2, 1, 1):
         capture.send_numbered(captures.PHONE, LIST, number)
-    capture.send_numbered(captures.CAMERA, LISTED[:400], 0, captures.START_OF, len(LISTED))
-    capture.send_numbered(captures.CAMERA, LISTED[400:], 1, captures.END_OF)
+    capture.send_numbered(captures.CAMERA, LISTED[:9], 0, captures.START_OF, len(LISTED))
+    capture.send_numbered(captures.CAMERA, LISTED[9:], 1, captures.END_OF)
     capture.disconnect()
     return capture.bytes()
 
@@ -384,7 +391,8 @@ def numbered_capture(mode):
 PHONE_FILES |= {
     "capture": plain_capture(captures.H4),
     "capture_h1": plain_capture(captures.H1),
-    "capture_monitor": plain_capture(captures.MONITOR, longest_piece=100),
+    "capture_monitor": plain_capture(captures.MONITOR, longest_piece=9),
+    "capture_renaming": renaming(),
     "capture_unopened": talk(unopened := captures.BluetoothCapture(), unopened.send),
     "capture_rfcomm": rfcomm_capture(),
     "capture_credited": credited_capture(),

@@ -269,6 +269,24 @@ class Lines(Decoding):
         )
 
 
+class OnThePage(Decoding):
+    def test_of_captures_stands_what_is_printed(self):
+        page = (pathlib.Path(__file__).resolve().parents[2] / "Docs" / "captures.md").read_text(encoding="utf-8")
+        example = page[page.index("    2023-11-14\n") :].partition("\n\n")[0]
+        listed = list_reply([DUSK, NOON])
+        capture = conversation(
+            (PHONE, request(LIST)),
+            (CAMERA, listed[:600]),
+            (CAMERA, listed[600:1200]),
+            (CAMERA, listed[1200:]),
+            (PHONE, picture_request(9)),
+            (PHONE, request(DELETE, words(0, 1))),
+            (CAMERA, request(REPLY + DELETE, words(1, 1, 1) + NOON)),
+        )
+        capture.disconnect()
+        self.assertEqual("".join("    " + line + "\n" for line in self.decode(capture).splitlines()), example + "\n")
+
+
 class Json(Decoding):
     def test_has_an_object_for_each_line(self):
         capture = conversation(

@@ -210,7 +210,7 @@ void Replay::end(Ending ending) {
     if (!recut_->rest().empty()) {
         send_packet(recut_->rest());
     }
-    const bool was_cut_off = !camera_->begun().empty();
+    const bool was_cut_off = !camera_->begun().empty() && !camera_->is_stuck();
     expect_start();
     if (ending == Ending::camera_left && !was_cut_off && !link_->wait_for_close()) {
         differ(fmt::format("the end of connection {}: the camera closed the link, and now does not", connection_));

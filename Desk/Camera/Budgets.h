@@ -37,7 +37,8 @@ constexpr int packets_of_a_turn = 64;
 
 // ---- Descriptors ----------------------------------------------------------------------------------------------------
 
-// The standard streams, the event loop, the store, the log, the listening socket, the control socket and its clients.
+// The standard streams, the event loop, the store, the log, the capture, the listening socket, the control socket and
+// its clients.
 constexpr size_t descriptors_of_the_camera = 24;
 // The picture, the database's journal, the folder that is flushed.
 constexpr size_t descriptors_of_a_request = 8;

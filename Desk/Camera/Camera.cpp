@@ -128,6 +128,7 @@ bool Camera::is_phone_stalled() {
 }
 
 void Camera::pull_link() {
+    phone_->link->look_lost();
     phone_left("the link was pulled");
 }
 
@@ -255,9 +256,13 @@ void announce(const Endpoint& endpoint) {
 
 } // namespace
 
-void serve_phones(asio::io_context& loop, PresetStore& store, const Options& options) {
+void serve_phones(asio::io_context& loop, PresetStore& store, const Options& options, capture::Writer* capture) {
     const LateTalk late_talk(loop);
     Listener listener(loop, options.listen, options.mtu, Access::by_mask, budget::received_bytes);
+    if (capture != nullptr) {
+        capture->begin();
+        listener.capture(*capture);
+    }
     Lab lab(options.knobs);
     std::optional<Control> control;
     if (options.control) {

@@ -76,7 +76,8 @@ class Camera {
     bool serves_later_ = false; // `serve` has been posted
 };
 
-// Serves phones until the loop is stopped. Throws Failure (exit_link).
-void serve_phones(asio::io_context& loop, PresetStore& store, const Options& options);
+// Serves phones until the loop is stopped. What crosses their links is written to `capture` unless it is null. Throws
+// Failure (exit_link).
+void serve_phones(asio::io_context& loop, PresetStore& store, const Options& options, capture::Writer* capture);
 
 } // namespace desk::camera

@@ -15,6 +15,9 @@
 #include "Knobs.h"
 
 namespace desk::camera {
+
+using End = capture::LinkWriter::End;
+
 namespace {
 
 constexpr size_t piece_of_paced_stream = 4096;                // the packets of a phone
@@ -50,9 +53,10 @@ int bytes_in_kernel(int socket, unsigned long which) {
 
 } // namespace
 
-Link::Link(asio::io_context& loop, int socket, LinkTraits traits, std::span<uint8_t> buffer)
+Link::Link(asio::io_context& loop, int socket, LinkTraits traits, std::span<uint8_t> buffer,
+           std::unique_ptr<capture::LinkWriter> capture)
     : loop_(loop), socket_(loop, socket), traits_(traits), buffer_(buffer), watch_(loop), read_pause_(loop),
-      write_pause_(loop) {}
+      write_pause_(loop), capture_(std::move(capture)) {}
 
 void Link::receive(Received handler) {
     const bool is_waiting = received_ != nullptr;
@@ -136,12 +140,15 @@ void Link::read_once(size_t at_most) {
     if (length < 0 && is_worth_a_retry(errno)) {
         wait_for_bytes();
     } else if (length < 0) {
-        lose(std::strerror(errno));
+        lose_by(errno);
     } else if (length == 0 && !is_empty_packet()) {
-        lose("");
+        lose("", End::phone_left);
     } else if ((flags & MSG_TRUNC) != 0) {
-        lose("it sent a packet of more bytes than any request has");
+        lose("it sent a packet of more bytes than any request has", End::camera_closed);
     } else {
+        if (capture_ != nullptr) {
+            capture_->received(room.first(static_cast<size_t>(length)));
+        }
         moved_ = length > 0 ? Clock::now() : moved_;
         const Received handler = std::exchange(received_, nullptr); // the handler may ask for more
         handler(std::span(buffer_).first(static_cast<size_t>(length)));
@@ -195,6 +202,9 @@ bool Link::write_packet() {
     const ssize_t length =
         ::send(socket_.native_handle(), unsent_.data(), next_to_write(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (length >= 0) {
+        if (capture_ != nullptr) {
+            capture_->sent(unsent_.first(static_cast<size_t>(length)));
+        }
         unsent_ = unsent_.subspan(static_cast<size_t>(length));
         moved_ = Clock::now();
         return true;
@@ -202,7 +212,7 @@ bool Link::write_packet() {
     if (is_worth_a_retry(errno)) {
         write_later();
     } else {
-        lose(std::strerror(errno));
+        lose_by(errno);
     }
     return false;
 }
@@ -250,6 +260,7 @@ bool Link::is_stalled(std::chrono::seconds time) {
 void Link::end_sending() {
     if (socket_.is_open()) {
         ::shutdown(socket_.native_handle(), SHUT_WR);
+        end_capture_as(End::camera_closed);
     }
 }
 
@@ -260,6 +271,7 @@ void Link::close() {
     received_ = nullptr;
     sent_ = nullptr;
     lost_ = nullptr;
+    capture_.reset();
 }
 
 void Link::stop_timers() {
@@ -276,11 +288,25 @@ void Link::abort() {
     close();
 }
 
+void Link::end_capture_as(End how) {
+    if (capture_ != nullptr) {
+        capture_->ends(how);
+    }
+}
+
+// A phone that goes with bytes of ours unread is told of as an error.
+void Link::lose_by(int error) {
+    const bool has_left = error == ECONNRESET || error == EPIPE;
+    lose(std::strerror(error), has_left ? End::phone_left : End::link_lost);
+}
+
 // Told from the loop, so that whoever was sending is not called back from inside its own call.
-void Link::lose(const std::string& why) {
+void Link::lose(const std::string& why, End how) {
     asio::error_code ignored;
     socket_.close(ignored);
     stop_timers();
+    end_capture_as(how);
+    capture_.reset();
     asio::post(loop_, [self = shared_from_this(), why] {
         if (const Lost handler = std::exchange(self->lost_, nullptr)) {
             handler(why);

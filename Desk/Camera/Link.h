@@ -11,6 +11,8 @@
 #include <span>
 #include <string>
 
+#include "Capture/Writer.h"
+
 namespace desk::camera {
 
 struct Knobs;
@@ -29,8 +31,10 @@ class Link : public std::enable_shared_from_this<Link> {
     using Sent = std::function<void()>;
     using Lost = std::function<void(const std::string& why)>; // empty: the phone closed it
 
-    // Takes the connected socket over. `buffer` is where it receives; links may share one.
-    Link(asio::io_context& loop, int socket, LinkTraits traits, std::span<uint8_t> buffer);
+    // Takes the connected socket over. `buffer` is where it receives; links may share one. What crosses the link is
+    // written to `capture`, if there is one.
+    Link(asio::io_context& loop, int socket, LinkTraits traits, std::span<uint8_t> buffer,
+         std::unique_ptr<capture::LinkWriter> capture);
 
     bool keeps_message_boundaries() const { return traits_.keeps_message_boundaries; }
     void on_lost(Lost handler) { lost_ = std::move(handler); }
@@ -53,6 +57,8 @@ class Link : public std::enable_shared_from_this<Link> {
     void close();
     // Closes at once: what is still on its way to the phone is dropped.
     void abort();
+    // When it is closed, a capture shows it as lost.
+    void look_lost() { end_capture_as(capture::LinkWriter::End::link_lost); }
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -73,7 +79,9 @@ class Link : public std::enable_shared_from_this<Link> {
     void write_later();
     void all_is_written();
     void watch_what_is_untaken();
-    void lose(const std::string& why);
+    void end_capture_as(capture::LinkWriter::End how);
+    void lose_by(int error);
+    void lose(const std::string& why, capture::LinkWriter::End how);
     void stop_timers();
 
     asio::io_context& loop_;
@@ -90,6 +98,7 @@ class Link : public std::enable_shared_from_this<Link> {
     const Knobs* knobs_ = nullptr; // of a link that may be slowed
     asio::steady_timer read_pause_;
     asio::steady_timer write_pause_;
+    std::unique_ptr<capture::LinkWriter> capture_; // none where nothing is captured, or the link has ended
 };
 
 } // namespace desk::camera

@@ -102,7 +102,8 @@ std::shared_ptr<Link> Listener::link_of(Descriptor phone) {
     prepare_phone_socket(endpoint_.kind, phone.get());
     const LinkTraits traits = {endpoint_.keeps_message_boundaries(),
                                std::min(mtu_, largest_packet(endpoint_.kind, phone.get()))};
-    return std::make_shared<Link>(loop_, phone.release(), traits, buffer_);
+    std::unique_ptr<capture::LinkWriter> captured = capture_ != nullptr ? capture_->connect(endpoint_) : nullptr;
+    return std::make_shared<Link>(loop_, phone.release(), traits, buffer_, std::move(captured));
 }
 
 } // namespace desk::camera

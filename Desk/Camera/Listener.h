@@ -30,6 +30,8 @@ class Listener {
 
     // Where it listens, with the port that a port of 0 became.
     const Endpoint& endpoint() const { return endpoint_; }
+    // Writes all links from now on to the capture, which outlives this.
+    void capture(capture::Writer& writer) { capture_ = &writer; }
     // Calls the handler with one link after another.
     void accept(Accepted handler);
 
@@ -48,6 +50,7 @@ class Listener {
     Accepted accepted_;
     dev_t file_device_ = 0; // the socket's file, to remove no other one
     ino_t file_inode_ = 0;
+    capture::Writer* capture_ = nullptr;
 };
 
 } // namespace desk::camera

@@ -6,10 +6,12 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string_view>
 
 #include "AllocationFaults.h"
 #include "Camera.h"
+#include "Capture/Writer.h"
 #include "Commands.h"
 #include "Descriptors.h"
 #include "Lab.h"
@@ -36,15 +38,27 @@ void enter(const std::filesystem::path& store) {
     }
 }
 
+// It is refused before there is a store.
+std::optional<capture::Writer> open_capture(const std::filesystem::path& file) {
+    if (file.empty()) {
+        return std::nullopt;
+    }
+    return std::optional<capture::Writer>(std::in_place, file.string(), capture::Side::camera,
+                                          [](const std::string& line) {
+                                              say({"failure", {{"reason", line}}, line});
+                                          });
+}
+
 int serve(const Options& options) {
     ensure_descriptors();
+    std::optional<capture::Writer> capture = open_capture(options.capture);
     asio::io_context loop;
     asio::signal_set signals(loop, SIGINT, SIGTERM); // waited for from here on: a store is not made in half
     signals.async_wait([&](const asio::error_code&, int) { loop.stop(); });
     const Log log(options.log);
     PresetStore store = open_or_make_store(options);
     enter(options.store);
-    serve_phones(loop, store, options);
+    serve_phones(loop, store, options, capture ? &*capture : nullptr);
     return exit_done;
 }
 
@@ -100,6 +114,7 @@ int run_and_tell(int argc, char** argv) {
 } // namespace desk::camera
 
 int main(int argc, char** argv) {
-    std::signal(SIGPIPE, SIG_IGN); // a phone that leaves is an error of its link, not the camera's end
+    std::signal(SIGPIPE, SIG_IGN); // a phone that leaves is an error of its link, not the camera's end,
+    std::signal(SIGXFSZ, SIG_IGN); // and so is a file that may not grow
     return desk::camera::run_and_tell(argc, argv);
 }

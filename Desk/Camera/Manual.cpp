@@ -13,10 +13,26 @@ std::vector<command_line::Scope> scopes_of_serving() {
     std::vector<Scope> scopes = {{"--iso-step", Scope::Kind::only, {"presets"}},
                                  {"--json", Scope::Kind::only, {"presets"}},
                                  {"--store", Scope::Kind::except, {"control"}}};
-    for (const char* option :
-         {"--empty", "--listen", "--mtu", "--quiet", "--log", "--log-level", "--confirm-delay", "--drop-confirmations",
-          "--link-down", "--save-result", "--update-result", "--refuse-allocation", "--control", "--script", "--replay",
-          "--speed", "--longest-pause", "--psm", "--loop"}) {
+    for (const char* option : {"--empty",
+                               "--listen",
+                               "--mtu",
+                               "--capture",
+                               "--quiet",
+                               "--log",
+                               "--log-level",
+                               "--confirm-delay",
+                               "--drop-confirmations",
+                               "--link-down",
+                               "--save-result",
+                               "--update-result",
+                               "--refuse-allocation",
+                               "--control",
+                               "--script",
+                               "--replay",
+                               "--speed",
+                               "--longest-pause",
+                               "--psm",
+                               "--loop"}) {
         scopes.push_back({option, Scope::Kind::only, {}});
     }
     return scopes;
@@ -48,6 +64,8 @@ command_line::Manual manual() {
                       "shotmentor-camera --store /tmp/camera"},
                      {"", "Serve it over TCP, with all lines of the library on standard error:",
                       "shotmentor-camera --store /tmp/camera --listen tcp:127.0.0.1:0 --log-level all"},
+                     {"", "Write what phones and it say to each other to a file for Wireshark:",
+                      "shotmentor-camera --store /tmp/camera --capture camera.btsnoop"},
                      {"", "Take commands at a socket:",
                       "shotmentor-camera --store /tmp/camera --control unix:/tmp/camera/control.sock"},
                      {"control", "From another terminal, lose the link in the middle of the next reply:",

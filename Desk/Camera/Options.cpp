@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "ADE_ShotMentor_Version.h"
+#include "Capture/OutputFile.h"
 #include "CommandLine/Help.h"
 #include "CommandLine/Reference.h"
 #include "Common/Terminal.h"
@@ -40,6 +41,7 @@ CLI::Validator one_of(std::vector<std::string> words) {
 
 struct Texts {
     std::optional<std::string> listen;
+    std::optional<std::string> capture;
     std::string iso_step = "full";
     std::optional<std::string> log_level;
     std::string custom_mode;
@@ -67,6 +69,9 @@ void add_link_options(App& app, Options& options, Texts& texts) {
         ->check(between(1, 65535))
         ->group(link_group)
         ->type_name("BYTES");
+    app.add_option("--capture", texts.capture, "Write what crosses the links to this file, as Bluetooth tools read it")
+        ->group(link_group)
+        ->type_name("FILE");
 }
 
 void add_log_options(App& app, Options& options, Texts& texts) {
@@ -189,6 +194,14 @@ Endpoint listening_endpoint(const Texts& texts, const Options& options) {
     return endpoint;
 }
 
+std::filesystem::path capture_file(const Texts& texts) {
+    if (!texts.capture) {
+        return {};
+    }
+    capture::require_file_name(*texts.capture);
+    return std::filesystem::absolute(*texts.capture);
+}
+
 Endpoint control_endpoint(const std::string& url) {
     Endpoint endpoint = parse_endpoint(url);
     if (endpoint.kind != Endpoint::Kind::unix_socket) {
@@ -230,7 +243,7 @@ void take_replay_texts(const Texts& texts, Options& options) {
 
 // What a camera does that plays a capture, the capture says.
 void check_options_of_replay(const App& app) {
-    for (const char* const name : {"--store", "--empty", "--iso-step", "--mtu", "--log", "--log-level",
+    for (const char* const name : {"--store", "--empty", "--iso-step", "--mtu", "--capture", "--log", "--log-level",
                                    "--confirm-delay", "--drop-confirmations", "--link-down", "--save-result",
                                    "--update-result", "--refuse-allocation", "--control", "--script"}) {
         if (app.get_option(name)->count() > 0) {
@@ -267,6 +280,7 @@ void take_texts(const Texts& texts, Options& options) {
     options.store = std::filesystem::absolute(options.store);
     if (options.command == Command::serve) {
         options.listen = listening_endpoint(texts, options);
+        options.capture = capture_file(texts);
     }
     options.log.choice = LogChoice::parse(texts.log_level.value_or("warn"));
     options.log.is_choice_given = texts.log_level.has_value();

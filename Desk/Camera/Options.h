@@ -25,9 +25,10 @@ struct Options {
     LogOptions log;
     bool quiet = false; // tells of no requests
     size_t mtu = 65535;
-    Knobs knobs;                 // at the start
-    std::string replay;          // the capture that is played in the place of a store; empty: none
-    std::optional<uint16_t> psm; // where the camera of the capture listens
+    std::filesystem::path capture; // absolute; empty for none
+    Knobs knobs;                   // at the start
+    std::string replay;            // the capture that is played in the place of a store; empty: none
+    std::optional<uint16_t> psm;   // where the camera of the capture listens
     capture::Pace pace;
     bool loops = false;
     std::optional<Endpoint> control;

@@ -61,7 +61,7 @@ Options without_progress(const Options& options) {
 
 CameraClient::CameraClient(const Options& options)
     : quiet_(options.quiet), verbose_(options.verbose), timeout_(options.timeout),
-      link_(options.camera, options.mtu, options.timeout) {}
+      link_(options.camera, options.mtu, options.timeout, options.capture.get()) {}
 
 ListReply CameraClient::list() {
     return parse_list_reply(answer_to({request(SM_FUNCTION_SEND_LIST), list_silence, longest_list_reply}, "presets"));

@@ -125,7 +125,7 @@ void Source::check_whole() const {
 class CaptureDiff {
   public:
     explicit CaptureDiff(const Options& options)
-        : options_(options), before_(options.capture, options), now_(options.other_capture, options) {}
+        : options_(options), before_(options.captured_file, options), now_(options.other_capture, options) {}
 
     size_t run();
 

@@ -214,13 +214,13 @@ void stop_without_reader() {
 } // namespace
 
 int decode(const Options& options) {
-    capture::Reader reader(options.capture, {options.follows, options.psm, stop_without_reader});
+    capture::Reader reader(options.captured_file, {options.follows, options.psm, stop_without_reader});
     Decoder decoder(options);
     while (const std::optional<Event> event = reader.next()) {
         decoder.take(*event);
     }
     decoder.finish();
-    decoder.check(name_of_input(options.capture));
+    decoder.check(name_of_input(options.captured_file));
     return exit_done;
 }
 

@@ -17,6 +17,9 @@
 #include "Links/Bluetooth.h"
 
 namespace desk::phone {
+
+using End = capture::LinkWriter::End;
+
 namespace {
 
 constexpr size_t largest_packet = size_t{1} << 20;
@@ -177,10 +180,16 @@ bool means_later(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ENOBUFS;
 }
 
+// A camera that goes with bytes of ours unread is told of as an error.
+End end_by(int error) {
+    return error == ECONNRESET || error == EPIPE ? End::camera_closed : End::link_lost;
+}
+
 } // namespace
 
-Link::Link(const Endpoint& camera, size_t mtu, std::chrono::milliseconds timeout)
-    : socket_(connected_socket(camera, timeout)), mtu_(mtu), received_(largest_packet) {}
+Link::Link(const Endpoint& camera, size_t mtu, std::chrono::milliseconds timeout, capture::Writer* capture)
+    : socket_(connected_socket(camera, timeout)), mtu_(mtu), received_(largest_packet),
+      capture_(capture != nullptr ? capture->connect(camera) : nullptr) {}
 
 Link::Readiness Link::wait(bool to_write, Clock::time_point deadline) const {
     const auto events = static_cast<short>(to_write ? POLLIN | POLLOUT : POLLIN);
@@ -189,10 +198,13 @@ Link::Readiness Link::wait(bool to_write, Clock::time_point deadline) const {
     return {(ready & (POLLIN | POLLHUP | POLLERR)) != 0, (ready & POLLOUT) != 0};
 }
 
-std::optional<size_t> Link::send_packet(std::span<const uint8_t> bytes) const {
+std::optional<size_t> Link::send_packet(std::span<const uint8_t> bytes) {
     const size_t size = std::min(bytes.size(), mtu_);
     const ssize_t sent = send(socket_.get(), bytes.data(), size, MSG_NOSIGNAL);
     if (sent >= 0) {
+        if (capture_ != nullptr) {
+            capture_->sent(bytes.first(static_cast<size_t>(sent)));
+        }
         return static_cast<size_t>(sent);
     }
     if (means_later(errno)) {
@@ -201,29 +213,47 @@ std::optional<size_t> Link::send_packet(std::span<const uint8_t> bytes) const {
     if (errno == EMSGSIZE) {
         throw Failure(exit_usage, fmt::format("the link takes no packet of {} bytes; give a smaller --mtu", size));
     }
+    end_capture_as(end_by(errno));
     return std::nullopt;
 }
 
 std::optional<std::span<const uint8_t>> Link::receive() {
     const ssize_t count = recv(socket_.get(), received_.data(), received_.size(), 0);
     if (count > 0) {
-        return std::span<const uint8_t>(received_.data(), static_cast<size_t>(count));
+        return note_received(count);
     }
     if (count < 0 && means_later(errno)) {
         return std::span<const uint8_t>();
     }
+    const End how = count == 0 ? End::camera_closed : end_by(errno);
     if (count < 0 && errno == ECONNRESET) {
         // A camera that closes with our bytes unread resets the link; what it sent before may still be there.
         const ssize_t rest = recv(socket_.get(), received_.data(), received_.size(), MSG_DONTWAIT);
         if (rest > 0) {
-            return std::span<const uint8_t>(received_.data(), static_cast<size_t>(rest));
+            return note_received(rest);
         }
     }
+    end_capture_as(how);
     return std::nullopt;
 }
 
-void Link::finish_sending() const {
+std::span<const uint8_t> Link::note_received(ssize_t count) {
+    const auto bytes = std::span<const uint8_t>(received_).first(static_cast<size_t>(count));
+    if (capture_ != nullptr) {
+        capture_->received(bytes);
+    }
+    return bytes;
+}
+
+void Link::end_capture_as(End how) {
+    if (capture_ != nullptr) {
+        capture_->ends(how);
+    }
+}
+
+void Link::finish_sending() {
     shutdown(socket_.get(), SHUT_WR);
+    end_capture_as(End::phone_left);
 }
 
 } // namespace desk::phone

@@ -22,6 +22,8 @@ command_line::Manual manual() {
              {"list", "Draw their pictures, too:", "shotmentor-phone --connect tcp:localhost:7700 list --pictures"},
              {"list", "Follow the presets as they change, with a look every 5 seconds:",
               "shotmentor-phone --connect tcp:localhost:7700 list --watch 5"},
+             {"list", "Write what both say to each other to a file for Wireshark:",
+              "shotmentor-phone --connect tcp:localhost:7700 --capture phone.btsnoop list"},
              {"show", "Show preset 3 of a camera behind TCP, and draw its picture:",
               "shotmentor-phone --connect tcp:localhost:7700 show 3 --picture"},
              {"show",
@@ -69,6 +71,7 @@ command_line::Manual manual() {
                    {"--connect", command_line::Scope::Kind::except, {"new", "schema", "decode"}},
                    {"--timeout", command_line::Scope::Kind::except, {"new", "schema", "decode"}},
                    {"--mtu", command_line::Scope::Kind::except, {"new", "schema", "decode", "replay"}},
+                   {"--capture", command_line::Scope::Kind::except, {"new", "schema", "decode"}},
                    {"--quiet", command_line::Scope::Kind::except, {"new", "schema", "decode"}}},
         .see_also = "shotmentor-camera",
     };

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <fmt/format.h>
 #include <set>
 #include <unistd.h>
@@ -37,6 +38,7 @@ struct Arguments {
     Options options;
     std::string url;
     std::string other_url;
+    std::optional<std::string> capture;
     double timeout_seconds = 5;
     double longest_pause = 5;
     bool no_pauses = false;
@@ -65,6 +67,9 @@ void add_common_options(CLI::App& app, Arguments& arguments) {
     app.add_option("--mtu", options.mtu, "largest packet that is sent, 4096 unless given")
         ->check(between(size_t{1}, largest_mtu))
         ->type_name("BYTES");
+    app.add_option("--capture", arguments.capture,
+                   "write what crosses the link to this file, as Bluetooth tools read it")
+        ->type_name("FILE");
     app.add_option("--width", options.width,
                    "width of tables and of presets, 0 for no limit; that of a terminal, else none, unless given")
         ->check(between(size_t{0}, largest_width))
@@ -207,7 +212,7 @@ void add_printing_commands(CLI::App& app, Options& options) {
     add(Options::Command::create, "new", "print a preset file to begin with");
     add(Options::Command::schema, "schema", "print the JSON Schema of preset files");
     CLI::App* decode = add(Options::Command::decode, "decode", "print what a phone and a camera said in a capture");
-    decode->add_option("FILE", options.capture, "a btsnoop file of Bluetooth packets; - is standard input")
+    decode->add_option("FILE", options.captured_file, "a btsnoop file of Bluetooth packets; - is standard input")
         ->required()
         ->type_name("");
     CLI::Option* hex =
@@ -258,7 +263,7 @@ void add_replaying_command(CLI::App& app, Arguments& arguments) {
         options.command = Options::Command::replay;
         app.get_option("--connect")->required(!options.dry_run);
     });
-    replay->add_option("FILE", options.capture, "the capture, a btsnoop file; - is standard input")
+    replay->add_option("FILE", options.captured_file, "the capture, a btsnoop file; - is standard input")
         ->required()
         ->type_name("");
     replay->add_flag("--all", options.all_differences, "go on behind the first difference, and tell all");
@@ -296,6 +301,25 @@ Endpoint other_endpoint_of(const Arguments& arguments) {
     }
 }
 
+// It is refused before anything is sent.
+// What is sent again is read while it is sent.
+void check_capture(const Arguments& arguments) {
+    std::error_code ignored;
+    if (arguments.capture && arguments.options.command == Options::Command::replay &&
+        std::filesystem::equivalent(*arguments.capture, arguments.options.captured_file, ignored)) {
+        throw Failure(exit_usage, "--capture would write over the capture that is sent again; name another file");
+    }
+}
+
+std::shared_ptr<capture::Writer> capture_of(const Arguments& arguments) {
+    if (!arguments.capture) {
+        return nullptr;
+    }
+    capture::require_file_name(*arguments.capture);
+    return std::make_shared<capture::Writer>(*arguments.capture, capture::Side::phone,
+                                             [](const std::string& line) { complain(line); });
+}
+
 Options options_from(Arguments& arguments) {
     Options& options = arguments.options;
     if (options.command == Options::Command::copy) {
@@ -303,6 +327,8 @@ Options options_from(Arguments& arguments) {
     }
     if (needs_camera(options)) {
         options.camera = endpoint_of(arguments);
+        check_capture(arguments);
+        options.capture = capture_of(arguments);
     }
     options.timeout = milliseconds_of(arguments.timeout_seconds);
     options.pace.has_pauses = !arguments.no_pauses;

@@ -3,11 +3,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "Capture/Pace.h"
+#include "Capture/Writer.h"
 #include "Links/Endpoint.h"
 
 namespace desk::phone {
@@ -34,6 +36,8 @@ struct Options {
     Endpoint camera;
     std::chrono::milliseconds timeout{5000};
     size_t mtu = 4096;
+    // what crosses all links is written there, unless it is null
+    std::shared_ptr<capture::Writer> capture;
     bool json = false;
     bool raw = false;
     bool quiet = false;          // no talk but errors
@@ -67,12 +71,12 @@ struct Options {
     bool list_checks = false;         // check
     std::string junit_file;           // check
     std::string camera_log;           // check
-    std::string capture;              // decode, replay
+    std::string captured_file;        // decode, replay
     bool follows = false;             // decode
     bool with_hex = false;            // decode
     std::string other_capture;        // decode: the one to compare with
     std::optional<uint16_t> psm;      // decode, replay: where the captured camera listens
-    desk::capture::Pace pace;         // replay
+    capture::Pace pace;               // replay
     bool all_differences = false;     // decode, replay
 };
 

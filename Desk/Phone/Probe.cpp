@@ -23,7 +23,7 @@ constexpr size_t most_untaken_bytes = longest_picture_reply + (size_t{1} << 20);
 } // namespace
 
 Probe::Probe(const Options& options)
-    : options_(options), link_(std::in_place, options.camera, options.mtu, options.timeout) {}
+    : options_(options), link_(std::in_place, options.camera, options.mtu, options.timeout, options.capture.get()) {}
 
 bool Probe::keeps_message_boundaries() const {
     return options_.camera.keeps_message_boundaries();
@@ -50,7 +50,7 @@ void Probe::connect() {
     const Clock::time_point deadline = Clock::now() + options_.timeout;
     while (true) {
         try {
-            link_.emplace(options_.camera, options_.mtu, options_.timeout);
+            link_.emplace(options_.camera, options_.mtu, options_.timeout, options_.capture.get());
             return;
         } catch (const Failure&) {
             if (Clock::now() >= deadline) {

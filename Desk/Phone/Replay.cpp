@@ -90,7 +90,7 @@ void Replay::connect(const Exchange& exchange) {
     camera_.emplace(Side::camera, exchange.keeps_message_boundaries);
     camera_has_closed_ = false;
     recut_.emplace(Side::phone, !exchange.keeps_message_boundaries && options_.camera.keeps_message_boundaries());
-    link_.emplace(options_.camera, options_.timeout);
+    link_.emplace(options_.camera, options_.timeout, options_.capture.get());
 }
 
 void Replay::play(const Exchange& exchange) {
@@ -227,7 +227,8 @@ void Replay::end(Ending ending) {
 // ---- The capture ----------------------------------------------------------------------------------------------------
 
 capture::Playable playable(const Options& options) {
-    return {options.capture, name_of_input(options.capture), options.psm, [](const std::string& line) { say(line); }};
+    return {options.captured_file, name_of_input(options.captured_file), options.psm,
+            [](const std::string& line) { say(line); }};
 }
 
 // ---- What would be sent ---------------------------------------------------------------------------------------------

@@ -21,8 +21,8 @@ std::string seconds(std::chrono::milliseconds time) {
 
 } // namespace
 
-ReplayLink::ReplayLink(const Endpoint& camera, std::chrono::milliseconds timeout)
-    : timeout_(timeout), link_(camera, any_size, timeout) {}
+ReplayLink::ReplayLink(const Endpoint& camera, std::chrono::milliseconds timeout, capture::Writer* capture)
+    : timeout_(timeout), link_(camera, any_size, timeout, capture) {}
 
 bool ReplayLink::send(std::span<const uint8_t> packet) {
     const size_t size = packet.size();
@@ -44,7 +44,7 @@ bool ReplayLink::send(std::span<const uint8_t> packet) {
     return packet.empty();
 }
 
-std::optional<size_t> ReplayLink::send_once(std::span<const uint8_t> packet) const {
+std::optional<size_t> ReplayLink::send_once(std::span<const uint8_t> packet) {
     try {
         return link_.send_packet(packet);
     } catch (const Failure&) {

@@ -15,9 +15,9 @@ namespace desk::phone {
 
 class ReplayLink {
   public:
-    // Connects. Throws Failure, as all below do: exit_link, exit_timeout, exit_busy, exit_usage for a packet that the
+    // Connects; what crosses the link is written to `capture` unless it is null. Throws Failure, as all below do: exit_link, exit_timeout, exit_busy, exit_usage for a packet that the
     // link cannot carry, and exit_protocol for a camera that says what is no message.
-    ReplayLink(const Endpoint& camera, std::chrono::milliseconds timeout);
+    ReplayLink(const Endpoint& camera, std::chrono::milliseconds timeout, capture::Writer* capture);
 
     // Sends one packet, or bytes of a stream. False: the camera has closed the link.
     bool send(std::span<const uint8_t> packet);
@@ -32,7 +32,7 @@ class ReplayLink {
     std::vector<Bytes> finish();
 
   private:
-    std::optional<size_t> send_once(std::span<const uint8_t> packet) const;
+    std::optional<size_t> send_once(std::span<const uint8_t> packet);
     bool move(bool to_write, Clock::time_point deadline);
     void receive();
     void take(std::span<const uint8_t> bytes);

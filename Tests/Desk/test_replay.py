@@ -1,8 +1,10 @@
 """Captured conversations: sent again by the phone, played by the camera, and compared."""
 
 import contextlib
+import json
 import os
 import random
+import shutil
 import socket
 import struct
 import subprocess
@@ -767,6 +769,51 @@ class Compared(ReplayTest):
             self.diff(cut(28, captures.PHONE), cut(28, captures.CAMERA), code=DIFFERS),
             ["connection 1: the phone closed the link, and now the camera does"],
         )
+
+
+class Captured(ReplayTest):
+    """What the programs capture themselves."""
+
+    def capture_a_day(self, camera, name):
+        """A phone's day: a preset is stored, renamed and deleted. Returns the captures of its commands."""
+        path = os.path.join(self.folder, name)
+        record, image = self.file("dusk.json", self.dusk), self.file("dusk.jpg", picture(1, 3000))
+        for command in (["list"], ["store", record, image], ["rename", "Dusk", "Dawn"], ["delete", "Dawn"]):
+            part = f"{path}.{command[0]}"
+            self.assertEnds(run_phone(camera.url, "--capture", part, *command), 0)
+        return [f"{path}.{command}" for command in ("list", "store", "rename", "delete")]
+
+    def test_what_both_programs_capture_can_be_sent_again_played_and_compared(self):
+        for kind in ("unix", "tcp"):
+            with self.subTest(kind):
+                shutil.rmtree(self.store, ignore_errors=True)
+                self.samples()
+                whole = os.path.join(self.folder, f"camera-{kind}")
+                with self.camera("--capture", whole, kind=kind) as camera:
+                    self.dusk = run_phone(camera.url, "--json", "show", "2").stdout
+                    title = json.loads(self.dusk)["title"].encode()
+                    self.dusk = self.dusk.replace(b'"' + title + b'"', b'"Dusk"', 1)
+                    parts = self.capture_a_day(camera, kind)
+                with self.camera(kind=kind) as camera:
+                    self.replay(camera.url, whole)
+                    again = os.path.join(self.folder, f"again-{kind}")
+                    self.replay(camera.url, whole, "--capture", again)
+                same = run_phone(None, "decode", whole, "--diff", again)
+                self.assertEqual((self.lines(same), same.returncode), ([], 0), same.stderr)
+                player = Player(parts[0], self.folder, kind=kind)
+                self.addCleanup(player.kill)
+                self.assertEnds(run_phone(player.url, "list"), 0)
+                self.assertEqual(player.end(), 0)
+
+    def test_a_capture_is_not_written_over_while_it_is_sent(self):
+        talk = Recording()
+        talk.begin()
+        talk.phone(request(LIST))
+        capture = self.capture(talk)
+        done = run_phone(f"unix:{self.folder}/nobody", "replay", capture, "--capture", capture)
+        self.assertEnds(done, 2)
+        with open(capture, "rb") as file:
+            self.assertEqual(file.read(), talk.bytes())
 
 
 class BadCaptures(ReplayTest):

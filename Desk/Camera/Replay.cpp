@@ -232,12 +232,7 @@ void Play::send(const Exchange& exchange) {
 }
 
 bool Play::send_piece(std::span<const uint8_t> piece) {
-    for (const Bytes& packet : recut_->take(piece)) {
-        if (!phone_->send(packet)) {
-            return false;
-        }
-    }
-    return true;
+    return std::ranges::all_of(recut_->take(piece), [this](const Bytes& packet) { return phone_->send(packet); });
 }
 
 // A camera that hung up does so at once. Else the phone is waited for.

@@ -34,7 +34,7 @@ class Comparison {
     void compare_list_replies(std::span<const uint8_t> before, std::span<const uint8_t> now, Lines& lines);
     void compare_pictures(std::span<const uint8_t> before, std::span<const uint8_t> now, Lines& lines);
     void compare_storings(std::span<const uint8_t> before, std::span<const uint8_t> now, Lines& lines);
-    void compare_updates(std::span<const uint8_t> before, std::span<const uint8_t> now, Lines& lines);
+    static void compare_updates(std::span<const uint8_t> before, std::span<const uint8_t> now, Lines& lines);
     void compare_deletions(std::span<const uint8_t> before, std::span<const uint8_t> now, Lines& lines);
 
     Identities identities_;

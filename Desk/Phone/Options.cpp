@@ -393,8 +393,8 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
             exit_usage,
             fmt::format(
                 "--connect URL (or {} in the environment) and a command are needed: list, show, "
-                "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new, schema or decode; see "
-                "shotmentor-phone --help",
+                "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new, schema or decode; "
+                "see shotmentor-phone --help",
                 connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {

@@ -66,17 +66,17 @@ struct Options {
     bool overwrites = false;          // back_up
     bool takes_edited = false;        // restore
     bool takes_incomplete = false;    // restore
-    int32_t code = 1;                 // leave
     bool quick = false;               // check
     bool list_checks = false;         // check
+    int32_t code = 1;                 // leave
     std::string junit_file;           // check
     std::string camera_log;           // check
     std::string captured_file;        // decode, replay
+    std::string other_capture;        // decode: the one to compare with
+    capture::Pace pace;               // replay
+    std::optional<uint16_t> psm;      // decode, replay: where the captured camera listens
     bool follows = false;             // decode
     bool with_hex = false;            // decode
-    std::string other_capture;        // decode: the one to compare with
-    std::optional<uint16_t> psm;      // decode, replay: where the captured camera listens
-    capture::Pace pace;               // replay
     bool all_differences = false;     // decode, replay
 };
 

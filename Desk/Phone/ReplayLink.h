@@ -15,8 +15,9 @@ namespace desk::phone {
 
 class ReplayLink {
   public:
-    // Connects; what crosses the link is written to `capture` unless it is null. Throws Failure, as all below do: exit_link, exit_timeout, exit_busy, exit_usage for a packet that the
-    // link cannot carry, and exit_protocol for a camera that says what is no message.
+    // Connects; what crosses the link is written to `capture` unless it is null. Throws Failure, as all below do:
+    // exit_link, exit_timeout, exit_busy, exit_usage for a packet that the link cannot carry, and exit_protocol for a
+    // camera that says what is no message.
     ReplayLink(const Endpoint& camera, std::chrono::milliseconds timeout, capture::Writer* capture);
 
     // Sends one packet, or bytes of a stream. False: the camera has closed the link.

@@ -9,9 +9,14 @@ import json
 import pathlib
 import re
 import struct
+import sys
 import zlib
 
 FUZZ = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(FUZZ.parent / "Tests"))
+
+import captures  # noqa: E402
+
 CORPUS = FUZZ / "corpus"
 STREAM = b"\xff\xd8\xff\xdb"
 
@@ -327,6 +332,72 @@ PHONE_FILES = {
     "manifest": json.dumps(MANIFEST).encode(),
     "manifest_unfinished": json.dumps({**MANIFEST, "complete": False, "obsolete": ["00-old.jpg"]}).encode(),
     "manifest_outside": json.dumps(MANIFEST).replace("00-sea.jpg", "../sea.jpg").encode(),
+}
+
+
+# ---- Captures --------------------------------------------------------------------------------------------------------
+
+# Short ones: a fuzzer's input has at most 1024 bytes.
+LIST = struct.pack("<ii", 1, 8)
+LISTED = struct.pack("<ii12sii", 0x1001, 28, b"KT7", 1, 0)
+DELETE = struct.pack("<iiii", 5, 16, 0, 1)
+RENAME = struct.pack("<ii", 4, 752) + b"Dusk".ljust(744, b"\0")
+
+
+def talk(capture, send):
+    """A conversation in a capture; `send` takes sender and bytes."""
+    for sender, data in ((captures.PHONE, LIST), (captures.CAMERA, LISTED), (captures.PHONE, DELETE)):
+        send(sender, data)
+    return capture.bytes()
+
+
+def renaming():
+    capture = captures.BluetoothCapture()
+    capture.send(captures.PHONE, RENAME)
+    return capture.bytes()
+
+
+def plain_capture(datalink, **more):
+    capture = captures.BluetoothCapture(datalink, **more)
+    capture.connect()
+    return talk(capture, capture.send)
+
+
+def rfcomm_capture():
+    capture = captures.BluetoothCapture()
+    capture.connect(captures.RFCOMM_PSM)
+    capture.open_rfcomm(44)
+    return talk(capture, lambda sender, data: capture.send_rfcomm(sender, data, 44, credits=1))
+
+
+def credited_capture():
+    capture = captures.BluetoothCapture()
+    capture.connect_credited_together()
+    return talk(capture, capture.send_credited)
+
+
+def numbered_capture(mode):
+    capture = captures.BluetoothCapture()
+    capture.connect()
+    capture.configure(mode)
+    for number in (0, 2, 1, 1):
+        capture.send_numbered(captures.PHONE, LIST, number)
+    capture.send_numbered(captures.CAMERA, LISTED[:9], 0, captures.START_OF, len(LISTED))
+    capture.send_numbered(captures.CAMERA, LISTED[9:], 1, captures.END_OF)
+    capture.disconnect()
+    return capture.bytes()
+
+
+PHONE_FILES |= {
+    "capture": plain_capture(captures.H4),
+    "capture_h1": plain_capture(captures.H1),
+    "capture_monitor": plain_capture(captures.MONITOR, longest_piece=9),
+    "capture_renaming": renaming(),
+    "capture_unopened": talk(unopened := captures.BluetoothCapture(), unopened.send),
+    "capture_rfcomm": rfcomm_capture(),
+    "capture_credited": credited_capture(),
+    "capture_numbered": numbered_capture(captures.ENHANCED),
+    "capture_streamed": numbered_capture(captures.STREAMING),
 }
 
 

@@ -17,6 +17,7 @@
 #include "Lab.h"
 #include "Options.h"
 #include "PresetStore.h"
+#include "Replay.h"
 #include "Samples.h"
 #include "StandardError.h"
 #include "Talk.h"
@@ -71,6 +72,9 @@ int run(int argc, char** argv) {
     const std::optional<Options> options = parse_options(argc, argv);
     if (!options) {
         return exit_done;
+    }
+    if (!options->replay.empty()) {
+        return replay(*options);
     }
     require_allocator(needs_refusing_allocator(*options), argv);
     const int code = options->command == Command::serve ? serve(*options) : run_command(*options);

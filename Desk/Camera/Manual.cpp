@@ -13,9 +13,26 @@ std::vector<command_line::Scope> scopes_of_serving() {
     std::vector<Scope> scopes = {{"--iso-step", Scope::Kind::only, {"presets"}},
                                  {"--json", Scope::Kind::only, {"presets"}},
                                  {"--store", Scope::Kind::except, {"control"}}};
-    for (const char* option : {"--empty", "--listen", "--mtu", "--capture", "--quiet", "--log", "--log-level",
-                               "--confirm-delay", "--drop-confirmations", "--link-down", "--save-result",
-                               "--update-result", "--refuse-allocation", "--control", "--script"}) {
+    for (const char* option : {"--empty",
+                               "--listen",
+                               "--mtu",
+                               "--capture",
+                               "--quiet",
+                               "--log",
+                               "--log-level",
+                               "--confirm-delay",
+                               "--drop-confirmations",
+                               "--link-down",
+                               "--save-result",
+                               "--update-result",
+                               "--refuse-allocation",
+                               "--control",
+                               "--script",
+                               "--replay",
+                               "--speed",
+                               "--longest-pause",
+                               "--psm",
+                               "--loop"}) {
         scopes.push_back({option, Scope::Kind::only, {}});
     }
     return scopes;
@@ -53,6 +70,8 @@ command_line::Manual manual() {
                       "shotmentor-camera --store /tmp/camera --control unix:/tmp/camera/control.sock"},
                      {"control", "From another terminal, lose the link in the middle of the next reply:",
                       "shotmentor-camera control unix:/tmp/camera/control.sock pull reply 1000"},
+                     {"", "Play what a camera said in a capture to a phone's application:",
+                      "shotmentor-camera --replay capture.btsnoop --listen tcp:127.0.0.1:7700"},
                      {"presets", "Print what it holds:", "shotmentor-camera --store /tmp/camera presets"},
                      {"link", "Let CUSTOM1 use preset 3:", "shotmentor-camera --store /tmp/camera link CUSTOM1 3"},
                      {"unlink", "Let CUSTOM1 use no preset:", "shotmentor-camera --store /tmp/camera unlink CUSTOM1"},

@@ -1,12 +1,15 @@
 #include "Options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <climits>
+#include <cmath>
+#include <fmt/format.h>
 #include <iostream>
 #include <unistd.h>
 
 #include "ADE_ShotMentor_Version.h"
-#include "Capture/CaptureFile.h"
+#include "Capture/OutputFile.h"
 #include "CommandLine/Help.h"
 #include "CommandLine/Reference.h"
 #include "Common/Terminal.h"
@@ -21,6 +24,10 @@ using CLI::App;
 
 constexpr const char* link_group = "Phone link";
 constexpr const char* log_group = "Talk and log";
+constexpr const char* replay_group = "A capture in the place of a store";
+constexpr double slowest = 0.001;
+constexpr double fastest = 1000000;
+constexpr double longest_pause = 86400; // seconds
 constexpr const char* lab_group = "Lab: faults to try, off unless given";
 
 // The library's own checks, without their additions to the help: the type name says it already.
@@ -43,6 +50,7 @@ struct Texts {
     std::string script;
     std::string controlled;
     std::vector<std::string> lab_command;
+    double longest_pause = 5; // seconds
 };
 
 void add_store_options(App& app, Options& options, Texts& texts) {
@@ -104,6 +112,22 @@ void add_lab_options(App& app, Knobs& knobs, Texts& texts) {
     add("--control", texts.control, "Take commands while serving at this Unix socket, which is its owner's alone",
         "unix:PATH");
     add("--script", texts.script, "Run the commands of this file at their times", "FILE");
+}
+
+void add_replay_options(App& app, Options& options, Texts& texts) {
+    const auto add = [&](const char* name, auto& value, const char* help, const char* type) {
+        return app.add_option(name, value, help)->group(replay_group)->type_name(type);
+    };
+    CLI::Option* replay =
+        add("--replay", options.replay, "Play the camera's side of this capture, a btsnoop file", "FILE");
+    add("--speed", options.pace.speed, "How many times as fast as then", "FACTOR")
+        ->check(CLI::Range(slowest, fastest).description(""))
+        ->needs(replay);
+    add("--longest-pause", texts.longest_pause, "What longer pauses become, 5 unless given", "SECONDS")
+        ->check(CLI::Range(0.0, longest_pause).description(""))
+        ->needs(replay);
+    add("--psm", options.psm, "Where the camera of the capture listens, where that is not seen", "PSM")->needs(replay);
+    app.add_flag("--loop", options.loops, "Begin again at the capture's end")->group(replay_group)->needs(replay);
 }
 
 void add_custom_mode(App& command, Texts& texts) {
@@ -209,10 +233,45 @@ void take_control_texts(const Texts& texts, Options& options) {
     check_lab_command(options.lab_command);
 }
 
+void take_replay_texts(const Texts& texts, Options& options) {
+    if (!texts.listen) {
+        throw Failure(exit_usage, "--replay has no store to listen in: say where with --listen URL (see --help)");
+    }
+    options.listen = listening_endpoint(texts, options);
+    options.pace.longest_pause = std::chrono::milliseconds(std::llround(texts.longest_pause * 1000));
+}
+
+// What a camera does that plays a capture, the capture says.
+void check_options_of_replay(const App& app) {
+    for (const char* const name : {"--store", "--empty", "--iso-step", "--mtu", "--capture", "--log", "--log-level",
+                                   "--confirm-delay", "--drop-confirmations", "--link-down", "--save-result",
+                                   "--update-result", "--refuse-allocation", "--control", "--script"}) {
+        if (app.get_option(name)->count() > 0) {
+            throw Failure(exit_usage,
+                          fmt::format("{} does nothing with --replay, which plays what the capture has: leave "
+                                      "one of them out",
+                                      name));
+        }
+    }
+    if (!app.get_subcommands().empty()) {
+        throw Failure(exit_usage,
+                      app.get_subcommands().front()->get_name() + " is no command for --replay, which serves");
+    }
+}
+
+bool is_replay_asked_for(const std::vector<std::string>& words) {
+    return std::ranges::any_of(
+        words, [](const std::string& word) { return word == "--replay" || word.starts_with("--replay="); });
+}
+
 // What the command line says in words. Paths become absolute: the camera changes its working directory.
 void take_texts(const Texts& texts, Options& options) {
     if (options.command == Command::control) {
         take_control_texts(texts, options);
+        return;
+    }
+    if (!options.replay.empty()) {
+        take_replay_texts(texts, options);
         return;
     }
     if (options.store.empty()) {
@@ -259,9 +318,11 @@ std::optional<Options> parse_options(int argc, char** argv) {
     add_store_options(app, options, texts);
     add_link_options(app, options, texts);
     add_log_options(app, options, texts);
+    add_replay_options(app, options, texts);
     add_lab_options(app, options.knobs, texts);
     add_commands(app, options, texts);
     add_control(app, options, texts, *app.get_option("--store"));
+    app.get_option("--store")->required(!is_replay_asked_for(words));
     command_line::add_reference(app, manual());
     try {
         app.parse(std::vector<std::string>(words.rbegin(), words.rend())); // CLI11 takes them from the end
@@ -277,6 +338,9 @@ std::optional<Options> parse_options(int argc, char** argv) {
             return std::nullopt;
         }
         throw Failure(exit_usage, one_line(error.what()) + " (see --help)");
+    }
+    if (app.get_option("--replay")->count() > 0) {
+        check_options_of_replay(app);
     }
     take_texts(texts, options);
     return options;

@@ -6,200 +6,129 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
+#include <poll.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
-#include <unistd.h>
 #include <utility>
 
-#include "Btsnoop.h"
 #include "Common/Failure.h"
+#include "Common/Files.h"
 #include "Common/Text.h"
 
 namespace desk::capture {
 namespace {
 
-constexpr mode_t new_file_mode = 0666; // less the umask
-constexpr size_t magic_size = 8;
-constexpr int pipe_size = 1 << 20; // what anybody may ask for: several of the largest records
+constexpr size_t read_at_once = 65536;
+constexpr std::chrono::milliseconds between_looks{100};
 
-// Without waiting: a pipe would keep the program until somebody reads it.
-constexpr int open_flags = O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-
-// A system call, again where a signal has interrupted it.
-template<class Call>
-auto repeated(Call call) {
-    auto result = call();
-    while (result < 0 && errno == EINTR) {
-        result = call();
-    }
-    return result;
+Descriptor opened(const std::string& path) {
+    return Descriptor(path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                                  : open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
-Failure failure_of(ExitCode code, const std::string& path, const std::string& why) {
-    return {code, fmt::format("cannot write the capture {}: {}", printable(path), why)};
+Failure read_failure(const std::string& name, const std::string& why) {
+    return {exit_machine, fmt::format("cannot read {}: {}", name, why)};
 }
 
-bool is_pipe(const std::string& path) {
-    struct stat status = {};
-    return ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+std::string system_error() {
+    return fmt::format("{}; see that it is there and may be read", std::strerror(errno));
 }
 
-std::string reason_of_open(int error, const std::string& path) {
-    switch (error) {
-    case EISDIR:
-        return "it is a folder; give the name of a file";
-    case ENXIO:
-        return is_pipe(path) ? "nobody reads this pipe; start its reader first"
-                             : "it is neither a file nor a pipe; give the name of a file";
-    default:
-        return fmt::format("{}; see that its folder is there and may be written", std::strerror(error));
-    }
-}
-
-std::string reason_of_end(int error) {
-    switch (error) {
-    case EPIPE:
-        return "nobody reads it any more";
-    case EAGAIN:
-        return "its reader does not keep up";
-    default:
-        return std::strerror(error);
-    }
-}
-
-struct stat status_of(const Descriptor& file, const std::string& path) {
-    struct stat status = {};
-    if (::fstat(file.get(), &status) != 0) {
-        throw failure_of(exit_machine, path, std::strerror(errno));
-    }
-    return status;
-}
-
-int64_t microseconds_since_1970() {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
-
-iovec vector_of(std::span<const uint8_t> bytes) {
-    return {const_cast<uint8_t*>(bytes.data()), bytes.size()}; // it is only read
+bool means_later(int error) {
+    return error == EINTR || error == EAGAIN || error == EWOULDBLOCK;
 }
 
 } // namespace
 
-void require_file_name(const std::string& path) {
-    if (path.empty()) {
-        throw Failure(exit_usage, "--capture names no file; give the name of a file or a pipe");
+CaptureFile::CaptureFile(std::string path, bool follows, std::function<void()> while_waiting)
+    : path_(std::move(path)), follows_(follows), while_waiting_(std::move(while_waiting)), file_(opened(path_)),
+      buffer_(read_at_once) {
+    struct stat status = {};
+    if (file_.get() < 0 || fstat(file_.get(), &status) != 0) {
+        throw read_failure(name(), system_error());
     }
-    if (path == "-") {
-        throw Failure(exit_usage, "--capture writes to no standard output, which is for what is printed; give the name "
-                                  "of a file or a pipe");
+    if (S_ISDIR(status.st_mode)) {
+        throw read_failure(name(), "it is a folder; give a file");
     }
-}
-
-CaptureFile::CaptureFile(std::string path, Tell tell) : path_(std::move(path)), tell_(std::move(tell)) {
-    open();
-    const struct stat status = status_of(file_, path_);
     is_regular_ = S_ISREG(status.st_mode);
-    if (S_ISBLK(status.st_mode)) {
-        throw failure_of(exit_usage, path_, "it is a disk; give the name of a file");
+}
+
+std::string CaptureFile::name() const {
+    return path_ == "-" ? "standard input" : printable(path_);
+}
+
+size_t CaptureFile::read(std::span<uint8_t> room) {
+    size_t count = 0;
+    while (count < room.size() && (begin_ < end_ || fill())) {
+        const size_t part = std::min(room.size() - count, end_ - begin_);
+        std::copy_n(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_), part,
+                    room.begin() + static_cast<std::ptrdiff_t>(count));
+        begin_ += part;
+        count += part;
     }
-    if (is_regular_) {
-        if (::flock(file_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-            throw failure_of(exit_usage, path_, "another program writes it; give another name");
+    return count;
+}
+
+// Whether there are further bytes.
+bool CaptureFile::fill() {
+    begin_ = 0;
+    end_ = read_some();
+    while (end_ == 0 && follows_ && is_regular_) {
+        if (has_shrunk()) {
+            throw read_failure(name(), "it has become shorter; begin again with the new one");
         }
-        if (status.st_size > 0) {
-            require_capture();
+        pause();
+        end_ = read_some();
+    }
+    position_ += end_;
+    return end_ > 0;
+}
+
+size_t CaptureFile::read_some() {
+    while (true) {
+        if (!wait_for_more()) {
+            throw read_failure(name(),
+                               fmt::format("nothing came for {} s; see that somebody writes this pipe, or wait for it "
+                                           "with --follow",
+                                           patience_with_pipes.count()));
         }
-    } else if (S_ISFIFO(status.st_mode)) {
-        ::fcntl(file_.get(), F_SETPIPE_SZ, pipe_size); // what it has is right where this is refused
-    }
-}
-
-CaptureFile::~CaptureFile() {
-    if (is_new_ && !has_begun_) {
-        ::unlink(path_.c_str());
-    }
-}
-
-void CaptureFile::open() {
-    file_ = Descriptor(repeated([&] { return ::open(path_.c_str(), open_flags | O_EXCL, new_file_mode); }));
-    is_new_ = file_.get() >= 0;
-    if (!is_new_ && errno == EEXIST) {
-        file_ = Descriptor(repeated([&] { return ::open(path_.c_str(), open_flags, new_file_mode); }));
-    }
-    if (file_.get() < 0) {
-        throw failure_of(exit_machine, path_, reason_of_open(errno, path_));
-    }
-}
-
-// A slip of the hand shall cost nobody a file.
-void CaptureFile::require_capture() const {
-    const Descriptor reader(repeated([&] { return ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
-    std::array<uint8_t, magic_size> begin = {};
-    const ssize_t length =
-        reader.get() < 0 ? -1 : repeated([&] { return ::read(reader.get(), begin.data(), begin.size()); });
-    if (length < 0) {
-        throw failure_of(exit_machine, path_,
-                         fmt::format("it cannot be read to see what it holds: {}", std::strerror(errno)));
-    }
-    const auto header = btsnoop_header(Datalink::h4);
-    if (static_cast<size_t>(length) < magic_size || !std::equal(begin.begin(), begin.end(), header.begin())) {
-        throw failure_of(exit_usage, path_,
-                         "it is there and is no capture, and would be lost; give another name, or remove it");
-    }
-}
-
-void CaptureFile::begin() {
-    has_begun_ = true;
-    if (is_regular_ && repeated([&] { return ::ftruncate(file_.get(), 0); }) != 0) {
-        end(errno);
-        return;
-    }
-    write(btsnoop_header(Datalink::h4), {});
-}
-
-void CaptureFile::add(uint32_t flags, const Pieces& packet) {
-    uint32_t length = 0;
-    for (const std::span<const uint8_t> piece : packet) {
-        length += static_cast<uint32_t>(piece.size());
-    }
-    write(encode(BtsnoopRecord{length, length, flags, 0, microseconds_since_1970()}), packet);
-}
-
-// In one call, unless the file takes a part of it; the next call then tells why.
-void CaptureFile::write(std::span<const uint8_t> head, const Pieces& rest) {
-    std::array<iovec, 4> vectors = {vector_of(head), vector_of(rest[0]), vector_of(rest[1]), vector_of(rest[2])};
-    std::span<iovec> left(vectors);
-    int64_t written = 0;
-    while (file_.get() >= 0 && !left.empty()) {
-        const ssize_t length =
-            repeated([&] { return ::writev(file_.get(), left.data(), static_cast<int>(left.size())); });
-        if (length <= 0) {
-            end(length == 0 ? ENOSPC : errno);
-            return;
+        const ssize_t count = ::read(file_.get(), buffer_.data(), buffer_.size());
+        if (count >= 0) {
+            return static_cast<size_t>(count);
         }
-        written += length;
-        auto taken = static_cast<size_t>(length);
-        while (!left.empty() && taken >= left.front().iov_len) {
-            taken -= left.front().iov_len;
-            left = left.subspan(1);
-        }
-        if (!left.empty()) {
-            left.front() = vector_of(
-                std::span(static_cast<const uint8_t*>(left.front().iov_base), left.front().iov_len).subspan(taken));
+        if (!means_later(errno)) {
+            throw read_failure(name(), system_error());
         }
     }
-    size_ += written;
 }
 
-// What is in a file up to here can be read. A pipe's reader may have got a part of the last record.
-void CaptureFile::end(int error) {
-    if (is_regular_) {
-        [[maybe_unused]] const int kept = ::ftruncate(file_.get(), size_);
+// Whether a read does not wait, before all patience is over. Of a file it never does.
+bool CaptureFile::wait_for_more() {
+    const auto deadline = std::chrono::steady_clock::now() + patience_with_pipes;
+    while (!is_regular_) {
+        pollfd watched = {file_.get(), POLLIN, 0};
+        if (poll(&watched, 1, static_cast<int>(between_looks.count())) > 0) {
+            return true;
+        }
+        if (while_waiting_) {
+            while_waiting_();
+        }
+        if (!follows_ && std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
     }
-    file_ = Descriptor();
-    tell_(fmt::format("the capture {} ends here: {}", printable(path_), reason_of_end(error)));
+    return true;
+}
+
+void CaptureFile::pause() const {
+    if (while_waiting_) {
+        while_waiting_();
+    }
+    poll(nullptr, 0, static_cast<int>(between_looks.count()));
+}
+
+bool CaptureFile::has_shrunk() const {
+    struct stat status = {};
+    return fstat(file_.get(), &status) == 0 && static_cast<uint64_t>(status.st_size) < position_;
 }
 
 } // namespace desk::capture

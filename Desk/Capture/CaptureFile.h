@@ -1,53 +1,42 @@
-// The file of a capture, which is written record by record.
+// The bytes of a capture as they come: from a file, one that still grows, or a pipe.
 #pragma once
 
-#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <span>
 #include <string>
 
 #include "Common/Descriptor.h"
+#include "Wire/Record.h"
 
 namespace desk::capture {
 
-// Refuses what names no file: nothing, and "-", as standard output is for what the programs print. Throws Failure
-// (exit_usage).
-void require_file_name(const std::string& path);
-
 class CaptureFile {
   public:
-    using Tell = std::function<void(const std::string& line)>;
-    using Pieces = std::array<std::span<const uint8_t>, 3>;
+    // Throws Failure (exit_machine) for what cannot be opened.
+    CaptureFile(std::string path, bool follows, std::function<void()> while_waiting);
 
-    // Opens the file, and leaves it as it is for now. `tell` is told why the capture ends before its time. Throws
-    // Failure: exit_usage for a file that holds something else than a capture, exit_machine for what cannot be written.
-    CaptureFile(std::string path, Tell tell);
-    // Takes away a file that it has made and not begun.
-    ~CaptureFile();
-    CaptureFile(const CaptureFile&) = delete;
-    CaptureFile& operator=(const CaptureFile&) = delete;
-
-    // From here on the file is a capture, without records yet.
-    void begin();
-    bool has_begun() const { return has_begun_; }
-    // A record of one packet, which is here in pieces, at this moment. It is in the file when this returns, and never
-    // waits: a file that does not take it whole ends the capture, and all that follows is left out.
-    void add(uint32_t flags, const Pieces& packet);
+    // Fewer bytes than there is room for only at the end. Throws Failure (exit_machine).
+    size_t read(std::span<uint8_t> room);
+    std::string name() const;
 
   private:
-    void open();
-    void require_capture() const;
-    void write(std::span<const uint8_t> head, const Pieces& rest);
-    void end(int error);
+    bool fill();
+    bool wait_for_more();
+    size_t read_some();
+    void pause() const;
+    bool has_shrunk() const;
 
     std::string path_;
-    Tell tell_;
-    Descriptor file_; // none when the capture has ended
-    bool is_new_ = false;
+    bool follows_;
+    std::function<void()> while_waiting_;
+    Descriptor file_;
     bool is_regular_ = false;
-    bool has_begun_ = false;
-    int64_t size_ = 0; // of all that is whole
+    uint64_t position_ = 0; // behind what was read
+    Bytes buffer_;
+    size_t begin_ = 0; // of what is left in the buffer
+    size_t end_ = 0;
 };
 
 } // namespace desk::capture

@@ -25,31 +25,36 @@ struct Event {
     enum class Kind {
         opened, // comes before a channel's first data in any case
         data,   // one packet of the channel, or a piece of its stream, as it was sent
+        gap,    // bytes of the sender are missing here: what follows may begin anywhere within a message
         closed,
-        remark, // something that keeps the file from being read in full, or that was passed over
+        remark, // something else that keeps the file from being read in full
     };
     Kind kind = Kind::remark;
     int64_t time = 0;    // microseconds since 1970, as the file has it
     uint64_t record = 0; // the record that completed it, 1 for the first in the file
     Channel channel;     // not of a remark
     Side sender = Side::phone;
+    std::optional<Side> by;         // of closed: who hung up, where the file tells
     std::span<const uint8_t> bytes; // of data; until the next call
-    std::string text;               // of a remark: one line
+    std::string text;               // of a gap and a remark: one line
 };
 
 struct ReaderOptions {
-    bool follows = false;        // waits at the end of a file that grows
+    bool follows = false;        // waits at the end of a file that grows, or for a pipe that gives nothing
     std::optional<uint16_t> psm; // where the camera listens, besides what is recognised by its first message
+    std::function<void()> while_waiting = {}; // called several times a second meanwhile; what it throws ends the wait
 };
 
-// Its memory does not grow with the file.
+// Its memory does not grow with the file. Where a channel's opening is not in the file, whoever sends the first request
+// is the phone.
 class Reader {
   public:
-    // Throws Failure for a file that cannot be read, or is no btsnoop file of HCI packets.
+    // `path` may be "-", standard input. Throws Failure for a file that cannot be read, or is no btsnoop file of HCI
+    // packets: exit_machine and exit_usage.
     Reader(const std::string& path, const ReaderOptions& options);
     ~Reader();
 
-    // Nothing at the end of the file.
+    // Nothing at the end of the file. Throws Failure (exit_machine) where the file cannot be read any further.
     std::optional<Event> next();
 
   private:

@@ -101,7 +101,7 @@ uint8_t frame_check(std::span<const uint8_t> bytes) {
 
 // ---- One link -------------------------------------------------------------------------------------------------------
 
-LinkWriter::LinkWriter(std::shared_ptr<CaptureFile> file, Side own, uint64_t number, const Endpoint& endpoint)
+LinkWriter::LinkWriter(std::shared_ptr<OutputFile> file, Side own, uint64_t number, const Endpoint& endpoint)
     : file_(std::move(file)), own_(own), handle_(static_cast<uint16_t>((number - 1) % handles + 1)),
       psm_(psm_of(endpoint)), dlci_(dlci_of(endpoint)), peer_(address_of_peer(own, endpoint)) {
     open();
@@ -190,7 +190,7 @@ void LinkWriter::event(uint8_t code, std::span<const uint8_t> parameters) {
     file_->add(flag_received | flag_event, {head, parameters});
 }
 
-void LinkWriter::l2cap(Side sender, uint16_t channel, const CaptureFile::Pieces& payload) {
+void LinkWriter::l2cap(Side sender, uint16_t channel, const OutputFile::Pieces& payload) {
     const size_t size = payload[0].size() + payload[1].size() + payload[2].size();
     std::vector<uint8_t> packet = {low(size), high(size), low(channel), high(channel)};
     packet.reserve(packet.size() + size);
@@ -238,8 +238,8 @@ void LinkWriter::rfcomm(Side sender, uint8_t address, uint8_t control, std::span
 
 // ---- All links ------------------------------------------------------------------------------------------------------
 
-Writer::Writer(const std::string& path, Side own, CaptureFile::Tell tell)
-    : file_(std::make_shared<CaptureFile>(path, std::move(tell))), own_(own) {}
+Writer::Writer(const std::string& path, Side own, OutputFile::Tell tell)
+    : file_(std::make_shared<OutputFile>(path, std::move(tell))), own_(own) {}
 
 void Writer::begin() {
     if (!file_->has_begun()) {

@@ -11,9 +11,9 @@
 #include <span>
 #include <string>
 
-#include "CaptureFile.h"
 #include "Hci.h"
 #include "Links/Endpoint.h"
+#include "OutputFile.h"
 #include "Reader.h"
 
 namespace desk::capture {
@@ -24,7 +24,7 @@ class LinkWriter {
     enum class End { phone_left, camera_closed, link_lost };
 
     // Writes how the link comes about. `own` is the side whose adapter it is, `number` is 1 for its first link.
-    LinkWriter(std::shared_ptr<CaptureFile> file, Side own, uint64_t number, const Endpoint& endpoint);
+    LinkWriter(std::shared_ptr<OutputFile> file, Side own, uint64_t number, const Endpoint& endpoint);
     // Writes its end, which is that of our own side unless `ends` was called.
     ~LinkWriter();
     LinkWriter(const LinkWriter&) = delete;
@@ -42,12 +42,12 @@ class LinkWriter {
     void hang_up(Side sender);
     void carry(Side sender, std::span<const uint8_t> bytes);
     void event(uint8_t code, std::span<const uint8_t> parameters);
-    void l2cap(Side sender, uint16_t channel, const CaptureFile::Pieces& payload);
+    void l2cap(Side sender, uint16_t channel, const OutputFile::Pieces& payload);
     void signal(Side sender, Signal code, uint8_t identifier, std::initializer_list<uint16_t> words);
     void rfcomm_exchange(Side sender, uint8_t command, uint8_t dlci);
     void rfcomm(Side sender, uint8_t address, uint8_t control, std::span<const uint8_t> data);
 
-    std::shared_ptr<CaptureFile> file_;
+    std::shared_ptr<OutputFile> file_;
     Side own_;
     uint16_t handle_;
     uint16_t psm_;
@@ -58,8 +58,8 @@ class LinkWriter {
 
 class Writer {
   public:
-    // As CaptureFile.
-    Writer(const std::string& path, Side own, CaptureFile::Tell tell);
+    // As OutputFile.
+    Writer(const std::string& path, Side own, OutputFile::Tell tell);
 
     // Begins the file, which the first link would do otherwise.
     void begin();
@@ -67,7 +67,7 @@ class Writer {
     std::unique_ptr<LinkWriter> connect(const Endpoint& endpoint);
 
   private:
-    std::shared_ptr<CaptureFile> file_;
+    std::shared_ptr<OutputFile> file_;
     Side own_;
     uint64_t links_ = 0;
 };

@@ -19,7 +19,7 @@ constexpr const char* done = "done";
 constexpr const char* machine = "this machine failed: a file, the disk";
 constexpr const char* other_result = "any other result";
 
-constexpr std::array<Meaning, 16> meanings = {{
+constexpr std::array<Meaning, 18> meanings = {{
     {exit_done, exit_done, done, done},
     {exit_machine, exit_machine, machine, machine},
     {exit_usage, exit_usage, "wrong usage or input: options, records, pictures",
@@ -32,7 +32,7 @@ constexpr std::array<Meaning, 16> meanings = {{
     {exit_store_in_use, exit_store_in_use, "another camera has the store open", nullptr},
     {exit_store_damaged, exit_store_damaged, "the store is damaged", nullptr},
     {exit_missing, exit_missing, "no such store, or no such preset",
-     "no such preset, or a picture that the camera could not read"},
+     "no such preset, a picture that the camera could not read, or nothing of ours in a capture"},
     {exit_result, last_result, "the store's own result 0 to -12: 10 plus the number without its sign",
      "the camera's result 0 to -12: 10 plus the number without its sign"},
     {exit_other_result, exit_other_result, other_result, other_result},
@@ -40,6 +40,10 @@ constexpr std::array<Meaning, 16> meanings = {{
     {exit_stopped, exit_stopped, nullptr, "check, restore or copy was stopped by a signal"},
     {exit_not_as_forecast, exit_not_as_forecast, nullptr, "a stored preset is not as was foretold"},
     {exit_changed, exit_changed, nullptr, "the camera's presets changed while they were backed up"},
+    {exit_cut_capture, exit_cut_capture, "--replay: the capture is cut off or damaged",
+     "a capture is cut off or damaged, or lacks bytes of what was said"},
+    {exit_differs, exit_differs, "--replay: a phone said something else than in the capture",
+     "replay, decode --diff: something else was said than in the capture"},
 }};
 
 std::vector<Row> rows_of(const char* Meaning::*tool) {

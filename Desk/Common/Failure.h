@@ -23,7 +23,9 @@ enum ExitCode {
     exit_faulty_camera = 31,   // a check of the camera found that something does not hold
     exit_stopped = 32,         // a signal ended a check, a restore or a copy before all was done
     exit_not_as_forecast = 33, // a camera shows what it stored otherwise than was foretold
-    exit_changed = 34          // the camera's presets changed while they were backed up
+    exit_changed = 34,         // the camera's presets changed while they were backed up
+    exit_cut_capture = 35,     // a capture is cut off or damaged, or lacks bytes of what was said
+    exit_differs = 36          // a conversation is not as it was captured
 };
 
 // `what` is the one line that the tool prints: what is wrong, and how to mend it.

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Conversion.h"
+#include "Differences.h"
 
 namespace desk {
 
@@ -51,13 +52,6 @@ std::string line_of(const Change& change);
 // What changes of a preset `wanted` in a list when `sent` is sent, in the order of the record. The number, the id and
 // the path are not compared: every camera gives its own.
 std::vector<Change> changes(const sm_tag_custom_info& wanted, const sm_tag_custom_info& sent, const CameraState& state);
-
-// An entry that is not as was expected.
-struct Difference {
-    std::string entry;
-    std::string expected;
-    std::string found;
-};
 
 // What differs, in the order of the record; the number, the id and the path are not compared.
 std::vector<Difference> differences(const sm_tag_custom_info& expected, const sm_tag_custom_info& found);

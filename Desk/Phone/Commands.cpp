@@ -9,10 +9,12 @@
 
 #include "Backup.h"
 #include "CameraClient.h"
+#include "CaptureDiff.h"
 #include "Check.h"
 #include "Common/Terminal.h"
 #include "Common/Text.h"
 #include "Copy.h"
+#include "Decode.h"
 #include "Options.h"
 #include "Output.h"
 #include "Pictures.h"
@@ -21,6 +23,7 @@
 #include "PresetFiles/Schema.h"
 #include "PresetNames.h"
 #include "Presets.h"
+#include "Replay.h"
 #include "Reporting.h"
 #include "Restore.h"
 #include "SchemaFile.h"
@@ -326,8 +329,12 @@ int run(const Options& options) {
         return check(options);
     case Options::Command::create:
         return print_new_preset(options);
+    case Options::Command::replay:
+        return replay(options);
     case Options::Command::schema:
         return print_schema();
+    case Options::Command::decode:
+        return options.other_capture.empty() ? decode(options) : compare_captures(options);
     }
     return exit_usage;
 }

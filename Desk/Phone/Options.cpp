@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <fmt/format.h>
 #include <set>
 #include <unistd.h>
@@ -23,6 +24,8 @@ namespace {
 
 constexpr double shortest_timeout = 0.001;
 constexpr double longest_timeout = 86400; // a day; more is a slip of the hand
+constexpr double slowest = 0.001;         // of a replay
+constexpr double fastest = 1000000;
 constexpr double usual_interval = 2;
 constexpr double shortest_interval = 0.1;
 constexpr double longest_interval = 86400;
@@ -37,6 +40,8 @@ struct Arguments {
     std::string other_url;
     std::optional<std::string> capture;
     double timeout_seconds = 5;
+    double longest_pause = 5;
+    bool no_pauses = false;
     std::set<std::string> words; // of the command line, as they were given
 };
 
@@ -197,18 +202,41 @@ void add_copying_commands(CLI::App& app, Arguments& arguments) {
 // What these print needs no camera.
 void add_printing_commands(CLI::App& app, Options& options) {
     const auto add = [&](Options::Command command, const char* name, const char* help) {
-        app.add_subcommand(name, help)->parse_complete_callback([&app, &options, command] {
+        CLI::App* const added = app.add_subcommand(name, help);
+        added->preparse_callback([&app, &options, command](size_t) {
             options.command = command;
             app.get_option("--connect")->required(false);
         });
+        return added;
     };
     add(Options::Command::create, "new", "print a preset file to begin with");
     add(Options::Command::schema, "schema", "print the JSON Schema of preset files");
+    CLI::App* decode = add(Options::Command::decode, "decode", "print what a phone and a camera said in a capture");
+    decode->add_option("FILE", options.captured_file, "a btsnoop file of Bluetooth packets; - is standard input")
+        ->required()
+        ->type_name("");
+    CLI::Option* hex =
+        decode->add_flag("--hex", options.with_hex, "print the bytes of each message and what they mean, too");
+    CLI::Option* follow = decode->add_flag("--follow", options.follows, "wait for more at the end of the file");
+    CLI::Option* diff =
+        decode->add_option("--diff", options.other_capture, "print in what this capture differs instead")
+            ->type_name("FILE")
+            ->excludes(hex)
+            ->excludes(follow);
+    decode->add_flag("--all", options.all_differences, "print all differences, and not the first alone")->needs(diff);
+    decode->add_option("--psm", options.psm, "where the camera listens on L2CAP, where its first message does not tell")
+        ->check(CLI::Range(1, 65535).description(""))
+        ->type_name("PSM");
+}
+
+// What a replay would send needs no camera.
+bool is_planned_replay(const Options& options) {
+    return options.command == Options::Command::replay && options.dry_run;
 }
 
 bool needs_camera(const Options& options) {
-    return !options.list_checks && options.command != Options::Command::create &&
-           options.command != Options::Command::schema;
+    return !options.list_checks && !is_planned_replay(options) && options.command != Options::Command::create &&
+           options.command != Options::Command::schema && options.command != Options::Command::decode;
 }
 
 // A list of the checks needs no camera either.
@@ -225,6 +253,30 @@ void add_checking_command(CLI::App& app, Options& options) {
                      "the file that the camera writes its log to: confirmations and memory show there")
         ->type_name("FILE");
     check->add_flag("--list-checks", options.list_checks, "print the id of each check and what must hold, and end");
+}
+
+void add_replaying_command(CLI::App& app, Arguments& arguments) {
+    Options& options = arguments.options;
+    CLI::App* replay = app.add_subcommand(
+        "replay", "send the phone's side of a capture again, and compare the answers; this changes presets as then");
+    replay->parse_complete_callback([&app, &options] {
+        options.command = Options::Command::replay;
+        app.get_option("--connect")->required(!options.dry_run);
+    });
+    replay->add_option("FILE", options.captured_file, "the capture, a btsnoop file; - is standard input")
+        ->required()
+        ->type_name("");
+    replay->add_flag("--all", options.all_differences, "go on behind the first difference, and tell all");
+    CLI::Option* speed = replay->add_option("--speed", options.pace.speed, "how many times as fast as then")
+                             ->check(between(slowest, fastest))
+                             ->type_name("FACTOR");
+    replay->add_option("--longest-pause", arguments.longest_pause, "what longer pauses become, 5 unless given")
+        ->check(between(0.0, longest_timeout))
+        ->type_name("SECONDS");
+    replay->add_flag("--no-pauses", arguments.no_pauses, "send as fast as the camera answers")->excludes(speed);
+    replay->add_option("--psm", options.psm, "where the camera of the capture listens, where that is not seen")
+        ->type_name("PSM");
+    replay->add_flag("--dry-run", options.dry_run, "only say what would be sent");
 }
 
 bool is_from_environment(const Arguments& arguments) {
@@ -250,6 +302,15 @@ Endpoint other_endpoint_of(const Arguments& arguments) {
 }
 
 // It is refused before anything is sent.
+// What is sent again is read while it is sent.
+void check_capture(const Arguments& arguments) {
+    std::error_code ignored;
+    if (arguments.capture && arguments.options.command == Options::Command::replay &&
+        std::filesystem::equivalent(*arguments.capture, arguments.options.captured_file, ignored)) {
+        throw Failure(exit_usage, "--capture would write over the capture that is sent again; name another file");
+    }
+}
+
 std::shared_ptr<capture::Writer> capture_of(const Arguments& arguments) {
     if (!arguments.capture) {
         return nullptr;
@@ -266,9 +327,12 @@ Options options_from(Arguments& arguments) {
     }
     if (needs_camera(options)) {
         options.camera = endpoint_of(arguments);
+        check_capture(arguments);
         options.capture = capture_of(arguments);
     }
     options.timeout = milliseconds_of(arguments.timeout_seconds);
+    options.pace.has_pauses = !arguments.no_pauses;
+    options.pace.longest_pause = milliseconds_of(arguments.longest_pause);
     return options;
 }
 
@@ -325,11 +389,13 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     const bool lacks_something = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
     const CLI::Option* connect = app.get_option("--connect");
     if (lacks_something && app.get_subcommands().empty()) {
-        return {exit_usage,
-                fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
-                            "picture, store, rename, delete, backup, restore, copy, leave, check, new or schema; see "
-                            "shotmentor-phone --help",
-                            connect_variable)};
+        return {
+            exit_usage,
+            fmt::format(
+                "--connect URL (or {} in the environment) and a command are needed: list, show, "
+                "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new, schema or decode; "
+                "see shotmentor-phone --help",
+                connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {
         return {exit_usage,
@@ -372,6 +438,7 @@ std::optional<Options> options_of(int argc, char** argv) {
     add_changing_commands(app, arguments);
     add_copying_commands(app, arguments);
     add_checking_command(app, arguments.options);
+    add_replaying_command(app, arguments);
     add_printing_commands(app, arguments.options);
     command_line::add_reference(app, manual());
     try {

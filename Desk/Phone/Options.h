@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Capture/Pace.h"
 #include "Capture/Writer.h"
 #include "Links/Endpoint.h"
 
@@ -27,7 +28,9 @@ struct Options {
         leave,
         check,
         create,
-        schema
+        schema,
+        decode,
+        replay
     };
 
     Endpoint camera;
@@ -59,15 +62,22 @@ struct Options {
     std::string folder;               // back_up, restore
     std::vector<std::string> files;   // restore; all when there are none
     Endpoint other_camera;            // copy
-    bool dry_run = false;             // store, remove, restore, copy
+    bool dry_run = false;             // store, remove, restore, copy, replay
     bool overwrites = false;          // back_up
     bool takes_edited = false;        // restore
     bool takes_incomplete = false;    // restore
-    int32_t code = 1;                 // leave
     bool quick = false;               // check
     bool list_checks = false;         // check
+    int32_t code = 1;                 // leave
     std::string junit_file;           // check
     std::string camera_log;           // check
+    std::string captured_file;        // decode, replay
+    std::string other_capture;        // decode: the one to compare with
+    capture::Pace pace;               // replay
+    std::optional<uint16_t> psm;      // decode, replay: where the captured camera listens
+    bool follows = false;             // decode
+    bool with_hex = false;            // decode
+    bool all_differences = false;     // decode, replay
 };
 
 // The options that the command line gives, or nothing when it asked for help, the version or the reference, which is

@@ -24,7 +24,7 @@ class CapturedLink {
     CapturedLink(Side own, const std::string& url, uint64_t number = 1) {
         std::string path = ::testing::TempDir() + "capture-XXXXXX";
         ::close(::mkstemp(path.data()));
-        const auto file = std::make_shared<CaptureFile>(path, [](const std::string& line) { ADD_FAILURE() << line; });
+        const auto file = std::make_shared<OutputFile>(path, [](const std::string& line) { ADD_FAILURE() << line; });
         file->begin();
         { const LinkWriter link(file, own, number, parse_endpoint(url)); }
         read(path);

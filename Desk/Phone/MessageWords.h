@@ -18,7 +18,4 @@ struct MessageWords {
 
 MessageWords words_of(const capture::Message& message, Form form);
 
-// "1 preset", "12 presets".
-std::string counted(size_t count, const char* what);
-
 } // namespace desk::phone

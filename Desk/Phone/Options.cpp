@@ -323,8 +323,8 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     if (lacks_something && app.get_subcommands().empty()) {
         return {exit_usage,
                 fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
-                            "picture, store, rename, delete, backup, restore, copy, leave, check, new, schema or decode; "
-                            "see shotmentor-phone --help",
+                            "picture, store, rename, delete, backup, restore, copy, leave, check, new, schema or "
+                            "decode; see shotmentor-phone --help",
                             connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {

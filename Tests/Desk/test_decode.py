@@ -523,8 +523,10 @@ class Links(Decoding):
         capture.connect()
         capture.configure(ENHANCED)
         for number in range(130):
-            capture.send_numbered(PHONE, request(STATE_ON), number % 64)
-        self.assertEqual(self.said(capture)[1:], ["1 phone: link state on (8 bytes)"] * 130)
+            for _ in range(1 + number % 2):  # each second one comes twice
+                capture.send_numbered(PHONE, request(UPDATE, changed(DUSK, custom_id=number)), number % 64)
+        renamed = [one["custom_id"] for one in self.objects(capture) if one["kind"] == "request"]
+        self.assertEqual(renamed, list(range(130)))
 
     def test_of_others_are_passed_over(self):
         generator = random.Random(3)
@@ -584,6 +586,11 @@ class Faulty(Decoding):
                 self.assertEnds(done, 2)
                 self.assertIn(line, done.stderr.decode())
                 self.assertEqual((done.stdout, done.stderr.count(b"\n")), (b"", 1))
+
+    def test_a_file_has_to_be_named(self):
+        done = run_phone("", "decode")
+        self.assertEnds(done, 2)
+        self.assertIn("FILE is required", done.stderr.decode())
 
     def test_files_that_cannot_be_read_are_named(self):
         for path in (os.path.join(self.folder, "none"), self.folder):

@@ -8,7 +8,6 @@
 #include "Options.h"
 #include "Output.h"
 #include "Progress.h"
-#include "Words/Functions.h"
 #include "Words/Results.h"
 
 namespace desk::phone {
@@ -28,6 +27,25 @@ constexpr const char* list_silence = "see that it runs and that its link state i
 constexpr const char* picture_silence = "it answers so when it does not have the preset";
 constexpr const char* change_silence =
     "list tells whether the change was made; give a longer --timeout if the camera is slow";
+
+struct FunctionName {
+    int32_t function;
+    const char* name;
+};
+constexpr FunctionName function_names[] = {
+    {SM_FUNCTION_STATE_OFF, "leave"},      {SM_FUNCTION_SEND_LIST, "list"},       {SM_FUNCTION_SEND_PRESET, "picture"},
+    {SM_FUNCTION_RECEIVE_PRESET, "store"}, {SM_FUNCTION_UPDATE_PRESET, "rename"}, {SM_FUNCTION_DELETE_PRESET, "delete"},
+};
+
+// The command that sends a request or gets a reply of this number.
+const char* name_of_function(int32_t function) {
+    for (const FunctionName& known : function_names) {
+        if (function == known.function || function == known.function + SM_REPLY) {
+            return known.name;
+        }
+    }
+    return "unknown";
+}
 
 std::string seconds(std::chrono::milliseconds time) {
     return fmt::format("{:g} s", static_cast<double>(time.count()) / 1000);

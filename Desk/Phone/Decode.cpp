@@ -37,7 +37,7 @@ struct Moment {
 Moment moment_of(int64_t time, std::tm* (*parts_of)(const std::time_t*, std::tm*)) {
     Moment moment;
     moment.fraction = (time % microseconds + microseconds) % microseconds;
-    const std::time_t seconds = time / microseconds - (time % microseconds < 0 ? 1 : 0);
+    const auto seconds = static_cast<std::time_t>(time / microseconds - (time % microseconds < 0 ? 1 : 0));
     parts_of(&seconds, &moment.parts);
     return moment;
 }
@@ -68,7 +68,7 @@ struct Line {
     uint32_t channel = 0; // 0 where it is of none
     std::string text;
     std::vector<std::string> more;
-    Fields fields;
+    Fields fields = Fields::object();
 };
 
 std::string name_of(const capture::Channel& channel) {

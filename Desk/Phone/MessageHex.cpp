@@ -8,6 +8,7 @@
 
 #include "Common/Text.h"
 #include "Wire/Frames.h"
+#include "Words/Functions.h"
 
 namespace desk::phone {
 namespace {
@@ -18,6 +19,7 @@ constexpr size_t header = sizeof(sm_frame);
 constexpr size_t word = sizeof(int32_t);
 constexpr size_t record = sizeof(sm_tag_custom_info);
 constexpr size_t in_a_line = 16;
+constexpr size_t usual_column = 23; // where the meaning begins
 
 std::string digits_of(std::span<const uint8_t> bytes) {
     return fmt::format("{:02x}", fmt::join(bytes, " "));
@@ -76,7 +78,9 @@ class Lines {
 
   private:
     void add_line(const std::string& digits, const std::string& meaning) {
-        lines_.push_back(fmt::format("{} {:<22} {}", mark_, digits, meaning));
+        const size_t column = std::max(digits.size() + 4, usual_column);
+        lines_.push_back(meaning.empty() ? fmt::format("{} {}", mark_, digits)
+                                         : fmt::format("{} {:<{}}{}", mark_, digits, column, meaning));
     }
 
     const Message& message_;
@@ -230,10 +234,12 @@ bool has_picture(const Message& message) {
 }
 
 std::string function_text(const Message& message) {
-    const auto function = static_cast<uint32_t>(message.function);
-    return capture::is_reply(message.function)
-               ? fmt::format("function {:#x}: the reply to {}", function, message.function - SM_REPLY)
-               : fmt::format("function {}", message.function);
+    if (capture::is_reply(message.function)) {
+        return fmt::format("function {:#x}: the reply to {}", message.function, message.function - SM_REPLY);
+    }
+    const std::string number = fmt::format("function {}", message.function);
+    const std::string name = name_of_function(message.function);
+    return name == number ? number : fmt::format("{}: {}", number, name);
 }
 
 } // namespace

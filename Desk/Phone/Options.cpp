@@ -391,11 +391,10 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     if (lacks_something && app.get_subcommands().empty()) {
         return {
             exit_usage,
-            fmt::format(
-                "--connect URL (or {} in the environment) and a command are needed: list, show, "
-                "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new, schema or decode; "
-                "see shotmentor-phone --help",
-                connect_variable)};
+            fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
+                        "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new, schema or "
+                        "decode; see shotmentor-phone --help",
+                        connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {
         return {exit_usage,

@@ -328,14 +328,14 @@ class Description:
         if without_body:
             raise Fault(f"{COMMAND}: say in requests() and replies() what is in {' and '.join(sorted(without_body))}")
         return sequence(
-            "A request or a reply. One with an unknown function number has raw bytes for a body.",
+            "A request or a reply.",
             word(function.name, sentence(function.meaning), enum="function"),
             word(total_length.name, sentence(total_length.meaning), valid={"min": size}),
             entry(
                 "body",
                 "What follows the 8 header bytes.",
                 size=f"{total_length.name} - {size}",
-                type={"switch-on": function.name, "cases": cases},
+                type={"switch-on": function.name, "cases": {**cases, "_": "unknown_body"}},
             ),
         )
 
@@ -370,6 +370,7 @@ class Description:
             ),
             "state_on_request": sequence("The phone is there. No reply.", unread),
             "delete_pair": sequence("A preset to delete.", *map(self.member, self.protocol.structs["sm_delete_pair"])),
+            "unknown_body": sequence("What has a function number that there is not.", rest("raw", "Its bytes.")),
         }
 
     # ---- Replies ----
@@ -399,10 +400,11 @@ class Description:
         return sequence(doc, *map(self.member, self.protocol.structs[struct][1:]), *behind)
 
     def member(self, member):
-        """A word or a text of a head. Its name is in lower case, as all names are in this language."""
+        """A word or a text of a head. Its name is in lower case, as all names are in this language. Texts are bytes:
+        what is no text in an encoding would be refused by the parsers of some languages, and by others not."""
         name, doc = member.name.lower(), sentence(member.meaning)
         if member.type == "char":
-            return entry(name, doc, size=member.count, type="strz", encoding="ASCII")
+            return entry(name, doc, size=member.count)
         more = {
             "result": {"enum": "result"},
             "num_preset": {"valid": {"min": 0, "max": self.constant("SM_PRESET_LIMIT")}},

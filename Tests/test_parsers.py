@@ -21,35 +21,21 @@ TESTS = pathlib.Path(__file__).resolve().parent
 ROOT = TESTS.parent
 sys.path.insert(0, os.fspath(TESTS / "Desk"))
 
+import parsers  # noqa: E402
+from parsers import COMPILE, PARSERS, PYTHON  # noqa: E402
 from test_worked_packets import bytes_of_file, steps_of_page  # noqa: E402
 
 READERS = TESTS / "Parsers"
-COMPILE = "tools/compile_protocol.sh"
-PARSERS = ROOT / "build" / "protocol"
 LIBRARY_READER = os.environ.get("SHOTMENTOR_LIBRARY_READER", "")
-PYTHON = "/usr/bin/python3"  # the one that Debian's packages are for
 PHONE_RECORD, CAMERA_RECORD = 744, 740
 FUNCTIONS = [0, 1, 2, 3, 4, 5, 255, 0x1001, 0x1002, 0x1003, 0x1004, 0x1005, 0x10FF]
 UNKNOWN_FUNCTIONS = [6, 254, 256, -1, 0x1000, 0x1006, 0x10FE, 2**31 - 1, -(2**31)]
 
 
-def what_is_missing():
-    """Why the parsers cannot be made or run here, in a line; nothing where they can."""
-    if subprocess.run([PYTHON, "-c", "import kaitaistruct"], capture_output=True, check=False).returncode != 0:
-        return "python3-kaitaistruct is missing: install this Debian package to test the parsers"
-    made = subprocess.run([ROOT / COMPILE], capture_output=True, text=True, check=False)
-    return made.stderr.strip()
-
-
 def setUpModule():
     if not os.access(LIBRARY_READER, os.X_OK):
         raise RuntimeError(f"set SHOTMENTOR_LIBRARY_READER to the program; it is {LIBRARY_READER!r}")
-    missing = what_is_missing()
-    if missing and os.environ.get("CI"):
-        raise RuntimeError(missing)
-    if missing:
-        print(f"test_parsers.py: skipped, {missing}", file=sys.stderr)
-        raise unittest.SkipTest(missing)
+    parsers.make_or_skip("test_parsers.py")
 
 
 # ---- Reading -----------------------------------------------------------------------------------------------

@@ -4,11 +4,8 @@ import os
 import pathlib
 import random
 import re
-import shutil
 import struct
-import subprocess
 import sys
-import tempfile
 import unittest
 
 import captures
@@ -655,64 +652,6 @@ class AnyBytes(unittest.TestCase):
                 frames.append(capture.send(sender, data, phone_port=port, held=held))
         seen = self.check(capture, *ON_TCP)
         self.assertGreater(sum(bool(seen.protocols(frame)) for frame in frames), len(frames) / 2)
-
-
-class MakeDissector(unittest.TestCase):
-    """tools/make_dissector.py on a copy of what it reads and writes."""
-
-    FILES = [
-        "tools/make_dissector.py",
-        "tools/protocol_fields.py",
-        "Protocol/shotmentor.lua",
-        "Src/ADE_ShotMentor_Records.h",
-        "Src/ADE_ShotMentor_Tables.h",
-        "Desk/Values/Names.cpp",
-        "Desk/Values/Scales.cpp",
-    ]
-
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.root = pathlib.Path(folder.name)
-        for name in self.FILES:
-            (self.root / name).parent.mkdir(parents=True, exist_ok=True)
-            shutil.copy(ROOT / name, self.root / name)
-
-    def make(self, *arguments):
-        command = [sys.executable, self.root / "tools/make_dissector.py", *arguments]
-        run = subprocess.run(command, capture_output=True, text=True, check=False)
-        return run.returncode, run.stderr.replace(os.fspath(self.root) + "/", "")
-
-    def replace(self, name, old, new):
-        text = (self.root / name).read_text(encoding="utf-8")
-        self.assertIn(old, text)
-        (self.root / name).write_text(text.replace(old, new, 1), encoding="utf-8")
-
-    def test_finds_the_tables_of_the_dissector_as_the_sources_make_them(self):
-        self.assertEqual(self.make("--check"), (0, ""))
-
-    def test_sees_a_change_of_each_source_and_mends_it(self):
-        fault = "Protocol/shotmentor.lua: its tables are not what the sources make; run tools/make_dissector.py\n"
-        changes = [
-            ("Src/ADE_ShotMentor_Records.h", "Metering. ", "Measuring."),
-            ("Src/ADE_ShotMentor_Tables.h", "51200", "51201"),
-            ("Desk/Values/Names.cpp", '"daylight"', '"sun"'),
-            ("Desk/Values/Scales.cpp", '{1, "60 s"}', '{1, "61 s"}'),
-            ("Protocol/shotmentor.lua", "offset = 52", "offset = 56"),
-        ]
-        for name, old, new in changes:
-            self.replace(name, old, new)
-            self.assertEqual(self.make("--check"), (1, fault), name)
-            self.assertEqual(self.make(), (0, ""), name)
-        self.assertEqual(self.make("--check"), (0, ""))
-
-    def test_says_which_source_it_does_not_understand_and_changes_nothing(self):
-        self.replace("Desk/Values/Scales.cpp", "constexpr ShutterTime shutter_times[]", "ShutterTime times[]")
-        before = (self.root / "Protocol/shotmentor.lua").read_bytes()
-        code, fault = self.make()
-        self.assertEqual(code, 1)
-        self.assertRegex(fault, r"^make_dissector.py: Desk/Values/Scales.cpp: no `constexpr ShutterTime .*\n$")
-        self.assertEqual((self.root / "Protocol/shotmentor.lua").read_bytes(), before)
 
 
 if __name__ == "__main__":

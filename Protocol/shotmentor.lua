@@ -1132,9 +1132,11 @@ function shotmentor.dissector(packet, pinfo, tree)
     return packet:len()
 end
 
+local recognised_in = {} -- the frame in which a link was taken for ours by its first message
+
 function shotmentor.init()
     waiting, request_of, reply_of, is_linked = {}, {}, {}, {}
-    directions, pieces_of, skipped_in = {}, {}, {}
+    directions, pieces_of, skipped_in, recognised_in = {}, {}, {}, {}
 end
 
 -- The lengths that the messages have which begin a conversation: a phone's first request, or a reply to it.
@@ -1148,13 +1150,17 @@ local first_lengths = {
     [busy_function] = { 12, 12 },
 }
 
--- Other protocols begin with small numbers, too: two words must fit before a TCP connection is taken for ours.
-local function begins_conversation(packet, pinfo, tree)
+-- Other protocols begin with small numbers, too: two words must fit before a link is taken for ours.
+local function begins_conversation(packet)
     if packet:len() < header_size then
         return false
     end
     local lengths, total = first_lengths[packet(0, 4):le_int()], packet(4, 4):le_int()
-    if not lengths or total < lengths[1] or total > lengths[2] then
+    return lengths and total >= lengths[1] and total <= lengths[2]
+end
+
+local function dissect_new_connection(packet, pinfo, tree)
+    if not begins_conversation(packet) then
         return false
     end
     pinfo.conversation = shotmentor
@@ -1162,10 +1168,30 @@ local function begins_conversation(packet, pinfo, tree)
     return true
 end
 
-shotmentor:register_heuristic("tcp", begins_conversation)
+shotmentor:register_heuristic("tcp", dissect_new_connection)
+
+-- RFCOMM has no list of those who may recognise a channel by its bytes. This one is entered for every channel, and
+-- leaves to others what is not ours.
+local any_channel = Proto("shotmentor_rfcomm", "ShotMentor on any RFCOMM channel")
+
+function any_channel.dissector(packet, pinfo, tree)
+    local place = place_of(pinfo)
+    if not place then
+        return 0
+    end
+    if not recognised_in[place.link] and begins_conversation(packet) then
+        recognised_in[place.link] = pinfo.number
+    end
+    local first = recognised_in[place.link]
+    return first and pinfo.number >= first and shotmentor.dissector(packet, pinfo, tree) or 0
+end
 
 shotmentor.prefs.psm = Pref.uint("L2CAP PSM", 4097, "Where the camera listens on L2CAP; 0 for none")
-shotmentor.prefs.channel = Pref.uint("RFCOMM channel", 0, "Where the camera listens on RFCOMM, 1 to 30; 0 for none")
+shotmentor.prefs.channel = Pref.uint(
+    "RFCOMM channel",
+    0,
+    "Where the camera listens on RFCOMM, 1 to 30; 0: what begins with one of our messages"
+)
 shotmentor.prefs.tcp_port = Pref.uint("TCP port", 0, "Where the camera listens on TCP; 0 for none")
 
 local tables = {
@@ -1185,11 +1211,17 @@ local function listen(name, number)
     listening[#listening + 1] = { name = name, number = number }
 end
 
+-- The lowest bit of a DLCI says which side opened the session.
+local first_dlci, last_dlci = 1 * 2, 30 * 2 + 1
+
 local function enter_preferences()
     for _, entry in ipairs(listening) do
         tables[entry.name]:remove(entry.number, shotmentor)
     end
     listening = {}
+    for number = first_dlci, last_dlci do
+        tables.channel:add(number, any_channel)
+    end
     local prefs = shotmentor.prefs
     if prefs.psm > 0 and prefs.psm <= 65535 then
         listen("psm", prefs.psm)
@@ -1197,7 +1229,6 @@ local function enter_preferences()
     if prefs.tcp_port > 0 and prefs.tcp_port <= 65535 then
         listen("tcp_port", prefs.tcp_port)
     end
-    -- The lowest bit of a DLCI says which side opened the session.
     if prefs.channel > 0 and prefs.channel <= 30 then
         listen("channel", prefs.channel * 2)
         listen("channel", prefs.channel * 2 + 1)

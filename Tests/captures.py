@@ -20,9 +20,10 @@ BTSNOOP_EPOCH = 0x00DCDDB30F2F8000  # 1970 in microseconds since the year 0
 
 
 class BluetoothCapture:
-    """A btsnoop file of the camera's adapter. Each packet comes a millisecond after the one before it."""
+    """A btsnoop file of the camera's adapter, or the phone's. Each packet comes a millisecond after the one before."""
 
-    def __init__(self):
+    def __init__(self, owner=CAMERA):
+        self.owner = owner
         self.records = [b"btsnoop\0" + struct.pack(">II", 1, 1002)]
         self.frames = 0
 
@@ -47,7 +48,7 @@ class BluetoothCapture:
         l2cap = struct.pack("<HH", len(data), channel) + data
         packet = b"\2" + struct.pack("<HH", handle | 0x2000, len(l2cap)) + l2cap
         kept = packet if held is None else packet[: len(packet) - len(data) + held]
-        received = 1 if sender == PHONE else 0
+        received = 1 if sender != self.owner else 0
         time = BTSNOOP_EPOCH + START + 1000 * self.frames
         self.records.append(struct.pack(">IIIIQ", len(packet), len(kept), received, 0, time) + kept)
         self.frames += 1
@@ -55,6 +56,33 @@ class BluetoothCapture:
 
     def bytes(self):
         return b"".join(self.records)
+
+    def connect_le(self, psm, handle=1):
+        """The two frames in which the phone opens a credit-based channel of Low Energy."""
+        le_signalling, mtu, mps, credits = 5, 2000, 200, 20
+        request = struct.pack("<BBHHHHHH", 0x14, 1, 10, psm, PHONE_CHANNEL, mtu, mps, credits)
+        response = struct.pack("<BBHHHHHH", 0x15, 1, 10, CAMERA_CHANNEL, mtu, mps, credits, 0)
+        self._add(PHONE, handle, le_signalling, request)
+        self._add(CAMERA, handle, le_signalling, response)
+
+    def send_le(self, sender, data, handle=1):
+        """What one packet of the link holds, in as many frames as it takes; returns the number of the last."""
+        data = struct.pack("<H", len(data)) + data
+        return [self.send(sender, data[start : start + 200], handle) for start in range(0, len(data), 200)][-1]
+
+    def configure_retransmission(self, handle=1):
+        """The four frames in which both sides take enhanced retransmission, behind those of `connect`."""
+        signalling, option = 1, struct.pack("<BBBBBHHH", 4, 9, 3, 8, 3, 2000, 12000, 1000)
+        for sender, other, theirs, own in (
+            (PHONE, CAMERA, CAMERA_CHANNEL, PHONE_CHANNEL),
+            (CAMERA, PHONE, PHONE_CHANNEL, CAMERA_CHANNEL),
+        ):
+            self._add(sender, handle, signalling, struct.pack("<BBHHH", 4, 2, 4 + len(option), theirs, 0) + option)
+            self._add(other, handle, signalling, struct.pack("<BBHHHH", 5, 2, 6 + len(option), own, 0, 0) + option)
+
+    def send_retransmitted(self, sender, data, sequence, handle=1):
+        """An unsegmented I-frame. Nobody compares its checksum."""
+        return self.send(sender, struct.pack("<H", sequence << 1) + data + b"\0\0", handle)
 
 
 class TcpCapture:

@@ -419,6 +419,60 @@ class Packets(unittest.TestCase):
         self.assertEqual(seen.values(6, "response_to"), ["3"])
         self.assertEqual([seen.remarks(frame) for frame in (3, 4, 5, 6)], [[], [], [], []])
 
+    def test_of_rfcomm_are_recognised_by_the_first_of_them_on_any_channel(self):
+        capture = BluetoothCapture()
+        capture.connect(RFCOMM_PSM)
+        capture.send_rfcomm(PHONE, LINK_ON + LIST[:5], dlci=44)  # channel 22, where the desk has its own captures
+        capture.send_rfcomm(PHONE, LIST[5:], dlci=44)
+        capture.send_rfcomm(CAMERA, self.reply[:900], dlci=44)
+        capture.send_rfcomm(CAMERA, self.reply[900:], dlci=44)
+        for read in (captures.READ_TWICE, ["-2"], []):
+            seen = captures.show(capture, read=read)
+            self.assertEqual([seen.values(frame, "function") for frame in (3, 4, 6)], [["255"], ["1"], ["4097"]])
+            self.assertEqual(seen.values(6, "record.iso"), ["100", "200"])
+            self.assertEqual(seen.values(6, "response_to"), ["4"])
+
+    def test_of_rfcomm_that_are_others_are_left_alone(self):
+        capture = BluetoothCapture()
+        capture.connect(RFCOMM_PSM)
+        others = [b"AT+CIND?\r", words(1, 9) + b"x", words(255, 12, 1), LIST[:7]]
+        for dlci, other in enumerate(others, 2):
+            capture.send_rfcomm(PHONE, other, dlci=dlci)
+            capture.send_rfcomm(CAMERA, b"\r\nOK\r\n", dlci=dlci)
+        capture.send_rfcomm(PHONE, LIST, dlci=40)
+        capture.send_rfcomm(PHONE, b"AT\r", dlci=2)
+        seen = show(capture)
+        self.assertEqual([len(seen.protocols(frame)) for frame in range(3, 13)], [0] * 8 + [1, 0])
+
+    def test_of_rfcomm_that_are_not_recognised_are_shown_when_their_channel_is_named(self):
+        capture = BluetoothCapture()
+        capture.connect(RFCOMM_PSM)
+        capture.send_rfcomm(PHONE, message(0, words(1)), dlci=15)
+        self.assertEqual(show(capture).values(3, "function"), [])
+        self.assertEqual(show(capture, "-o", "shotmentor.channel:7").values(3, "function"), ["0"])
+        self.assertEqual(show(capture, "-d", "btrfcomm.dlci==15,shotmentor").values(3, "function"), ["0"])
+
+    def test_of_low_energy_are_put_together_from_their_frames_in_a_log_of_the_phone(self):
+        capture = BluetoothCapture(owner=PHONE)
+        capture.connect_le(0x80)
+        asked = capture.send_le(PHONE, LIST)
+        answered = capture.send_le(CAMERA, self.reply)
+        self.assertEqual(answered, asked + 8)  # 1516 bytes and a length of 2, of which each frame has 200
+        seen = show(capture, "-o", "shotmentor.psm:128")
+        self.assertEqual(seen.values(asked, "response_in"), [str(answered)])
+        self.assertEqual(seen.values(answered, "record.iso"), ["100", "200"])
+
+    def test_of_enhanced_retransmission_are_shown_without_its_control_fields(self):
+        capture = BluetoothCapture()
+        capture.connect()
+        capture.configure_retransmission()
+        asked = capture.send_retransmitted(PHONE, LIST, 0)
+        answered = capture.send_retransmitted(CAMERA, self.reply, 0)
+        seen = show(capture)
+        self.assertEqual(seen.values(asked, "length"), ["8"])
+        self.assertEqual(seen.values(answered, "record.iso"), ["100", "200"])
+        self.assertEqual(seen.values(answered, "response_to"), [str(asked)])
+
     def test_of_another_psm_are_shown_when_it_is_named(self):
         capture = BluetoothCapture()
         capture.connect(4099)
@@ -631,12 +685,14 @@ class AnyBytes(unittest.TestCase):
     def test_on_l2cap_and_rfcomm_are_shown_without_an_error(self):
         chance = random.Random(1)
         capture, frames = BluetoothCapture(), []
-        for handle in range(1, 201):
+        for handle in range(1, 701):
             on_rfcomm = handle % 4 == 0
+            dlci = 14 if handle % 8 == 0 else 44  # named, or recognised if the first message still is one
             capture.connect(RFCOMM_PSM if on_rfcomm else captures.PSM, handle)
             for sender, data, held in self.packets(chance):
                 if on_rfcomm:
-                    frames.append(capture.send_rfcomm(sender, data, 14, handle))
+                    frame = capture.send_rfcomm(sender, data, dlci, handle)
+                    frames += [frame] if dlci == 14 else []
                 elif held is None:
                     frames.append(capture.send(sender, data, handle))
                 else:
@@ -647,7 +703,7 @@ class AnyBytes(unittest.TestCase):
     def test_on_tcp_are_shown_without_an_error(self):
         chance = random.Random(2)
         capture, frames = TcpCapture(), []
-        for port in range(50000, 50100):
+        for port in range(50000, 50300):
             for sender, data, held in self.packets(chance):
                 frames.append(capture.send(sender, data, phone_port=port, held=held))
         seen = self.check(capture, *ON_TCP)

@@ -1133,10 +1133,13 @@ function shotmentor.dissector(packet, pinfo, tree)
 end
 
 local recognised_in = {} -- the frame in which a link was taken for ours by its first message
+local frames_of = {} -- how a channel that nobody saw open was taken for ours, by its sender: { first, has_lengths }
+local joined_in = {} -- the packet that a frame of such a channel completes, or "part", by its key
 
 function shotmentor.init()
     waiting, request_of, reply_of, is_linked = {}, {}, {}, {}
     directions, pieces_of, skipped_in, recognised_in = {}, {}, {}, {}
+    frames_of, joined_in = {}, {}
 end
 
 -- The lengths that the messages have which begin a conversation: a phone's first request, or a reply to it.
@@ -1147,6 +1150,11 @@ local first_lengths = {
     [4] = { header_size + record_size, header_size + record_size },
     [5] = { 16, header_size + preset_limit * 8 },
     [255] = { 8, 8 },
+    [reply_bit + 1] = { 28, 28 + preset_limit * record_size },
+    [reply_bit + 2] = { 12, longest_reply },
+    [reply_bit + 3] = { 24, 24 },
+    [reply_bit + 4] = { 12, 12 },
+    [reply_bit + 5] = { 20, 20 + preset_limit * record_size + 16 },
     [busy_function] = { 12, 12 },
 }
 
@@ -1184,6 +1192,64 @@ function any_channel.dissector(packet, pinfo, tree)
     end
     local first = recognised_in[place.link]
     return first and pinfo.number >= first and shotmentor.dissector(packet, pinfo, tree) or 0
+end
+
+-- Where Wireshark did not see a channel open, or does not understand how it was, which is so for channels of Low Energy
+-- in a log of the side that accepts them, nothing puts frames together: there, each packet is cut into frames, and has
+-- its length in two bytes before the first.
+local any_cid = Proto("shotmentor_l2cap", "ShotMentor on an L2CAP channel that was not seen opening")
+local length_size = 2
+
+local function recognise_frames(packet, pinfo, key)
+    if begins_conversation(packet) then
+        frames_of[key] = { first = pinfo.number }
+    elseif packet:len() > length_size and begins_conversation(packet(length_size):tvb()) then
+        if packet(0, length_size):le_uint() >= packet:len() - length_size then
+            frames_of[key] = { first = pinfo.number, has_lengths = true, left = 0 }
+        end
+    end
+    return frames_of[key]
+end
+
+-- Adds a frame to the packet that its sender has begun; returns that when it is whole, else "part".
+local function join_frame(frames, bytes)
+    if frames.left == 0 then
+        if #bytes < length_size then
+            return "part"
+        end
+        frames.left, frames.parts = bytes:byte(1) + bytes:byte(2) * 0x100, {}
+        bytes = bytes:sub(length_size + 1)
+    end
+    frames.parts[#frames.parts + 1] = bytes:sub(1, frames.left)
+    frames.left = math.max(frames.left - #bytes, 0)
+    return frames.left == 0 and table.concat(frames.parts) or "part"
+end
+
+function any_cid.dissector(packet, pinfo, tree)
+    local place = packet:len() > 0 and not connected_in() and place_of(pinfo)
+    if not place or place.is_tcp then
+        return 0
+    end
+    local frames = frames_of[place.key] or recognise_frames(packet, pinfo, place.key)
+    if not frames or pinfo.number < frames.first then
+        return 0
+    elseif not frames.has_lengths or packet:len() < packet:reported_len() then
+        frames.left = 0
+        return shotmentor.dissector(packet, pinfo, tree)
+    end
+    local key = place.key .. " " .. pinfo.number
+    joined_in[key] = joined_in[key] or join_frame(frames, packet:raw(0, packet:len()))
+    if joined_in[key] == "part" then
+        show_part(packet, pinfo, tree, {})
+    elseif #joined_in[key] > 0 then
+        shotmentor.dissector(ByteArray.new(joined_in[key], true):tvb("L2CAP packet"), pinfo, tree)
+    end
+    return packet:len()
+end
+
+-- The channels that Low Energy opens, which are the first that others open as well.
+for cid = 0x40, 0x7f do
+    DissectorTable.get("btl2cap.cid"):add(cid, any_cid)
 end
 
 shotmentor.prefs.psm = Pref.uint("L2CAP PSM", 4097, "Where the camera listens on L2CAP; 0 for none")

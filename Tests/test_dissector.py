@@ -462,6 +462,37 @@ class Packets(unittest.TestCase):
         self.assertEqual(seen.values(asked, "response_in"), [str(answered)])
         self.assertEqual(seen.values(answered, "record.iso"), ["100", "200"])
 
+    def test_of_low_energy_are_put_together_from_their_frames_in_a_log_of_the_camera(self):
+        capture = BluetoothCapture()
+        capture.connect_le(0x80)
+        asked = capture.send_le(PHONE, LIST)
+        answered = capture.send_le(CAMERA, self.reply)
+        again = capture.send_le(PHONE, message(2, words(7, 1)))
+        self.assertEqual([answered, again], [asked + 8, asked + 9])
+        for read in (captures.READ_TWICE, ["-2"], []):
+            seen = captures.show(capture, read=read)
+            self.assertEqual([tree[0] for tree in seen.trees(asked + 1)], ["ShotMentor, part of a message"])
+            self.assertEqual(seen.values(answered, "record.iso"), ["100", "200"])
+            self.assertEqual(seen.values(answered, "response_to"), [str(asked)])
+            self.assertEqual(seen.values(again, "custom_id"), ["7"])
+
+    def test_of_low_energy_that_are_others_are_left_alone(self):
+        capture = BluetoothCapture()
+        capture.connect_le(0x80)
+        for data in (b"hello, this is something else", LIST[:7], words(1, 9) + b"x", b""):
+            capture.send_le(PHONE, data)
+        seen = show(capture)
+        self.assertEqual([len(seen.protocols(frame)) for frame in range(3, 7)], [0] * 4)
+
+    def test_of_a_channel_whose_opening_is_not_in_the_capture_are_recognised_by_the_first_of_each_side(self):
+        capture = BluetoothCapture()
+        capture.send(PHONE, b"some other bytes")
+        capture.send(PHONE, LIST)
+        capture.send(CAMERA, self.reply)
+        seen = show(capture)
+        self.assertEqual([seen.values(frame, "function") for frame in (1, 2, 3)], [[], ["1"], ["4097"]])
+        self.assertEqual(seen.values(3, "response_to"), ["2"])
+
     def test_of_enhanced_retransmission_are_shown_without_its_control_fields(self):
         capture = BluetoothCapture()
         capture.connect()
@@ -688,11 +719,16 @@ class AnyBytes(unittest.TestCase):
         for handle in range(1, 701):
             on_rfcomm = handle % 4 == 0
             dlci = 14 if handle % 8 == 0 else 44  # named, or recognised if the first message still is one
-            capture.connect(RFCOMM_PSM if on_rfcomm else captures.PSM, handle)
+            if handle % 8 == 1:
+                capture.connect_le(0x80, handle)
+            else:
+                capture.connect(RFCOMM_PSM if on_rfcomm else captures.PSM, handle)
             for sender, data, held in self.packets(chance):
                 if on_rfcomm:
                     frame = capture.send_rfcomm(sender, data, dlci, handle)
                     frames += [frame] if dlci == 14 else []
+                elif handle % 8 == 1:
+                    capture.send_le(sender, data, handle)
                 elif held is None:
                     frames.append(capture.send(sender, data, handle))
                 else:

@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """A whole small phone to copy from, on a parser that is made of Protocol/shotmentor.ksy.
 
     tools/compile_protocol.sh python                # makes the parser; it takes the package python3-kaitaistruct

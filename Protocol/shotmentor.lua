@@ -1200,13 +1200,18 @@ end
 local any_cid = Proto("shotmentor_l2cap", "ShotMentor on an L2CAP channel that was not seen opening")
 local length_size = 2
 
+-- Whether a frame is the first of a packet that has its length in front, and a conversation may begin with it.
+local function begins_with_length(packet)
+    return packet:len() > length_size
+        and packet(0, length_size):le_uint() >= packet:len() - length_size
+        and begins_conversation(packet(length_size):tvb())
+end
+
 local function recognise_frames(packet, pinfo, key)
     if begins_conversation(packet) then
         frames_of[key] = { first = pinfo.number }
-    elseif packet:len() > length_size and begins_conversation(packet(length_size):tvb()) then
-        if packet(0, length_size):le_uint() >= packet:len() - length_size then
-            frames_of[key] = { first = pinfo.number, has_lengths = true, left = 0 }
-        end
+    elseif begins_with_length(packet) then
+        frames_of[key] = { first = pinfo.number, has_lengths = true, left = 0 }
     end
     return frames_of[key]
 end
@@ -1238,6 +1243,9 @@ function any_cid.dissector(packet, pinfo, tree)
         return shotmentor.dissector(packet, pinfo, tree)
     end
     local key = place.key .. " " .. pinfo.number
+    if not joined_in[key] and begins_with_length(packet) then
+        frames.left = 0 -- what was begun is lost: the link was, and nobody saw it
+    end
     joined_in[key] = joined_in[key] or join_frame(frames, packet:raw(0, packet:len()))
     if joined_in[key] == "part" then
         show_part(packet, pinfo, tree, {})

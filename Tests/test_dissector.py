@@ -476,6 +476,14 @@ class Packets(unittest.TestCase):
             self.assertEqual(seen.values(answered, "response_to"), [str(asked)])
             self.assertEqual(seen.values(again, "custom_id"), ["7"])
 
+    def test_of_low_energy_on_a_link_that_was_lost_do_not_go_into_the_next_one(self):
+        capture = BluetoothCapture()
+        capture.connect_le(0x80)
+        capture.send(CAMERA, struct.pack("<H", len(self.reply)) + self.reply[:198])
+        capture.connect_le(0x80)
+        answered = capture.send_le(CAMERA, self.reply)
+        self.assertEqual(show(capture).values(answered, "record.iso"), ["100", "200"])
+
     def test_of_low_energy_that_are_others_are_left_alone(self):
         capture = BluetoothCapture()
         capture.connect_le(0x80)

@@ -2,7 +2,9 @@
 // Standard input: a JSON list of objects with a "type", frames, phone_record or camera_record, and hexadecimal "bytes".
 // Standard output: a JSON list of what was read: of frames a list, which ends with "refused" at the first that is none.
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <exception>
 #include <fmt/format.h>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -307,13 +309,22 @@ json read(const std::string& type, View bytes) {
     return type == "phone_record" ? record_in<sm_tag_custom_info>(Source(bytes)) : frames_in(Source(bytes));
 }
 
+json read_all(const json& items) {
+    json all = json::array();
+    for (const json& item : items) {
+        all.push_back(read(item["type"], from_hex(item["bytes"])));
+    }
+    return all;
+}
+
 } // namespace
 
 int main() {
-    json all = json::array();
-    for (const json& item : json::parse(std::cin)) {
-        all.push_back(read(item["type"], from_hex(item["bytes"])));
+    try {
+        std::cout << read_all(json::parse(std::cin)) << '\n';
+        return std::cout.flush() ? 0 : 1;
+    } catch (const std::exception& fault) {
+        std::fprintf(stderr, "library_reader: %s\n", fault.what());
+        return 1;
     }
-    std::cout << all << '\n';
-    return std::cout.flush() ? 0 : 1;
 }

@@ -32,7 +32,9 @@ done
 packages=("${library_packages[@]}" "${test_packages[@]}")
 for preset in "${presets[@]}"; do
     case $preset in
-    release) packages+=("${desk_packages[@]}" "${reference_packages[@]}" "${dissector_packages[@]}") ;;
+    release)
+        packages+=("${desk_packages[@]}" "${reference_packages[@]}" "${dissector_packages[@]}" "${parser_packages[@]}")
+        ;;
     debug | asan) packages+=("${desk_packages[@]}" "${reference_packages[@]}") ;;
     clang) packages+=("${wire_packages[@]}" "${clang_packages[@]}") ;;
     msan) packages+=("${clang_packages[@]}") ;;

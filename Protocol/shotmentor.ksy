@@ -44,10 +44,11 @@ types:
             "function::update_preset_reply": update_preset_reply
             "function::delete_preset_reply": delete_preset_reply
             "function::busy_reply": busy_reply
+            _: unknown_body
         doc: |
           What follows the 8 header bytes.
     doc: |
-      A request or a reply. One with an unknown function number has raw bytes for a body.
+      A request or a reply.
   state_off_request:
     seq:
       - id: code
@@ -148,12 +149,18 @@ types:
           The preset's custom_id, not 0.
     doc: |
       A preset to delete.
+  unknown_body:
+    seq:
+      - id: raw
+        size-eos: true
+        doc: |
+          Its bytes.
+    doc: |
+      What has a function number that there is not.
   send_list_reply:
     seq:
       - id: sm_model
         size: 12
-        type: strz
-        encoding: ASCII
         doc: |
           "KT7", zero-filled.
       - id: sm_struct_ver

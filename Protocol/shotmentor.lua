@@ -7,7 +7,7 @@
 
 local shotmentor = Proto("shotmentor", "ShotMentor")
 
--- ---- What tools/make_dissector.py takes from the sources ------------------------------------------------------------
+-- ---- What tools/make_protocol.py takes from the sources -------------------------------------------------------------
 
 -- begin of the tables
 local record_size = 744
@@ -109,44 +109,33 @@ local record_fields = {
     { name = "k_value", offset = 92, kind = "word", size = 4, count = 1,
       meaning = "Colour temperature of the Kelvin type; 0 none." },
     { name = "cwb_red", offset = 96, kind = "word", size = 4, count = 1,
-      meaning = "Custom white balance." },
+      meaning = "Custom white balance: red." },
     { name = "cwb_green", offset = 100, kind = "word", size = 4, count = 1,
-      meaning = "Custom white balance." },
+      meaning = "Custom white balance: green." },
     { name = "cwb_blue", offset = 104, kind = "word", size = 4, count = 1,
-      meaning = "Custom white balance." },
+      meaning = "Custom white balance: blue." },
     { name = "auto_xy", offset = 108, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance auto." },
     { name = "auto_tungsten_xy", offset = 112, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance auto tungsten." },
     { name = "daylight_xy", offset = 116, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance daylight." },
     { name = "cloudy_xy", offset = 120, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance cloudy." },
     { name = "flu_w_xy", offset = 124, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance fluorescent white." },
     { name = "flu_n_xy", offset = 128, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance fluorescent neutral." },
     { name = "flu_d_xy", offset = 132, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance fluorescent daylight." },
     { name = "tungsten_xy", offset = 136, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance tungsten." },
     { name = "flash_xy", offset = 140, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance flash." },
     { name = "cwb_xy", offset = 144, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance custom." },
     { name = "k_xy", offset = 148, kind = "word", size = 4, count = 1,
-      meaning = "Fine adjustment of each white-balance type: auto, auto tungsten, daylight, cloudy, " ..
-          "fluorescent white, neutral and daylight, tungsten, flash, custom, Kelvin." },
+      meaning = "Fine adjustment of the white balance Kelvin." },
     { name = "color_style", offset = 152, kind = "word", size = 4, count = 1, in_style = true,
       meaning = "Selected colour style, 0 to 13. Presets that were not made on a KT camera, and korvel-made" ..
           " presets without a smart filter, are put into style 13 (C4) on their way to the camera." },
@@ -156,62 +145,59 @@ local record_fields = {
       meaning = "Colour of styles 1 to 13, style s at index s - 1 (style 0 has none): camera 0 to 200, " ..
           "phone 0 to 255." },
     { name = "cs_saturation", offset = 316, kind = "words", size = 56, count = 14, in_style = true,
-      meaning = "Per-style settings of styles 0 to 13, style s at index s; the camera's own codes." },
+      meaning = "Saturation of the styles 0 to 13, style s at index s." },
     { name = "cs_sharpness", offset = 372, kind = "words", size = 56, count = 14, in_style = true,
-      meaning = "Per-style settings of styles 0 to 13, style s at index s; the camera's own codes." },
+      meaning = "Sharpness of the styles 0 to 13, style s at index s." },
     { name = "cs_contrast", offset = 428, kind = "words", size = 56, count = 14, in_style = true,
-      meaning = "Per-style settings of styles 0 to 13, style s at index s; the camera's own codes." },
+      meaning = "Contrast of the styles 0 to 13, style s at index s." },
     { name = "cs_hue", offset = 484, kind = "words", size = 56, count = 14, in_style = true,
-      meaning = "Per-style settings of styles 0 to 13, style s at index s; the camera's own codes." },
+      meaning = "Hue of the styles 0 to 13, style s at index s." },
     { name = "smart_filter", offset = 540, kind = "word", size = 4, count = 1,
       meaning = "Smart filter; 0 none." },
     { name = "flash", offset = 544, kind = "word", size = 4, count = 1,
-      meaning = "Flash and its compensation." },
+      meaning = "Flash." },
     { name = "flash_ev", offset = 548, kind = "word", size = 4, count = 1,
-      meaning = "Flash and its compensation." },
+      meaning = "Flash compensation." },
     { name = "af_mode", offset = 552, kind = "word", size = 4, count = 1,
-      meaning = "Autofocus: mode and area." },
+      meaning = "Autofocus: mode." },
     { name = "af_area", offset = 556, kind = "word", size = 4, count = 1,
-      meaning = "Autofocus: mode and area." },
+      meaning = "Autofocus: area." },
     { name = "photosize", offset = 560, kind = "word", size = 4, count = 1,
       meaning = "Picture size." },
     { name = "touch_af", offset = 564, kind = "word", size = 4, count = 1,
       meaning = "Touch AF." },
     { name = "selection_af_pos_x", offset = 568, kind = "word", size = 4, count = 1,
-      meaning = "Selection AF frame." },
+      meaning = "Selection AF frame: horizontal position." },
     { name = "selection_af_pos_y", offset = 572, kind = "word", size = 4, count = 1,
-      meaning = "Selection AF frame." },
+      meaning = "Selection AF frame: vertical position." },
     { name = "selection_af_width", offset = 576, kind = "word", size = 4, count = 1,
-      meaning = "Selection AF frame." },
+      meaning = "Selection AF frame: width." },
     { name = "selection_af_height", offset = 580, kind = "word", size = 4, count = 1,
-      meaning = "Selection AF frame." },
+      meaning = "Selection AF frame: height." },
     { name = "selection_af_box_size", offset = 584, kind = "word", size = 4, count = 1,
-      meaning = "Selection AF frame." },
+      meaning = "Selection AF frame: size of its box." },
     { name = "multi_af_pos_x", offset = 588, kind = "word", size = 4, count = 1,
-      meaning = "Multi AF frame: the camera's alone. The phone has no use for it but carries it." },
+      meaning = "Multi AF frame: horizontal position. The phone has no use for it but carries it." },
     { name = "multi_af_pos_y", offset = 592, kind = "word", size = 4, count = 1,
-      meaning = "Multi AF frame: the camera's alone. The phone has no use for it but carries it." },
+      meaning = "Multi AF frame: vertical position. The phone has no use for it but carries it." },
     { name = "multi_af_width", offset = 596, kind = "word", size = 4, count = 1,
-      meaning = "Multi AF frame: the camera's alone. The phone has no use for it but carries it." },
+      meaning = "Multi AF frame: width. The phone has no use for it but carries it." },
     { name = "multi_af_height", offset = 600, kind = "word", size = 4, count = 1,
-      meaning = "Multi AF frame: the camera's alone. The phone has no use for it but carries it." },
+      meaning = "Multi AF frame: height. The phone has no use for it but carries it." },
     { name = "multi_af_box_size", offset = 604, kind = "word", size = 4, count = 1,
-      meaning = "Multi AF frame: the camera's alone. The phone has no use for it but carries it." },
+      meaning = "Multi AF frame: size of its box. The phone has no use for it but carries it." },
     { name = "timer_time", offset = 608, kind = "word", size = 4, count = 1,
-      meaning = "Self-timer: delay, number of shots, interval between them." },
+      meaning = "Self-timer: delay." },
     { name = "timer_count", offset = 612, kind = "word", size = 4, count = 1,
-      meaning = "Self-timer: delay, number of shots, interval between them." },
+      meaning = "Self-timer: number of shots." },
     { name = "timer_interval", offset = 616, kind = "word", size = 4, count = 1,
-      meaning = "Self-timer: delay, number of shots, interval between them." },
+      meaning = "Self-timer: interval between shots." },
     { name = "counti_h_frame", offset = 620, kind = "word", size = 4, count = 1,
-      meaning = "Continuous drive: high and normal speed, burst, selection. \"counti\" is the camera's " ..
-          "spelling." },
+      meaning = "Continuous drive: high speed. \"counti\" is the camera's spelling." },
     { name = "counti_n_frame", offset = 624, kind = "word", size = 4, count = 1,
-      meaning = "Continuous drive: high and normal speed, burst, selection. \"counti\" is the camera's " ..
-          "spelling." },
+      meaning = "Continuous drive: normal speed." },
     { name = "burst_frame", offset = 628, kind = "word", size = 4, count = 1,
-      meaning = "Continuous drive: high and normal speed, burst, selection. \"counti\" is the camera's " ..
-          "spelling." },
+      meaning = "Continuous drive: burst." },
     { name = "drive_set_conti", offset = 632, kind = "word", size = 4, count = 1,
       meaning = "The selected continuous drive." },
     { name = "reserved_636", offset = 636, kind = "words", size = 24, count = 6,
@@ -229,7 +215,9 @@ local record_fields = {
     { name = "server_id", offset = 680, kind = "word", size = 4, count = 1,
       meaning = "The preset's identity on the phone application's server." },
     { name = "made_id", offset = 684, kind = "word", size = 4, count = 1,
-      meaning = "Origin, read as hexadecimal digits: SM_MADE_KIND, SM_MADE_FAMILY, SM_MADE_MAKER." },
+      meaning = "Origin, read as hexadecimal digits: SM_MADE_KIND, SM_MADE_FAMILY, SM_MADE_MAKER. When the " ..
+          "camera stores a korvel-made KT preset with a smart filter, it keeps only the digits 2 to " ..
+          "4." },
     { name = "screennail_path", offset = 688, kind = "text", size = 52, count = 1,
       meaning = "Path of the preset's JPEG screennail in the camera's file system; of no use to the phone." },
     { name = "linked_custom_mode", offset = 740, kind = "word", size = 4, count = 1,
@@ -1144,9 +1132,14 @@ function shotmentor.dissector(packet, pinfo, tree)
     return packet:len()
 end
 
+local recognised_in = {} -- the frame in which a link was taken for ours by its first message
+local frames_of = {} -- how a channel that nobody saw open was taken for ours, by its sender: { first, has_lengths }
+local joined_in = {} -- the packet that a frame of such a channel completes, or "part", by its key
+
 function shotmentor.init()
     waiting, request_of, reply_of, is_linked = {}, {}, {}, {}
-    directions, pieces_of, skipped_in = {}, {}, {}
+    directions, pieces_of, skipped_in, recognised_in = {}, {}, {}, {}
+    frames_of, joined_in = {}, {}
 end
 
 -- The lengths that the messages have which begin a conversation: a phone's first request, or a reply to it.
@@ -1157,16 +1150,25 @@ local first_lengths = {
     [4] = { header_size + record_size, header_size + record_size },
     [5] = { 16, header_size + preset_limit * 8 },
     [255] = { 8, 8 },
+    [reply_bit + 1] = { 28, 28 + preset_limit * record_size },
+    [reply_bit + 2] = { 12, longest_reply },
+    [reply_bit + 3] = { 24, 24 },
+    [reply_bit + 4] = { 12, 12 },
+    [reply_bit + 5] = { 20, 20 + preset_limit * record_size + 16 },
     [busy_function] = { 12, 12 },
 }
 
--- Other protocols begin with small numbers, too: two words must fit before a TCP connection is taken for ours.
-local function begins_conversation(packet, pinfo, tree)
+-- Other protocols begin with small numbers, too: two words must fit before a link is taken for ours.
+local function begins_conversation(packet)
     if packet:len() < header_size then
         return false
     end
     local lengths, total = first_lengths[packet(0, 4):le_int()], packet(4, 4):le_int()
-    if not lengths or total < lengths[1] or total > lengths[2] then
+    return lengths and total >= lengths[1] and total <= lengths[2]
+end
+
+local function dissect_new_connection(packet, pinfo, tree)
+    if not begins_conversation(packet) then
         return false
     end
     pinfo.conversation = shotmentor
@@ -1174,10 +1176,96 @@ local function begins_conversation(packet, pinfo, tree)
     return true
 end
 
-shotmentor:register_heuristic("tcp", begins_conversation)
+shotmentor:register_heuristic("tcp", dissect_new_connection)
+
+-- RFCOMM has no list of those who may recognise a channel by its bytes. This one is entered for every channel, and
+-- leaves to others what is not ours.
+local any_channel = Proto("shotmentor_rfcomm", "ShotMentor on any RFCOMM channel")
+
+function any_channel.dissector(packet, pinfo, tree)
+    local place = place_of(pinfo)
+    if not place then
+        return 0
+    end
+    if not recognised_in[place.link] and begins_conversation(packet) then
+        recognised_in[place.link] = pinfo.number
+    end
+    local first = recognised_in[place.link]
+    return first and pinfo.number >= first and shotmentor.dissector(packet, pinfo, tree) or 0
+end
+
+-- Where Wireshark did not see a channel open, or does not understand how it was, which is so for channels of Low Energy
+-- in a log of the side that accepts them, nothing puts frames together: there, each packet is cut into frames, and has
+-- its length in two bytes before the first.
+local any_cid = Proto("shotmentor_l2cap", "ShotMentor on an L2CAP channel that was not seen opening")
+local length_size = 2
+
+-- Whether a frame is the first of a packet that has its length in front, and a conversation may begin with it.
+local function begins_with_length(packet)
+    return packet:len() > length_size
+        and packet(0, length_size):le_uint() >= packet:len() - length_size
+        and begins_conversation(packet(length_size):tvb())
+end
+
+local function recognise_frames(packet, pinfo, key)
+    if begins_conversation(packet) then
+        frames_of[key] = { first = pinfo.number }
+    elseif begins_with_length(packet) then
+        frames_of[key] = { first = pinfo.number, has_lengths = true, left = 0 }
+    end
+    return frames_of[key]
+end
+
+-- Adds a frame to the packet that its sender has begun; returns that when it is whole, else "part".
+local function join_frame(frames, bytes)
+    if frames.left == 0 then
+        if #bytes < length_size then
+            return "part"
+        end
+        frames.left, frames.parts = bytes:byte(1) + bytes:byte(2) * 0x100, {}
+        bytes = bytes:sub(length_size + 1)
+    end
+    frames.parts[#frames.parts + 1] = bytes:sub(1, frames.left)
+    frames.left = math.max(frames.left - #bytes, 0)
+    return frames.left == 0 and table.concat(frames.parts) or "part"
+end
+
+function any_cid.dissector(packet, pinfo, tree)
+    local place = packet:len() > 0 and not connected_in() and place_of(pinfo)
+    if not place or place.is_tcp then
+        return 0
+    end
+    local frames = frames_of[place.key] or recognise_frames(packet, pinfo, place.key)
+    if not frames or pinfo.number < frames.first then
+        return 0
+    elseif not frames.has_lengths or packet:len() < packet:reported_len() then
+        frames.left = 0
+        return shotmentor.dissector(packet, pinfo, tree)
+    end
+    local key = place.key .. " " .. pinfo.number
+    if not joined_in[key] and begins_with_length(packet) then
+        frames.left = 0 -- what was begun is lost: the link was, and nobody saw it
+    end
+    joined_in[key] = joined_in[key] or join_frame(frames, packet:raw(0, packet:len()))
+    if joined_in[key] == "part" then
+        show_part(packet, pinfo, tree, {})
+    elseif #joined_in[key] > 0 then
+        shotmentor.dissector(ByteArray.new(joined_in[key], true):tvb("L2CAP packet"), pinfo, tree)
+    end
+    return packet:len()
+end
+
+-- The channels that Low Energy opens, which are the first that others open as well.
+for cid = 0x40, 0x7f do
+    DissectorTable.get("btl2cap.cid"):add(cid, any_cid)
+end
 
 shotmentor.prefs.psm = Pref.uint("L2CAP PSM", 4097, "Where the camera listens on L2CAP; 0 for none")
-shotmentor.prefs.channel = Pref.uint("RFCOMM channel", 0, "Where the camera listens on RFCOMM, 1 to 30; 0 for none")
+shotmentor.prefs.channel = Pref.uint(
+    "RFCOMM channel",
+    0,
+    "Where the camera listens on RFCOMM, 1 to 30; 0: what begins with one of our messages"
+)
 shotmentor.prefs.tcp_port = Pref.uint("TCP port", 0, "Where the camera listens on TCP; 0 for none")
 
 local tables = {
@@ -1197,11 +1285,17 @@ local function listen(name, number)
     listening[#listening + 1] = { name = name, number = number }
 end
 
+-- The lowest bit of a DLCI says which side opened the session.
+local first_dlci, last_dlci = 1 * 2, 30 * 2 + 1
+
 local function enter_preferences()
     for _, entry in ipairs(listening) do
         tables[entry.name]:remove(entry.number, shotmentor)
     end
     listening = {}
+    for number = first_dlci, last_dlci do
+        tables.channel:add(number, any_channel)
+    end
     local prefs = shotmentor.prefs
     if prefs.psm > 0 and prefs.psm <= 65535 then
         listen("psm", prefs.psm)
@@ -1209,7 +1303,6 @@ local function enter_preferences()
     if prefs.tcp_port > 0 and prefs.tcp_port <= 65535 then
         listen("tcp_port", prefs.tcp_port)
     end
-    -- The lowest bit of a DLCI says which side opened the session.
     if prefs.channel > 0 and prefs.channel <= 30 then
         listen("channel", prefs.channel * 2)
         listen("channel", prefs.channel * 2 + 1)

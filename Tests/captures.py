@@ -43,10 +43,11 @@ def checksum(data):
 
 
 class BluetoothCapture:
-    """A btsnoop file of the camera's adapter. Each packet comes a millisecond after the one before it, in pieces of
-    `longest_piece` bytes where that is given."""
+    """A btsnoop file of the camera's adapter, or the phone's. Each packet comes a millisecond after the one before it,
+    in pieces of `longest_piece` bytes where that is given."""
 
-    def __init__(self, datalink=H4, longest_piece=None):
+    def __init__(self, datalink=H4, longest_piece=None, owner=CAMERA):
+        self.owner = owner
         self.datalink = datalink
         self.longest_piece = longest_piece
         self.records = [b"btsnoop\0" + struct.pack(">II", 1, datalink)]
@@ -121,10 +122,10 @@ class BluetoothCapture:
         self._add(CAMERA, handle, LE_SIGNALLING, response)
 
     def send_credited(self, sender, data, longest=64, handle=1):
-        """What one side hands to a channel of Low Energy, in packets of `longest` bytes; the first has its length."""
+        """What one side hands to a channel of Low Energy, in packets of `longest` bytes, of which the first has its
+        length; returns the number of the last frame."""
         data = struct.pack("<H", len(data)) + data
-        for begin in range(0, len(data), longest):
-            self.send(sender, data[begin : begin + longest], handle)
+        return [self.send(sender, data[at : at + longest], handle) for at in range(0, len(data), longest)][-1]
 
     def open_rfcomm(self, dlci, handle=1):
         self.send(PHONE, bytes([dlci << 2 | 3, 0x3F, 1, 0]), handle)
@@ -153,7 +154,7 @@ class BluetoothCapture:
         return self.frames
 
     def _add_packet(self, kind, sender, packet, held=None, received=None):
-        received = sender == PHONE if received is None else received
+        received = sender != self.owner if received is None else received
         if self.datalink == H4:
             packet, held = bytes([kind]) + packet, None if held is None else held + 1
         flags = int(received) | (2 if kind == 4 and self.datalink != MONITOR else 0)

@@ -4,15 +4,12 @@ import os
 import pathlib
 import random
 import re
-import shutil
 import struct
-import subprocess
 import sys
-import tempfile
 import unittest
 
 import captures
-from captures import CAMERA, PHONE, RFCOMM_PSM, TCP_PORT, BluetoothCapture, TcpCapture, show
+from captures import CAMERA, ENHANCED, PHONE, RFCOMM_PSM, TCP_PORT, BluetoothCapture, TcpCapture, show
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, os.fspath(ROOT / "tools"))
@@ -422,6 +419,99 @@ class Packets(unittest.TestCase):
         self.assertEqual(seen.values(6, "response_to"), ["3"])
         self.assertEqual([seen.remarks(frame) for frame in (3, 4, 5, 6)], [[], [], [], []])
 
+    def test_of_rfcomm_are_recognised_by_the_first_of_them_on_any_channel(self):
+        capture = BluetoothCapture()
+        capture.connect(RFCOMM_PSM)
+        capture.send_rfcomm(PHONE, LINK_ON + LIST[:5], dlci=44)  # channel 22, where the desk has its own captures
+        capture.send_rfcomm(PHONE, LIST[5:], dlci=44)
+        capture.send_rfcomm(CAMERA, self.reply[:900], dlci=44)
+        capture.send_rfcomm(CAMERA, self.reply[900:], dlci=44)
+        for read in (captures.READ_TWICE, ["-2"], []):
+            seen = captures.show(capture, read=read)
+            self.assertEqual([seen.values(frame, "function") for frame in (3, 4, 6)], [["255"], ["1"], ["4097"]])
+            self.assertEqual(seen.values(6, "record.iso"), ["100", "200"])
+            self.assertEqual(seen.values(6, "response_to"), ["4"])
+
+    def test_of_rfcomm_that_are_others_are_left_alone(self):
+        capture = BluetoothCapture()
+        capture.connect(RFCOMM_PSM)
+        others = [b"AT+CIND?\r", words(1, 9) + b"x", words(255, 12, 1), LIST[:7]]
+        for dlci, other in enumerate(others, 2):
+            capture.send_rfcomm(PHONE, other, dlci=dlci)
+            capture.send_rfcomm(CAMERA, b"\r\nOK\r\n", dlci=dlci)
+        capture.send_rfcomm(PHONE, LIST, dlci=40)
+        capture.send_rfcomm(PHONE, b"AT\r", dlci=2)
+        seen = show(capture)
+        self.assertEqual([len(seen.protocols(frame)) for frame in range(3, 13)], [0] * 8 + [1, 0])
+
+    def test_of_rfcomm_that_are_not_recognised_are_shown_when_their_channel_is_named(self):
+        capture = BluetoothCapture()
+        capture.connect(RFCOMM_PSM)
+        capture.send_rfcomm(PHONE, message(0, words(1)), dlci=15)
+        self.assertEqual(show(capture).values(3, "function"), [])
+        self.assertEqual(show(capture, "-o", "shotmentor.channel:7").values(3, "function"), ["0"])
+        self.assertEqual(show(capture, "-d", "btrfcomm.dlci==15,shotmentor").values(3, "function"), ["0"])
+
+    def test_of_low_energy_are_put_together_from_their_frames_in_a_log_of_the_phone(self):
+        capture = BluetoothCapture(owner=PHONE)
+        capture.connect_credited(0x80)
+        asked = capture.send_credited(PHONE, LIST)
+        answered = capture.send_credited(CAMERA, self.reply)
+        self.assertEqual(answered, asked + 24)  # 1516 bytes and a length of 2, of which each frame has 64
+        seen = show(capture, "-o", "shotmentor.psm:128")
+        self.assertEqual(seen.values(asked, "response_in"), [str(answered)])
+        self.assertEqual(seen.values(answered, "record.iso"), ["100", "200"])
+
+    def test_of_low_energy_are_put_together_from_their_frames_in_a_log_of_the_camera(self):
+        capture = BluetoothCapture()
+        capture.connect_credited(0x80)
+        asked = capture.send_credited(PHONE, LIST)
+        answered = capture.send_credited(CAMERA, self.reply)
+        again = capture.send_credited(PHONE, message(2, words(7, 1)))
+        self.assertEqual([answered, again], [asked + 24, asked + 25])
+        for read in (captures.READ_TWICE, ["-2"], []):
+            seen = captures.show(capture, read=read)
+            self.assertEqual([tree[0] for tree in seen.trees(asked + 1)], ["ShotMentor, part of a message"])
+            self.assertEqual(seen.values(answered, "record.iso"), ["100", "200"])
+            self.assertEqual(seen.values(answered, "response_to"), [str(asked)])
+            self.assertEqual(seen.values(again, "custom_id"), ["7"])
+
+    def test_of_low_energy_on_a_link_that_was_lost_do_not_go_into_the_next_one(self):
+        capture = BluetoothCapture()
+        capture.connect_credited(0x80)
+        capture.send(CAMERA, struct.pack("<H", len(self.reply)) + self.reply[:198])
+        capture.connect_credited(0x80)
+        answered = capture.send_credited(CAMERA, self.reply)
+        self.assertEqual(show(capture).values(answered, "record.iso"), ["100", "200"])
+
+    def test_of_low_energy_that_are_others_are_left_alone(self):
+        capture = BluetoothCapture()
+        capture.connect_credited(0x80)
+        for data in (b"hello, this is something else", LIST[:7], words(1, 9) + b"x", b""):
+            capture.send_credited(PHONE, data)
+        seen = show(capture)
+        self.assertEqual([len(seen.protocols(frame)) for frame in range(3, 7)], [0] * 4)
+
+    def test_of_a_channel_whose_opening_is_not_in_the_capture_are_recognised_by_the_first_of_each_side(self):
+        capture = BluetoothCapture()
+        capture.send(PHONE, b"some other bytes")
+        capture.send(PHONE, LIST)
+        capture.send(CAMERA, self.reply)
+        seen = show(capture)
+        self.assertEqual([seen.values(frame, "function") for frame in (1, 2, 3)], [[], ["1"], ["4097"]])
+        self.assertEqual(seen.values(3, "response_to"), ["2"])
+
+    def test_of_enhanced_retransmission_are_shown_without_its_control_fields(self):
+        capture = BluetoothCapture()
+        capture.connect()
+        capture.configure(ENHANCED)
+        asked = capture.send_numbered(PHONE, LIST, 0)
+        answered = capture.send_numbered(CAMERA, self.reply, 0)
+        seen = show(capture)
+        self.assertEqual(seen.values(asked, "length"), ["8"])
+        self.assertEqual(seen.values(answered, "record.iso"), ["100", "200"])
+        self.assertEqual(seen.values(answered, "response_to"), [str(asked)])
+
     def test_of_another_psm_are_shown_when_it_is_named(self):
         capture = BluetoothCapture()
         capture.connect(4099)
@@ -634,12 +724,19 @@ class AnyBytes(unittest.TestCase):
     def test_on_l2cap_and_rfcomm_are_shown_without_an_error(self):
         chance = random.Random(1)
         capture, frames = BluetoothCapture(), []
-        for handle in range(1, 201):
+        for handle in range(1, 701):
             on_rfcomm = handle % 4 == 0
-            capture.connect(RFCOMM_PSM if on_rfcomm else captures.PSM, handle)
+            dlci = 14 if handle % 8 == 0 else 44  # named, or recognised if the first message still is one
+            if handle % 8 == 1:
+                capture.connect_credited(0x80, handle)
+            else:
+                capture.connect(RFCOMM_PSM if on_rfcomm else captures.PSM, handle)
             for sender, data, held in self.packets(chance):
                 if on_rfcomm:
-                    frames.append(capture.send_rfcomm(sender, data, 14, handle))
+                    frame = capture.send_rfcomm(sender, data, dlci, handle)
+                    frames += [frame] if dlci == 14 else []
+                elif handle % 8 == 1:
+                    capture.send_credited(sender, data, handle=handle)
                 elif held is None:
                     frames.append(capture.send(sender, data, handle))
                 else:
@@ -650,69 +747,11 @@ class AnyBytes(unittest.TestCase):
     def test_on_tcp_are_shown_without_an_error(self):
         chance = random.Random(2)
         capture, frames = TcpCapture(), []
-        for port in range(50000, 50100):
+        for port in range(50000, 50300):
             for sender, data, held in self.packets(chance):
                 frames.append(capture.send(sender, data, phone_port=port, held=held))
         seen = self.check(capture, *ON_TCP)
         self.assertGreater(sum(bool(seen.protocols(frame)) for frame in frames), len(frames) / 2)
-
-
-class MakeDissector(unittest.TestCase):
-    """tools/make_dissector.py on a copy of what it reads and writes."""
-
-    FILES = [
-        "tools/make_dissector.py",
-        "tools/protocol_fields.py",
-        "Protocol/shotmentor.lua",
-        "Src/ADE_ShotMentor_Records.h",
-        "Src/ADE_ShotMentor_Tables.h",
-        "Desk/Values/Names.cpp",
-        "Desk/Values/Scales.cpp",
-    ]
-
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.root = pathlib.Path(folder.name)
-        for name in self.FILES:
-            (self.root / name).parent.mkdir(parents=True, exist_ok=True)
-            shutil.copy(ROOT / name, self.root / name)
-
-    def make(self, *arguments):
-        command = [sys.executable, self.root / "tools/make_dissector.py", *arguments]
-        run = subprocess.run(command, capture_output=True, text=True, check=False)
-        return run.returncode, run.stderr.replace(os.fspath(self.root) + "/", "")
-
-    def replace(self, name, old, new):
-        text = (self.root / name).read_text(encoding="utf-8")
-        self.assertIn(old, text)
-        (self.root / name).write_text(text.replace(old, new, 1), encoding="utf-8")
-
-    def test_finds_the_tables_of_the_dissector_as_the_sources_make_them(self):
-        self.assertEqual(self.make("--check"), (0, ""))
-
-    def test_sees_a_change_of_each_source_and_mends_it(self):
-        fault = "Protocol/shotmentor.lua: its tables are not what the sources make; run tools/make_dissector.py\n"
-        changes = [
-            ("Src/ADE_ShotMentor_Records.h", "Metering. ", "Measuring."),
-            ("Src/ADE_ShotMentor_Tables.h", "51200", "51201"),
-            ("Desk/Values/Names.cpp", '"daylight"', '"sun"'),
-            ("Desk/Values/Scales.cpp", '{1, "60 s"}', '{1, "61 s"}'),
-            ("Protocol/shotmentor.lua", "offset = 52", "offset = 56"),
-        ]
-        for name, old, new in changes:
-            self.replace(name, old, new)
-            self.assertEqual(self.make("--check"), (1, fault), name)
-            self.assertEqual(self.make(), (0, ""), name)
-        self.assertEqual(self.make("--check"), (0, ""))
-
-    def test_says_which_source_it_does_not_understand_and_changes_nothing(self):
-        self.replace("Desk/Values/Scales.cpp", "constexpr ShutterTime shutter_times[]", "ShutterTime times[]")
-        before = (self.root / "Protocol/shotmentor.lua").read_bytes()
-        code, fault = self.make()
-        self.assertEqual(code, 1)
-        self.assertRegex(fault, r"^make_dissector.py: Desk/Values/Scales.cpp: no `constexpr ShutterTime .*\n$")
-        self.assertEqual((self.root / "Protocol/shotmentor.lua").read_bytes(), before)
 
 
 if __name__ == "__main__":

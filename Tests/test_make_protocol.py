@@ -1,4 +1,5 @@
-"""That tools/make_protocol.py makes the page's table and the Kaitai description, and sees what is out of date."""
+"""That tools/make_protocol.py makes the page's tables, the Kaitai description and the dissector's tables, and sees what
+is out of date. test_new_field.py has the JSON Schema."""
 
 import pathlib
 import re
@@ -13,12 +14,16 @@ TOOL = ROOT / "tools" / "make_protocol.py"
 HEADER = pathlib.Path("Src", "ADE_ShotMentor_Records.h")
 PAGE = pathlib.Path("Docs", "protocol.md")
 KSY = pathlib.Path("Protocol", "shotmentor.ksy")
+DISSECTOR = pathlib.Path("Protocol", "shotmentor.lua")
+NAMES = pathlib.Path("Desk", "Values", "Names.cpp")
 SHUTTER_TIMES = pathlib.Path("Desk", "Values", "Scales.cpp")
 ISO_NUMBERS = pathlib.Path("Src", "ADE_ShotMentor_Tables.h")
 
 
 def run(*arguments):
-    return subprocess.run([sys.executable, TOOL, *arguments], capture_output=True, text=True, check=False)
+    """The tool, which makes all but the JSON Schema."""
+    command = [sys.executable, TOOL, *arguments, PAGE, KSY, DISSECTOR]
+    return subprocess.run(command, capture_output=True, text=True, check=False)
 
 
 class Tree(unittest.TestCase):
@@ -34,7 +39,7 @@ class Copy(unittest.TestCase):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.root = pathlib.Path(folder.name)
-        for path in (HEADER, PAGE, KSY, SHUTTER_TIMES, ISO_NUMBERS):
+        for path in (HEADER, PAGE, KSY, DISSECTOR, NAMES, SHUTTER_TIMES, ISO_NUMBERS):
             (self.root / path).parent.mkdir(parents=True, exist_ok=True)
             shutil.copy(ROOT / path, self.root / path)
 
@@ -57,20 +62,21 @@ class Copy(unittest.TestCase):
         for line, words in zip(lines, said):
             self.assertIn(words, line)
 
-    def test_of_a_field_with_another_name_differs_in_both_files_and_is_told_with_the_command(self):
+    def test_of_a_field_with_another_name_differs_in_all_files_and_is_told_with_the_command(self):
         self.change(HEADER, "WORD(photosize, 560)", "WORD(photo_size, 560)")
         mends = "is not what the sources make; tools/make_protocol.py makes it anew"
         done = run("--check", "--root", self.root)
-        self.assertRefused(done, f"Docs/protocol.md {mends}", f"Protocol/shotmentor.ksy {mends}")
+        self.assertRefused(done, *(f"{path} {mends}" for path in (PAGE, KSY, DISSECTOR)))
 
-    def test_of_a_field_with_another_name_shows_it_in_both_files_once_they_are_made(self):
+    def test_of_a_field_with_another_name_shows_it_in_all_files_once_they_are_made(self):
         self.change(HEADER, "WORD(photosize, 560)", "WORD(photo_size, 560)")
         self.make()
         self.assertIn("| 560 | `photo_size` | word |", self.read(PAGE))
         self.assertIn("- id: photo_size\n        type: s4\n", self.read(KSY))
+        self.assertIn('{ name = "photo_size", offset = 560, kind = "word", size = 4, ', self.read(DISSECTOR))
         self.assertEqual(run("--check", "--root", self.root).returncode, 0)
 
-    def test_of_a_field_in_the_place_of_reserved_words_has_it_in_both_files(self):
+    def test_of_a_field_in_the_place_of_reserved_words_has_it_in_all_files(self):
         place = "/* Words without a meaning here, carried byte for byte. "
         self.change(HEADER, place, "/* Tilt. */ \\\n    WORD(tilt, 636) \\\n    " + place)
         self.change(HEADER, "WORDS(reserved_636, 636, 6)", "WORDS(reserved_636, 640, 5)")
@@ -78,12 +84,17 @@ class Copy(unittest.TestCase):
         row = "| 636 | `tilt` | word | the camera's own code | a code like any other | both | Tilt. |\n"
         self.assertIn(row + "| 640 | `reserved_636` | 5 words |", self.read(PAGE))
         self.assertEqual(self.read(KSY).count("- id: tilt\n"), 2)  # in both records
+        self.assertIn('{ name = "tilt", offset = 636, ', self.read(DISSECTOR))
+        self.assertIn(
+            '{ name = "reserved_636", offset = 640, kind = "words", size = 20, count = 5,', self.read(DISSECTOR)
+        )
 
-    def test_of_another_comment_says_it_in_both_files(self):
+    def test_of_another_comment_says_it_in_all_files(self):
         self.change(HEADER, "/* Picture size. ", "/* Pixels. ")
         self.make()
         self.assertIn("| both | Pixels. |\n", self.read(PAGE))
         self.assertIn("          Pixels. As it travels:", self.read(KSY))
+        self.assertIn('meaning = "Pixels."', self.read(DISSECTOR))
 
     def test_of_another_result_code_has_it_in_the_description(self):
         self.change(HEADER, "SM_RETURN_BT_RES_ERR = -10, ", "SM_RETURN_BT_RES_ERR = -13, ")
@@ -100,11 +111,39 @@ class Copy(unittest.TestCase):
         self.make()
         self.assertIn("| both | Large \\| small. |\n", self.read(PAGE))
 
-    def test_of_another_shutter_time_differs_until_the_page_has_it(self):
+    def test_of_another_shutter_time_differs_until_the_page_and_the_dissector_have_it(self):
         self.change(SHUTTER_TIMES, '{84, "1/125 s"}', '{84, "1/120 s"}')
-        self.assertRefused(run("--check", "--root", self.root), "Docs/protocol.md is not what")
+        both = "Docs/protocol.md is not what", "Protocol/shotmentor.lua is not what"
+        self.assertRefused(run("--check", "--root", self.root), *both)
         self.make()
         self.assertIn("| 84 | 1/120 s |", self.read(PAGE))
+        self.assertIn('[84] = "1/120 s"', self.read(DISSECTOR))
+
+    def test_of_another_iso_number_differs_until_the_page_and_the_dissector_have_it(self):
+        self.change(ISO_NUMBERS, " 51200", " 51201")
+        self.make()
+        self.assertIn("| 30 | 51201 |", self.read(PAGE))
+        self.assertIn("[30] = 51201", self.read(DISSECTOR))
+
+    def test_of_another_name_of_a_value_differs_until_the_dissector_has_it(self):
+        self.change(NAMES, '"daylight"', '"sun"')
+        self.assertRefused(run("--check", "--root", self.root), "Protocol/shotmentor.lua is not what")
+        self.make()
+        self.assertIn('[2] = "sun"', self.read(DISSECTOR))
+
+    def test_of_names_that_cannot_be_read_is_refused_and_changes_nothing(self):
+        self.change(NAMES, "const Names& mode_names() {", "const Names& modes() {")
+        before = self.read(DISSECTOR)
+        self.assertRefused(run("--root", self.root), "Desk/Values/Names.cpp: no `const Names& mode_names")
+        self.assertEqual(self.read(DISSECTOR), before)
+
+    def test_of_a_dissector_that_was_edited_by_hand_differs(self):
+        self.change(DISSECTOR, "offset = 52,", "offset = 56,")
+        self.assertRefused(run("--check", "--root", self.root), "Protocol/shotmentor.lua is not what")
+
+    def test_with_a_file_that_it_does_not_make_is_refused(self):
+        done = subprocess.run([sys.executable, TOOL, "README.md"], capture_output=True, text=True, check=False)
+        self.assertRefused(done, "README.md is none of Docs/protocol.md, Protocol/shotmentor.ksy")
 
     def test_of_a_scale_that_cannot_be_read_is_refused(self):
         self.change(SHUTTER_TIMES, '{84, "1/125 s"}', '{1 + 83, "1/125 s"}')

@@ -1,174 +1,45 @@
 #!/usr/bin/env python3
-"""Makes what describes the protocol from the header of the records.
+"""Makes all that describes the protocol from the header of the records.
 
-Usage: tools/make_protocol.py [--check] [--root FOLDER]
+Usage: tools/make_protocol.py [--check] [--root FOLDER] [FILE...]
 
-Writes the tables of the preset record and of its scales in Docs/protocol.md, between their marks, and
-Protocol/shotmentor.ksy, a description for the Kaitai Struct compiler, which makes parsers for a dozen languages from
-it. With --check nothing is written: it fails where a file is not what the sources make. Other files than this source
-tree's are made in FOLDER.
+FILE is one or more of these; all of them if none is given:
+  Docs/protocol.md             the tables of the preset record and of its scales, between their marks
+  Protocol/shotmentor.ksy      the description for the Kaitai Struct compiler, which makes parsers of it
+  Protocol/shotmentor.lua      the tables of the dissector for Wireshark, between their marks
+  Protocol/preset.schema.json  the JSON Schema of preset files, by a program that is built for it in build/schema
+With --check nothing is written: it fails where a file is not what the sources make. FOLDER has another source tree.
 
-The fields come from Src/ADE_ShotMentor_Records.h. What the header does not say of them stands in DETAILS, and nowhere
-else: what travels of them, what 0 means, who writes them, and what each of several fields is that share a comment.
+The fields come from Src/ADE_ShotMentor_Records.h; what the header does not say of them stands in protocol_details.py.
 """
 
 import argparse
-import dataclasses
 import json
 import pathlib
 import re
+import subprocess
 import sys
 import textwrap
 
-import protocol_fields
-from protocol_fields import WORD
+sys.dont_write_bytecode = True
+import dissector_tables  # noqa: E402
+import protocol_fields  # noqa: E402
+from protocol_details import Fault, described  # noqa: E402
+from protocol_fields import WORD  # noqa: E402
+from protocol_scales import ISO_NUMBERS, SHUTTER_TIMES, iso_numbers, shutter_times  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 HEADER = pathlib.Path("Src", "ADE_ShotMentor_Records.h")
 PAGE = pathlib.Path("Docs", "protocol.md")
 KSY = pathlib.Path("Protocol", "shotmentor.ksy")
-SHUTTER_TIMES = pathlib.Path("Desk", "Values", "Scales.cpp")
-ISO_NUMBERS = pathlib.Path("Src", "ADE_ShotMentor_Tables.h")
+DISSECTOR = pathlib.Path("Protocol", "shotmentor.lua")
+SCHEMA = pathlib.Path("Protocol", "preset.schema.json")
 COMMAND = "tools/make_protocol.py"
 LINE = 120
 
 # The tables of the page, by what stands in the line above each, and what in the line below.
 BEGIN = "<!-- {source} makes this table, by {command}. -->"
 END = "<!-- The table ends here. -->"
-
-
-class Fault(Exception):
-    """What keeps the files from being made, in one line."""
-
-
-# ---- What the header does not say --------------------------------------------------------------------------
-
-
-@dataclasses.dataclass(frozen=True)
-class Detail:
-    """What travels of a field, in the phone's record."""
-
-    value: str = "the camera's own code"
-    zero: str = "a code like any other"
-    writer: str = "both"  # "phone", "camera" or "both", as the page explains it
-    own: str = ""  # for a field that shares its comment: what this one is, instead of the comment
-    more: str = ""  # what follows the comment
-
-
-def of_each(prefix, names, what, detail=Detail()):
-    """Details of fields that share a comment: `names` are their names behind the prefix, and what each of them is."""
-    return {
-        f"{prefix}{name}": dataclasses.replace(detail, own=what.format(meaning=meaning))
-        for name, meaning in names.items()
-    }
-
-
-PLACE = {
-    "pos_x": "horizontal position",
-    "pos_y": "vertical position",
-    "width": "width",
-    "height": "height",
-    "box_size": "size of its box",
-}
-BALANCES = {
-    "auto": "auto",
-    "auto_tungsten": "auto tungsten",
-    "daylight": "daylight",
-    "cloudy": "cloudy",
-    "flu_w": "fluorescent white",
-    "flu_n": "fluorescent neutral",
-    "flu_d": "fluorescent daylight",
-    "tungsten": "tungsten",
-    "flash": "flash",
-    "cwb": "custom",
-    "k": "Kelvin",
-}
-STYLE_CODES = {"saturation": "Saturation", "sharpness": "Sharpness", "contrast": "Contrast", "hue": "Hue"}
-
-DETAILS = {
-    "title": Detail("bytes, ended by a NUL where there is room for one", "no title"),
-    "mode": Detail("0 auto, 1 program, 2 aperture, 3 shutter, 4 manual", "auto"),
-    "av_index": Detail("f-number × 10: 28 is f/2.8", "no aperture"),
-    "tv_index": Detail("position 0 to 109 among the shutter times", "no shutter time"),
-    "iso": Detail("ISO number", "automatic"),
-    "iso_1_3": Detail(
-        "from the camera: ISO number; from the phone: position 0 to 30 among the sensitivities", "automatic"
-    ),
-    "ev_step": Detail("50 + 10 × EV, its fraction cut off towards 50: 53 is +1/3 EV, 44 is -2/3 EV", "-5 EV"),
-    "type": Detail("0 to 10: " + ", ".join(BALANCES.values()), "auto"),
-    "k_value": Detail("kelvin", "no colour temperature"),
-    **of_each("cwb_", {"red": "red", "green": "green", "blue": "blue"}, "Custom white balance: {meaning}."),
-    **of_each(
-        "",
-        {f"{name}_xy": meaning for name, meaning in BALANCES.items()},
-        "Fine adjustment of the white balance {meaning}.",
-        Detail(zero="no adjustment"),
-    ),
-    "color_style": Detail("0 to 13; 10 to 13 are C1 to C4", "style 0"),
-    "cs_color_off_color": Detail("the camera's own code; -1"),
-    "cs_color": Detail("each 0 to 255", "the least of this colour"),
-    **of_each("cs_", STYLE_CODES, "{meaning} of the styles 0 to 13, style s at index s."),
-    "smart_filter": Detail(zero="no filter"),
-    **of_each("", {"flash": "Flash", "flash_ev": "Flash compensation"}, "{meaning}."),
-    **of_each("af_", {"mode": "mode", "area": "area"}, "Autofocus: {meaning}."),
-    **of_each("selection_af_", PLACE, "Selection AF frame: {meaning}."),
-    **of_each(
-        "multi_af_",
-        PLACE,
-        "Multi AF frame: {meaning}. The phone has no use for it but carries it.",
-        Detail(writer="camera"),
-    ),
-    **of_each(
-        "timer_",
-        {"time": "delay", "count": "number of shots", "interval": "interval between shots"},
-        "Self-timer: {meaning}.",
-    ),
-    "counti_h_frame": Detail(own='Continuous drive: high speed. "counti" is the camera\'s spelling.'),
-    "counti_n_frame": Detail(own="Continuous drive: normal speed."),
-    "burst_frame": Detail(own="Continuous drive: burst."),
-    "reserved_636": Detail("any", "nothing"),
-    "preset_num": Detail("0 to 39", "the first preset", "camera"),
-    "custom_id": Detail("above 0", "no preset", "camera"),
-    "applocal_id": Detail("any number of the phone's", "a number like any other", "phone"),
-    "server_id": Detail("any number of the phone's", "a number like any other", "phone"),
-    "made_id": Detail(
-        "lowest hexadecimal digit: kind; second: family, 4 for KT; third: maker, 1 for korvel",
-        "made elsewhere",
-        more="When the camera stores a korvel-made KT preset with a smart filter, it keeps only the digits 2 to 4.",
-    ),
-    "screennail_path": Detail("bytes, ended by a NUL where there is room for one", "no picture", "camera"),
-    "linked_custom_mode": Detail("0 to 2", "no custom mode", "camera"),
-}
-
-
-@dataclasses.dataclass(frozen=True)
-class Described:
-    """A field with all that is said of it."""
-
-    field: protocol_fields.Field
-    detail: Detail
-    meaning: str
-
-
-def described(fields):
-    """The fields with their details. One whose comment stands for several has to say which of them it is."""
-    names = {field.name for field in fields}
-    for name in DETAILS:
-        if name not in names:
-            raise Fault(f"{COMMAND}: DETAILS has {name}, which is no field of {HEADER.name}; rename it there as well")
-    comments = [field.meaning for field in fields]
-    return [described_field(field, comments.count(field.meaning) > 1) for field in fields]
-
-
-def described_field(field, shares_comment):
-    detail = DETAILS.get(field.name, Detail())
-    if shares_comment != bool(detail.own):
-        raise Fault(
-            f"{COMMAND}: {field.name} shares its comment in {HEADER.name} with others; say in DETAILS what it is"
-            if shares_comment
-            else f"{COMMAND}: {field.name} has a comment of its own in {HEADER.name}; leave `own` out of its DETAILS"
-        )
-    return Described(field, detail, " ".join(filter(None, [detail.own or field.meaning, detail.more])))
 
 
 # ---- The page's table --------------------------------------------------------------------------------------
@@ -185,28 +56,6 @@ def page_table(fields):
         name = f"`{field.name}`"
         rows.append([str(field.offset), name, size, detail.value, detail.zero, detail.writer, each.meaning])
     return markdown(rows)
-
-
-def shutter_times(text):
-    """The positions of the phone's shutter times, as the desk names them."""
-    return pairs_in(
-        SHUTTER_TIMES, text, r"constexpr ShutterTime shutter_times\[\] = \{(.*?)\n\};", r'\{(\d+), *"([^"]*)"\}'
-    )
-
-
-def iso_numbers(text):
-    """The positions of the ISO numbers, as they stand in the library's table."""
-    pattern = r"constexpr int32_t tPRO_COMMON_SV\[\] = \{(.*?)\n\};"
-    numbers = pairs_in(ISO_NUMBERS, re.sub(r"/\*.*?\*/|//.*", "", text), pattern, r"()(\d+)")
-    return [(str(position), number) for position, (_, number) in enumerate(numbers)]
-
-
-def pairs_in(path, text, table, entry):
-    """The entries of a table, of which nothing may be left over but what separates them."""
-    body = re.search(table, text, re.S)
-    if not body or re.sub(entry, "", body[1]).replace(",", "").strip():
-        raise Fault(f"{path}: no table of the form that {COMMAND} knows; teach it the new one")
-    return re.findall(entry, body[1])
 
 
 def scale_table(name, pairs, columns=5):
@@ -328,14 +177,14 @@ class Description:
         if without_body:
             raise Fault(f"{COMMAND}: say in requests() and replies() what is in {' and '.join(sorted(without_body))}")
         return sequence(
-            "A request or a reply. One with an unknown function number has raw bytes for a body.",
+            "A request or a reply.",
             word(function.name, sentence(function.meaning), enum="function"),
             word(total_length.name, sentence(total_length.meaning), valid={"min": size}),
             entry(
                 "body",
                 "What follows the 8 header bytes.",
                 size=f"{total_length.name} - {size}",
-                type={"switch-on": function.name, "cases": cases},
+                type={"switch-on": function.name, "cases": {**cases, "_": "unknown_body"}},
             ),
         )
 
@@ -370,6 +219,7 @@ class Description:
             ),
             "state_on_request": sequence("The phone is there. No reply.", unread),
             "delete_pair": sequence("A preset to delete.", *map(self.member, self.protocol.structs["sm_delete_pair"])),
+            "unknown_body": sequence("What has a function number that there is not.", rest("raw", "Its bytes.")),
         }
 
     # ---- Replies ----
@@ -399,10 +249,11 @@ class Description:
         return sequence(doc, *map(self.member, self.protocol.structs[struct][1:]), *behind)
 
     def member(self, member):
-        """A word or a text of a head. Its name is in lower case, as all names are in this language."""
+        """A word or a text of a head. Its name is in lower case, as all names are in this language. Texts are bytes:
+        what is no text in an encoding would be refused by the parsers of some languages, and by others not."""
         name, doc = member.name.lower(), sentence(member.meaning)
         if member.type == "char":
-            return entry(name, doc, size=member.count, type="strz", encoding="ASCII")
+            return entry(name, doc, size=member.count)
         more = {
             "result": {"enum": "result"},
             "num_preset": {"valid": {"min": 0, "max": self.constant("SM_PRESET_LIMIT")}},
@@ -521,6 +372,29 @@ def yaml_scalar(value):
     return value if is_plain else json.dumps(value, ensure_ascii=False)
 
 
+# ---- The JSON Schema ---------------------------------------------------------------------------------------
+
+# It comes from the desk, which knows the words of each field. Just what knows them is built.
+SCHEMA_BUILD = pathlib.Path("build", "schema")
+SCHEMA_OPTIONS = ["CMAKE_BUILD_TYPE=Debug", "CMAKE_CXX_FLAGS_DEBUG=-O0", "SHOTMENTOR_DESK=WIRE"]
+SCHEMA_OPTIONS += ["SHOTMENTOR_TESTS=OFF", "SHOTMENTOR_INSTALL=OFF"]
+
+
+def schema(root):
+    build = root / SCHEMA_BUILD
+    run("cmake", "-S", root, "-B", build, "-G", "Ninja", *(f"-D{option}" for option in SCHEMA_OPTIONS))
+    run("cmake", "--build", build, "--target", "print_schema")
+    return run(build / "Desk" / "PresetFiles" / "print_schema")
+
+
+def run(*command):
+    done = subprocess.run(list(map(str, command)), capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        said = [line for line in (done.stdout + done.stderr).splitlines() if "rror" in line] or ["it does not say why"]
+        raise Fault(f"{SCHEMA}: {' '.join(map(str, command[:2]))} failed: {said[0].strip()}")
+    return done.stdout
+
+
 # ---- Files -------------------------------------------------------------------------------------------------
 
 
@@ -531,40 +405,61 @@ def read(path):
         return ""
 
 
-def made_files(root):
+def page(root, fields):
+    tables = {
+        HEADER: page_table(fields),
+        SHUTTER_TIMES: scale_table("Time", shutter_times(root)),
+        ISO_NUMBERS: scale_table("ISO number", iso_numbers(root)),
+    }
+    return page_with(read(root / PAGE), tables)
+
+
+def ksy(protocol, fields):
+    return "\n".join(yaml(Description(protocol, fields).whole())) + "\n"
+
+
+def made_files(root, wanted):
     """The text of each file, by its path below the root."""
     protocol = protocol_fields.read(root / HEADER)
     fields = described(protocol.fields)
-    ksy = "\n".join(yaml(Description(protocol, fields).whole())) + "\n"
-    tables = {
-        HEADER: page_table(fields),
-        SHUTTER_TIMES: scale_table("Time", shutter_times(read(root / SHUTTER_TIMES))),
-        ISO_NUMBERS: scale_table("ISO number", iso_numbers(read(root / ISO_NUMBERS))),
+    makers = {
+        PAGE: lambda: page(root, fields),
+        KSY: lambda: ksy(protocol, fields),
+        DISSECTOR: lambda: dissector_tables.dissector(root, protocol, fields),
+        SCHEMA: lambda: schema(root),
     }
-    return {PAGE: page_with(read(root / PAGE), tables), KSY: ksy}
+    unknown = [path for path in wanted if path not in makers]
+    if unknown:
+        raise Fault(f"{COMMAND}: {unknown[0]} is none of {', '.join(map(str, makers))}")
+    return {path: make() for path, make in makers.items() if not wanted or path in wanted}
 
 
-def check(root):
-    differing = [path for path, text in made_files(root).items() if read(root / path) != text]
+def check(root, wanted):
+    differing = [path for path, text in made_files(root, wanted).items() if read(root / path) != text]
     for path in differing:
         print(f"{path} is not what the sources make; {COMMAND} makes it anew", file=sys.stderr)
     return 1 if differing else 0
 
 
-def make(root):
-    for path, text in made_files(root).items():
+def make(root, wanted):
+    for path, text in made_files(root, wanted).items():
         (root / path).parent.mkdir(exist_ok=True)
         (root / path).write_text(text, encoding="utf-8")
     return 0
 
 
 def main():
-    parser = argparse.ArgumentParser(description="Makes what describes the protocol from the header of the records.")
+    parser = argparse.ArgumentParser(
+        description="Makes all that describes the protocol from the header of the records."
+    )
     parser.add_argument("--check", action="store_true", help="fail where a file is not what the sources make")
-    parser.add_argument("--root", type=pathlib.Path, default=ROOT, help="the folder that holds Src, Docs and Protocol")
+    parser.add_argument("--root", type=pathlib.Path, default=ROOT, help="the folder of the source tree")
+    parser.add_argument(
+        "files", metavar="FILE", nargs="*", type=pathlib.Path, help="what to make; all if none is given"
+    )
     options = parser.parse_args()
     try:
-        return check(options.root) if options.check else make(options.root)
+        return (check if options.check else make)(options.root, options.files)
     except (Fault, protocol_fields.HeaderError, OSError, UnicodeDecodeError) as error:
         print(error, file=sys.stderr)
         return 1

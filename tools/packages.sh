@@ -6,6 +6,7 @@ desk_packages=(pkg-config libcli11-dev libasio-dev libfmt-dev nlohmann-json3-dev
     libchafa-dev libexif-dev libglib2.0-dev libpng-dev)
 test_packages=(googletest libjpeg-turbo-progs pmccabe python3 python3-jsonschema)
 dissector_packages=(tshark)
+parser_packages=(python3-kaitaistruct)
 coverage_packages=(gcovr)
 armhf_packages=(g++-arm-linux-gnueabihf qemu-user-static)
 count_packages=(binutils python3 qemu-user valgrind)

@@ -23,9 +23,8 @@ struct Options {
     Endpoint listen; // a socket's path is absolute
     bool empty = false;
     LogOptions log;
-    bool quiet = false;          // tells of no requests
-    bool loops = false;          // begins the capture again that is played
-    std::optional<uint16_t> psm; // where the camera of that capture listens
+    bool quiet = false; // tells of no requests
+    bool loops = false; // begins the capture again that is played
     size_t mtu = 65535;
     std::filesystem::path capture; // absolute; empty for none
     Knobs knobs;                   // at the start

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Forms.h"
+#include "OptionalFields.h"
 
 namespace desk {
 
@@ -14,10 +15,6 @@ namespace {
 using nlohmann::ordered_json;
 
 constexpr std::array color_names = {"red", "green", "blue"};
-
-// What a preset file may leave out: the camera sets it, or it has no meaning for the phone.
-constexpr std::array<std::string_view, 7> optional_entries = {
-    "linked_custom_mode", "screennail_path", "reserved_636", "preset_num", "custom_id", "applocal_id", "server_id"};
 
 // ---- Record to JSON -------------------------------------------------------------------------------------------------
 
@@ -179,10 +176,6 @@ Bytes record_from_json(std::string_view text, const std::string& name, size_t si
 }
 
 } // namespace
-
-bool may_be_left_out(const Field& field) {
-    return std::find(optional_entries.begin(), optional_entries.end(), field.name) != optional_entries.end();
-}
 
 Bytes read_raw(const JsonNode& root, size_t size, Faults& faults) {
     RecordReader reader(size, faults);

@@ -14,9 +14,6 @@ namespace desk {
 
 inline constexpr auto style_block = "cs_info";
 
-// Whether a file may be silent of a field: the camera sets it, or it has no meaning for the phone.
-bool may_be_left_out(const Field& field);
-
 nlohmann::ordered_json to_json(const sm_tag_custom_info& preset);
 nlohmann::ordered_json to_json(const tag_custom_info& preset);
 

@@ -5,6 +5,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "OptionalFields.h"
 #include "PresetJson.h"
 #include "RecordBuilder.h"
 #include "Wire/Record.h"

@@ -12,8 +12,12 @@ using Need = WordEntry::Need;
 
 constexpr int32_t compensation_of_manual = 15; // what a list has there, whatever the camera holds
 
+const Field& field_named(const char* name) {
+    return *std::ranges::find(fields(), name, &Field::name);
+}
+
 size_t offset_of(const char* field) {
-    return std::ranges::find(fields(), field, &Field::name)->offset;
+    return field_named(field).offset;
 }
 
 WordEntry plain(const char* name, const char* field, const char* meaning, Need need = Need::always) {
@@ -73,13 +77,14 @@ WordEntry of_kind(Kind kind, const char* name, const char* field, const char* me
 }
 
 std::vector<WordEntry> fine_adjustments() {
-    const char* const adjusted[] = {"auto_xy",  "auto_tungsten_xy", "daylight_xy", "cloudy_xy", "flu_w_xy", "flu_n_xy",
-                                    "flu_d_xy", "tungsten_xy",      "flash_xy",    "cwb_xy",    "k_xy"};
     std::vector<WordEntry> entries;
-    for (size_t type = 0; type < std::size(adjusted); ++type) {
-        const std::string& name = white_balance_names().at(type);
-        entries.push_back(in_group(adjustments_entry, name.c_str(), adjusted[type],
-                                   "Fine adjustment of this white balance, 0 none", Need::never));
+    for (size_t type = 0; type < adjustment_offsets().size(); ++type) {
+        entries.push_back({.group = adjustments_entry,
+                           .name = white_balance_names().at(type),
+                           .offset = adjustment_offsets()[type],
+                           .kind = Kind::integer,
+                           .need = Need::never,
+                           .meaning = "Fine adjustment of this white balance, 0 none"});
     }
     return entries;
 }
@@ -138,7 +143,8 @@ std::vector<WordEntry> styles_and_settings() {
         plain("continuous_normal", "counti_n_frame", "The camera's own code"),
         plain("burst", "burst_frame", "The camera's own code"),
         plain("bulb", "bulb", "The camera's own code"),
-        integers("reserved", "reserved_636", 6, "Words without a meaning for the phone", Need::never),
+        integers("reserved", "reserved_636", field_named("reserved_636").count, "Words without a meaning for the phone",
+                 Need::never),
         of_kind(Kind::hexadecimal, "origin", "made_id",
                 "Who made the preset; 0x40 a KT camera, and whatever it says of style and white balance stays"),
         plain("number", "preset_num", "Its place in the camera's list, which the camera gives", Need::never),
@@ -152,10 +158,36 @@ std::vector<WordEntry> styles_and_settings() {
 }
 // clang-format on
 
+// Whether a value of the record has words: those of a colour style have them as a row of it.
+bool has_words(const Field& field, const std::vector<WordEntry>& entries) {
+    const auto is_it = [&](const WordEntry& entry) {
+        return entry.offset <= field.offset && field.offset < entry.offset + entry.count * sizeof(int32_t);
+    };
+    const auto is_style_value = [&](const StyleValue& value) { return value.offset == field.offset; };
+    return std::ranges::any_of(entries, is_it) || std::ranges::any_of(style_values(), is_style_value);
+}
+
+// A field that nobody has put into words yet, by its own name and as its numbers.
+WordEntry without_words(const Field& field) {
+    const char* const name = field.name.c_str();
+    constexpr const char* meaning = "The camera's own code";
+    if (field.kind == Field::Kind::word) {
+        return plain(name, name, meaning);
+    }
+    const size_t words = field.kind == Field::Kind::text ? field.count / sizeof(int32_t) : field.words();
+    return integers(name, name, words, meaning);
+}
+
 std::vector<WordEntry> all_entries() {
     std::vector<WordEntry> all = exposure_and_colour();
     for (const auto& part : {fine_adjustments(), styles_and_settings()}) {
         all.insert(all.end(), part.begin(), part.end());
+    }
+    const std::vector<WordEntry> in_words = all;
+    for (const Field& field : fields()) {
+        if (!has_words(field, in_words)) {
+            all.push_back(without_words(field));
+        }
     }
     return all;
 }

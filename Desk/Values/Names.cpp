@@ -45,7 +45,7 @@ const Names& color_style_names() {
     return names;
 }
 
-// In the order in which the record has a fine adjustment for each; the last one is SM_WHITE_BALANCE_KELVIN.
+// The last one is SM_WHITE_BALANCE_KELVIN.
 const Names& white_balance_names() {
     static const Names names = {"auto",
                                 "auto tungsten",
@@ -59,6 +59,17 @@ const Names& white_balance_names() {
                                 "custom",
                                 "Kelvin"};
     return names;
+}
+
+std::span<const size_t> adjustment_offsets() {
+    static constexpr size_t offsets[] = {
+        offsetof(sm_tag_custom_info, auto_xy),     offsetof(sm_tag_custom_info, auto_tungsten_xy),
+        offsetof(sm_tag_custom_info, daylight_xy), offsetof(sm_tag_custom_info, cloudy_xy),
+        offsetof(sm_tag_custom_info, flu_w_xy),    offsetof(sm_tag_custom_info, flu_n_xy),
+        offsetof(sm_tag_custom_info, flu_d_xy),    offsetof(sm_tag_custom_info, tungsten_xy),
+        offsetof(sm_tag_custom_info, flash_xy),    offsetof(sm_tag_custom_info, cwb_xy),
+        offsetof(sm_tag_custom_info, k_xy)};
+    return offsets;
 }
 
 const Names& custom_mode_names() {

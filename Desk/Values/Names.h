@@ -1,6 +1,7 @@
 // Values of a preset that have a name each.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -27,6 +28,9 @@ const Names& mode_names();
 const Names& color_style_names();
 const Names& white_balance_names();
 const Names& custom_mode_names();
+
+// Where the record has the fine adjustment of each white balance, in the order of their names.
+std::span<const size_t> adjustment_offsets();
 
 // The code that a person means, who need not mind upper and lower case.
 std::optional<int32_t> code_of(const Names& names, std::string_view name);

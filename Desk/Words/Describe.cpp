@@ -15,16 +15,6 @@ namespace {
 
 constexpr auto nothing = "-"; // what the camera decides, or what is not there
 
-// The fine adjustment of each white balance.
-constexpr int32_t sm_tag_custom_info::*adjustments[] = {
-    &sm_tag_custom_info::auto_xy,     &sm_tag_custom_info::auto_tungsten_xy,
-    &sm_tag_custom_info::daylight_xy, &sm_tag_custom_info::cloudy_xy,
-    &sm_tag_custom_info::flu_w_xy,    &sm_tag_custom_info::flu_n_xy,
-    &sm_tag_custom_info::flu_d_xy,    &sm_tag_custom_info::tungsten_xy,
-    &sm_tag_custom_info::flash_xy,    &sm_tag_custom_info::cwb_xy,
-    &sm_tag_custom_info::k_xy,
-};
-
 // Fields whose codes are the camera's own: only their numbers can be shown.
 struct Setting {
     const char* label;
@@ -55,9 +45,10 @@ constexpr Setting settings[] = {
 };
 
 std::string adjustments_of(const sm_tag_custom_info& preset) {
+    const Bytes record = encode(preset);
     std::vector<std::string> set;
-    for (size_t type = 0; type < std::size(adjustments); ++type) {
-        if (const int32_t value = preset.*adjustments[type]; value != 0) {
+    for (size_t type = 0; type < adjustment_offsets().size(); ++type) {
+        if (const int32_t value = get_word(record, adjustment_offsets()[type]); value != 0) {
             set.push_back(fmt::format("{} {}", white_balance_names().at(type), value));
         }
     }

@@ -2,11 +2,13 @@
 
 import copy
 import json
+import pathlib
 import subprocess
 import unittest
 
 from desk import DeskTest, entries_of, picture, record_to_json, rich_record, run_phone
 
+SCHEMA = pathlib.Path(__file__).resolve().parents[2] / "Protocol" / "preset.schema.json"
 NOWHERE = "unix:/nowhere/camera.sock"
 ACCEPTED, REFUSED = 3, 2  # a preset file is read before a camera is looked for
 
@@ -42,6 +44,10 @@ class Agreement(DeskTest):
         self.words = json.loads(run_phone(None, "new").stdout)
         self.raw = json.loads(run_phone(None, "new", "--raw").stdout)
         self.image = self.file("x.jpg", picture(1))
+
+    def test_schema_of_the_phone_is_the_one_that_stands_beside_the_protocol(self):
+        with open(SCHEMA, encoding="utf-8") as file:
+            self.assertTrue(file.read().encode() == run_phone(None, "schema").stdout, "run tools/make_protocol.py")
 
     def verdict(self, document):
         path = self.file("x.json", json.dumps(document))

@@ -83,6 +83,7 @@ schema=/usr/share/shotmentor/preset.schema.json
 shotmentor-phone new | grep -qF "\"file://$schema\"" || fail "a preset file does not name its schema"
 [ -s "$schema" ] || fail "there is no schema of preset files"
 [ -s /usr/share/shotmentor/shotmentor.lua ] || fail "there is no dissector for Wireshark"
+[ -s /usr/share/shotmentor/shotmentor.ksy ] || fail "there is no description of the protocol"
 [ -s /usr/share/doc/libshotmentor-dev/html/index.html ] || fail "there is no reference of the headers"
 
 say "the camera and the phone run, with nothing but the packages"

@@ -96,6 +96,14 @@ class Library(Installed):
         for service in SERVICES:
             self.assertIn(f" T {service}\n", exported)
 
+    def test_comes_with_phones_to_copy_and_the_description_that_they_are_made_of(self):
+        share = self.prefix / "share"
+        for name in ("phone.py", "phone.mjs"):
+            installed = share / "doc" / "libshotmentor-dev" / "examples" / name
+            self.assertEqual(installed.read_bytes(), (ROOT / "Examples" / name).read_bytes())
+        description = share / "shotmentor" / "shotmentor.ksy"
+        self.assertEqual(description.read_bytes(), (ROOT / "Protocol" / "shotmentor.ksy").read_bytes())
+
     def build_consumer(self, *options, code=0):
         configured = run("cmake", "-S", CONSUMER, "-B", self.work / "build", *options, code=code)
         if code == 0:

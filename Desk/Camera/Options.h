@@ -30,7 +30,6 @@ struct Options {
     std::filesystem::path capture; // absolute; empty for none
     Knobs knobs;                   // at the start
     std::string replay;            // the capture that is played in the place of a store; empty: none
-    std::optional<uint16_t> psm;   // where the camera of the capture listens
     capture::Pace pace;
     std::optional<Endpoint> control;
     std::vector<ScriptStep> script;

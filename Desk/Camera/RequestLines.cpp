@@ -11,6 +11,7 @@
 #include "Services.h"
 #include "Wire/Frames.h"
 #include "Words/Describe.h"
+#include "Words/Functions.h"
 
 namespace desk::camera {
 namespace {
@@ -200,16 +201,15 @@ RequestLine line_of_deletion(const DoneRequest& request, const Services& service
 
 struct Function {
     int32_t number;
-    const char* name;
     RequestLine (*line)(const DoneRequest&, const Services&);
 };
-constexpr std::array<Function, 7> functions{{{SM_FUNCTION_STATE_OFF, "leave", line_of_leaving},
-                                             {SM_FUNCTION_SEND_LIST, "list", line_of_list},
-                                             {SM_FUNCTION_SEND_PRESET, "picture", line_of_picture},
-                                             {SM_FUNCTION_RECEIVE_PRESET, "store", line_of_store},
-                                             {SM_FUNCTION_UPDATE_PRESET, "rename", line_of_rename},
-                                             {SM_FUNCTION_DELETE_PRESET, "delete", line_of_deletion},
-                                             {SM_FUNCTION_STATE_ON, "link state on", line_of_arriving}}};
+constexpr std::array<Function, 7> functions{{{SM_FUNCTION_STATE_OFF, line_of_leaving},
+                                             {SM_FUNCTION_SEND_LIST, line_of_list},
+                                             {SM_FUNCTION_SEND_PRESET, line_of_picture},
+                                             {SM_FUNCTION_RECEIVE_PRESET, line_of_store},
+                                             {SM_FUNCTION_UPDATE_PRESET, line_of_rename},
+                                             {SM_FUNCTION_DELETE_PRESET, line_of_deletion},
+                                             {SM_FUNCTION_STATE_ON, line_of_arriving}}};
 
 const Function* find_function(int32_t number) {
     const auto* const found = std::ranges::find(functions, number, &Function::number);
@@ -235,15 +235,6 @@ std::string fault_of(const DoneRequest& request) {
 size_t payload_size(const DoneRequest& request) {
     constexpr auto header = static_cast<int32_t>(sizeof(sm_frame));
     return request.total < header ? 0 : static_cast<size_t>(request.total - header);
-}
-
-std::string name_of_function(int32_t function) {
-    const Function* const found = find_function(function);
-    return found != nullptr ? found->name : fmt::format("function {}", function);
-}
-
-std::string counted(size_t count, const char* what) {
-    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }
 
 RequestLine line_of(const DoneRequest& request, const Services& services) {

@@ -34,10 +34,4 @@ struct RequestLine {
 
 RequestLine line_of(const DoneRequest& request, const Services& services);
 
-// "list", "store": what a phone asks for with this function number.
-std::string name_of_function(int32_t function);
-
-// "1 preset", "12 presets".
-std::string counted(size_t count, const char* what);
-
 } // namespace desk::camera

@@ -7,11 +7,13 @@
 #include <fmt/format.h>
 
 #include "ADE_ShotMentor.h"
+#include "Common/Text.h"
 #include "Intake.h"
 #include "RequestLines.h"
 #include "Services.h"
 #include "Talk.h"
 #include "Wire/Record.h"
+#include "Words/Functions.h"
 
 namespace desk::camera {
 namespace {

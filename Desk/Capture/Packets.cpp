@@ -142,7 +142,6 @@ void Packets::note_drops(const BtsnoopRecord& record) {
 HciPacket Packets::packet_of(const BtsnoopRecord& record) {
     HciPacket packet;
     packet.bytes = bytes_;
-    packet.is_cut = record.included_length < record.original_length;
     packet.received = (record.flags & flag_received) != 0;
     if (datalink_ == Datalink::h1) {
         const uint8_t control = packet.received ? hci_event : hci_command;

@@ -16,7 +16,6 @@ struct HciPacket {
     uint8_t kind = 0;      // as in Hci.h; 0 for what else a file may hold
     bool received = false; // by the host whose packets these are
     uint16_t adapter = 0;  // of several
-    bool is_cut = false;   // the file holds its start alone
     std::span<const uint8_t> bytes;
 };
 

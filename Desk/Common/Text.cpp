@@ -87,6 +87,10 @@ std::string one_line(std::string text) {
     return text;
 }
 
+std::string counted(size_t count, const char* what) {
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
 std::string escaped_json(std::string_view document) {
     return replaced(document, [](gunichar character) {
         return character == '\n'                        ? "\n"

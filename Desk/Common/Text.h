@@ -18,6 +18,9 @@ std::string printable_lines(std::string_view text);
 // The text as one line: newlines become blanks.
 std::string one_line(std::string text);
 
+// "1 preset", "12 presets".
+std::string counted(size_t count, const char* what);
+
 // A JSON document with each such character of its texts as an escape sequence, \uXXXX: whoever parses it gets the
 // character back. Newlines between its entries stay. `document` is UTF-8.
 std::string escaped_json(std::string_view document);

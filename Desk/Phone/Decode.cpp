@@ -68,7 +68,7 @@ struct Line {
     uint32_t channel = 0; // 0 where it is of none
     std::string text;
     std::vector<std::string> more;
-    Fields fields;
+    Fields fields = Fields::object();
 };
 
 std::string name_of(const capture::Channel& channel) {

@@ -8,6 +8,7 @@
 
 #include "Common/Text.h"
 #include "Wire/Frames.h"
+#include "Words/Functions.h"
 
 namespace desk::phone {
 namespace {
@@ -230,10 +231,12 @@ bool has_picture(const Message& message) {
 }
 
 std::string function_text(const Message& message) {
-    const auto function = static_cast<uint32_t>(message.function);
-    return capture::is_reply(message.function)
-               ? fmt::format("function {:#x}: the reply to {}", function, message.function - SM_REPLY)
-               : fmt::format("function {}", message.function);
+    if (capture::is_reply(message.function)) {
+        return fmt::format("function {:#x}: the reply to {}", message.function, message.function - SM_REPLY);
+    }
+    const std::string number = fmt::format("function {}", message.function);
+    const std::string name = name_of_function(message.function);
+    return name == number ? number : fmt::format("{}: {}", number, name);
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include "PresetFiles/Forms.h"
 #include "Wire/Frames.h"
 #include "Words/Describe.h"
+#include "Words/Functions.h"
 #include "Words/Results.h"
 
 namespace desk::phone {
@@ -185,24 +186,23 @@ MessageWords words_of_busy(const Message&, Form) {
 
 struct Function {
     int32_t number;
-    const char* name;
     MessageWords (*words)(const Message&, Form);
 };
 
 constexpr Function functions[] = {
-    {SM_FUNCTION_STATE_OFF, "leave", words_of_leaving},
-    {SM_FUNCTION_SEND_LIST, "list", words_of_list},
-    {SM_FUNCTION_SEND_PRESET, "picture", words_of_picture},
-    {SM_FUNCTION_RECEIVE_PRESET, "store", words_of_store},
-    {SM_FUNCTION_UPDATE_PRESET, "rename", words_of_rename},
-    {SM_FUNCTION_DELETE_PRESET, "delete", words_of_deletion},
-    {SM_FUNCTION_STATE_ON, "link state on", words_of_arriving},
-    {SM_REPLY + SM_FUNCTION_SEND_LIST, "list", words_of_listing},
-    {SM_REPLY + SM_FUNCTION_SEND_PRESET, "picture", words_of_found_picture},
-    {SM_REPLY + SM_FUNCTION_RECEIVE_PRESET, "store", words_of_stored},
-    {SM_REPLY + SM_FUNCTION_UPDATE_PRESET, "rename", words_of_renamed},
-    {SM_REPLY + SM_FUNCTION_DELETE_PRESET, "delete", words_of_deleted},
-    {busy_function, "busy", words_of_busy},
+    {SM_FUNCTION_STATE_OFF, words_of_leaving},
+    {SM_FUNCTION_SEND_LIST, words_of_list},
+    {SM_FUNCTION_SEND_PRESET, words_of_picture},
+    {SM_FUNCTION_RECEIVE_PRESET, words_of_store},
+    {SM_FUNCTION_UPDATE_PRESET, words_of_rename},
+    {SM_FUNCTION_DELETE_PRESET, words_of_deletion},
+    {SM_FUNCTION_STATE_ON, words_of_arriving},
+    {SM_REPLY + SM_FUNCTION_SEND_LIST, words_of_listing},
+    {SM_REPLY + SM_FUNCTION_SEND_PRESET, words_of_found_picture},
+    {SM_REPLY + SM_FUNCTION_RECEIVE_PRESET, words_of_stored},
+    {SM_REPLY + SM_FUNCTION_UPDATE_PRESET, words_of_renamed},
+    {SM_REPLY + SM_FUNCTION_DELETE_PRESET, words_of_deleted},
+    {busy_function, words_of_busy},
 };
 
 const Function* find_function(int32_t number) {
@@ -210,24 +210,18 @@ const Function* find_function(int32_t number) {
     return found == std::end(functions) ? nullptr : found;
 }
 
-std::string name_of(int32_t number) {
-    const Function* const found = find_function(number);
-    return found != nullptr            ? found->name
-           : capture::is_reply(number) ? fmt::format("function {:#x}", number)
-                                       : fmt::format("function {}", number);
-}
-
 // What a message says that is there as a whole.
 MessageWords said_in(const Message& message, Form form) {
     const Function* const function = find_function(message.function);
     if (function == nullptr) {
-        return {fmt::format("{} of {} bytes", name_of(message.function), message.total), {}, Fields::object()};
+        return {fmt::format("{} of {} bytes", name_of_function(message.function), message.total), {}, Fields::object()};
     }
     try {
         return function->words(message, form);
     } catch (const Failure& failure) { // a reply that breaks the protocol
-        return {
-            fmt::format("{}: faulty: {}", function->name, printable(failure.what())), {}, {{"fault", failure.what()}}};
+        return {fmt::format("{}: faulty: {}", name_of_function(message.function), printable(failure.what())),
+                {},
+                {{"fault", failure.what()}}};
     }
 }
 
@@ -274,7 +268,7 @@ MessageWords words_of_whole(const Message& message, Form form) {
 // One that is thrown away says nothing.
 MessageWords words_of_refused(const Message& message) {
     MessageWords words = {
-        fmt::format("{} of {} bytes", name_of(message.function), message.total), {}, Fields::object()};
+        fmt::format("{} of {} bytes", name_of_function(message.function), message.total), {}, Fields::object()};
     words.text += size_text(message);
     add_remarks(words, message);
     return words;
@@ -284,7 +278,7 @@ MessageWords words_of_cut(const Message& message) {
     const bool has_header = message.arrived >= header;
     MessageWords words;
     words.fields["cut_off"] = message.fault;
-    words.text = has_header ? fmt::format("{}: cut off after {} of {} bytes, {}", name_of(message.function),
+    words.text = has_header ? fmt::format("{}: cut off after {} of {} bytes, {}", name_of_function(message.function),
                                           message.arrived, message.total, message.fault)
                             : fmt::format("cut off within a header, after {}: {}", counted(message.arrived, "byte"),
                                           message.fault);
@@ -293,7 +287,7 @@ MessageWords words_of_cut(const Message& message) {
 
 MessageWords words_of_unanswered(const Message& message, Form form) {
     const bool is_picture = message.function == SM_FUNCTION_SEND_PRESET; // the others are too long to be said again
-    return {fmt::format("{}: no reply", is_picture ? said_in(message, form).text : name_of(message.function)),
+    return {fmt::format("{}: no reply", is_picture ? said_in(message, form).text : name_of_function(message.function)),
             {},
             {{"request_record", message.last_record}}};
 }
@@ -332,15 +326,11 @@ const char* kind_of(const Message& message) {
 
 } // namespace
 
-std::string counted(size_t count, const char* what) {
-    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
-}
-
 MessageWords words_of(const Message& message, Form form) {
     MessageWords words = words_by_fate(message, form);
     Fields fields = {
         {"kind", kind_of(message)},        {"sender", message.sender == capture::Side::phone ? "phone" : "camera"},
-        {"function", message.function},    {"name", name_of(message.function)},
+        {"function", message.function},    {"name", name_of_function(message.function)},
         {"total", message.total},          {"bytes", message.arrived},
         {"packets", message.packet_sizes}, {"record", message.last_record}};
     if (message.waited) {

@@ -11,14 +11,11 @@
 namespace desk::phone {
 
 struct MessageWords {
-    std::string text;              // one line
-    std::vector<std::string> more; // a line for each preset of a list
-    nlohmann::ordered_json fields; // the same for a program: an object
+    std::string text;                                                 // one line
+    std::vector<std::string> more;                                    // a line for each preset of a list
+    nlohmann::ordered_json fields = nlohmann::ordered_json::object(); // the same for a program
 };
 
 MessageWords words_of(const capture::Message& message, Form form);
-
-// "1 preset", "12 presets".
-std::string counted(size_t count, const char* what);
 
 } // namespace desk::phone

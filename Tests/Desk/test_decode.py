@@ -22,7 +22,7 @@ from captures import (  # noqa: E402
 )  # fmt: skip
 from desk import (  # noqa: E402
     BUSY_FRAME, DELETE, LIST, PATIENCE, PICTURE, REPLY, STATE_OFF, STATE_ON, STORE, UPDATE, DeskTest, changed,
-    environment_of_programs, list_reply, measure_phone, most_of_phone, phone_record, picture, picture_request,
+    environment_of_programs, list_reply, measure_phone, phone_record, picture, picture_request,
     request, run_on_terminal, run_phone,
 )  # fmt: skip
 from desk import PHONE as PROGRAM  # noqa: E402
@@ -32,6 +32,7 @@ DOCUMENTED = {0, 2, NOTHING, CUT}
 UNIVERSAL = {"TZ": "UTC"}
 DAY = "2023-11-14\n"
 MEMORY = 24 << 20  # of decoding: its program, and a message of each side
+MEMORY_OF_SANITIZER = 150 << 20  # its own comes on top
 
 
 def words(*values):
@@ -343,7 +344,7 @@ class Hex(Decoding):
         self.assertEqual(
             [line[4:] for line in self.decode(capture, "--hex").splitlines() if line[4:6] in ("> ", "< ")],
             [
-                "> 02 00 00 00            function 2",
+                "> 02 00 00 00            function 2: picture",
                 "> 10 00 00 00            total length: 16",
                 "> 01 00 00 00            custom_id: 1",
                 "> 4d 00 00 00            the phone's own id of it: 77",
@@ -522,8 +523,10 @@ class Links(Decoding):
         capture.connect()
         capture.configure(ENHANCED)
         for number in range(130):
-            capture.send_numbered(PHONE, request(STATE_ON), number % 64)
-        self.assertEqual(self.said(capture)[1:], ["1 phone: link state on (8 bytes)"] * 130)
+            for _ in range(1 + number % 2):  # each second one comes twice
+                capture.send_numbered(PHONE, request(UPDATE, changed(DUSK, custom_id=number)), number % 64)
+        renamed = [one["custom_id"] for one in self.objects(capture) if one["kind"] == "request"]
+        self.assertEqual(renamed, list(range(130)))
 
     def test_of_others_are_passed_over(self):
         generator = random.Random(3)
@@ -583,6 +586,11 @@ class Faulty(Decoding):
                 self.assertEnds(done, 2)
                 self.assertIn(line, done.stderr.decode())
                 self.assertEqual((done.stdout, done.stderr.count(b"\n")), (b"", 1))
+
+    def test_a_file_has_to_be_named(self):
+        done = run_phone("", "decode")
+        self.assertEnds(done, 2)
+        self.assertIn("FILE is required", done.stderr.decode())
 
     def test_files_that_cannot_be_read_are_named(self):
         for path in (os.path.join(self.folder, "none"), self.folder):
@@ -829,7 +837,7 @@ class Streams(Decoding):
         done = measure_phone("", "decode", path, timeout=60)
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertIn(b"link state on", done.stdout)
-        self.assertLess(done.peak, most_of_phone(MEMORY))
+        self.assertLess(done.peak, MEMORY_OF_SANITIZER if is_sanitized() else MEMORY)
 
     def test_with_a_picture_of_16_megabytes_are_read_in_little_memory(self):
         size = 16 << 20
@@ -844,7 +852,7 @@ class Streams(Decoding):
         done = measure_phone("", "decode", path)
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertIn(f"cut off after {12 + size // 60000 * 60000} of {size} bytes", done.stdout.decode())
-        self.assertLess(done.peak, most_of_phone(MEMORY))
+        self.assertLess(done.peak, MEMORY_OF_SANITIZER if is_sanitized() else MEMORY)
 
 
 def every_message():

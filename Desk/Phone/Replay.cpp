@@ -85,7 +85,9 @@ void Replay::tell(const std::string& line) const {
 }
 
 void Replay::connect(const Exchange& exchange) {
-    wait_as_then(exchange.packets.empty() ? Packet{} : exchange.packets.front());
+    if (!exchange.packets.empty()) {
+        wait_as_then(exchange.packets.front());
+    }
     connection_ = exchange.connection;
     tell(fmt::format("connection {}", connection_));
     camera_.emplace(Side::camera, exchange.keeps_message_boundaries);
@@ -144,7 +146,7 @@ void Replay::send_packet(std::span<const uint8_t> packet) {
 
 // The time between two packets of the capture.
 void Replay::wait_as_then(const Packet& packet) {
-    if (last_time_ && packet.time != 0) {
+    if (last_time_) {
         std::this_thread::sleep_for(capture::pause_between(options_.pace, *last_time_, packet.time));
     }
     last_time_ = packet.time;

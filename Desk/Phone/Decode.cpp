@@ -37,7 +37,7 @@ struct Moment {
 Moment moment_of(int64_t time, std::tm* (*parts_of)(const std::time_t*, std::tm*)) {
     Moment moment;
     moment.fraction = (time % microseconds + microseconds) % microseconds;
-    const std::time_t seconds = time / microseconds - (time % microseconds < 0 ? 1 : 0);
+    const auto seconds = static_cast<std::time_t>(time / microseconds - (time % microseconds < 0 ? 1 : 0));
     parts_of(&seconds, &moment.parts);
     return moment;
 }

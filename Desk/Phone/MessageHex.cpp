@@ -19,6 +19,7 @@ constexpr size_t header = sizeof(sm_frame);
 constexpr size_t word = sizeof(int32_t);
 constexpr size_t record = sizeof(sm_tag_custom_info);
 constexpr size_t in_a_line = 16;
+constexpr size_t usual_column = 23; // where the meaning begins
 
 std::string digits_of(std::span<const uint8_t> bytes) {
     return fmt::format("{:02x}", fmt::join(bytes, " "));
@@ -77,7 +78,9 @@ class Lines {
 
   private:
     void add_line(const std::string& digits, const std::string& meaning) {
-        lines_.push_back(fmt::format("{} {:<22} {}", mark_, digits, meaning));
+        const size_t column = std::max(digits.size() + 4, usual_column);
+        lines_.push_back(meaning.empty() ? fmt::format("{} {}", mark_, digits)
+                                         : fmt::format("{} {:<{}}{}", mark_, digits, column, meaning));
     }
 
     const Message& message_;

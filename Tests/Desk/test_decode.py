@@ -26,6 +26,7 @@ from desk import (  # noqa: E402
     request, run_on_terminal, run_phone,
 )  # fmt: skip
 from desk import PHONE as PROGRAM  # noqa: E402
+from test_worked_packets import bytes_of, steps_of_page  # noqa: E402
 
 CUT, NOTHING = 35, 9
 DOCUMENTED = {0, 2, NOTHING, CUT}
@@ -368,13 +369,25 @@ class Hex(Decoding):
     def test_has_every_byte_of_a_list_once_and_in_order(self):
         generator = random.Random(5)
         data = list_reply([bytes(generator.choices(range(256), [600, *[1] * 255], k=744)) for _ in range(3)])
-        shown = b""
-        for line in self.decode(conversation((CAMERA, data)), "--hex").splitlines():
-            for byte, _, count in (
-                re.findall(r"([0-9a-f]{2})( x (\d+))?(?= |$)", line[6:].split("  ")[0]) if line[4:6] == "< " else ()
-            ):
-                shown += bytes.fromhex(byte) * int(count or 1)
-        self.assertEqual(shown.hex(), data.hex())
+        self.assertEqual(shown_bytes(self.decode(conversation((CAMERA, data)), "--hex"), "<").hex(), data.hex())
+
+    def test_has_the_bytes_of_the_worked_packets(self):
+        for step in steps_of_page():
+            if step.sent is None:
+                continue
+            with self.subTest(line=step.line):
+                packets = [(PHONE, step.sent[begin : begin + 60000]) for begin in range(0, len(step.sent), 60000)]
+                text = self.decode(conversation(*packets, (CAMERA, step.answer or b"")), "--hex")
+                # A picture is left out, and of what is thrown away all but its first 752 bytes.
+                is_store, is_picture = step.sent[:4] == words(STORE), (step.answer or b"")[:4] == words(REPLY + PICTURE)
+                self.assertEqual(shown_bytes(text, ">"), step.sent[: 752 if is_store else None])
+                self.assertEqual(shown_bytes(text, "<"), (step.answer or b"")[: 12 if is_picture else None])
+
+
+def shown_bytes(text, mark):
+    """The bytes of what one side has sent, as the lines with this mark have them."""
+    digits = [re.split(r" {3,}", line[6:])[0] for line in text.splitlines() if line[4:6] == mark + " "]
+    return b"".join(bytes_of(part) for part in digits if part != "...")
 
 
 class Links(Decoding):

@@ -23,13 +23,13 @@ struct Options {
     Endpoint listen; // a socket's path is absolute
     bool empty = false;
     LogOptions log;
-    bool quiet = false; // tells of no requests
-    bool loops = false; // begins the capture again that is played
+    bool quiet = false;          // tells of no requests
+    bool loops = false;          // begins the capture again that is played
+    std::optional<uint16_t> psm; // where the camera of that capture listens
     size_t mtu = 65535;
     std::filesystem::path capture; // absolute; empty for none
     Knobs knobs;                   // at the start
     std::string replay;            // the capture that is played in the place of a store; empty: none
-    std::optional<uint16_t> psm;   // where the camera of the capture listens
     capture::Pace pace;
     std::optional<Endpoint> control;
     std::vector<ScriptStep> script;

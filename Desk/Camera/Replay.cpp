@@ -94,8 +94,8 @@ void Play::run() {
     end(Ending::unknown);
     source_.check_whole();
     const size_t differences = differences_ - differences_before_;
-    tell(fmt::format("the capture is at its end: {}, {}", capture::counted(requests_, "request"),
-                     differences == 0 ? "no difference" : capture::counted(differences, "difference")));
+    tell(fmt::format("the capture is at its end: {}, {}", counted(requests_, "request"),
+                     differences == 0 ? "no difference" : counted(differences, "difference")));
 }
 
 std::optional<Exchange> Play::next() {
@@ -181,7 +181,7 @@ std::optional<Exchange> Play::other_request(const Exchange& exchange, std::span<
         differ(line + "; the capture has no answer to that further on, so it gets none");
         return std::nullopt;
     }
-    differ(fmt::format("{}; {} left out", line, capture::counted(*place + 1 - place_, "request")));
+    differ(fmt::format("{}; {} left out", line, counted(*place + 1 - place_, "request")));
     std::optional<Exchange> later;
     while (place_ <= *place) {
         later = next();

@@ -8,6 +8,7 @@
 #include "Common/Text.h"
 #include "Wire/Frames.h"
 #include "Words/Describe.h"
+#include "Words/Functions.h"
 
 namespace desk::capture {
 namespace {
@@ -17,19 +18,15 @@ constexpr size_t record_size = sizeof(sm_tag_custom_info);
 
 using Payload = std::span<const uint8_t>;
 
-std::string leaving_in_words(const char* name, Payload payload) {
+std::string leaving_in_words(const std::string& name, Payload payload) {
     return payload.size() < sizeof(int32_t) ? name : fmt::format("{}, code {}", name, get_word(payload, 0));
 }
 
-std::string name_alone(const char* name, Payload /*payload*/) {
-    return name;
-}
-
-std::string picture_in_words(const char* name, Payload payload) {
+std::string picture_in_words(const std::string& name, Payload payload) {
     return payload.size() < sizeof(int32_t) ? name : fmt::format("{} of id {}", name, get_word(payload, 0));
 }
 
-std::string storing_in_words(const char* name, Payload payload) {
+std::string storing_in_words(const std::string& name, Payload payload) {
     if (payload.size() < record_size) {
         return fmt::format("{} of {}", name, counted(payload.size(), "byte"));
     }
@@ -37,7 +34,7 @@ std::string storing_in_words(const char* name, Payload payload) {
                        counted(payload.size() - record_size, "byte"));
 }
 
-std::string renaming_in_words(const char* name, Payload payload) {
+std::string renaming_in_words(const std::string& name, Payload payload) {
     if (payload.size() < record_size) {
         return fmt::format("{} of {}", name, counted(payload.size(), "byte"));
     }
@@ -45,26 +42,23 @@ std::string renaming_in_words(const char* name, Payload payload) {
     return fmt::format("{} id {} to \"{}\"", name, record.custom_id, title_text(record));
 }
 
-std::string deletion_in_words(const char* name, Payload payload) {
+std::string deletion_in_words(const std::string& name, Payload payload) {
     return fmt::format("{} {}", name, counted(payload.size() / sizeof(sm_delete_pair), "preset"));
 }
 
-struct Function {
-    int32_t number;
-    const char* name;
-    std::string (*in_words)(const char* name, Payload payload);
+struct Wording {
+    int32_t function;
+    std::string (*in_words)(const std::string& name, Payload payload);
 };
-constexpr std::array<Function, 7> functions{{{SM_FUNCTION_STATE_OFF, "leave", leaving_in_words},
-                                             {SM_FUNCTION_SEND_LIST, "list", name_alone},
-                                             {SM_FUNCTION_SEND_PRESET, "picture", picture_in_words},
-                                             {SM_FUNCTION_RECEIVE_PRESET, "store", storing_in_words},
-                                             {SM_FUNCTION_UPDATE_PRESET, "rename", renaming_in_words},
-                                             {SM_FUNCTION_DELETE_PRESET, "delete", deletion_in_words},
-                                             {SM_FUNCTION_STATE_ON, "link state on", name_alone}}};
+constexpr std::array<Wording, 5> wordings{{{SM_FUNCTION_STATE_OFF, leaving_in_words},
+                                           {SM_FUNCTION_SEND_PRESET, picture_in_words},
+                                           {SM_FUNCTION_RECEIVE_PRESET, storing_in_words},
+                                           {SM_FUNCTION_UPDATE_PRESET, renaming_in_words},
+                                           {SM_FUNCTION_DELETE_PRESET, deletion_in_words}}};
 
-const Function* find_function(int32_t number) {
-    const auto* const found = std::ranges::find(functions, number, &Function::number);
-    return found == functions.end() ? nullptr : found;
+bool is_known(int32_t function) {
+    return (function >= SM_FUNCTION_STATE_OFF && function <= SM_FUNCTION_DELETE_PRESET) ||
+           function == SM_FUNCTION_STATE_ON;
 }
 
 } // namespace
@@ -73,22 +67,20 @@ std::string name_of_message(int32_t function) {
     if (function == busy_function) {
         return "busy";
     }
-    const bool is_reply = function >= SM_REPLY && function <= SM_REPLY + SM_FUNCTION_LAST;
-    const Function* const known = find_function(is_reply ? function - SM_REPLY : function);
-    return known != nullptr ? known->name : fmt::format("function {}", function);
+    return name_of_function(function);
 }
 
 std::string request_in_words(std::span<const uint8_t> request) {
     if (request.size() < header_size) {
         return fmt::format("the first {} of a request", counted(request.size(), "byte"));
     }
-    const Function* const known = find_function(function_of(request));
-    return known != nullptr ? known->in_words(known->name, request.subspan(header_size))
-                            : fmt::format("function {} of {} bytes", function_of(request), total_of(request));
-}
-
-std::string counted(size_t count, const char* what) {
-    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+    const int32_t function = function_of(request);
+    if (!is_known(function)) {
+        return fmt::format("function {} of {} bytes", function, total_of(request));
+    }
+    const auto* const wording = std::ranges::find(wordings, function, &Wording::function);
+    return wording == wordings.end() ? name_of_function(function)
+                                     : wording->in_words(name_of_function(function), request.subspan(header_size));
 }
 
 } // namespace desk::capture

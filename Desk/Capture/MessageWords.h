@@ -13,7 +13,4 @@ std::string name_of_message(int32_t function);
 // "store \"Dusk\", picture of 141 bytes"; of a request that is cut off, what of it is there.
 std::string request_in_words(std::span<const uint8_t> request);
 
-// "1 byte", "12 bytes".
-std::string counted(size_t count, const char* what);
-
 } // namespace desk::capture

@@ -13,6 +13,7 @@
 #include "Capture/MessageWords.h"
 #include "Capture/Playable.h"
 #include "Common/Failure.h"
+#include "Common/Text.h"
 #include "Options.h"
 #include "Output.h"
 #include "Reporting.h"
@@ -268,7 +269,7 @@ bool CaptureDiff::differ_in_cut(const std::string& name, const Item& before, con
         return false;
     }
     const auto text = [](const Item& item) {
-        return item.is_cut_off ? fmt::format("cut off after {}", capture::counted(item.message.size(), "byte"))
+        return item.is_cut_off ? fmt::format("cut off after {}", counted(item.message.size(), "byte"))
                                : std::string("whole");
     };
     differ(fmt::format("{}: was {}, is {}", name, text(before), text(now)));

@@ -389,12 +389,11 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     const bool lacks_something = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
     const CLI::Option* connect = app.get_option("--connect");
     if (lacks_something && app.get_subcommands().empty()) {
-        return {
-            exit_usage,
-            fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
-                        "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new, schema or "
-                        "decode; see shotmentor-phone --help",
-                        connect_variable)};
+        return {exit_usage,
+                fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
+                            "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new, schema "
+                            "or decode; see shotmentor-phone --help",
+                            connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {
         return {exit_usage,

@@ -11,6 +11,7 @@
 #include "Capture/Playable.h"
 #include "Capture/Recut.h"
 #include "Common/Failure.h"
+#include "Common/Text.h"
 #include "Options.h"
 #include "Output.h"
 #include "ReplayLink.h"
@@ -84,7 +85,9 @@ void Replay::tell(const std::string& line) const {
 }
 
 void Replay::connect(const Exchange& exchange) {
-    wait_as_then(exchange.packets.empty() ? Packet{} : exchange.packets.front());
+    if (!exchange.packets.empty()) {
+        wait_as_then(exchange.packets.front());
+    }
     connection_ = exchange.connection;
     tell(fmt::format("connection {}", connection_));
     camera_.emplace(Side::camera, exchange.keeps_message_boundaries);
@@ -143,7 +146,7 @@ void Replay::send_packet(std::span<const uint8_t> packet) {
 
 // The time between two packets of the capture.
 void Replay::wait_as_then(const Packet& packet) {
-    if (last_time_ && packet.time != 0) {
+    if (last_time_) {
         std::this_thread::sleep_for(capture::pause_between(options_.pace, *last_time_, packet.time));
     }
     last_time_ = packet.time;
@@ -165,7 +168,7 @@ void Replay::expect_message(const Bytes& before) {
     const std::string name =
         fmt::format("reply {} ({})", replies_, capture::name_of_message(capture::function_of(before)));
     const Bytes now = next_answer(name, capture::function_of(before));
-    tell(fmt::format("{}: {}", name, capture::counted(now.size(), "byte")));
+    tell(fmt::format("{}: {}", name, counted(now.size(), "byte")));
     for (const std::string& line : comparison_.of_replies(before, now)) {
         differ(fmt::format("{}: {}", name, line));
     }
@@ -248,8 +251,7 @@ void print_planned(const Exchange& exchange, int64_t start, size_t replies) {
     const double seconds = static_cast<double>(exchange.packets.front().time - start) / 1e6;
     print(fmt::format("  {:.3f} s  {}: {} in {}{}\n", seconds,
                       exchange.is_request ? capture::request_in_words(request) : "the rest of the request",
-                      capture::counted(request.size(), "byte"),
-                      capture::counted(packets_of(exchange, Side::phone), "packet"),
+                      counted(request.size(), "byte"), counted(packets_of(exchange, Side::phone), "packet"),
                       replies == 0 ? ""
                                    : fmt::format(", then waits for {}",
                                                  replies == 1 ? "1 reply" : fmt::format("{} replies", replies))));
@@ -274,10 +276,9 @@ int plan(const Options& options) {
 }
 
 std::string summary(const Replay& replay) {
-    return fmt::format("{} sent, {} compared: {}", capture::counted(replay.requests(), "request"),
+    return fmt::format("{} sent, {} compared: {}", counted(replay.requests(), "request"),
                        replay.replies() == 1 ? "1 reply" : fmt::format("{} replies", replay.replies()),
-                       replay.differences() == 0 ? "no difference"
-                                                 : capture::counted(replay.differences(), "difference"));
+                       replay.differences() == 0 ? "no difference" : counted(replay.differences(), "difference"));
 }
 
 } // namespace

@@ -15,7 +15,8 @@ import unittest
 
 from desk import (
     BUSY_FRAME, CAMERA, LIST, PATIENCE, PICTURE, REPLY, STATE_OFF, STATE_ON, STORE, UPDATE, DeskTest, FakeCamera, Link,
-    changed, delete_reply, delete_request, environment_of_programs, get, list_reply, phone_record, picture,
+    changed, delete_reply, delete_request, environment_of_programs, get, list_reply, measure_phone,
+    most_of_phone, phone_record, picture,
     picture_request, records_in, request, rich_record, run_phone, store_request, store_result, update_request,
 )  # fmt: skip
 
@@ -872,6 +873,18 @@ class BadCaptures(ReplayTest):
         self.assertIn(b"1 request sent, 1 reply compared: no difference", done.stderr)
         self.assertIn(b"was not read in full", done.stderr)
         self.assertEqual(camera.requests, [request(LIST)])
+
+    def test_the_longest_picture_is_compared_in_little_memory(self):
+        talk = Recording()
+        talk.begin()
+        talk.phone(picture_request(5))
+        talk.camera(request(REPLY + PICTURE, struct.pack("<i", 5) + bytes((16 << 20) - 12)))
+        talk.phone(request(LIST))
+        talk.camera(list_reply([]))
+        capture = self.capture(talk)
+        done = measure_phone(None, "decode", capture, "--diff", capture)
+        self.assertEqual((done.returncode, done.stdout), (0, b""))
+        self.assertLess(done.peak, most_of_phone(100_000_000))
 
     def test_mutated_captures_end_as_is_documented(self):
         whole, dice = self.short().bytes(), random.Random(20261122)

@@ -12,7 +12,7 @@ mapfile -t c_files < <(git ls-files '*.c' '*.cpp' '*.h')
 mapfile -t python_files < <(git ls-files '*.py')
 mapfile -t shell_files < <(git ls-files '*.sh' .ci/run)
 mapfile -t cmake_files < <(git ls-files '*CMakeLists.txt' '*.cmake')
-mapfile -t all_files < <(git ls-files ':!Fuzz/corpus' ':!ABI/*.abi' ':!*.svg' ':!*.schema.json')
+mapfile -t all_files < <(git ls-files ':!Fuzz/corpus' ':!ABI/*.abi' ':!*.btsnoop' ':!*.svg' ':!*.schema.json')
 
 failed=()
 # Usage: check WHAT COMMAND...

@@ -374,7 +374,7 @@ class ReadByTshark(CaptureTest):
             raise unittest.SkipTest("tshark is missing: install the Debian package tshark to read captures with it")
 
     def shown(self, path=None):
-        seen = captures.show(File(path or self.capture), "-o", "shotmentor.channel:22")
+        seen = captures.show(File(path or self.capture))
         self.assertEqual(seen.exit_code, 0, seen.errors)
         names = [node.get("name") for packet in seen.frames for node in packet.iter()]
         self.assertGreater(len(seen.frames), 7)

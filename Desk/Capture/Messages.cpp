@@ -125,6 +125,12 @@ void Messages::end(Conversation& conversation, const std::string& why) {
 
 // ---- From packets to messages ---------------------------------------------------------------------------------------
 
+// Bytes behind a request that has jammed the camera begin another one only if they hold its header.
+bool Messages::are_nobodys(const Conversation& conversation, const Event& event, std::span<const uint8_t> bytes) {
+    return conversation.is_jammed && event.sender == Side::phone && event.channel.keeps_message_boundaries() &&
+           !bytes.empty() && bytes.size() < header;
+}
+
 void Messages::take_packet(const Event& event) {
     Conversation& conversation = conversations_[event.channel.number];
     Direction& direction = conversation.directions[index_of(event.sender)];
@@ -137,6 +143,11 @@ void Messages::take_packet(const Event& event) {
         if (is_complete(*direction.message)) {
             check_end(*direction.message, !bytes.empty());
             complete(conversation, direction);
+            if (are_nobodys(conversation, event, bytes)) {
+                take_piece(direction, event, bytes);
+                cut_off(direction, "the packet ends");
+                return;
+            }
         }
     }
 }

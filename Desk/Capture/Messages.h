@@ -87,6 +87,7 @@ class Messages {
     void take_packet(const Event& event);
     static Message begun(const Event& event);
     std::span<const uint8_t> take_piece(Direction& direction, const Event& event, std::span<const uint8_t> bytes) const;
+    static bool are_nobodys(const Conversation& conversation, const Event& event, std::span<const uint8_t> bytes);
     static bool is_complete(const Message& message);
     void add(Message& message, std::span<const uint8_t> bytes) const;
     static void note_packet(Message& message, const Event& event, size_t size);

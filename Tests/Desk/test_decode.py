@@ -161,6 +161,8 @@ class Lines(Decoding):
                 capture = conversation((PHONE, sent), (PHONE, request(LIST)))
                 said = self.said(capture)
                 self.assertEqual(said[1], "1 phone: " + line)
+                unheard = "1 phone: list (8 bytes); no reply, the camera answers nothing until the phone disconnects"
+                self.assertIn(unheard, said)
 
     def test_tell_of_a_request_after_a_jam_that_it_is_not_heard_until_the_phone_connects_again(self):
         capture = conversation((PHONE, words(1, 7)), (PHONE, request(LIST)))

@@ -9,6 +9,8 @@
 #include <system_error>
 #include <utility>
 
+#include "Common/Repeated.h"
+
 namespace fs = std::filesystem;
 
 namespace desk::camera {
@@ -21,10 +23,7 @@ namespace {
 // The result of a system call, made again where a signal came in between. -1 is thrown.
 template<class Call>
 auto checked(const fs::path& path, Call call) {
-    auto result = call();
-    while (result < 0 && errno == EINTR) {
-        result = call();
-    }
+    const auto result = repeated(call);
     if (result < 0) {
         throw_system_error(path);
     }

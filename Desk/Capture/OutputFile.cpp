@@ -14,6 +14,7 @@
 
 #include "Btsnoop.h"
 #include "Common/Failure.h"
+#include "Common/Repeated.h"
 #include "Common/Text.h"
 
 namespace desk::capture {
@@ -25,16 +26,6 @@ constexpr int pipe_size = 1 << 20; // what anybody may ask for: several of the l
 
 // Without waiting: a pipe would keep the program until somebody reads it.
 constexpr int open_flags = O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-
-// A system call, again where a signal has interrupted it.
-template<class Call>
-auto repeated(Call call) {
-    auto result = call();
-    while (result < 0 && errno == EINTR) {
-        result = call();
-    }
-    return result;
-}
 
 Failure failure_of(ExitCode code, const std::string& path, const std::string& why) {
     return {code, fmt::format("cannot write the capture {}: {}", printable(path), why)};

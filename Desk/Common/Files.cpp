@@ -14,6 +14,7 @@
 
 #include "Descriptor.h"
 #include "Failure.h"
+#include "Repeated.h"
 #include "Text.h"
 
 namespace desk {
@@ -46,16 +47,6 @@ std::string read_error() {
 
 std::string write_error() {
     return fmt::format("{}; see that its folder is there, may be written and has room", std::strerror(errno));
-}
-
-// A system call, again where a signal has interrupted it.
-template<class Call>
-auto repeated(Call call) {
-    auto result = call();
-    while (result < 0 && errno == EINTR) {
-        result = call();
-    }
-    return result;
 }
 
 Descriptor open_file(const std::string& path, int flags, mode_t mode = 0) {

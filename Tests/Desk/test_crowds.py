@@ -62,6 +62,13 @@ def asks_without_reading(link, custom_id, count=60):
         link.send(picture_request(custom_id))
 
 
+def half_close(link):
+    """The phone sends nothing more, and the camera's side knows. On TCP of a busy machine that may come later than
+    another phone's connection."""
+    link.socket.shutdown(socket.SHUT_WR)
+    time.sleep(0.1)
+
+
 def seconds_until_busy(link):
     start = time.monotonic()
     answer = link.receive()
@@ -98,14 +105,14 @@ class Crowd(DeskTest):
         link = camera.link()
         self.addCleanup(link.close)
         asks_without_reading(link, custom_id)
-        link.socket.shutdown(socket.SHUT_WR)
+        half_close(link)
         return link
 
     def half_closed(self, camera):
         """A phone that connects and has nothing to send."""
         link = Link(camera.url)
         self.addCleanup(link.close)
-        link.socket.shutdown(socket.SHUT_WR)
+        half_close(link)
         return link
 
     def taken_in(self, camera):

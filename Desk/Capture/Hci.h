@@ -15,6 +15,13 @@ constexpr uint8_t event_connection_complete = 0x03;
 constexpr uint8_t event_disconnection_complete = 0x05;
 constexpr uint8_t event_le_meta = 0x3e;
 
+// Why a connection ended, as the adapter says whose file it is.
+constexpr uint8_t reason_lost = 0x08; // it took too long
+constexpr uint8_t reason_remote_user = 0x13;
+constexpr uint8_t reason_remote_low_on_resources = 0x14;
+constexpr uint8_t reason_remote_powers_off = 0x15;
+constexpr uint8_t reason_local_host = 0x16;
+
 // Above the 12 bits of a connection's handle in the first word of an ACL packet.
 constexpr uint16_t acl_handle_mask = 0x0fff;
 constexpr uint16_t acl_boundary_mask = 0x3000;

@@ -17,12 +17,6 @@ namespace {
 constexpr size_t most_connections = 16;
 constexpr size_t acl_header = 4;
 
-// Why a connection ended.
-constexpr uint8_t remote_user_left = 0x13;
-constexpr uint8_t remote_device_low_on_resources = 0x14;
-constexpr uint8_t remote_device_powers_off = 0x15;
-constexpr uint8_t local_host_left = 0x16;
-
 // Of the events of LE that tell of a new connection.
 constexpr uint8_t le_connection_complete = 0x01;
 constexpr uint8_t le_enhanced_connection_complete = 0x0a;
@@ -72,11 +66,11 @@ namespace {
 // By the reason that the adapter gives.
 std::optional<End> who_hung_up(uint8_t reason) {
     switch (reason) {
-    case remote_user_left:
-    case remote_device_low_on_resources:
-    case remote_device_powers_off:
+    case reason_remote_user:
+    case reason_remote_low_on_resources:
+    case reason_remote_powers_off:
         return End::remote;
-    case local_host_left:
+    case reason_local_host:
         return End::host;
     default:
         return std::nullopt;

@@ -32,10 +32,6 @@ constexpr uint16_t channel_of_camera = first_dynamic_channel + 1;
 constexpr std::array<uint8_t, 6> address_of_phone = {0x01, 0x00, 0x00, 0x00, 0x00, 0x02};
 constexpr std::array<uint8_t, 6> address_of_camera = {0x02, 0x00, 0x00, 0x00, 0x00, 0x02};
 
-constexpr uint8_t reason_lost = 0x08;           // it took too long
-constexpr uint8_t reason_peer_has_ended = 0x13; // its user
-constexpr uint8_t reason_host_has_ended = 0x16; // the adapter's own
-
 uint8_t low(size_t value) {
     return static_cast<uint8_t>(value & 0xff);
 }
@@ -115,7 +111,7 @@ LinkWriter::~LinkWriter() {
         uint8_t reason = reason_lost;
         if (end != End::link_lost) {
             hang_up(who);
-            reason = who == own_ ? reason_host_has_ended : reason_peer_has_ended;
+            reason = who == own_ ? reason_local_host : reason_remote_user;
         }
         event(event_disconnection_complete, std::array<uint8_t, 4>{0, low(handle_), high(handle_), reason});
     } catch (const std::exception&) { // there is no memory for it

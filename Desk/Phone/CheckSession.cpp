@@ -52,6 +52,10 @@ std::vector<sm_delete_pair> pairs_of(const Presets& list, const std::vector<size
     return pairs;
 }
 
+std::optional<CameraLog> log_of(const Options& options) {
+    return options.camera_log.empty() ? std::nullopt : std::make_optional<CameraLog>(options.camera_log);
+}
+
 } // namespace
 
 // ---- Requests -------------------------------------------------------------------------------------------------------
@@ -115,11 +119,7 @@ sm_tag_custom_info plain_record(int32_t mode) {
 
 // ---- The conversation -----------------------------------------------------------------------------------------------
 
-CheckSession::CheckSession(const Options& options) : probe(options) {
-    if (!options.camera_log.empty()) {
-        log.emplace(options.camera_log);
-    }
-}
+CheckSession::CheckSession(const Options& options) : log(log_of(options)), probe(options) {}
 
 Bytes CheckSession::answer_to(const Question& question) {
     try {

@@ -91,9 +91,9 @@ class CheckSession {
   public:
     explicit CheckSession(const Options& options);
 
+    std::optional<CameraLog> log; // opened before the camera writes what this run causes
     Probe probe;
     CheckPresets presets;
-    std::optional<CameraLog> log;
 
     // ---- What has come out so far ----
     std::optional<Bytes> first_list; // the frame

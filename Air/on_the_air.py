@@ -57,9 +57,12 @@ def connected(kind, port):
         struct.pack_into("<HH", options, 0, 65535, 65535)
         options[6] = ENHANCED_RETRANSMISSION
         link.setsockopt(L2CAP_LEVEL, L2CAP_OPTIONS, bytes(options))
+    kind_of_address = LE_PUBLIC if kind == "le" else 0
+    own = struct.pack("<HH6sHBx", socket.AF_BLUETOOTH, 0, bytes(6), 0, kind_of_address)
+    check(libc.bind(link.fileno(), own, len(own)))  # without it the kernel takes any L2CAP for BR/EDR
     address = bytes.fromhex(CAMERA_ADDRESS.replace(":", ""))[::-1]
-    layout = struct.pack("<HH6sHBx", socket.AF_BLUETOOTH, port, address, 0, LE_PUBLIC if kind == "le" else 0)
-    check(libc.connect(link.fileno(), layout, len(layout)))
+    theirs = struct.pack("<HH6sHBx", socket.AF_BLUETOOTH, port, address, 0, kind_of_address)
+    check(libc.connect(link.fileno(), theirs, len(theirs)))
     return link
 
 
@@ -160,7 +163,7 @@ def main():
     management.set(0, SET_CONNECTABLE)
     management.set(0, SET_ADVERTISING)
     print(f"air: two controllers after {open('/proc/uptime').read().split()[0]} s", flush=True)
-    return 1 if sum(run(kind) for kind in LINKS) else 0
+    return 1 if sum(run(kind) for kind in os.environ.get("KINDS", "rfcomm l2cap le").split()) else 0
 
 
 if __name__ == "__main__":

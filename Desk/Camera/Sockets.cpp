@@ -157,7 +157,7 @@ Descriptor make_bluetooth_socket(const Endpoint& endpoint) {
     const bool is_stream = endpoint.kind == Endpoint::Kind::rfcomm;
     Descriptor socket = make_socket(AF_BLUETOOTH, is_stream ? SOCK_STREAM : SOCK_SEQPACKET,
                                     is_stream ? rfcomm_protocol : l2cap_protocol);
-    if (socket.get() < 0 || (!is_stream && !prepare_l2cap_socket(endpoint.kind, socket.get()))) {
+    if (socket.get() < 0) {
         throw_failure(endpoint, bluetooth_reason(errno));
     }
     return socket;
@@ -167,7 +167,9 @@ Descriptor make_bluetooth_socket(const Endpoint& endpoint) {
 template<class Address>
 Descriptor listen_at(const Endpoint& endpoint, Address& address) {
     Descriptor socket = make_bluetooth_socket(endpoint);
-    if (::bind(socket.get(), generic(address), sizeof address) != 0 || ::listen(socket.get(), SOMAXCONN) != 0) {
+    const bool is_l2cap = endpoint.kind != Endpoint::Kind::rfcomm;
+    if (::bind(socket.get(), generic(address), sizeof address) != 0 ||
+        (is_l2cap && !prepare_l2cap_socket(endpoint.kind, socket.get())) || ::listen(socket.get(), SOMAXCONN) != 0) {
         throw_failure(endpoint, bluetooth_reason(errno));
     }
     socklen_t length = sizeof address;

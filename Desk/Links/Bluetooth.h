@@ -77,8 +77,8 @@ inline L2capAddress l2cap_address(const Endpoint& endpoint) {
     return address;
 }
 
-// Before a socket listens or connects: packets as long as can be, and none that gets lost. False, and errno, where the
-// kernel does not do that.
+// Of a socket that is bound, before it listens or connects: packets as long as can be, and none that gets lost. False,
+// and errno, where the kernel does not do that.
 bool prepare_l2cap_socket(Endpoint::Kind kind, int socket);
 
 // The largest packet that the other end of a connected socket takes.

@@ -181,7 +181,11 @@ bool is_l2cap(const Endpoint& camera) {
 // False, and errno, where the kernel does not do what the link needs.
 bool prepare(int descriptor, const Endpoint& camera) {
     if (is_l2cap(camera)) {
-        return prepare_l2cap_socket(camera.kind, descriptor);
+        Endpoint any; // of this machine's adapters
+        any.kind = camera.kind;
+        const L2capAddress own = l2cap_address(any);
+        return bind(descriptor, reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 &&
+               prepare_l2cap_socket(camera.kind, descriptor);
     }
     // Packets as large as requests go through a Unix socket only when its buffer has room for them.
     const int buffer = static_cast<int>(largest_packet);

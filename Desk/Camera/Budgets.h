@@ -28,6 +28,9 @@ constexpr size_t turned_away_bytes = size_t{1} << 20;
 // A phone that leaves a reply untaken, or a request in half, for so long is let go as soon as another one asks.
 constexpr seconds stalled_time{10};
 
+// How often a phone is looked at that may have been idle for too long.
+constexpr milliseconds idle_look{500};
+
 // ---- Time -----------------------------------------------------------------------------------------------------------
 
 // Between two looks at everybody else: phones taken in or turned away, and packets handed to the library. A single
@@ -37,8 +40,8 @@ constexpr int packets_of_a_turn = 64;
 
 // ---- Descriptors ----------------------------------------------------------------------------------------------------
 
-// The standard streams, the event loop, the store, the log, the capture, the listening socket, the control socket and
-// its clients.
+// The standard streams, the event loop, the store, the log, the capture, up to eight listening sockets, the control
+// socket and its clients.
 constexpr size_t descriptors_of_the_camera = 24;
 // The picture, the database's journal, the folder that is flushed.
 constexpr size_t descriptors_of_a_request = 8;

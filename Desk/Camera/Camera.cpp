@@ -20,11 +20,12 @@
 
 namespace desk::camera {
 
-Camera::Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services, Knobs& knobs,
-               bool is_quiet)
-    : loop_(loop), listener_(listener), sends_(sends), services_(services), knobs_(knobs), talk_(services, is_quiet),
+Camera::Camera(asio::io_context& loop, Listeners& listeners, SendQueue& sends, Services& services, Knobs& knobs,
+               bool is_quiet, std::optional<std::chrono::seconds> idle_timeout)
+    : loop_(loop), listeners_(listeners), sends_(sends), services_(services), knobs_(knobs), talk_(services, is_quiet),
       waiting_(loop, budget::waiting_time, [this](const std::shared_ptr<Link>& link) { waited_long_enough(link); }),
-      turned_away_(loop, budget::turned_away_time, [](const std::shared_ptr<Link>& link) { link->close(); }) {}
+      turned_away_(loop, budget::turned_away_time, [](const std::shared_ptr<Link>& link) { link->close(); }),
+      idle_timeout_(idle_timeout), idle_watch_(loop) {}
 
 Camera::~Camera() {
     forget_phone();
@@ -33,7 +34,12 @@ Camera::~Camera() {
 void Camera::open() {
     sends_.when_idle([this] { serve(); });
     sends_.when_pulled([this] { pull_link(); });
-    listener_.accept([this](std::shared_ptr<Link> link) { phone_came(std::move(link)); });
+    for (const std::unique_ptr<Listener>& listener : listeners_) {
+        listener->accept([this](std::shared_ptr<Link> link) { phone_came(std::move(link)); });
+    }
+    if (idle_timeout_) {
+        watch_idle_phone();
+    }
 }
 
 // ---- Phones come and go ---------------------------------------------------------------------------------------------
@@ -110,16 +116,32 @@ void Camera::turn_away(const std::shared_ptr<Link>& link) {
 // For another phone alone: a phone that somebody has stopped in a debugger may take its time while nobody else wants
 // the camera.
 void Camera::let_go_if_stalled() {
-    if (!phone_ || !is_phone_stalled()) {
-        return;
+    if (phone_ && is_phone_stalled()) {
+        let_go("let go", fmt::format("the phone was let go for another one: for {} s it has taken nothing of a reply, "
+                                     "or sent nothing more of a request",
+                                     budget::stalled_time.count()));
     }
-    say({"phone",
-         {{"event", "let go"}},
-         fmt::format("the phone was let go for another one: for {} s it has taken nothing of a reply, or sent nothing "
-                     "more of a request",
-                     budget::stalled_time.count())});
+}
+
+void Camera::let_go(const char* event, const std::string& why) {
+    say({"phone", {{"event", event}}, why});
     phone_->link->abort();
     forget_phone();
+}
+
+// A phone whose battery is empty says nothing more, and no link tells of it.
+void Camera::watch_idle_phone() {
+    if (phone_ && phone_->link->is_stalled(*idle_timeout_)) {
+        let_go("let go as idle", fmt::format("the phone was let go: nothing has come from it or gone to it for {} s",
+                                             idle_timeout_->count()));
+        take_in_next();
+    }
+    idle_watch_.expires_after(budget::idle_look);
+    idle_watch_.async_wait([this](const asio::error_code& error) {
+        if (!error) {
+            watch_idle_phone();
+        }
+    });
 }
 
 bool Camera::is_phone_stalled() {
@@ -249,6 +271,20 @@ class LateTalk {
     asio::steady_timer timer_;
 };
 
+Listeners listen(asio::io_context& loop, const Options& options, std::span<uint8_t> buffer, capture::Writer* capture) {
+    Listeners listeners;
+    for (const Endpoint& endpoint : options.listen) {
+        listeners.push_back(std::make_unique<Listener>(loop, endpoint, options.mtu, Access::by_mask, buffer));
+    }
+    if (capture != nullptr) {
+        capture->begin();
+        for (const std::unique_ptr<Listener>& listener : listeners) {
+            listener->capture(*capture);
+        }
+    }
+    return listeners;
+}
+
 void announce(const Endpoint& endpoint) {
     std::printf("listening on %s\n", endpoint.url().c_str());
     std::fflush(stdout);
@@ -258,11 +294,8 @@ void announce(const Endpoint& endpoint) {
 
 void serve_phones(asio::io_context& loop, PresetStore& store, const Options& options, capture::Writer* capture) {
     const LateTalk late_talk(loop);
-    Listener listener(loop, options.listen, options.mtu, Access::by_mask, budget::received_bytes);
-    if (capture != nullptr) {
-        capture->begin();
-        listener.capture(*capture);
-    }
+    std::vector<uint8_t> buffer(budget::received_bytes);
+    Listeners listeners = listen(loop, options, buffer, capture);
     Lab lab(options.knobs);
     std::optional<Control> control;
     if (options.control) {
@@ -271,7 +304,7 @@ void serve_phones(asio::io_context& loop, PresetStore& store, const Options& opt
     SendQueue sends(loop, lab.knobs());
     Services services(store, &sends, lab.knobs());
     Script script(loop, options.script, lab);
-    Camera camera(loop, listener, sends, services, lab.knobs(), options.quiet);
+    Camera camera(loop, listeners, sends, services, lab.knobs(), options.quiet, options.idle_timeout);
     lab.when_asked_for_phone([&] { return camera.phone(); });
     camera.when_done([&](int64_t count) { script.requests_done(count); });
     announce_lab(lab.knobs());
@@ -281,7 +314,9 @@ void serve_phones(asio::io_context& loop, PresetStore& store, const Options& opt
     if (control) {
         control->open();
     }
-    announce(listener.endpoint());
+    for (const std::unique_ptr<Listener>& listener : listeners) {
+        announce(listener->endpoint());
+    }
     loop.run();
 }
 

@@ -2,10 +2,13 @@
 #pragma once
 
 #include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Intake.h"
 #include "Listener.h"
@@ -20,10 +23,14 @@ struct Options;
 class PresetStore;
 class Services;
 
+// Where phones connect: one of them at a time is served, wherever it comes.
+using Listeners = std::vector<std::unique_ptr<Listener>>;
+
 class Camera {
   public:
-    Camera(asio::io_context& loop, Listener& listener, SendQueue& sends, Services& services, Knobs& knobs,
-           bool is_quiet);
+    // A phone with which nothing has moved for `idle_timeout` is let go; without one it may be silent for ever.
+    Camera(asio::io_context& loop, Listeners& listeners, SendQueue& sends, Services& services, Knobs& knobs,
+           bool is_quiet, std::optional<std::chrono::seconds> idle_timeout);
     // The phone that is there is left alone, and the library returned to idle.
     ~Camera();
     Camera(const Camera&) = delete;
@@ -52,6 +59,8 @@ class Camera {
     void take_in_next();
     void turn_away(const std::shared_ptr<Link>& link);
     void let_go_if_stalled();
+    void let_go(const char* event, const std::string& why);
+    void watch_idle_phone();
     void pull_link();
     void count_requests();
     bool is_phone_stalled();
@@ -63,7 +72,7 @@ class Camera {
     void tell_if_stuck();
 
     asio::io_context& loop_;
-    Listener& listener_;
+    Listeners& listeners_;
     SendQueue& sends_;
     Services& services_;
     Knobs& knobs_;
@@ -74,6 +83,8 @@ class Camera {
     const Bytes busy_ = busy_frame();
     std::function<void(int64_t)> when_done_;
     bool serves_later_ = false; // `serve` has been posted
+    std::optional<std::chrono::seconds> idle_timeout_;
+    asio::steady_timer idle_watch_;
 };
 
 // Serves phones until the loop is stopped. What crosses their links is written to `capture` unless it is null. Throws

@@ -16,7 +16,8 @@ std::span<const uint8_t> bytes_of(const std::string& text) {
 } // namespace
 
 Control::Control(asio::io_context& loop, const Endpoint& endpoint, Lab& lab)
-    : lab_(lab), listener_(loop, endpoint, budget::control_bytes, Access::owner, budget::control_bytes),
+    : lab_(lab), buffer_(budget::control_bytes),
+      listener_(loop, endpoint, budget::control_bytes, Access::owner, buffer_),
       clients_(loop, budget::control_time, [](const std::shared_ptr<Link>& client) { client->close(); }) {}
 
 void Control::open() {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "Listener.h"
 #include "TimedLinks.h"
@@ -29,6 +30,7 @@ class Control {
     std::string answer_to(const std::string& line);
 
     Lab& lab_;
+    std::vector<uint8_t> buffer_;
     Listener listener_;
     TimedLinks clients_; // each for a while from its last command on
 };

@@ -133,10 +133,24 @@ void Link::read_paced() {
     read_once(is_piece ? largest_piece() : buffer_.size());
 }
 
+// Sockets of Bluetooth tell an error before the bytes that came ahead of it. They count first.
+ssize_t Link::receive_before_end(std::span<uint8_t> room, int& flags) {
+    ssize_t length = receive_once(socket_.native_handle(), room, flags);
+    if (length < 0 && !is_worth_a_retry(errno) && end_ == 0) {
+        end_ = errno;
+        length = receive_once(socket_.native_handle(), room, flags);
+    }
+    if (end_ != 0 && length <= 0) {
+        errno = end_;
+        return -1;
+    }
+    return length;
+}
+
 void Link::read_once(size_t at_most) {
     int flags = 0;
     const std::span<uint8_t> room = buffer_.first(std::min(at_most, buffer_.size()));
-    const ssize_t length = receive_once(socket_.native_handle(), room, flags);
+    const ssize_t length = receive_before_end(room, flags);
     if (length < 0 && is_worth_a_retry(errno)) {
         wait_for_bytes();
     } else if (length < 0) {

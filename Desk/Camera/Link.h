@@ -71,6 +71,7 @@ class Link : public std::enable_shared_from_this<Link> {
     size_t largest_piece() const;
     void read_paced();
     void read_once(size_t at_most);
+    ssize_t receive_before_end(std::span<uint8_t> room, int& flags);
     bool is_empty_packet();
     size_t next_to_write() const;
     void write_on();
@@ -94,6 +95,7 @@ class Link : public std::enable_shared_from_this<Link> {
     Lost lost_;
     Clock::time_point moved_ = Clock::now(); // when the last byte did, either way
     int untaken_ = 0;                        // bytes that the kernel holds for a phone that does not read
+    int end_ = 0;                            // the error by which the link has ended, while bytes before it are read
     asio::steady_timer watch_;
     const Knobs* knobs_ = nullptr; // of a link that may be slowed
     asio::steady_timer read_pause_;

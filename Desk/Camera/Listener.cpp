@@ -16,9 +16,10 @@
 
 namespace desk::camera {
 
-Listener::Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu, Access access, size_t longest_packet)
+Listener::Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu, Access access,
+                   std::span<uint8_t> buffer)
     : loop_(loop), endpoint_(endpoint), mtu_(mtu), socket_(loop, open_listening_socket(endpoint_, access)),
-      pause_(loop), buffer_(longest_packet) {
+      pause_(loop), buffer_(buffer) {
     struct stat file = {};
     if (endpoint_.kind == Endpoint::Kind::unix_socket && ::stat(endpoint_.path.c_str(), &file) == 0) {
         file_device_ = file.st_dev;

@@ -6,8 +6,8 @@
 #include <asio/steady_timer.hpp>
 #include <functional>
 #include <memory>
+#include <span>
 #include <sys/types.h>
-#include <vector>
 
 #include "Common/Descriptor.h"
 #include "Link.h"
@@ -21,8 +21,8 @@ class Listener {
     using Accepted = std::function<void(std::shared_ptr<Link>)>;
 
     // Listens. A Unix socket that a dead camera left behind is replaced, a live one is not. Throws Failure (exit_link).
-    // `longest_packet` bytes at once may be received.
-    Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu, Access access, size_t longest_packet);
+    // Links receive into `buffer`, which outlives them and may be shared: one receives at a time.
+    Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu, Access access, std::span<uint8_t> buffer);
     // Removes the socket's file.
     ~Listener();
     Listener(const Listener&) = delete;
@@ -46,7 +46,7 @@ class Listener {
     size_t mtu_;
     asio::posix::stream_descriptor socket_;
     asio::steady_timer pause_;
-    std::vector<uint8_t> buffer_; // for all links: one receives at a time
+    std::span<uint8_t> buffer_;
     Accepted accepted_;
     dev_t file_device_ = 0; // the socket's file, to remove no other one
     ino_t file_inode_ = 0;

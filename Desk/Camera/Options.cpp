@@ -28,6 +28,8 @@ constexpr const char* replay_group = "A capture in the place of a store";
 constexpr double slowest = 0.001;
 constexpr double fastest = 1000000;
 constexpr double longest_pause = 86400; // seconds
+constexpr int most_idle_time = 86400;   // seconds
+constexpr size_t most_listeners = 8;    // within the descriptors that the camera sets aside for itself
 constexpr const char* lab_group = "Lab: faults to try, off unless given";
 
 // The library's own checks, without their additions to the help: the type name says it already.
@@ -40,7 +42,8 @@ CLI::Validator one_of(std::vector<std::string> words) {
 }
 
 struct Texts {
-    std::optional<std::string> listen;
+    std::vector<std::string> listen;
+    std::optional<int> idle_timeout; // seconds
     std::optional<std::string> capture;
     std::string iso_step = "full";
     std::optional<std::string> log_level;
@@ -62,9 +65,15 @@ void add_store_options(App& app, Options& options, Texts& texts) {
 }
 
 void add_link_options(App& app, Options& options, Texts& texts) {
-    app.add_option("--listen", texts.listen, "Where phones connect, unix:DIR/camera.sock unless given")
+    app.add_option("--listen", texts.listen, "Where phones connect, unix:DIR/camera.sock unless given; may be repeated")
         ->group(link_group)
-        ->type_name("URL");
+        ->type_name("URL")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--idle-timeout", texts.idle_timeout, "Let a phone go with which nothing has moved for this time")
+        ->check(between(1, most_idle_time))
+        ->group(link_group)
+        ->type_name("SECONDS");
     app.add_option("--mtu", options.mtu, "Largest packet that is sent, 65535 unless given")
         ->check(between(1, 65535))
         ->group(link_group)
@@ -183,15 +192,27 @@ Endpoint default_endpoint(const Options& options) {
     }
 }
 
-Endpoint listening_endpoint(const Texts& texts, const Options& options) {
-    if (!texts.listen) {
-        return default_endpoint(options);
-    }
-    Endpoint endpoint = parse_endpoint(*texts.listen);
+Endpoint listening_endpoint(const std::string& url) {
+    Endpoint endpoint = parse_endpoint(url);
     if (endpoint.kind == Endpoint::Kind::unix_socket) {
         endpoint.path = std::filesystem::absolute(endpoint.path).string();
     }
     return endpoint;
+}
+
+std::vector<Endpoint> listening_endpoints(const Texts& texts, const Options& options) {
+    if (texts.listen.size() > most_listeners) {
+        throw Failure(exit_usage, fmt::format("--listen is given {} times, and may be given {} times at most",
+                                              texts.listen.size(), most_listeners));
+    }
+    std::vector<Endpoint> endpoints;
+    for (const std::string& url : texts.listen) {
+        endpoints.push_back(listening_endpoint(url));
+    }
+    if (endpoints.empty()) {
+        endpoints.push_back(default_endpoint(options));
+    }
+    return endpoints;
 }
 
 std::filesystem::path capture_file(const Texts& texts) {
@@ -234,18 +255,19 @@ void take_control_texts(const Texts& texts, Options& options) {
 }
 
 void take_replay_texts(const Texts& texts, Options& options) {
-    if (!texts.listen) {
-        throw Failure(exit_usage, "--replay has no store to listen in: say where with --listen URL (see --help)");
+    if (texts.listen.size() != 1) {
+        throw Failure(exit_usage, "--replay has no store to listen in: say where with one --listen URL (see --help)");
     }
-    options.listen = listening_endpoint(texts, options);
+    options.listen = listening_endpoints(texts, options);
     options.pace.longest_pause = std::chrono::milliseconds(std::llround(texts.longest_pause * 1000));
 }
 
 // What a camera does that plays a capture, the capture says.
 void check_options_of_replay(const App& app) {
-    for (const char* const name : {"--store", "--empty", "--iso-step", "--mtu", "--capture", "--log", "--log-level",
-                                   "--confirm-delay", "--drop-confirmations", "--link-down", "--save-result",
-                                   "--update-result", "--refuse-allocation", "--control", "--script"}) {
+    for (const char* const name :
+         {"--store", "--empty", "--iso-step", "--mtu", "--idle-timeout", "--capture", "--log", "--log-level",
+          "--confirm-delay", "--drop-confirmations", "--link-down", "--save-result", "--update-result",
+          "--refuse-allocation", "--control", "--script"}) {
         if (app.get_option(name)->count() > 0) {
             throw Failure(exit_usage,
                           fmt::format("{} does nothing with --replay, which plays what the capture has: leave "
@@ -279,8 +301,11 @@ void take_texts(const Texts& texts, Options& options) {
     }
     options.store = std::filesystem::absolute(options.store);
     if (options.command == Command::serve) {
-        options.listen = listening_endpoint(texts, options);
+        options.listen = listening_endpoints(texts, options);
         options.capture = capture_file(texts);
+        if (texts.idle_timeout) {
+            options.idle_timeout = std::chrono::seconds(*texts.idle_timeout);
+        }
     }
     options.log.choice = LogChoice::parse(texts.log_level.value_or("warn"));
     options.log.is_choice_given = texts.log_level.has_value();

@@ -20,13 +20,14 @@ struct Options {
     Command command = Command::serve;
     std::filesystem::path store; // absolute
 
-    Endpoint listen; // a socket's path is absolute
+    std::vector<Endpoint> listen; // a socket's path is absolute; at least one
     bool empty = false;
     LogOptions log;
     bool quiet = false;          // tells of no requests
     bool loops = false;          // begins the capture again that is played
     std::optional<uint16_t> psm; // where the camera of that capture listens
     size_t mtu = 65535;
+    std::optional<std::chrono::seconds> idle_timeout;
     std::filesystem::path capture; // absolute; empty for none
     Knobs knobs;                   // at the start
     std::string replay;            // the capture that is played in the place of a store; empty: none

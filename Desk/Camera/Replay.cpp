@@ -285,7 +285,7 @@ int replay(const Options& options) {
     static_cast<void>(first.next());
     first.check_any();
     const Waiting waiting;
-    const ReplayListener listener(waiting, options.listen);
+    const ReplayListener listener(waiting, options.listen.front());
     std::printf("listening on %s\n", listener.endpoint().url().c_str());
     std::fflush(stdout);
     return play_on(options, waiting, listener) == 0 ? exit_done : exit_differs;

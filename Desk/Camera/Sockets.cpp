@@ -136,15 +136,58 @@ int listen_on_tcp(Endpoint& endpoint) {
 
 // ---- Bluetooth ------------------------------------------------------------------------------------------------------
 
-template<class Address>
-int listen_on_bluetooth(const Endpoint& endpoint, int type, int protocol, const Address& address) {
-    Descriptor socket = make_socket(AF_BLUETOOTH, type, protocol);
-    if (socket.get() < 0) {
-        throw_failure(endpoint, errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT
-                                    ? "this machine's kernel has no such Bluetooth sockets"
-                                    : std::strerror(errno));
+std::string bluetooth_reason(int error) {
+    switch (error) {
+    case EAFNOSUPPORT:
+    case EPROTONOSUPPORT:
+        return "this machine's kernel has no such Bluetooth sockets; use unix: or tcp:";
+    case EADDRNOTAVAIL:
+        return "this machine has no adapter with that address; leave it out for any";
+    case EADDRINUSE:
+        return "another program has this channel or PSM; give another one, or auto";
+    case EACCES:
+    case EPERM:
+        return "only root may listen there; give a channel, or a PSM from 4097 on (from 128 on with le:)";
+    default:
+        return std::strerror(error);
     }
-    bind_and_listen(endpoint, socket, generic(address), sizeof address);
+}
+
+Descriptor make_bluetooth_socket(const Endpoint& endpoint) {
+    const bool is_stream = endpoint.kind == Endpoint::Kind::rfcomm;
+    Descriptor socket = make_socket(AF_BLUETOOTH, is_stream ? SOCK_STREAM : SOCK_SEQPACKET,
+                                    is_stream ? rfcomm_protocol : l2cap_protocol);
+    if (socket.get() < 0) {
+        throw_failure(endpoint, bluetooth_reason(errno));
+    }
+    return socket;
+}
+
+// The address has room for what the kernel chose: a channel or a PSM.
+template<class Address>
+Descriptor listen_at(const Endpoint& endpoint, Address& address) {
+    Descriptor socket = make_bluetooth_socket(endpoint);
+    const bool is_l2cap = endpoint.kind != Endpoint::Kind::rfcomm;
+    if (::bind(socket.get(), generic(address), sizeof address) != 0 ||
+        (is_l2cap && !prepare_l2cap_socket(endpoint.kind, socket.get())) || ::listen(socket.get(), SOMAXCONN) != 0) {
+        throw_failure(endpoint, bluetooth_reason(errno));
+    }
+    socklen_t length = sizeof address;
+    ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
+    return socket;
+}
+
+int listen_on_rfcomm(Endpoint& endpoint) {
+    RfcommAddress address = rfcomm_address(endpoint);
+    Descriptor socket = listen_at(endpoint, address);
+    endpoint.port = address.channel;
+    return socket.release();
+}
+
+int listen_on_l2cap(Endpoint& endpoint) {
+    L2capAddress address = l2cap_address(endpoint);
+    Descriptor socket = listen_at(endpoint, address);
+    endpoint.port = static_cast<uint16_t>(address.psm[0] | address.psm[1] << 8);
     return socket.release();
 }
 
@@ -157,11 +200,12 @@ int open_listening_socket(Endpoint& endpoint, Access access) {
     case Endpoint::Kind::tcp:
         return listen_on_tcp(endpoint);
     case Endpoint::Kind::rfcomm:
-        return listen_on_bluetooth(endpoint, SOCK_STREAM, rfcomm_protocol, rfcomm_address(endpoint));
+        return listen_on_rfcomm(endpoint);
     case Endpoint::Kind::l2cap:
+    case Endpoint::Kind::le:
         break;
     }
-    return listen_on_bluetooth(endpoint, SOCK_SEQPACKET, l2cap_protocol, l2cap_address(endpoint));
+    return listen_on_l2cap(endpoint);
 }
 
 void prepare_phone_socket(Endpoint::Kind kind, int socket) {
@@ -173,13 +217,8 @@ void prepare_phone_socket(Endpoint::Kind kind, int socket) {
 }
 
 size_t largest_packet(Endpoint::Kind kind, int socket) {
-    L2capOptions options = {};
-    socklen_t length = sizeof options;
-    if (kind == Endpoint::Kind::l2cap && ::getsockopt(socket, l2cap_level, l2cap_options, &options, &length) == 0 &&
-        options.outgoing_mtu > 0) {
-        return options.outgoing_mtu;
-    }
-    return std::numeric_limits<size_t>::max();
+    const bool is_l2cap = kind == Endpoint::Kind::l2cap || kind == Endpoint::Kind::le;
+    return is_l2cap ? largest_l2cap_packet(kind, socket) : std::numeric_limits<size_t>::max();
 }
 
 } // namespace desk::camera

@@ -1,5 +1,5 @@
-// The kernel's Bluetooth addresses. They are declared here because their header comes with a Bluetooth daemon, which
-// most machines that run the desk do not need.
+// The kernel's Bluetooth sockets: their addresses and options. They are declared here because their header comes with a
+// Bluetooth daemon, which most machines that run the desk do not need.
 #pragma once
 
 #include <algorithm>
@@ -12,8 +12,22 @@ namespace desk {
 
 constexpr int l2cap_protocol = 0;
 constexpr int rfcomm_protocol = 3;
-constexpr int l2cap_level = 6;   // of getsockopt
-constexpr int l2cap_options = 1; // of getsockopt
+
+// Options of sockets, by their level.
+constexpr int l2cap_level = 6;
+constexpr int l2cap_options = 1;
+constexpr int bluetooth_level = 274;
+constexpr int outgoing_mtu_option = 12; // of Low Energy alone
+constexpr int incoming_mtu_option = 13;
+
+constexpr uint8_t le_public_address = 1; // the type of an address of Low Energy; 0 is one of all other links
+
+// A packet may hold so many bytes: what L2CAP can say at most.
+constexpr uint16_t longest_bluetooth_packet = 65535;
+
+// How packets of L2CAP get lost: in the basic mode without a word, when their reader is slow. With enhanced
+// retransmission the sender waits.
+constexpr uint8_t enhanced_retransmission = 3;
 
 struct RfcommAddress {
     sa_family_t family;
@@ -52,13 +66,25 @@ inline RfcommAddress rfcomm_address(const Endpoint& endpoint) {
     return address;
 }
 
+// Of Low Energy as well.
 inline L2capAddress l2cap_address(const Endpoint& endpoint) {
     L2capAddress address = {};
     address.family = AF_BLUETOOTH;
     address.psm[0] = static_cast<uint8_t>(endpoint.port);
     address.psm[1] = static_cast<uint8_t>(endpoint.port >> 8);
     put_address(endpoint, address.address);
+    address.address_type = endpoint.kind == Endpoint::Kind::le ? le_public_address : 0;
     return address;
 }
+
+// Of a socket that is bound, before it listens or connects: packets as long as can be, and none that gets lost. False,
+// and errno, where the kernel does not do that.
+bool prepare_l2cap_socket(Endpoint::Kind kind, int socket);
+
+// The largest packet that the other end of a connected socket takes.
+size_t largest_l2cap_packet(Endpoint::Kind kind, int socket);
+
+// Whether no packet gets lost on a connected socket.
+bool is_l2cap_reliable(Endpoint::Kind kind, int socket);
 
 } // namespace desk

@@ -95,16 +95,24 @@ bool is_psm(uint32_t number) {
     return number <= 65535 && (number & 0x0101) == 0x0001;
 }
 
+// Those that Low Energy gives out: fixed ones, and from 128 on free ones.
+bool is_le_psm(uint32_t number) {
+    return number >= 1 && number <= 255;
+}
+
 struct Bluetooth {
     Endpoint::Kind kind;
     bool (*is_valid)(uint32_t);
+    bool has_auto;
     const char* fault;
     const char* example;
 };
 
-const Bluetooth rfcomm = {Endpoint::Kind::rfcomm, is_channel, "the channel is no number from 1 to 30",
+const Bluetooth rfcomm = {Endpoint::Kind::rfcomm, is_channel, true, "the channel is no number from 1 to 30, nor auto",
                           "rfcomm:CHANNEL or rfcomm:ADDRESS:CHANNEL, such as rfcomm:00:11:22:33:44:55:3"};
-const Bluetooth l2cap = {Endpoint::Kind::l2cap, is_psm,
+const Bluetooth le = {Endpoint::Kind::le, is_le_psm, true, "the PSM is no number from 1 to 255, nor auto",
+                      "le:PSM or le:ADDRESS:PSM, such as le:00:11:22:33:44:55:128"};
+const Bluetooth l2cap = {Endpoint::Kind::l2cap, is_psm, false,
                          "the PSM is no odd number from 1 to 65279 with an even upper byte",
                          "l2cap:PSM or l2cap:ADDRESS:PSM, such as l2cap:00:11:22:33:44:55:4097"};
 
@@ -119,6 +127,9 @@ Endpoint bluetooth_endpoint(const std::string& url, std::string_view rest, const
         }
         rest = rest.substr(colon + 1);
     }
+    if (bluetooth.has_auto && rest == "auto") {
+        return endpoint;
+    }
     const auto number = number_in(rest);
     if (!number || !bluetooth.is_valid(*number)) {
         throw_url_failure(url, bluetooth.fault, bluetooth.example);
@@ -128,10 +139,11 @@ Endpoint bluetooth_endpoint(const std::string& url, std::string_view rest, const
 }
 
 std::string bluetooth_url(const char* scheme, const Endpoint& endpoint) {
+    const std::string port = endpoint.port == 0 ? "auto" : std::to_string(endpoint.port);
     if (!endpoint.address) {
-        return fmt::format("{}:{}", scheme, endpoint.port);
+        return fmt::format("{}:{}", scheme, port);
     }
-    return fmt::format("{}:{:02X}:{}", scheme, fmt::join(*endpoint.address, ":"), endpoint.port);
+    return fmt::format("{}:{:02X}:{}", scheme, fmt::join(*endpoint.address, ":"), port);
 }
 
 } // namespace
@@ -147,6 +159,8 @@ std::string Endpoint::url() const {
         return bluetooth_url("rfcomm", *this);
     case Kind::l2cap:
         return bluetooth_url("l2cap", *this);
+    case Kind::le:
+        return bluetooth_url("le", *this);
     }
     return {};
 }
@@ -168,8 +182,11 @@ Endpoint parse_endpoint(const std::string& url) {
     if (scheme == "l2cap") {
         return bluetooth_endpoint(url, rest, l2cap);
     }
+    if (scheme == "le") {
+        return bluetooth_endpoint(url, rest, le);
+    }
     throw_url_failure(url, "no link that is known",
-                      "unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL or l2cap:[ADDRESS:]PSM");
+                      "unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL, l2cap:[ADDRESS:]PSM or le:[ADDRESS:]PSM");
 }
 
 } // namespace desk

@@ -1,4 +1,5 @@
-// The URL of a link: unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL, l2cap:[ADDRESS:]PSM.
+// The URL of a link: unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL, l2cap:[ADDRESS:]PSM, le:[ADDRESS:]PSM. The
+// channel of rfcomm and the PSM of le may be "auto" for a camera: any free one.
 #pragma once
 
 #include <array>
@@ -11,14 +12,15 @@
 namespace desk {
 
 struct Endpoint {
-    enum class Kind { unix_socket, tcp, rfcomm, l2cap };
+    enum class Kind { unix_socket, tcp, rfcomm, l2cap, le };
     Kind kind = Kind::unix_socket;
-    std::string path;                              // unix_socket
-    std::string host;                              // tcp; an IPv6 address without its brackets
-    uint16_t port = 0;                             // tcp: port; rfcomm: channel 1 to 30; l2cap: PSM
+    std::string path;  // unix_socket
+    std::string host;  // tcp; an IPv6 address without its brackets
+    uint16_t port = 0; // tcp: port; rfcomm: channel 1 to 30; l2cap, le: PSM. Of tcp, rfcomm and le: 0 for any free one
     std::optional<std::array<uint8_t, 6>> address; // Bluetooth, most significant byte first; none: any adapter
 
-    bool keeps_message_boundaries() const { return kind == Kind::unix_socket || kind == Kind::l2cap; }
+    bool is_bluetooth() const { return kind == Kind::rfcomm || kind == Kind::l2cap || kind == Kind::le; }
+    bool keeps_message_boundaries() const { return kind != Kind::tcp && kind != Kind::rfcomm; }
     std::string url() const;
 };
 

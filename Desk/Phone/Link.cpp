@@ -56,6 +56,11 @@ Address unix_address(const Endpoint& camera) {
 }
 
 void require_address(const Endpoint& camera) {
+    if (camera.port == 0) {
+        throw Failure(exit_link,
+                      fmt::format("{} does not say where on the camera; write what the camera said that it listens on",
+                                  printable(camera.url())));
+    }
     if (!camera.address) {
         throw Failure(
             exit_link,
@@ -97,6 +102,7 @@ std::vector<Address> addresses_of(const Endpoint& camera) {
         return {unix_address(camera)};
     case Endpoint::Kind::rfcomm:
     case Endpoint::Kind::l2cap:
+    case Endpoint::Kind::le:
         return {bluetooth_address(camera)};
     case Endpoint::Kind::tcp:
         break;
@@ -139,17 +145,48 @@ int try_to_connect(int descriptor, const Address& address, Clock::time_point dea
     return 0;
 }
 
-Failure connect_failure(const Endpoint& camera, int error) {
-    const bool bluetooth = camera.kind == Endpoint::Kind::rfcomm || camera.kind == Endpoint::Kind::l2cap;
-    if (bluetooth && (error == EAFNOSUPPORT || error == EPROTONOSUPPORT)) {
-        return {exit_link, fmt::format("cannot connect to {}: this kernel has no Bluetooth; use unix: or tcp:",
-                                       printable(camera.url()))};
+std::string bluetooth_reason(int error) {
+    switch (error) {
+    case EAFNOSUPPORT:
+    case EPROTONOSUPPORT:
+        return "this kernel has no Bluetooth; use unix: or tcp:";
+    case EHOSTUNREACH:
+    case ENETDOWN:
+    case ENODEV:
+        return "this machine has no Bluetooth adapter that is on; plug one in, or turn it on (bluetoothctl power on)";
+    case EHOSTDOWN:
+    case ETIMEDOUT:
+        return "no answer from that address; see that the camera is near, on, and has it";
+    case ECONNREFUSED:
+        return "the camera refuses; see that it listens on this kind of link, and there";
+    case EACCES:
+    case EPERM:
+        return "the camera wants a phone that is paired; pair the two first (bluetoothctl pair)";
+    default:
+        return fmt::format("{}; see that the camera runs and listens there", std::strerror(error));
     }
-    return {exit_link, fmt::format("cannot connect to {}: {}; see that the camera runs and listens there",
-                                   printable(camera.url()), std::strerror(error))};
 }
 
-void prepare(int descriptor, const Endpoint& camera) {
+Failure connect_failure(const Endpoint& camera, int error) {
+    const std::string reason =
+        camera.is_bluetooth() ? bluetooth_reason(error)
+                              : fmt::format("{}; see that the camera runs and listens there", std::strerror(error));
+    return {exit_link, fmt::format("cannot connect to {}: {}", printable(camera.url()), reason)};
+}
+
+bool is_l2cap(const Endpoint& camera) {
+    return camera.kind == Endpoint::Kind::l2cap || camera.kind == Endpoint::Kind::le;
+}
+
+// False, and errno, where the kernel does not do what the link needs.
+bool prepare(int descriptor, const Endpoint& camera) {
+    if (is_l2cap(camera)) {
+        Endpoint any; // of this machine's adapters
+        any.kind = camera.kind;
+        const L2capAddress own = l2cap_address(any);
+        return bind(descriptor, reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 &&
+               prepare_l2cap_socket(camera.kind, descriptor);
+    }
     // Packets as large as requests go through a Unix socket only when its buffer has room for them.
     const int buffer = static_cast<int>(largest_packet);
     setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
@@ -157,17 +194,30 @@ void prepare(int descriptor, const Endpoint& camera) {
         const int at_once = 1; // requests are small, and each one is waited for
         setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
     }
+    return true;
+}
+
+// A link that loses packets is none.
+size_t largest_packet_to(const Endpoint& camera, const Descriptor& socket, size_t mtu) {
+    if (!is_l2cap(camera)) {
+        return mtu;
+    }
+    if (!is_l2cap_reliable(camera.kind, socket.get())) {
+        throw Failure(exit_link,
+                      fmt::format("{} offers the basic mode of L2CAP alone, which loses packets; use rfcomm: or le:",
+                                  printable(camera.url())));
+    }
+    return std::min(mtu, largest_l2cap_packet(camera.kind, socket.get()));
 }
 
 Descriptor connected_socket(const Endpoint& camera, std::chrono::milliseconds timeout) {
     int error = 0;
     for (const Address& address : addresses_of(camera)) {
         Descriptor attempt(socket(address.family, address.type | SOCK_NONBLOCK | SOCK_CLOEXEC, address.protocol));
-        if (attempt.get() < 0) {
+        if (attempt.get() < 0 || !prepare(attempt.get(), camera)) {
             error = errno;
             continue;
         }
-        prepare(attempt.get(), camera);
         error = try_to_connect(attempt.get(), address, Clock::now() + timeout);
         if (error == 0) {
             return attempt;
@@ -188,8 +238,8 @@ End end_by(int error) {
 } // namespace
 
 Link::Link(const Endpoint& camera, size_t mtu, std::chrono::milliseconds timeout, capture::Writer* capture)
-    : socket_(connected_socket(camera, timeout)), mtu_(mtu), received_(largest_packet),
-      capture_(capture != nullptr ? capture->connect(camera) : nullptr) {}
+    : socket_(connected_socket(camera, timeout)), mtu_(largest_packet_to(camera, socket_, mtu)),
+      received_(largest_packet), capture_(capture != nullptr ? capture->connect(camera) : nullptr) {}
 
 Link::Readiness Link::wait(bool to_write, Clock::time_point deadline) const {
     const auto events = static_cast<short>(to_write ? POLLIN | POLLOUT : POLLIN);

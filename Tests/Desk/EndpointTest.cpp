@@ -58,7 +58,32 @@ TEST(Endpoint, TakesABluetoothAddressMostSignificantByteFirst) {
     EXPECT_EQ(*endpoint.address, (Address{0x00, 0x11, 0x22, 0xAA, 0x44, 0xFF}));
 }
 
+TEST(Endpoint, TakesAPsmOfLowEnergyOnAnyAdapterOrOne) {
+    EXPECT_EQ(parse_endpoint("le:128").kind, Endpoint::Kind::le);
+    EXPECT_EQ(parse_endpoint("le:255").port, 255);
+    EXPECT_EQ(parse_endpoint("le:00:11:22:33:44:55:1").address, (Address{0x00, 0x11, 0x22, 0x33, 0x44, 0x55}));
+    for (const char* const url : {"le:0", "le:256", "le:", "le:00:11:22:33:44:55", "le:x"}) {
+        EXPECT_NE(refusal_of(url).find("the PSM is no number from 1 to 255, nor auto; write le:"), std::string::npos);
+    }
+}
+
+TEST(Endpoint, TakesAutoForAnyFreeChannelAndForAnyFreePsmOfLowEnergy) {
+    EXPECT_EQ(parse_endpoint("rfcomm:auto").port, 0);
+    EXPECT_EQ(parse_endpoint("le:00:11:22:33:44:55:auto").port, 0);
+    EXPECT_NE(refusal_of("l2cap:auto").find("no odd number"), std::string::npos);
+    EXPECT_NE(refusal_of("rfcomm:automatic").find("nor auto"), std::string::npos);
+}
+
+TEST(Endpoint, KnowsWhichLinksAreOfBluetooth) {
+    for (const char* const url : {"rfcomm:1", "l2cap:4097", "le:128"}) {
+        EXPECT_TRUE(parse_endpoint(url).is_bluetooth()) << url;
+    }
+    EXPECT_FALSE(parse_endpoint("unix:a").is_bluetooth());
+    EXPECT_FALSE(parse_endpoint("tcp:a:1").is_bluetooth());
+}
+
 TEST(Endpoint, KnowsWhichLinksKeepMessageBoundaries) {
+    EXPECT_TRUE(parse_endpoint("le:128").keeps_message_boundaries());
     EXPECT_TRUE(parse_endpoint("unix:a").keeps_message_boundaries());
     EXPECT_TRUE(parse_endpoint("l2cap:4097").keeps_message_boundaries());
     EXPECT_FALSE(parse_endpoint("tcp:a:1").keeps_message_boundaries());
@@ -66,8 +91,9 @@ TEST(Endpoint, KnowsWhichLinksKeepMessageBoundaries) {
 }
 
 TEST(Endpoint, WritesTheUrlThatItWasReadFrom) {
-    for (const char* const url : {"unix:/tmp/camera.sock", "tcp:localhost:0", "tcp:[::1]:5000", "rfcomm:1",
-                                  "rfcomm:00:11:22:33:44:FF:30", "l2cap:1", "l2cap:0A:11:22:33:44:55:65279"}) {
+    for (const char* const url :
+         {"unix:/tmp/camera.sock", "tcp:localhost:0", "tcp:[::1]:5000", "rfcomm:1", "rfcomm:00:11:22:33:44:FF:30",
+          "l2cap:1", "l2cap:0A:11:22:33:44:55:65279", "rfcomm:auto", "le:128", "le:0A:11:22:33:44:55:auto"}) {
         EXPECT_EQ(parse_endpoint(url).url(), url);
     }
 }

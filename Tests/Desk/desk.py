@@ -485,6 +485,10 @@ class Camera:
             self.kill()
             raise
 
+    def next_url(self):
+        """Where it listens as well."""
+        return self._announced()
+
     def _announced(self):
         end, line = time.monotonic() + FIRST_START, b""
         while not line.endswith(b"\n"):

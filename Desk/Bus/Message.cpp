@@ -25,4 +25,14 @@ std::optional<std::string> Message::read_text() {
     return std::nullopt;
 }
 
+Message Message::answer() const {
+    sd_bus_message* answer = nullptr;
+    check_appended(sd_bus_message_new_method_return(get(), &answer));
+    return Message(answer);
+}
+
+void Message::answer_error(const char* name, const std::string& text) const {
+    check_appended(sd_bus_reply_method_errorf(get(), name, "%s", text.c_str()));
+}
+
 } // namespace desk::bus

@@ -43,6 +43,10 @@ class Message {
     std::optional<std::string> read_text(); // a string or an object's path
     bool skip(const char* types) { return sd_bus_message_skip(get(), types) >= 0; }
 
+    // An answer to this call, to be filled and sent; or an error that goes at once.
+    Message answer() const;
+    void answer_error(const char* name, const std::string& text) const;
+
     // Goes into a container, such as ('a', "{sv}"), and out of it. False at the end of the one around it, or where the
     // message has something else there.
     bool enter(char type, const char* content) { return sd_bus_message_enter_container(get(), type, content) > 0; }

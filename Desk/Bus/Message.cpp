@@ -17,6 +17,10 @@ void Message::check_appended(int result) {
     }
 }
 
+void Message::append_bytes(std::span<const uint8_t> bytes) {
+    check_appended(sd_bus_message_append_array(get(), 'y', bytes.data(), bytes.size()));
+}
+
 std::optional<std::string> Message::read_text() {
     const char* text = nullptr;
     if (read("s", &text) || read("o", &text)) {

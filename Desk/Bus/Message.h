@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <systemd/sd-bus.h>
@@ -33,6 +34,8 @@ class Message {
         check_appended(sd_bus_message_append(get(), types, values...));
         return *this;
     }
+
+    void append_bytes(std::span<const uint8_t> bytes);
 
     // As sd_bus_message_read(3) takes it: read("s", &text). False where the message has something else there; texts
     // are the message's.

@@ -26,21 +26,6 @@ std::optional<uint32_t> number_in(std::string_view text, int base = 10) {
     return value;
 }
 
-std::optional<std::array<uint8_t, 6>> address_in(std::string_view text) {
-    std::array<uint8_t, 6> address{};
-    if (text.size() != address_text) {
-        return std::nullopt;
-    }
-    for (size_t k = 0; k < address.size(); ++k) {
-        const auto byte = number_in(text.substr(3 * k, 2), 16);
-        if (!byte || (k > 0 && text[3 * k - 1] != ':')) {
-            return std::nullopt;
-        }
-        address[k] = static_cast<uint8_t>(*byte);
-    }
-    return address;
-}
-
 Endpoint unix_endpoint(const std::string& url, std::string_view path) {
     constexpr auto example = "unix:PATH, such as unix:/tmp/camera.sock";
     if (path.empty()) {
@@ -121,7 +106,7 @@ Endpoint bluetooth_endpoint(const std::string& url, std::string_view rest, const
     endpoint.kind = bluetooth.kind;
     const size_t colon = rest.rfind(':');
     if (colon != std::string_view::npos) {
-        endpoint.address = address_in(rest.substr(0, colon));
+        endpoint.address = parse_address(rest.substr(0, colon));
         if (!endpoint.address) {
             throw_url_failure(url, "the address is no Bluetooth address", bluetooth.example);
         }
@@ -143,10 +128,29 @@ std::string bluetooth_url(const char* scheme, const Endpoint& endpoint) {
     if (!endpoint.address) {
         return fmt::format("{}:{}", scheme, port);
     }
-    return fmt::format("{}:{:02X}:{}", scheme, fmt::join(*endpoint.address, ":"), port);
+    return fmt::format("{}:{}:{}", scheme, address_text(*endpoint.address), port);
 }
 
 } // namespace
+
+std::optional<Address> parse_address(std::string_view text) {
+    Address address{};
+    if (text.size() != address_text) {
+        return std::nullopt;
+    }
+    for (size_t k = 0; k < address.size(); ++k) {
+        const auto byte = number_in(text.substr(3 * k, 2), 16);
+        if (!byte || (k > 0 && text[3 * k - 1] != ':')) {
+            return std::nullopt;
+        }
+        address[k] = static_cast<uint8_t>(*byte);
+    }
+    return address;
+}
+
+std::string address_text(const Address& address) {
+    return fmt::format("{:02X}", fmt::join(address, ":"));
+}
 
 std::string Endpoint::url() const {
     switch (kind) {

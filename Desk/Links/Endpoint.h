@@ -6,10 +6,17 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Common/Failure.h"
 
 namespace desk {
+
+using Address = std::array<uint8_t, 6>; // of Bluetooth, most significant byte first
+
+// "00:11:22:33:44:55". Nothing for a text that is none.
+std::optional<Address> parse_address(std::string_view text);
+std::string address_text(const Address& address);
 
 struct Endpoint {
     enum class Kind { unix_socket, tcp, rfcomm, l2cap, le };
@@ -17,7 +24,7 @@ struct Endpoint {
     std::string path;  // unix_socket
     std::string host;  // tcp; an IPv6 address without its brackets
     uint16_t port = 0; // tcp: port; rfcomm: channel 1 to 30; l2cap, le: PSM. Of tcp, rfcomm and le: 0 for any free one
-    std::optional<std::array<uint8_t, 6>> address; // Bluetooth, most significant byte first; none: any adapter
+    std::optional<Address> address; // Bluetooth; none: any adapter
 
     bool is_bluetooth() const { return kind == Kind::rfcomm || kind == Kind::l2cap || kind == Kind::le; }
     bool keeps_message_boundaries() const { return kind != Kind::tcp && kind != Kind::rfcomm; }

@@ -23,7 +23,14 @@ class Message {
   public:
     // Takes the message over.
     explicit Message(sd_bus_message* message = nullptr) : message_(message) {}
-    // Another owner of the same message.
+    // A copy is another owner of the same message, which is read on where the other one has come to.
+    Message(const Message& other) : Message(sd_bus_message_ref(other.get())) {}
+    Message(Message&&) noexcept = default;
+    Message& operator=(Message other) noexcept {
+        message_.swap(other.message_);
+        return *this;
+    }
+    ~Message() = default;
     static Message shared(sd_bus_message* message) { return Message(sd_bus_message_ref(message)); }
 
     sd_bus_message* get() const { return message_.get(); }

@@ -54,9 +54,8 @@ PairingAgent::PairingAgent(BluetoothDaemon& daemon, OfferedObjects& objects, con
         offer("DisplayPasskey", no);
     } else {
         offer("RequestAuthorization", no); // a phone without digits
-        offer("RequestConfirmation",
-              [this](const bus::Message& call) { asked_about_digits(bus::Message::shared(call.get())); });
-        offer("DisplayPasskey", [this](const bus::Message& call) { show_digits(bus::Message::shared(call.get())); });
+        offer("RequestConfirmation", [this](const bus::Message& call) { asked_about_digits(call); });
+        offer("DisplayPasskey", [this](const bus::Message& call) { show_digits(call); });
     }
 }
 
@@ -119,7 +118,7 @@ void PairingAgent::with_phone(const std::string& device, const std::function<voi
 }
 
 void PairingAgent::accept_without_asking(const bus::Message& call) {
-    bus::Message question = bus::Message::shared(call.get());
+    bus::Message question = call;
     const std::optional<std::string> device = question.read_text();
     if (!device) {
         reject(call);
@@ -141,7 +140,7 @@ void PairingAgent::asked_about_digits(bus::Message call) {
     if (question_) { // one at a time
         reject(question_->call);
     }
-    question_ = Question{bus::Message::shared(call.get()), address};
+    question_ = Question{call, address};
     with_phone(*device, [this, digits](const std::string& phone) {
         if (question_) {
             question_->phone = phone;

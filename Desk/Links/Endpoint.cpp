@@ -11,7 +11,7 @@ namespace desk {
 namespace {
 
 constexpr size_t longest_path = sizeof(sockaddr_un::sun_path) - 1;
-constexpr size_t address_text = 17; // 00:11:22:33:44:55
+constexpr size_t address_length = 17; // 00:11:22:33:44:55
 
 [[noreturn]] void throw_url_failure(const std::string& url, const std::string& why, const char* example) {
     throw Failure(exit_usage, fmt::format("{}: {}; write {}", url, why, example));
@@ -135,7 +135,7 @@ std::string bluetooth_url(const char* scheme, const Endpoint& endpoint) {
 
 std::optional<Address> parse_address(std::string_view text) {
     Address address{};
-    if (text.size() != address_text) {
+    if (text.size() != address_length) {
         return std::nullopt;
     }
     for (size_t k = 0; k < address.size(); ++k) {

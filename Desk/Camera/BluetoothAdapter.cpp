@@ -52,7 +52,7 @@ void BluetoothAdapter::found(const bus::Interfaces& interfaces) {
         offer_service();
         advertise();
     }
-    if (wanted_.has_classic && bus::property<bool>(properties_, "Discoverable").value_or(false)) {
+    if (wanted_.has_classic && bus::property<bool>(adapter->second, "Discoverable").value_or(false)) {
         tell_visible();
     }
 }

@@ -65,6 +65,7 @@ class Daemon:
         self.start_anew()
         self.connection = dbus.bus.BusConnection(dbus.bus.BUS_SYSTEM, mainloop=dbus.mainloop.glib.DBusGMainLoop())
         self.connection.add_message_filter(self.heard)
+        self.connection.add_match_string("type='signal',member='NameOwnerChanged'")
         self.connection.request_name(NAME)
 
     def go(self):

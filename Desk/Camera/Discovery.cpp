@@ -190,7 +190,7 @@ bool Discovery::is_listened_on(const bus::Interfaces& interfaces) const {
     }
     const std::string address = bus::property<std::string>(adapter->second, "Address").value_or("");
     return std::ranges::any_of(endpoints_, [&](const Endpoint& endpoint) {
-        return !endpoint.address || address_text(*endpoint.address) == address;
+        return !endpoint.address || text_of(*endpoint.address) == address;
     });
 }
 

@@ -99,11 +99,11 @@ bool Listener::is_allowed(const Descriptor& phone) const {
     if (admission_.allowed.empty() || !endpoint_.is_bluetooth()) {
         return true;
     }
-    const std::optional<Address> address = address_of_peer(endpoint_.kind, phone.get());
+    const std::optional<BluetoothAddress> address = address_of_peer(endpoint_.kind, phone.get());
     if (address && std::ranges::find(admission_.allowed, *address) != admission_.allowed.end()) {
         return true;
     }
-    const std::string who = address ? address_text(*address) : "a phone without an address";
+    const std::string who = address ? desk::text_of(*address) : "a phone without an address";
     say({"phone", {{"event", "not allowed"}, {"address", who}}, who + " was let go: --allow does not name it"});
     return false;
 }

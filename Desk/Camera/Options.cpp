@@ -274,14 +274,14 @@ void check_name(const std::string& name, const Options& options) {
     }
 }
 
-std::vector<Address> allowed_phones(const std::vector<std::string>& texts) {
+std::vector<BluetoothAddress> allowed_phones(const std::vector<std::string>& texts) {
     if (texts.size() > most_allowed) {
         throw Failure(exit_usage, fmt::format("--allow is given {} times, and may be given {} times at most",
                                               texts.size(), most_allowed));
     }
-    std::vector<Address> allowed;
+    std::vector<BluetoothAddress> allowed;
     for (const std::string& text : texts) {
-        const std::optional<Address> address = parse_address(text);
+        const std::optional<BluetoothAddress> address = bluetooth_address_in(text);
         if (!address) {
             throw Failure(exit_usage, fmt::format("--allow {}: that is no phone's address; write it like "
                                                   "00:11:22:33:44:55",

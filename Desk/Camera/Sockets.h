@@ -15,8 +15,8 @@ enum class Access { by_mask, owner };
 // Whom a listening socket lets in.
 struct Admission {
     Access access = Access::by_mask;
-    Security security = Security::low; // of Bluetooth
-    std::vector<Address> allowed = {}; // of Bluetooth; empty: all
+    Security security = Security::low;          // of Bluetooth
+    std::vector<BluetoothAddress> allowed = {}; // of Bluetooth; empty: all
 };
 
 // Opens a socket that listens at the endpoint, and writes the port that a port of 0 became into it. Throws Failure

@@ -17,7 +17,7 @@ struct Visibility {
     std::optional<std::string> name;                  // what phones show; none: what the adapter is called anyway
     std::optional<std::chrono::seconds> discoverable; // 0: as long as the camera runs; none: not at all
     Pairing pairing = Pairing::none;
-    std::vector<Address> allowed; // phones that are served; empty: all
+    std::vector<BluetoothAddress> allowed; // phones that are served; empty: all
 };
 
 } // namespace desk::camera

@@ -42,20 +42,20 @@ bool require_security(int socket, Security security) {
 namespace {
 
 template<class KernelAddress>
-std::optional<Address> address_from(int socket) {
+std::optional<BluetoothAddress> address_from(int socket) {
     KernelAddress peer = {};
     socklen_t length = sizeof peer;
     if (::getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) != 0) {
         return std::nullopt;
     }
-    Address address;
+    BluetoothAddress address;
     std::reverse_copy(std::begin(peer.address), std::end(peer.address), address.begin());
     return address;
 }
 
 } // namespace
 
-std::optional<Address> address_of_peer(Endpoint::Kind kind, int socket) {
+std::optional<BluetoothAddress> address_of_peer(Endpoint::Kind kind, int socket) {
     return kind == Endpoint::Kind::rfcomm ? address_from<RfcommAddress>(socket) : address_from<L2capAddress>(socket);
 }
 

@@ -91,7 +91,7 @@ enum class Security : uint8_t { low = 1, encrypted = 2, confirmed = 3 };
 bool require_security(int socket, Security security);
 
 // Who is at the other end of a connected socket; nothing where the kernel does not say.
-std::optional<Address> address_of_peer(Endpoint::Kind kind, int socket);
+std::optional<BluetoothAddress> address_of_peer(Endpoint::Kind kind, int socket);
 
 // The largest packet that the other end of a connected socket takes.
 size_t largest_l2cap_packet(Endpoint::Kind kind, int socket);

@@ -11,7 +11,7 @@ namespace desk {
 namespace {
 
 constexpr size_t longest_path = sizeof(sockaddr_un::sun_path) - 1;
-constexpr size_t address_length = 17; // 00:11:22:33:44:55
+constexpr size_t address_text = 17; // 00:11:22:33:44:55
 
 [[noreturn]] void throw_url_failure(const std::string& url, const std::string& why, const char* example) {
     throw Failure(exit_usage, fmt::format("{}: {}; write {}", url, why, example));
@@ -106,7 +106,7 @@ Endpoint bluetooth_endpoint(const std::string& url, std::string_view rest, const
     endpoint.kind = bluetooth.kind;
     const size_t colon = rest.rfind(':');
     if (colon != std::string_view::npos) {
-        endpoint.address = parse_address(rest.substr(0, colon));
+        endpoint.address = bluetooth_address_in(rest.substr(0, colon));
         if (!endpoint.address) {
             throw_url_failure(url, "the address is no Bluetooth address", bluetooth.example);
         }
@@ -128,14 +128,14 @@ std::string bluetooth_url(const char* scheme, const Endpoint& endpoint) {
     if (!endpoint.address) {
         return fmt::format("{}:{}", scheme, port);
     }
-    return fmt::format("{}:{}:{}", scheme, address_text(*endpoint.address), port);
+    return fmt::format("{}:{:02X}:{}", scheme, fmt::join(*endpoint.address, ":"), port);
 }
 
 } // namespace
 
-std::optional<Address> parse_address(std::string_view text) {
-    Address address{};
-    if (text.size() != address_length) {
+std::optional<BluetoothAddress> bluetooth_address_in(std::string_view text) {
+    BluetoothAddress address{};
+    if (text.size() != address_text) {
         return std::nullopt;
     }
     for (size_t k = 0; k < address.size(); ++k) {
@@ -148,7 +148,7 @@ std::optional<Address> parse_address(std::string_view text) {
     return address;
 }
 
-std::string address_text(const Address& address) {
+std::string text_of(const BluetoothAddress& address) {
     return fmt::format("{:02X}", fmt::join(address, ":"));
 }
 

@@ -12,11 +12,7 @@
 
 namespace desk {
 
-using Address = std::array<uint8_t, 6>; // of Bluetooth, most significant byte first
-
-// "00:11:22:33:44:55". Nothing for a text that is none.
-std::optional<Address> parse_address(std::string_view text);
-std::string address_text(const Address& address);
+using BluetoothAddress = std::array<uint8_t, 6>; // most significant byte first
 
 struct Endpoint {
     enum class Kind { unix_socket, tcp, rfcomm, l2cap, le };
@@ -24,12 +20,16 @@ struct Endpoint {
     std::string path;  // unix_socket
     std::string host;  // tcp; an IPv6 address without its brackets
     uint16_t port = 0; // tcp: port; rfcomm: channel 1 to 30; l2cap, le: PSM. Of tcp, rfcomm and le: 0 for any free one
-    std::optional<Address> address; // Bluetooth; none: any adapter
+    std::optional<BluetoothAddress> address; // none: any adapter
 
     bool is_bluetooth() const { return kind == Kind::rfcomm || kind == Kind::l2cap || kind == Kind::le; }
     bool keeps_message_boundaries() const { return kind != Kind::tcp && kind != Kind::rfcomm; }
     std::string url() const;
 };
+
+// 00:11:22:33:44:55; nothing where the text is anything else.
+std::optional<BluetoothAddress> bluetooth_address_in(std::string_view text);
+std::string text_of(const BluetoothAddress& address);
 
 // Throws Failure (exit_usage) that says what is wrong with the URL and shows a right one.
 Endpoint parse_endpoint(const std::string& url);

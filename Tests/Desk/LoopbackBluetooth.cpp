@@ -127,7 +127,8 @@ int getpeername(int number, sockaddr* address, socklen_t* length) noexcept {
     if (result != 0 || peer.sun_family != AF_UNIX || std::strncmp(peer.sun_path + 1, phones.c_str(), phones.size())) {
         return static_cast<int>(syscall(SYS_getpeername, number, address, length));
     }
-    const std::optional<desk::Address> who = desk::parse_address({peer.sun_path + 1 + phones.size(), 17});
+    const std::optional<desk::BluetoothAddress> who =
+        desk::bluetooth_address_in({peer.sun_path + 1 + phones.size(), 17});
     if (*length == sizeof(desk::RfcommAddress)) {
         desk::RfcommAddress theirs = {};
         std::reverse_copy(who->begin(), who->end(), theirs.address);

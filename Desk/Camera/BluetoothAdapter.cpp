@@ -61,7 +61,8 @@ void BluetoothAdapter::lost() {
     for (Setting& setting : settings_) {
         setting.is_asked_for = false;
     }
-    offers_service_ = advertises_ = told_off_ = told_visible_ = false;
+    offers_service_ = told_off_ = told_visible_ = false;
+    advertised_.clear();
     properties_.clear();
 }
 
@@ -91,6 +92,9 @@ void BluetoothAdapter::hide() {
         }
     }
     std::erase_if(settings_, [](const Setting& setting) { return setting.of_visibility; });
+    if (wanted_.has_low_energy && !properties_.empty()) {
+        advertise();
+    }
 }
 
 std::vector<bus::Message> BluetoothAdapter::calls_to_put_back() {
@@ -198,11 +202,12 @@ void BluetoothAdapter::offer_service() {
 }
 
 void BluetoothAdapter::advertise() {
-    if (!wanted_.is_visible || !has_advertisements_ || std::exchange(advertises_, true)) {
+    if (!has_advertisements_ || !advertised_.empty()) {
         return;
     }
+    advertised_ = wanted_.is_visible ? wanted_.advertisement : wanted_.quiet_advertisement;
     bus::Message call = daemon_.call(path_, advertising_interface, "RegisterAdvertisement");
-    call.append("oa{sv}", wanted_.advertisement.c_str(), 0);
+    call.append("oa{sv}", advertised_.c_str(), 0);
     daemon_.ask(call, [this](const std::optional<bus::Error>& error, bus::Message&) {
         if (error) {
             tell_refused(fmt::format("the advertisement on {}", printable(name_)), *error);
@@ -213,11 +218,12 @@ void BluetoothAdapter::advertise() {
 }
 
 void BluetoothAdapter::stop_advertising() {
-    if (!std::exchange(advertises_, false)) {
+    const std::string advertised = std::exchange(advertised_, "");
+    if (advertised.empty()) {
         return;
     }
     bus::Message call = daemon_.call(path_, advertising_interface, "UnregisterAdvertisement");
-    call.append("o", wanted_.advertisement.c_str());
+    call.append("o", advertised.c_str());
     daemon_.ask(call, [](const std::optional<bus::Error>&, bus::Message&) {});
 }
 

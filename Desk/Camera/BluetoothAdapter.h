@@ -20,8 +20,9 @@ struct WantedOfAdapters {
     bool is_pairable = false;     // while it is visible
     bool has_classic = false;     // RFCOMM or L2CAP
     bool has_low_energy = false;
-    std::string application; // the paths of our objects
-    std::string advertisement;
+    std::string application;         // the paths of our objects
+    std::string advertisement;       // while it is visible
+    std::string quiet_advertisement; // and else: Low Energy reaches nobody who does not advertise
 };
 
 class BluetoothAdapter {
@@ -71,7 +72,7 @@ class BluetoothAdapter {
     bool told_off_ = false;
     bool told_visible_ = false;
     bool offers_service_ = false;
-    bool advertises_ = false;
+    std::string advertised_; // the path of what is advertised
 };
 
 } // namespace desk::camera

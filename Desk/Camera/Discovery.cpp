@@ -24,6 +24,7 @@ constexpr const char* root = "/shotmentor";
 constexpr const char* application = "/shotmentor/application";
 constexpr const char* low_energy_service = "/shotmentor/application/service";
 constexpr const char* advertisement = "/shotmentor/advertisement";
+constexpr const char* quiet_advertisement = "/shotmentor/quiet";
 constexpr const char* agent = "/shotmentor/agent";
 constexpr const char* record_prefix = "/shotmentor/record";
 
@@ -61,6 +62,7 @@ Discovery::Discovery(asio::io_context& loop, const Visibility& visibility, std::
     wanted_.has_low_energy = has(Endpoint::Kind::le);
     wanted_.application = application;
     wanted_.advertisement = advertisement;
+    wanted_.quiet_advertisement = quiet_advertisement;
     offer_records();
     if (wanted_.has_low_energy) {
         offer_low_energy();
@@ -115,7 +117,6 @@ void Discovery::offer_records() {
 }
 
 void Discovery::offer_low_energy() {
-    const std::vector<std::string> uuids = {service_uuid};
     objects_.offer(low_energy_service, "org.bluez.GattService1",
                    {{"UUID", "s", std::string(service_uuid)}, {"Primary", "b", true}});
     for (const Endpoint& endpoint : endpoints_) {
@@ -140,12 +141,17 @@ void Discovery::offer_low_energy() {
             daemon_.send(answer);
         });
     }
-    std::vector<OfferedProperty> properties = {
-        {"Type", "s", std::string("peripheral")}, {"ServiceUUIDs", "as", uuids}, {"Discoverable", "b", true}};
-    properties.push_back({"LocalName", "s", name()});
-    objects_.offer(advertisement, "org.bluez.LEAdvertisement1", properties);
-    objects_.offer(advertisement, "org.bluez.LEAdvertisement1", "Release",
-                   [this](const bus::Message& call) { daemon_.send(call.answer()); });
+    offer_advertisement(advertisement, {{"Type", "s", std::string("peripheral")},
+                                        {"ServiceUUIDs", "as", std::vector<std::string>{service_uuid}},
+                                        {"Discoverable", "b", true},
+                                        {"LocalName", "s", name()}});
+    offer_advertisement(quiet_advertisement, {{"Type", "s", std::string("peripheral")}, {"Discoverable", "b", false}});
+}
+
+void Discovery::offer_advertisement(const std::string& path, std::vector<OfferedProperty> properties) {
+    constexpr const char* interface = "org.bluez.LEAdvertisement1";
+    objects_.offer(path, interface, std::move(properties));
+    objects_.offer(path, interface, "Release", [this](const bus::Message& call) { daemon_.send(call.answer()); });
 }
 
 // ---- The daemon and its adapters ------------------------------------------------------------------------------------

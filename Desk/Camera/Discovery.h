@@ -39,6 +39,7 @@ class Discovery {
 
     void offer_records();
     void offer_low_energy();
+    void offer_advertisement(const std::string& path, std::vector<OfferedProperty> properties);
     void found(const bus::Objects& objects);
     void adapters_found(const bus::Objects& objects);
     bool is_listened_on(const bus::Interfaces& adapter) const;

@@ -78,7 +78,11 @@ class Daemon:
 
     def __init__(self, environment):
         self.process = subprocess.Popen(
-            [PYTHON, DAEMON], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env={**os.environ, **environment}
+            [PYTHON, DAEMON],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            text=True,
+            env={**os.environ, **environment},
         )
 
     def __getattr__(self, name):
@@ -245,7 +249,7 @@ class Records(DiscoveryTest):
             self.assertEqual(read("a{sv}", [{"offset": -1}])["error"], "org.bluez.Error.InvalidOffset")
             self.assertEqual(read("s", ["nonsense"])["error"], "org.bluez.Error.InvalidOffset")
             self.talk_with(camera, "phones that know hci0 read there where to connect by le:")
-            self.assertFalse(state["profiles"] or state["advertisements"])
+            self.assertFalse(state["profiles"])
             self.assertServes(camera)
 
     def test_objects_are_read_in_each_way(self):
@@ -291,11 +295,20 @@ class Seen(DiscoveryTest):
         self.daemon.come()
         self.before = self.adapter()
 
+    def advertised(self):
+        state = self.state(lambda state: state["advertisements"])
+        path = state["advertisements"][ADAPTER]["path"]
+        (properties,) = self.call(
+            state, path, "org.freedesktop.DBus.Properties", "GetAll", "s", ["org.bluez.LEAdvertisement1"]
+        )
+        return properties
+
     def test_a_camera_is_not_unless_asked_to(self):
+        """Low Energy advertises all the same, without a word: nobody else can be connected to."""
         with self.discovered("--listen", "le:auto") as camera:
             state = self.state(lambda state: state["profiles"] and state["applications"])
             self.talk_with(camera, "read there where to connect")
-            self.assertEqual(state["advertisements"], {})
+            self.assertEqual(self.advertised(), {"Type": "peripheral", "Discoverable": False})
             self.assertEqual(state["agents"], {})
             self.assertEqual(self.adapter(), self.before)
             self.assertNotIn("Set", self.daemon.state()["calls"])
@@ -303,16 +316,13 @@ class Seen(DiscoveryTest):
     def test_as_long_as_it_runs(self):
         with self.discovered("--name", "Kitchen", "--discoverable", "0", "--listen", "le:auto") as camera:
             self.talk_with(camera, 'phones that look for cameras find "Kitchen" on hci0 as long as the camera runs\n')
-            state = self.state(lambda state: state["advertisements"] and state["adapters"][ADAPTER]["Discoverable"])
+            self.state(lambda state: state["advertisements"] and state["adapters"][ADAPTER]["Discoverable"])
             self.assertEqual(
                 self.adapter(),
                 {**self.before, "Alias": "Kitchen", "Discoverable": True, "DiscoverableTimeout": 0},
             )
-            path = state["advertisements"][ADAPTER]["path"]
-            (advertisement,) = self.call(
-                state, path, "org.freedesktop.DBus.Properties", "GetAll", "s", ["org.bluez.LEAdvertisement1"]
-            )
-            self.assertEqual(advertisement["LocalName"], "Kitchen")
+            advertised = {"Type": "peripheral", "ServiceUUIDs": [SERVICE], "LocalName": "Kitchen", "Discoverable": True}
+            self.assertEqual(self.advertised(), advertised)
         self.assertEqual(self.state(lambda state: not state["advertisements"])["adapters"][ADAPTER], self.before)
 
     def test_for_a_time(self):
@@ -325,11 +335,13 @@ class Seen(DiscoveryTest):
             self.assertTrue(state["adapters"][ADAPTER]["Pairable"])
             self.talk_with(camera, 'find "Kitchen" on hci0 for ', "find this one no more: its 2 s are over\n")
             state = self.state(
-                lambda state: not state["advertisements"]
+                lambda state: state["advertisements"]
                 and not state["agents"]
                 and state["adapters"][ADAPTER] == {**self.before, "Alias": "Kitchen"}
             )
             self.assertTrue(state["profiles"] and state["applications"])
+            self.assertNotIn("LocalName", self.advertised())
+            self.assertNotIn("ServiceUUIDs", self.advertised())
             self.assertServes(camera)
         self.assertEqual(self.adapter(), self.before)
 
@@ -440,7 +452,7 @@ class Pairing(DiscoveryTest):
             for number, (word, outcome) in enumerate((("yes", "yes"), ("no", "org.bluez.Error.Rejected"))):
                 self.ask(number, "RequestConfirmation", "ou", [PHONE_PATH, 4711])
                 self.talk_with(
-                    camera, *[f"({PHONE}) wants to pair: if it shows 004711, answer \"pair yes\""] * (number + 1)
+                    camera, *[f'({PHONE}) wants to pair: if it shows 004711, answer "pair yes"'] * (number + 1)
                 )
                 self.assertIsNone(self.daemon.answered(number))
                 done = self.answer(word)

@@ -277,12 +277,7 @@ class Pairing(DiscoveryTest):
     def test_a_phone_pairs_as_it_connects_if_any_may(self):
         self.addCleanup(self.forget_each_other)
         with self.pairing("any") as camera:
-            try:
-                self.assertServes(camera)
-            except OSError as error:
-                print("DEBUG", error, camera.talk(), flush=True)
-                os.system("tail -60 /tmp/bluetoothd.log; btmgmt --index 0 info </dev/null")
-            self.told(camera, f"({ADDRESSES[PHONES]}) pairs with the camera")
+            self.assertServes(camera)  # the kernel pairs by itself where neither side can show anything
 
     def test_a_phone_without_a_pairing_is_not_served_later(self):
         self.addCleanup(self.forget_each_other)

@@ -13,7 +13,8 @@ namespace {
 using desk::bus::Message;
 using fuzz::Input;
 
-constexpr int deepest = 8;
+constexpr int deepest = 8;      // variants in variants
+constexpr int deepest_type = 3; // a longer one than of 255 characters cannot be
 constexpr int most_entries_of_array = 40;
 
 // Messages need a bus, but nobody at its other end.
@@ -115,7 +116,8 @@ void append(Input& input, Message& message, const std::string& type, int depth) 
         append_container(input, message, 'e', type.substr(1, type.size() - 2), depth);
         break;
     case 'v':
-        append_container(input, message, 'v', depth > 0 ? type_of(input, depth - 1) : "u", depth - 1);
+        append_container(input, message, 'v', depth > 0 ? type_of(input, std::min(depth, deepest_type)) : "u",
+                         depth - 1);
         break;
     default:
         append_plain(input, message, type.front());
@@ -148,7 +150,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     constexpr size_t most_bytes = 1000; // that more entries are refused than that, a test shows
     Input input(data, std::min(size, most_bytes));
-    const std::string types = input.flag() ? "a{oa{sa{sv}}}" : type_of(input, 3);
+    const std::string types = input.flag() ? "a{oa{sa{sv}}}" : type_of(input, deepest_type);
     Message message = made_of(input, types);
     PROMISE(is_read(message, desk::bus::read_objects) == (types == "a{oa{sa{sv}}}"));
     PROMISE(is_read(message, desk::bus::read_interfaces) == (types == "a{sa{sv}}"));

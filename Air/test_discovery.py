@@ -300,4 +300,3 @@ class Pairing(DiscoveryTest):
                 self.told(camera, "pairs with the camera")
                 wait_until(lambda: "true" in seen_by(PHONES, "Paired"), what="pairing")
             self.assertIn(digits, scan.output)
-            self.assertServes(camera)

@@ -26,6 +26,7 @@ BASIC_MODE, ENHANCED_RETRANSMISSION = 0, 3
 BLUETOOTH_LEVEL, SENDING_SIZE, RECEIVING_SIZE = 274, 12, 13
 CLASSIC, LE_PUBLIC = 0, 1
 LARGEST_SIZE = 65535
+SENDING_BUFFER_BY_FORCE = 32
 ATTEMPT = 10  # seconds that connecting may take
 USER = 1000  # the guest's user without rights
 
@@ -154,6 +155,8 @@ class L2capSockets:
         own = l2cap_address("00:00:00:00:00:00:0", self.kind_of_address)
         succeed(libc.bind(link.fileno(), own, len(own)))  # without it the kernel takes any L2CAP for BR/EDR
         self.prepare(link)
+        # A packet is only taken whole. In pieces of the controller's size, the longest one has no room otherwise.
+        link.setsockopt(socket.SOL_SOCKET, SENDING_BUFFER_BY_FORCE, 1 << 20)
         return link
 
     def prepare(self, link, mode=ENHANCED_RETRANSMISSION, size=LARGEST_SIZE):
@@ -241,6 +244,11 @@ class BluetoothDaemon:
         self.process.kill()
         self.process.wait(10)
         self.talk.close()
+
+
+def measured(text):
+    """What the page about the links tells as a ratio."""
+    print(f"air: measured: {text}", flush=True)
 
 
 # ---- Conversations ---------------------------------------------------------------------------------------------------

@@ -1,7 +1,7 @@
 #include "Bluetooth.h"
 
+#include <algorithm>
 #include <cstddef>
-#include <limits>
 
 namespace desk {
 namespace {
@@ -42,7 +42,7 @@ size_t largest_l2cap_packet(Endpoint::Kind kind, int socket) {
     } else if (L2capOptions options = {}; get_options(socket, options)) {
         mtu = options.outgoing_mtu;
     }
-    return mtu > 0 ? mtu : std::numeric_limits<size_t>::max();
+    return mtu > 0 ? std::min<size_t>(mtu, longest_sent_packet) : longest_sent_packet;
 }
 
 bool is_l2cap_reliable(Endpoint::Kind kind, int socket) {

@@ -26,7 +26,7 @@ BASIC_MODE, ENHANCED_RETRANSMISSION = 0, 3
 BLUETOOTH_LEVEL, SENDING_SIZE, RECEIVING_SIZE = 274, 12, 13
 CLASSIC, LE_PUBLIC = 0, 1
 LARGEST_SIZE = 65535
-SENDING_BUFFER_BY_FORCE = 32
+SENDING_BUFFER_BY_FORCE, RECEIVING_BUFFER_BY_FORCE = 32, 33
 ATTEMPT = 10  # seconds that connecting may take
 USER = 1000  # the guest's user without rights
 
@@ -182,6 +182,8 @@ class LowEnergySockets(L2capSockets):
 
     def prepare(self, link, size=LARGEST_SIZE):
         link.setsockopt(BLUETOOTH_LEVEL, RECEIVING_SIZE, struct.pack("<H", size))
+        # The kernel hands packets over in disorder when it has no room for them.
+        link.setsockopt(socket.SOL_SOCKET, RECEIVING_BUFFER_BY_FORCE, 4 << 20)
 
     def largest_packet(self, link):
         return struct.unpack("<H", link.getsockopt(BLUETOOTH_LEVEL, SENDING_SIZE, 2))[0]

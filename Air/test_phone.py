@@ -24,7 +24,7 @@ class Phone(AirTest):
         return done.stdout.decode()
 
     def titles(self):
-        return [entry["title"] for entry in json.loads(self.phone("--json", "list"))]
+        return [entry["title"] for entry in json.loads(self.phone("--json", "list"))["presets"]]
 
     def test_it_lists_shows_fetches_stores_renames_deletes_and_leaves(self):
         titles = self.titles()

@@ -214,6 +214,7 @@ void prepare_phone_socket(Endpoint::Kind kind, int socket) {
         ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         ::setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on); // a phone may vanish without a word
     }
+    make_room_to_receive(kind, socket);
 }
 
 size_t largest_packet(Endpoint::Kind kind, int socket) {

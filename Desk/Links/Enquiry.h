@@ -5,11 +5,26 @@
 #include <array>
 #include <cstdint>
 #include <span>
+#include <string_view>
 #include <vector>
 
 namespace desk {
 
 using Uuid = std::array<uint8_t, 16>; // most significant byte first
+
+// Of a text such as those of ServiceUuids.h.
+constexpr Uuid uuid_from(std::string_view text) {
+    Uuid uuid{};
+    size_t digits = 0;
+    for (const char character : text) {
+        if (character != '-') {
+            const int digit = character <= '9' ? character - '0' : character - 'a' + 10;
+            uuid[digits / 2] = static_cast<uint8_t>(uuid[digits / 2] << 4 | digit);
+            ++digits;
+        }
+    }
+    return uuid;
+}
 
 // What a packet of the device comes to.
 struct Finding {

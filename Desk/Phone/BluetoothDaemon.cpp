@@ -218,7 +218,14 @@ void BluetoothDaemon::start(const std::string& adapter) {
     bus::Message filter = method(adapter, adapter_interface, "SetDiscoveryFilter");
     filter.append("a{sv}", 1, "Transport", "s", "auto");
     call(filter);
-    call(method(adapter, adapter_interface, "StartDiscovery"));
+    const bus::Message message = method(adapter, adapter_interface, "StartDiscovery");
+    try {
+        call(message);
+    } catch (const Failure&) {
+        if (!stop_.have_come()) {
+            throw;
+        }
+    }
 }
 
 // What the daemon answers matters little: it stops for whoever leaves the bus as well.

@@ -55,23 +55,28 @@ const sockaddr* plain(const L2capAddress& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-// Returns 0, or the error.
-int connect_to_device(Descriptor& connection, const Question& question, std::chrono::milliseconds timeout, int stop) {
+// False, and errno, where the kernel has no such sockets.
+bool open_socket(Descriptor& connection, const Question& question) {
     connection = Descriptor(socket(AF_BLUETOOTH, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, l2cap_protocol));
-    if (connection.get() < 0 || bind(connection.get(), plain(question.own), sizeof question.own) != 0) {
-        return errno;
-    }
+    return connection.get() >= 0 && bind(connection.get(), plain(question.own), sizeof question.own) == 0;
+}
+
+// Returns 0, or the error.
+int connect_to_device(int connection, const Question& question, std::chrono::milliseconds timeout, int stop) {
     Address address{AF_BLUETOOTH, 0, 0, {}, sizeof question.device};
     std::memcpy(&address.bytes, &question.device, sizeof question.device);
-    return try_to_connect(connection.get(), address, Clock::now() + timeout, stop);
+    return try_to_connect(connection, address, Clock::now() + timeout, stop);
 }
 
 bool send_packet(int connection, std::span<const uint8_t> packet) {
     return send(connection, packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
 }
 
-PortAnswer no_port(ExitCode code, const char* reason) {
-    return {std::nullopt, false, code, reason};
+PortAnswer no_port(ExitCode code, const std::string& reason) {
+    PortAnswer answer;
+    answer.code = code;
+    answer.reason = reason;
+    return answer;
 }
 
 PortAnswer hung_up() {
@@ -81,8 +86,11 @@ PortAnswer hung_up() {
 
 PortAnswer answer_of(const Finding& finding) {
     switch (finding.kind) {
-    case Finding::Kind::found:
-        return {finding.port, false, exit_done, {}};
+    case Finding::Kind::found: {
+        PortAnswer answer;
+        answer.port = finding.port;
+        return answer;
+    }
     case Finding::Kind::absent: {
         PortAnswer answer = no_port(
             exit_link, "the device has no such service; is a camera running there that listens on this kind of link?");
@@ -133,11 +141,14 @@ Failure failure_of(const Endpoint& camera, const PortAnswer& answer) {
 PortAnswer ask_for_port(const Endpoint& camera, std::chrono::milliseconds timeout, int stop) {
     const Question question = question_to(camera);
     Descriptor connection;
-    const int error = connect_to_device(connection, question, timeout, stop);
-    if (error != 0) {
-        return {std::nullopt, false, exit_link, reason_of(camera, error)};
+    if (!open_socket(connection, question)) {
+        return no_port(exit_link, reason_of(camera, errno));
     }
-    return converse(connection.get(), *question.enquiry, Clock::now() + timeout, stop);
+    const int error = connect_to_device(connection.get(), question, timeout, stop);
+    PortAnswer answer = error != 0 ? no_port(exit_link, reason_of(camera, error))
+                                   : converse(connection.get(), *question.enquiry, Clock::now() + timeout, stop);
+    answer.was_tried = true;
+    return answer;
 }
 
 Endpoint with_port(const Endpoint& camera, std::chrono::milliseconds timeout) {

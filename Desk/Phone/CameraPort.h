@@ -14,7 +14,8 @@ namespace desk::phone {
 
 struct PortAnswer {
     std::optional<uint16_t> port;
-    // Where there is none:
+    bool was_tried = false; // to connect to the device, which may keep its controller busy for a while
+    // Where there is no port:
     bool is_absent = false; // the device has answered that it has no such service
     ExitCode code = exit_link;
     std::string reason; // and what to do

@@ -74,7 +74,7 @@ void Asking::ask_for(const Endpoint& link, Camera& camera, Unanswered& unanswere
         poll_one(never_stopped, 0, next_le_link_, stop_.descriptor());
     }
     const PortAnswer answer = ask_for_port(link, options_.timeout, stop_.descriptor());
-    if (link.kind == Kind::le) {
+    if (link.kind == Kind::le && answer.was_tried) {
         next_le_link_ = Clock::now() + pause_between_le_links;
     }
     if (answer.port) {

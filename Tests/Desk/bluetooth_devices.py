@@ -1,8 +1,8 @@
 """A Bluetooth daemon for phones that look around: owns org.bluez on the bus that DBUS_SYSTEM_BUS_ADDRESS names.
 
-Usage: /usr/bin/python3 bluetooth_devices.py '{"adapters": {...}, ...}'
+Usage: /usr/bin/python3 bluetooth_devices.py PLAN
 
-What it is to do stands in one JSON object; all entries may be missing:
+What it is to do stands in the file PLAN, one JSON object; all entries may be missing:
 
 adapters     path: properties of the adapters
 known        path: properties of the devices that there are from the start
@@ -46,7 +46,7 @@ def typed(signature, value):
 def value_of(name, value):
     if isinstance(value, dict):
         return typed(value["type"], value["value"])
-    return typed(USUAL.get(name, "b" if isinstance(value, bool) else "s"), value)
+    return typed("b" if isinstance(value, bool) else USUAL.get(name, "s"), value)
 
 
 def properties_of(entries):
@@ -122,4 +122,5 @@ def plain(value):
 
 
 if __name__ == "__main__":
-    Daemon(json.loads(sys.argv[1])).run()
+    with open(sys.argv[1]) as plan:
+        Daemon(json.load(plan)).run()

@@ -1,6 +1,6 @@
 // The URL of a link: unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL, l2cap:[ADDRESS:]PSM, le:[ADDRESS:]PSM. The
-// channel of rfcomm and the PSM of le may be "auto": for a camera any free one, for a phone the one that the camera tells
-// to whoever asks. Of Low Energy an address may be a random one, le:ADDRESS/random:PSM.
+// channel of rfcomm and the PSM of le may be "auto": for a camera any free one, for a phone the one that the camera
+// tells to whoever asks. Of Low Energy an address may be a random one, le:ADDRESS/random:PSM.
 #pragma once
 
 #include <array>

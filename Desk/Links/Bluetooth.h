@@ -21,7 +21,9 @@ constexpr int bluetooth_level = 274;
 constexpr int outgoing_mtu_option = 12; // of Low Energy alone
 constexpr int incoming_mtu_option = 13;
 
-constexpr uint8_t le_public_address = 1; // the type of an address of Low Energy; 0 is one of all other links
+// The types of an address of Low Energy; 0 is one of all other links.
+constexpr uint8_t le_public_address = 1;
+constexpr uint8_t le_random_address = 2;
 
 // A packet may hold so many bytes: what L2CAP can say at most.
 constexpr uint16_t longest_bluetooth_packet = 65535;
@@ -79,7 +81,9 @@ inline L2capAddress l2cap_address(const Endpoint& endpoint) {
     address.psm[0] = static_cast<uint8_t>(endpoint.port);
     address.psm[1] = static_cast<uint8_t>(endpoint.port >> 8);
     put_address(endpoint, address.address);
-    address.address_type = endpoint.kind == Endpoint::Kind::le ? le_public_address : 0;
+    if (endpoint.kind == Endpoint::Kind::le) {
+        address.address_type = endpoint.has_random_address ? le_random_address : le_public_address;
+    }
     return address;
 }
 

@@ -15,7 +15,9 @@ command_line::Manual manual() {
         .words =
             {{"PRESET",
               "12: the number that list prints first; id:13: the custom_id; \"Golden hour\": (a part of) the title"},
-             {"URL", "unix:PATH, tcp:HOST:PORT, rfcomm:ADDRESS:CHANNEL or l2cap:ADDRESS:PSM"}},
+             {"URL",
+              "unix:PATH, tcp:HOST:PORT, rfcomm:ADDRESS:CHANNEL, l2cap:ADDRESS:PSM or le:ADDRESS:PSM; with auto in "
+              "the place of CHANNEL, or of PSM behind le, the phone asks the camera"}},
         .examples =
             {{"list", "List the presets of a camera on this machine:",
               "shotmentor-phone --connect unix:store/camera.sock list"},
@@ -51,6 +53,8 @@ command_line::Manual manual() {
               "shotmentor-phone --connect tcp:localhost:7700 leave --code -8"},
              {"check", "Try all that a phone may send, and report it to a build server:",
               "shotmentor-phone --connect tcp:localhost:7700 check --junit check.xml"},
+             {"scan", "Find the cameras around, and their URLs:", "shotmentor-phone scan"},
+             {"scan", "Look longer, for a program:", "shotmentor-phone --json scan --seconds 30"},
              {"decode", "Read what a phone and a camera said, out of the log that a phone keeps of its Bluetooth:",
               "shotmentor-phone decode btsnoop_hci.log"},
              {"decode", "Watch it as it is captured, with every byte and its meaning:",
@@ -65,13 +69,13 @@ command_line::Manual manual() {
         .environment = {{"SHOTMENTOR_CONNECT", "the URL of the camera's link where --connect is not given"},
                         {"NO_COLOR", "when it is not empty, no picture is drawn"}},
         .scopes = {{"--raw", command_line::Scope::Kind::only, {"list", "show", "delete", "new", "decode"}},
-                   {"--width", command_line::Scope::Kind::only, {"list", "show", "decode"}},
+                   {"--width", command_line::Scope::Kind::only, {"list", "show", "decode", "scan"}},
                    {"--json", command_line::Scope::Kind::except, {"leave", "new", "schema", "replay"}},
-                   {"--verbose", command_line::Scope::Kind::except, {"check", "new", "schema", "decode"}},
-                   {"--connect", command_line::Scope::Kind::except, {"new", "schema", "decode"}},
+                   {"--verbose", command_line::Scope::Kind::except, {"check", "new", "schema", "decode", "scan"}},
+                   {"--connect", command_line::Scope::Kind::except, {"new", "schema", "decode", "scan"}},
                    {"--timeout", command_line::Scope::Kind::except, {"new", "schema", "decode"}},
-                   {"--mtu", command_line::Scope::Kind::except, {"new", "schema", "decode", "replay"}},
-                   {"--capture", command_line::Scope::Kind::except, {"new", "schema", "decode"}},
+                   {"--mtu", command_line::Scope::Kind::except, {"new", "schema", "decode", "replay", "scan"}},
+                   {"--capture", command_line::Scope::Kind::except, {"new", "schema", "decode", "scan"}},
                    {"--quiet", command_line::Scope::Kind::except, {"new", "schema", "decode"}}},
         .see_also = "shotmentor-camera",
     };

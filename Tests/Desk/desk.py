@@ -340,25 +340,56 @@ class Silent(Exception):
     """No whole frame came in time."""
 
 
+class UnixSockets:
+    """A kind of link: where a camera listens, and how a phone gets there."""
+
+    keeps_borders = True
+
+    def listening_url(self, store):
+        return f"unix:{store}/camera.sock"
+
+    def socket(self):
+        return socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+
+    def connect(self, link, where):
+        link.connect(where)
+
+    def largest_packet(self, _link):
+        return LARGEST_PACKET
+
+
+class TcpSockets:
+    keeps_borders = False
+
+    def listening_url(self, _store):
+        return "tcp:127.0.0.1:0"
+
+    def socket(self):
+        link = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        link.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        return link
+
+    def connect(self, link, where):
+        host, _, port = where.rpartition(":")
+        link.connect((host, int(port)))
+
+
+KINDS_OF_LINKS = {"unix": UnixSockets(), "tcp": TcpSockets()}
+
+
 class Link:
     """A phone's end of a link, byte by byte under the test's control."""
 
     def __init__(self, url):
-        kind, _, rest = url.partition(":")
-        self.keeps_borders = kind == "unix"
-        if self.keeps_borders:
-            self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-            address = rest
-        else:
-            host, _, port = rest.rpartition(":")
-            self.socket = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-            self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            address = (host, int(port))
+        kind, _, where = url.partition(":")
+        self.kind = KINDS_OF_LINKS[kind]
+        self.keeps_borders = self.kind.keeps_borders
+        self.socket = self.kind.socket()
         self.socket.settimeout(PATIENCE)
         self.waiting = b""
         self.packet_sizes = []
         try:
-            self.socket.connect(address)
+            self.kind.connect(self.socket, where)
         except OSError:
             self.socket.close()
             raise
@@ -376,7 +407,8 @@ class Link:
         """Sends the bytes whole, or cut behind each of the given counts. What is too large for one packet is
         cut in any case."""
         if self.keeps_borders and not pieces:
-            pieces = range(LARGEST_PACKET, len(data), LARGEST_PACKET)
+            largest = self.kind.largest_packet(self.socket)
+            pieces = range(largest, len(data), largest)
         start = 0
         for end in [*(pieces or []), len(data)]:
             if end > start:
@@ -471,8 +503,7 @@ class Camera:
 
     def __init__(self, store, *options, kind="unix", url=None, environment=None, errors=None):
         self.store = store
-        if url is None:
-            url = f"unix:{store}/camera.sock" if kind == "unix" else "tcp:127.0.0.1:0"
+        url = url or KINDS_OF_LINKS[kind].listening_url(store)
         self.errors = errors or ReadFile()
         self.process = subprocess.Popen(
             [CAMERA, "--store", str(store), "--listen", url, *map(str, options)],

@@ -322,8 +322,9 @@ def records_of_list(link):
     return [answer[i : i + PHONE_RECORD] for i in range(28, len(answer), PHONE_RECORD)]
 
 
-class OverAUnixSocket(Requests, DeskTest):
-    kind = "unix"
+class RequestsInPackets(Requests):
+    """A packet holds bytes of one request alone."""
+
     ways = [behind_the_header(way) for way in WAYS]
 
     def test_a_packet_with_more_bytes_than_announced_stalls_this_phone_alone(self):
@@ -334,6 +335,10 @@ class OverAUnixSocket(Requests, DeskTest):
             self.assertTrue(link.is_silent(0.2))
         self.assertEqual(self.serving.ask(request(LIST)), list_reply(self.before.as_phone_sees()))
 
+
+class OverAUnixSocket(RequestsInPackets, DeskTest):
+    kind = "unix"
+
     def test_a_large_request_of_one_packet_beyond_64_kilobytes_is_stored(self):
         image = picture(1, 120000)
         result, _, custom_id, _ = store_result(self.serving.ask(store_request(phone_record(), image)))
@@ -341,8 +346,9 @@ class OverAUnixSocket(Requests, DeskTest):
         self.assertEqual(stored_picture(self.store, custom_id), image)
 
 
-class OverTcp(Requests, DeskTest):
-    kind = "tcp"
+class RequestsInAStream(Requests):
+    """A stream has no packets: it may be cut anywhere."""
+
     ways = WAYS
 
     def test_several_requests_in_one_send_are_answered_in_order(self):
@@ -389,6 +395,10 @@ class OverTcp(Requests, DeskTest):
                 if first < 8:
                     self.assertEqual(link.receive(), expected)
                 self.assertEqual(link.receive(), expected)
+
+
+class OverTcp(RequestsInAStream, DeskTest):
+    kind = "tcp"
 
     def test_the_camera_announces_the_real_port(self):
         self.assertRegex(self.serving.url, r"^tcp:127\.0\.0\.1:[1-9][0-9]*$")

@@ -1,7 +1,6 @@
 #include "Bluetooth.h"
 
 #include <cstddef>
-#include <limits>
 #include <span>
 #include <sys/ioctl.h>
 
@@ -94,7 +93,7 @@ size_t largest_l2cap_packet(Endpoint::Kind kind, int socket) {
     } else if (L2capOptions options = {}; get_options(socket, options)) {
         mtu = options.outgoing_mtu;
     }
-    return mtu > 0 ? mtu : std::numeric_limits<size_t>::max();
+    return mtu > 0 ? std::min(mtu, longest_sent_bluetooth_packet) : longest_sent_bluetooth_packet;
 }
 
 bool is_l2cap_reliable(Endpoint::Kind kind, int socket) {

@@ -22,8 +22,11 @@ constexpr int incoming_mtu_option = 13;
 
 constexpr uint8_t le_public_address = 1; // the type of an address of Low Energy; 0 is one of all other links
 
-// A packet may hold so many bytes: what L2CAP can say at most.
+// A packet that comes may hold so many bytes: what L2CAP can say at most. One that goes is kept small: the kernel takes
+// it whole or not at all, spends on it several times what it holds, and one that costs more than a socket may hold
+// waits for room for ever.
 constexpr uint16_t longest_bluetooth_packet = 65535;
+constexpr uint16_t longest_sent_bluetooth_packet = 4096;
 
 // How packets of L2CAP get lost: in the basic mode without a word, when their reader is slow. With enhanced
 // retransmission the sender waits.
@@ -93,7 +96,7 @@ bool has_adapter(const Endpoint& endpoint);
 // and errno, where the kernel does not do that.
 bool prepare_l2cap_socket(Endpoint::Kind kind, int socket);
 
-// The largest packet that the other end of a connected socket takes.
+// The largest packet to send on a connected socket: one that the other end takes, and our own kernel, too.
 size_t largest_l2cap_packet(Endpoint::Kind kind, int socket);
 
 // Whether no packet gets lost on a connected socket.

@@ -1,5 +1,6 @@
 #include "Bluetooth.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <span>
 #include <sys/ioctl.h>
@@ -93,7 +94,7 @@ size_t largest_l2cap_packet(Endpoint::Kind kind, int socket) {
     } else if (L2capOptions options = {}; get_options(socket, options)) {
         mtu = options.outgoing_mtu;
     }
-    return mtu > 0 ? std::min(mtu, longest_sent_bluetooth_packet) : longest_sent_bluetooth_packet;
+    return mtu > 0 ? std::min<size_t>(mtu, longest_sent_packet) : longest_sent_packet;
 }
 
 bool is_l2cap_reliable(Endpoint::Kind kind, int socket) {

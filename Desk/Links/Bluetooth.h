@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <sys/socket.h>
 
@@ -22,11 +23,13 @@ constexpr int incoming_mtu_option = 13;
 
 constexpr uint8_t le_public_address = 1; // the type of an address of Low Energy; 0 is one of all other links
 
-// A packet that comes may hold so many bytes: what L2CAP can say at most. One that goes is kept small: the kernel takes
-// it whole or not at all, spends on it several times what it holds, and one that costs more than a socket may hold
-// waits for room for ever.
+// A packet may hold so many bytes: what L2CAP can say at most.
 constexpr uint16_t longest_bluetooth_packet = 65535;
-constexpr uint16_t longest_sent_bluetooth_packet = 4096;
+
+// What is sent is shorter. The kernel cuts a packet into pieces of the controller's size, and takes it only when its
+// buffer has room for all of them at once: some hundred bytes for each, however few the controller sends at a time.
+// Where pieces are of 27 bytes, as with the oldest Low Energy, there is room for about 6000.
+constexpr size_t longest_sent_packet = 4096;
 
 // How packets of L2CAP get lost: in the basic mode without a word, when their reader is slow. With enhanced
 // retransmission the sender waits.
@@ -96,7 +99,7 @@ bool has_adapter(const Endpoint& endpoint);
 // and errno, where the kernel does not do that.
 bool prepare_l2cap_socket(Endpoint::Kind kind, int socket);
 
-// The largest packet to send on a connected socket: one that the other end takes, and our own kernel, too.
+// The largest packet that the other end of a connected socket takes, and this one can send.
 size_t largest_l2cap_packet(Endpoint::Kind kind, int socket);
 
 // Whether no packet gets lost on a connected socket.

@@ -277,7 +277,7 @@ class Completions:
         self.assertEqual(self.offered("shotmentor-camera --store "), {"roll"})
 
     def test_are_the_kinds_of_links_and_then_the_path_of_a_socket(self):
-        kinds = {"unix:", "tcp:", "rfcomm:", "l2cap:"}
+        kinds = {"unix:", "tcp:", "rfcomm:", "l2cap:", "le:"}
         self.assertEqual(self.offered("shotmentor-phone --connect "), kinds)
         self.assertEqual(self.offered("shotmentor-camera --store x --listen "), kinds)
         self.assertEqual(self.offered("shotmentor-phone --connect r"), {"rfcomm:"})

@@ -1,15 +1,15 @@
 """What goes wrong with Bluetooth is told in one line that says how to mend it, and costs nothing of the store."""
 
-import ctypes
 import os
 import subprocess
 import time
 
 import desk
+
 from air import (
-    ADDRESSES, BASIC_MODE, CAMERA_ADDRESS, CAMERAS, LINKS, PHONES, USER, AirTest, start_anew, turn_off, turn_on,
+    BASIC_MODE, CAMERA_ADDRESS, CAMERAS, LINKS, PHONES, USER, AirTest, start_anew, turn_off, turn_on,
 )  # fmt: skip
-from desk import LIST, PATIENCE, Closed, Link, list_reply, phone_record, picture, picture_request, records_in, request
+from desk import LIST, PATIENCE, Closed, Link, phone_record, picture, picture_request, records_in, request
 from desk import run_camera, run_phone, store_request, store_result
 
 NOBODY = "00:AA:01:7F:00:7F"
@@ -80,20 +80,22 @@ class Adapters(BadInput):
         start_anew()
         self.assertEqual(len(camera.presets()), 1)
 
-    def assertTold(self, camera, text):
+    def assertTold(self, camera, *texts):
         end = time.monotonic() + 3 * PATIENCE
-        while text not in camera.talk():
+        while not any(text in camera.talk() for text in texts):
             self.assertLess(time.monotonic(), end, camera.talk())
             time.sleep(0.05)
 
     def test_of_the_phone_that_goes_off_in_the_middle(self):
-        """A camera notices nothing of it, and lets the phone go where it is told to."""
+        """The camera may notice nothing of it, and then lets the phone go where it is told to."""
         self.addCleanup(start_anew)
         camera = self.camera("--idle-timeout", "2")
         link = self.link(camera)
         link.ask(request(LIST))
         turn_off([PHONES])
-        self.assertTold(camera, "the phone was let go: nothing has come from it or gone to it for 2 s")
+        self.assertTold(
+            camera, "the phone was let go: nothing has come from it or gone to it for 2 s", "the phone left: "
+        )
 
     def test_of_the_phones_program_that_goes_off_in_the_middle(self):
         self.addCleanup(start_anew)

@@ -36,6 +36,9 @@ constexpr size_t longest_sent_packet = 4096;
 // How packets of L2CAP get lost: in the basic mode without a word, when their reader is slow. With enhanced
 // retransmission the sender waits.
 constexpr uint8_t enhanced_retransmission = 3;
+constexpr const char* no_retransmission =
+    "this kernel has L2CAP's enhanced retransmission turned off (disable_ertm of its module bluetooth), without which "
+    "packets get lost; use rfcomm: or le:";
 
 struct RfcommAddress {
     sa_family_t family;
@@ -58,6 +61,11 @@ struct L2capOptions {
 };
 
 static_assert(sizeof(RfcommAddress) == 10 && sizeof(L2capAddress) == 14, "as the kernel lays them out");
+
+// L2CAP over either radio.
+constexpr bool is_l2cap(Endpoint::Kind kind) {
+    return kind == Endpoint::Kind::l2cap || kind == Endpoint::Kind::le;
+}
 
 // An endpoint without an address means any adapter.
 inline void put_address(const Endpoint& endpoint, uint8_t (&address)[6]) {
@@ -94,6 +102,10 @@ constexpr int room_to_receive = 4 << 20;
 
 // For a socket of a phone's link, when it is connected or before. Does nothing where nothing gets out of order.
 void make_room_to_receive(Endpoint::Kind kind, int socket);
+
+// Whether this machine has an adapter that is on; with an address, one that has it. A kernel that cannot be asked counts
+// as one that has.
+bool has_adapter(const Endpoint& endpoint);
 
 // Of a socket that is bound, before it listens or connects: packets as long as can be, and none that gets lost. False,
 // and errno, where the kernel does not do that.

@@ -5,7 +5,7 @@ import socket
 import struct
 import threading
 
-from air import CAMERA_ADDRESS, CLASSIC, LE_PUBLIC, AirTest, libc, succeed
+from air import CAMERA_ADDRESS, CLASSIC, CAMERAS, LE_PUBLIC, AirTest, libc, management, succeed, wait_until
 from desk import run_phone
 
 SERVICE = "252a3c13-cb4c-4ac9-aec8-24e715743b86"
@@ -14,6 +14,19 @@ ASKED = {
     "rfcomm": bytes.fromhex("06 0001 001b 3511 1c" + SERVICE.replace("-", "") + "ffff 3503 090004 00"),
     "le": b"\x08\1\0\xff\xff" + bytes.fromhex("abdd3056-28fa-441d-a470-55a75a52553a".replace("-", ""))[::-1],
 }
+
+
+GET_CONNECTIONS, COMMAND_COMPLETE = 0x0015, 0x0001
+
+
+def connections_of(controller):
+    with management() as kernel:
+        kernel.socket.send(struct.pack("<HHH", GET_CONNECTIONS, controller, 0))
+        while True:
+            packet = kernel.socket.recv(1024)
+            if struct.unpack_from("<HH", packet) == (COMMAND_COMPLETE, controller):
+                _, status, count = struct.unpack_from("<HBH", packet, 6)
+                return count if status == 0 else 0
 
 
 class Device:
@@ -67,6 +80,11 @@ class WhereTheCameraListens(AirTest):
 
     kinds = ("rfcomm", "le")
     url = property(lambda self: f"{self.kind}:{CAMERA_ADDRESS}:auto")
+
+    def setUp(self):
+        super().setUp()
+        # A link stays for two seconds, and one that is about to go is no good one for the next phone.
+        wait_until(lambda: connections_of(CAMERAS) == 0, what="the end of the links of before")
 
     def list(self, *options):
         return run_phone(self.url, "--timeout", 2, *options, "list", wait_for_turn=False)
@@ -122,9 +140,19 @@ class WhereTheCameraListens(AirTest):
         self.assertRefused(4, "the device does not answer where its camera listens", [])
 
     def test_is_asked_of_a_device_that_hangs_up(self):
-        self.assertRefused(6, "the device hung up when it was asked")
+        if self.kind == "le":  # the link stays for two seconds behind its last channel
+            self.assertRefused(4, "the device does not answer where its camera listens")
+        else:
+            self.assertRefused(6, "the device hung up when it was asked")
 
-    def test_is_asked_where_nobody_is(self):
-        done = run_phone(f"{self.kind}:00:AA:01:77:77:77:auto", "--timeout", 2, "list", wait_for_turn=False)
-        self.assertEnds(done, 3)
-        self.assertIn("no answer from that address; see that the camera is near", done.stderr.decode())
+
+class Nobody(AirTest):
+    # Over RFCOMM's kind of link the guest's kernel, 6.1.192, breaks: "list_del corruption" in hci_chan_del, when a
+    # socket is closed that could not be connected. It takes the process along, and its thread for RFCOMM.
+    kinds = ("le",)
+
+    def test_tells_where_the_camera_listens(self):
+        for address in ("00:AA:01:77:77:77", "C0:AA:01:77:77:77/random"):
+            done = run_phone(f"le:{address}:auto", "--timeout", 2, "list", wait_for_turn=False)
+            self.assertEnds(done, 3)
+            self.assertIn("no answer from that address; see that the camera is near", done.stderr.decode())

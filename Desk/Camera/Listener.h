@@ -39,7 +39,7 @@ class Listener {
     void wait_for_phone();
     void accept_some();
     void accept_later();
-    std::shared_ptr<Link> link_of(Descriptor phone);
+    void take(Descriptor phone);
 
     asio::io_context& loop_;
     Endpoint endpoint_;

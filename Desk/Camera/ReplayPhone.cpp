@@ -89,10 +89,16 @@ std::optional<Bytes> ReplayPhone::next_message() {
 }
 
 bool ReplayPhone::receive() {
-    waiting_.for_descriptor(socket_.get(), POLLIN, std::nullopt);
+    if (!has_ended_) {
+        waiting_.for_descriptor(socket_.get(), POLLIN, std::nullopt);
+    }
     const ssize_t length = ::recv(socket_.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT);
+    if (length < 0 && !is_worth_a_retry(errno) && !has_ended_) {
+        has_ended_ = true; // sockets of Bluetooth tell an error before the bytes that came ahead of it
+        return true;
+    }
     if (length <= 0) {
-        return length < 0 && is_worth_a_retry(errno);
+        return length < 0 && is_worth_a_retry(errno) && !has_ended_;
     }
     for (Bytes& message : messages_.take(std::span(buffer_).first(static_cast<size_t>(length)))) {
         whole_.push_back(std::move(message));
@@ -129,8 +135,7 @@ ReplayPhone ReplayListener::accept() const {
     while (true) {
         waiting_.for_descriptor(socket_.get(), POLLIN, std::nullopt);
         Descriptor phone(::accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (phone.get() >= 0) {
-            prepare_phone_socket(endpoint_.kind, phone.get());
+        if (phone.get() >= 0 && prepare_phone_socket(endpoint_.kind, phone.get())) {
             return {waiting_, std::move(phone), endpoint_.keeps_message_boundaries()};
         }
         waiting_.pause(std::chrono::milliseconds(20)); // a machine that is out of files is not asked without end

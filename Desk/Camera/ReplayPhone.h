@@ -52,6 +52,7 @@ class ReplayPhone {
     const Waiting& waiting_;
     Descriptor socket_;
     bool keeps_message_boundaries_;
+    bool has_ended_ = false; // by an error, while bytes before it are read
     capture::Assembler messages_;
     std::deque<Bytes> whole_;
     std::vector<uint8_t> buffer_;

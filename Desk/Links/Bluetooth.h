@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <sys/socket.h>
 
@@ -27,9 +28,17 @@ constexpr uint8_t le_random_address = 2;
 // A packet may hold so many bytes: what L2CAP can say at most.
 constexpr uint16_t longest_bluetooth_packet = 65535;
 
+// What is sent is shorter. The kernel cuts a packet into pieces of the controller's size, and takes it only when its
+// buffer has room for all of them at once: some hundred bytes for each, however few the controller sends at a time.
+// Where pieces are of 27 bytes, as with the oldest Low Energy, there is room for about 6000.
+constexpr size_t longest_sent_packet = 4096;
+
 // How packets of L2CAP get lost: in the basic mode without a word, when their reader is slow. With enhanced
 // retransmission the sender waits.
 constexpr uint8_t enhanced_retransmission = 3;
+constexpr const char* no_retransmission =
+    "this kernel has L2CAP's enhanced retransmission turned off (disable_ertm of its module bluetooth), without which "
+    "packets get lost; use rfcomm: or le:";
 
 struct RfcommAddress {
     sa_family_t family;
@@ -52,6 +61,11 @@ struct L2capOptions {
 };
 
 static_assert(sizeof(RfcommAddress) == 10 && sizeof(L2capAddress) == 14, "as the kernel lays them out");
+
+// L2CAP over either radio.
+constexpr bool is_l2cap(Endpoint::Kind kind) {
+    return kind == Endpoint::Kind::l2cap || kind == Endpoint::Kind::le;
+}
 
 // An endpoint without an address means any adapter.
 inline void put_address(const Endpoint& endpoint, uint8_t (&address)[6]) {
@@ -81,11 +95,23 @@ inline L2capAddress l2cap_address(const Endpoint& endpoint) {
     return address;
 }
 
+// A channel of Low Energy that has no room for what arrives may hand a packet over out of its turn (seen with Linux 6.1),
+// and nobody can tell. So there is room for the longest request, in the smallest pieces: a buffer counts up to 1300
+// bytes for each piece of 190. Without the right to that (CAP_NET_ADMIN) it is as much as net.core.rmem_max allows.
+constexpr int room_to_receive = 4 << 20;
+
+// For a socket of a phone's link, when it is connected or before. Does nothing where nothing gets out of order.
+void make_room_to_receive(Endpoint::Kind kind, int socket);
+
+// Whether this machine has an adapter that is on; with an address, one that has it. A kernel that cannot be asked counts
+// as one that has.
+bool has_adapter(const Endpoint& endpoint);
+
 // Of a socket that is bound, before it listens or connects: packets as long as can be, and none that gets lost. False,
 // and errno, where the kernel does not do that.
 bool prepare_l2cap_socket(Endpoint::Kind kind, int socket);
 
-// The largest packet that the other end of a connected socket takes.
+// The largest packet that the other end of a connected socket takes, and this one can send.
 size_t largest_l2cap_packet(Endpoint::Kind kind, int socket);
 
 // Whether no packet gets lost on a connected socket.

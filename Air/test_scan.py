@@ -1,11 +1,12 @@
 """A phone that asks a device where its camera listens, and looks for cameras."""
 
 import contextlib
+import json
 import socket
 import struct
 import threading
 
-from air import CAMERA_ADDRESS, CLASSIC, CAMERAS, LE_PUBLIC, AirTest, libc, management, succeed, wait_until
+from air import CAMERA_ADDRESS, CAMERAS, CLASSIC, LE_PUBLIC, PHONES, AirTest, libc, management, succeed, wait_until
 from desk import run_phone
 
 SERVICE = "252a3c13-cb4c-4ac9-aec8-24e715743b86"
@@ -156,3 +157,28 @@ class Nobody(AirTest):
             done = run_phone(f"le:{address}:auto", "--timeout", 2, "list", wait_for_turn=False)
             self.assertEnds(done, 3)
             self.assertIn("no answer from that address; see that the camera is near", done.stderr.decode())
+
+
+class Search(AirTest):
+    """With the system's own daemon, which both sides use; the phone's adapter is the one that is named."""
+
+    kinds = ("rfcomm", "le")
+    needs_daemon = True
+
+    def test_finds_the_camera_and_the_url_of_its_link(self):
+        camera = self.camera("--empty", "--name", "Night owl", "--discoverable", 0)
+        port = camera.url.rpartition(":")[2]
+        done = run_phone(None, "--json", "scan", "--adapter", f"hci{PHONES}", "--seconds", 8, timeout=90)
+        self.assertEnds(done, 0)
+        (found,) = [one for one in json.loads(done.stdout)["cameras"] if one["address"] == CAMERA_ADDRESS]
+        self.assertEqual(found["name"], "Night owl")
+        link = {"link": self.kind, "url": f"{self.kind}:{CAMERA_ADDRESS}:{port}", "port": int(port)}
+        self.assertEqual(found["links"], [link])
+        wait_until(lambda: connections_of(CAMERAS) == 0, what="the end of the links of the search")
+        for url in (link["url"], f"{self.kind}:{CAMERA_ADDRESS}:auto"):
+            self.assertEnds(run_phone(url, "list"), 0)
+
+    def test_finds_no_camera_where_there_is_none(self):
+        done = run_phone(None, "scan", "--adapter", f"hci{PHONES}", "--seconds", 4, timeout=90)
+        self.assertEnds(done, 9)
+        self.assertIn("no camera was found; see that it runs, is near", done.stderr.decode())

@@ -26,6 +26,7 @@ BASIC_MODE, ENHANCED_RETRANSMISSION = 0, 3
 BLUETOOTH_LEVEL, SENDING_SIZE, RECEIVING_SIZE = 274, 12, 13
 CLASSIC, LE_PUBLIC = 0, 1
 LARGEST_SIZE = 65535
+SENDING_BUFFER_BY_FORCE, RECEIVING_BUFFER_BY_FORCE = 32, 33
 ATTEMPT = 10  # seconds that connecting may take
 USER = 1000  # the guest's user without rights
 
@@ -156,6 +157,8 @@ class L2capSockets:
         own = l2cap_address("00:00:00:00:00:00:0", self.kind_of_address)
         succeed(libc.bind(link.fileno(), own, len(own)))  # without it the kernel takes any L2CAP for BR/EDR
         self.prepare(link)
+        # A packet is only taken whole. In pieces of the controller's size, the longest one has no room otherwise.
+        link.setsockopt(socket.SOL_SOCKET, SENDING_BUFFER_BY_FORCE, 1 << 20)
         return link
 
     def prepare(self, link, mode=ENHANCED_RETRANSMISSION, size=LARGEST_SIZE):
@@ -181,6 +184,8 @@ class LowEnergySockets(L2capSockets):
 
     def prepare(self, link, size=LARGEST_SIZE):
         link.setsockopt(BLUETOOTH_LEVEL, RECEIVING_SIZE, struct.pack("<H", size))
+        # The kernel hands packets over in disorder when it has no room for them.
+        link.setsockopt(socket.SOL_SOCKET, RECEIVING_BUFFER_BY_FORCE, 4 << 20)
 
     def largest_packet(self, link):
         return struct.unpack("<H", link.getsockopt(BLUETOOTH_LEVEL, SENDING_SIZE, 2))[0]
@@ -243,6 +248,11 @@ class BluetoothDaemon:
         self.process.kill()
         self.process.wait(10)
         self.talk.close()
+
+
+def measured(text):
+    """What the page about the links tells as a ratio."""
+    print(f"air: measured: {text}", flush=True)
 
 
 # ---- Conversations ---------------------------------------------------------------------------------------------------

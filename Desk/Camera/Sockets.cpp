@@ -251,6 +251,7 @@ bool prepare_phone_socket(Endpoint::Kind kind, int socket) {
         ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         ::setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on); // a phone may vanish without a word
     }
+    make_room_to_receive(kind, socket);
     return true;
 }
 

@@ -17,6 +17,7 @@ bool get_options(int socket, L2capOptions& options) {
 
 bool prepare_low_energy(int socket) {
     const uint16_t mtu = longest_bluetooth_packet;
+    make_room_to_receive(Endpoint::Kind::le, socket);
     return ::setsockopt(socket, bluetooth_level, incoming_mtu_option, &mtu, sizeof mtu) == 0;
 }
 
@@ -68,6 +69,16 @@ bool has_adapter(const Endpoint& endpoint) {
     return std::ranges::any_of(listed, [&](const auto& adapter) {
         return (adapter.flags & adapter_is_up) != 0 && has_address(socket.get(), adapter.number, endpoint);
     });
+}
+
+void make_room_to_receive(Endpoint::Kind kind, int socket) {
+    if (kind != Endpoint::Kind::le) {
+        return;
+    }
+    const int bytes = room_to_receive;
+    if (::setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
+        ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    }
 }
 
 bool prepare_l2cap_socket(Endpoint::Kind kind, int socket) {

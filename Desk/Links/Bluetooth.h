@@ -21,7 +21,9 @@ constexpr int bluetooth_level = 274;
 constexpr int outgoing_mtu_option = 12; // of Low Energy alone
 constexpr int incoming_mtu_option = 13;
 
-constexpr uint8_t le_public_address = 1; // the type of an address of Low Energy; 0 is one of all other links
+// The types of an address of Low Energy; 0 is one of all other links.
+constexpr uint8_t le_public_address = 1;
+constexpr uint8_t le_random_address = 2;
 
 // A packet may hold so many bytes: what L2CAP can say at most.
 constexpr uint16_t longest_bluetooth_packet = 65535;
@@ -87,13 +89,23 @@ inline L2capAddress l2cap_address(const Endpoint& endpoint) {
     address.psm[0] = static_cast<uint8_t>(endpoint.port);
     address.psm[1] = static_cast<uint8_t>(endpoint.port >> 8);
     put_address(endpoint, address.address);
-    address.address_type = endpoint.kind == Endpoint::Kind::le ? le_public_address : 0;
+    if (endpoint.kind == Endpoint::Kind::le) {
+        address.address_type = endpoint.has_random_address ? le_random_address : le_public_address;
+    }
     return address;
 }
 
 // Whether this machine has an adapter that is on; with an address, one that has it. A kernel that cannot be asked counts
 // as one that has.
 bool has_adapter(const Endpoint& endpoint);
+
+// A channel of Low Energy that has no room for what arrives may hand a packet over out of its turn (seen with Linux 6.1),
+// and nobody can tell. So there is room for the longest request, in the smallest pieces: a buffer counts up to 1300
+// bytes for each piece of 190. Without the right to that (CAP_NET_ADMIN) it is as much as net.core.rmem_max allows.
+constexpr int room_to_receive = 4 << 20;
+
+// For a socket of a phone's link, when it is connected or before. Does nothing where nothing gets out of order.
+void make_room_to_receive(Endpoint::Kind kind, int socket);
 
 // Of a socket that is bound, before it listens or connects: packets as long as can be, and none that gets lost. False,
 // and errno, where the kernel does not do that.

@@ -12,6 +12,7 @@ namespace {
 
 constexpr size_t longest_path = sizeof(sockaddr_un::sun_path) - 1;
 constexpr size_t address_text = 17; // 00:11:22:33:44:55
+constexpr std::string_view random_mark = "/random";
 
 [[noreturn]] void throw_url_failure(const std::string& url, const std::string& why, const char* example) {
     throw Failure(exit_usage, fmt::format("{}: {}; write {}", url, why, example));
@@ -24,21 +25,6 @@ std::optional<uint32_t> number_in(std::string_view text, int base = 10) {
         return std::nullopt;
     }
     return value;
-}
-
-std::optional<std::array<uint8_t, 6>> address_in(std::string_view text) {
-    std::array<uint8_t, 6> address{};
-    if (text.size() != address_text) {
-        return std::nullopt;
-    }
-    for (size_t k = 0; k < address.size(); ++k) {
-        const auto byte = number_in(text.substr(3 * k, 2), 16);
-        if (!byte || (k > 0 && text[3 * k - 1] != ':')) {
-            return std::nullopt;
-        }
-        address[k] = static_cast<uint8_t>(*byte);
-    }
-    return address;
 }
 
 Endpoint unix_endpoint(const std::string& url, std::string_view path) {
@@ -121,7 +107,12 @@ Endpoint bluetooth_endpoint(const std::string& url, std::string_view rest, const
     endpoint.kind = bluetooth.kind;
     const size_t colon = rest.rfind(':');
     if (colon != std::string_view::npos) {
-        endpoint.address = address_in(rest.substr(0, colon));
+        std::string_view address = rest.substr(0, colon);
+        if (bluetooth.kind == Endpoint::Kind::le && address.ends_with(random_mark)) {
+            endpoint.has_random_address = true;
+            address.remove_suffix(random_mark.size());
+        }
+        endpoint.address = bluetooth_address_in(address);
         if (!endpoint.address) {
             throw_url_failure(url, "the address is no Bluetooth address", bluetooth.example);
         }
@@ -143,10 +134,30 @@ std::string bluetooth_url(const char* scheme, const Endpoint& endpoint) {
     if (!endpoint.address) {
         return fmt::format("{}:{}", scheme, port);
     }
-    return fmt::format("{}:{:02X}:{}", scheme, fmt::join(*endpoint.address, ":"), port);
+    return fmt::format("{}:{}{}:{}", scheme, text_of(*endpoint.address), endpoint.has_random_address ? random_mark : "",
+                       port);
 }
 
 } // namespace
+
+std::optional<BluetoothAddress> bluetooth_address_in(std::string_view text) {
+    BluetoothAddress address{};
+    if (text.size() != address_text) {
+        return std::nullopt;
+    }
+    for (size_t k = 0; k < address.size(); ++k) {
+        const auto byte = number_in(text.substr(3 * k, 2), 16);
+        if (!byte || (k > 0 && text[3 * k - 1] != ':')) {
+            return std::nullopt;
+        }
+        address[k] = static_cast<uint8_t>(*byte);
+    }
+    return address;
+}
+
+std::string text_of(const BluetoothAddress& address) {
+    return fmt::format("{:02X}", fmt::join(address, ":"));
+}
 
 std::string Endpoint::url() const {
     switch (kind) {

@@ -11,11 +11,10 @@
 
 #include "Capture/Writer.h"
 #include "Common/Descriptor.h"
+#include "Connecting.h"
 #include "Links/Endpoint.h"
 
 namespace desk::phone {
-
-using Clock = std::chrono::steady_clock;
 
 class Link {
   public:

@@ -282,10 +282,17 @@ class BluetoothIsMissing(DeskTest):
             self.assertEnds(done, 3)
             self.assertIn("this kernel has no Bluetooth; use unix: or tcp:", done.stderr.decode())
 
-    def test_a_phone_needs_to_know_where_on_the_camera(self):
-        done = run_phone("le:00:11:22:33:44:55:auto", "list", wait_for_turn=False)
-        self.assertEnds(done, 3)
-        self.assertIn("does not say where on the camera", done.stderr.decode())
+    def test_a_phone_cannot_ask_where_on_the_camera(self):
+        for url in ("rfcomm:00:11:22:33:44:55:auto", "le:00:11:22:33:44:55:auto", "le:C0:11:22:33:44:55/random:auto"):
+            done = run_phone(url, "list", wait_for_turn=False)
+            self.assertEnds(done, 3)
+            self.assertIn(f"cannot connect to {url}: this kernel has no Bluetooth; use unix: or", done.stderr.decode())
+
+    def test_a_phone_needs_to_know_which_camera(self):
+        for url in ("rfcomm:1", "rfcomm:auto", "le:auto", "l2cap:4097"):
+            done = run_phone(url, "list", wait_for_turn=False)
+            self.assertEnds(done, 3)
+            self.assertIn(f"{url} does not say which camera", done.stderr.decode())
 
 
 if __name__ == "__main__":

@@ -6,6 +6,7 @@ then is its `kind`: `self.camera(kind=self.kind)` listens there, and Link and th
 
 import contextlib
 import ctypes
+import errno
 import os
 import shutil
 import socket
@@ -42,7 +43,8 @@ def succeed(result):
 
 HCI_CHANNEL_CONTROL, NO_CONTROLLER = 3, 0xFFFF
 SET_POWERED, SET_CONNECTABLE, SET_LE, SET_ADVERTISING, SET_BREDR = 0x0005, 0x0007, 0x000D, 0x0029, 0x002A
-DISCONNECT = 0x0014
+READ_INFORMATION, DISCONNECT, GET_CONNECTIONS = 0x0004, 0x0014, 0x0015
+IS_CONNECTABLE, IS_ADVERTISING = 1 << 1, 1 << 10
 COMMAND_COMPLETE, COMMAND_STATUS = 0x0001, 0x0002
 BUSY = 10  # with the command before
 
@@ -56,8 +58,8 @@ class Management:
         succeed(libc.bind(self.socket.fileno(), address, len(address)))
         self.socket.settimeout(ATTEMPT)
 
-    def ask(self, controller, command, parameters):
-        """The status that the kernel answers with; 0 is success."""
+    def ask(self, controller, command, parameters=b""):
+        """The status that the kernel answers with, where 0 is success, and what it says."""
         self.socket.send(struct.pack("<HHH", command, controller, len(parameters)) + parameters)
         while True:
             packet = self.socket.recv(1024)
@@ -65,14 +67,22 @@ class Management:
             if event in (COMMAND_COMPLETE, COMMAND_STATUS) and index == controller:
                 answered, status = struct.unpack_from("<HB", packet, 6)
                 if answered == command:
-                    return status
+                    return status, packet[9:]
 
     def set(self, controller, command, value=1):
         end = time.monotonic() + ATTEMPT
-        while (status := self.ask(controller, command, bytes([value]))) == BUSY and time.monotonic() < end:
+        while (status := self.ask(controller, command, bytes([value]))[0]) == BUSY and time.monotonic() < end:
             time.sleep(0.02)
         if status:
             raise OSError(f"controller {controller} refuses command {command}: {status}")
+
+    def settings(self, controller):
+        return struct.unpack_from("<I", self.ask(controller, READ_INFORMATION)[1], 13)[0]
+
+    def disconnect(self, controller):
+        """Ends its links, which otherwise stay for two seconds after the last channel."""
+        while connections := self.ask(controller, GET_CONNECTIONS)[1][2:]:
+            self.ask(controller, DISCONNECT, connections[:7])
 
     def close(self):
         self.socket.close()
@@ -93,8 +103,9 @@ def turn_on(controllers=(CAMERAS, PHONES)):
         for controller in controllers:
             kernel.set(controller, SET_LE)
             kernel.set(controller, SET_POWERED)
-        if CAMERAS in controllers:
+        if CAMERAS in controllers and not kernel.settings(CAMERAS) & IS_CONNECTABLE:
             kernel.set(CAMERAS, SET_CONNECTABLE)
+        if CAMERAS in controllers and not kernel.settings(CAMERAS) & IS_ADVERTISING:
             kernel.set(CAMERAS, SET_ADVERTISING)
 
 
@@ -133,8 +144,27 @@ class RfcommSockets:
         return socket.socket(socket.AF_BLUETOOTH, socket.SOCK_STREAM, socket.BTPROTO_RFCOMM)
 
     def connect(self, link, where):
+        """A channel that was in use just now is so for a moment longer."""
         address, _, channel = where.rpartition(":")
-        link.connect((address, int(channel)))
+        end = time.monotonic() + ATTEMPT
+        while True:
+            try:
+                link.connect((address, int(channel)))
+                return
+            except OSError as error:
+                if error.errno not in (errno.EBUSY, errno.ECONNRESET) or time.monotonic() > end:
+                    raise
+            time.sleep(0.01)
+            with self.socket() as fresh:
+                fresh.settimeout(link.gettimeout())
+                os.dup2(fresh.fileno(), link.fileno())
+
+    def listen(self):
+        """A camera's socket of the tests' own, and its URL."""
+        server = self.socket()
+        server.bind((CAMERA_ADDRESS, 22))
+        server.listen(1)
+        return server, f"rfcomm:{CAMERA_ADDRESS}:22"
 
 
 def l2cap_address(where, kind_of_address):
@@ -148,13 +178,14 @@ class L2capSockets:
     keeps_borders = True
     kind_of_address = CLASSIC
     url = f"l2cap:{CAMERA_ADDRESS}:4097"
+    own_url = f"l2cap:{CAMERA_ADDRESS}:4099"
 
     def listening_url(self, _store):
         return self.url
 
-    def socket(self):
+    def socket(self, where="00:00:00:00:00:00:0"):
         link = socket.socket(socket.AF_BLUETOOTH, socket.SOCK_SEQPACKET, socket.BTPROTO_L2CAP)
-        own = l2cap_address("00:00:00:00:00:00:0", self.kind_of_address)
+        own = l2cap_address(where, self.kind_of_address)
         succeed(libc.bind(link.fileno(), own, len(own)))  # without it the kernel takes any L2CAP for BR/EDR
         self.prepare(link)
         # A packet is only taken whole. In pieces of the controller's size, the longest one has no room otherwise.
@@ -174,6 +205,11 @@ class L2capSockets:
         succeed(libc.connect(link.fileno(), theirs, len(theirs)))
         link.settimeout(desk.PATIENCE)
 
+    def listen(self):
+        server = self.socket(self.own_url.partition(":")[2])
+        server.listen(1)
+        return server, self.own_url
+
     def largest_packet(self, link):
         return struct.unpack_from("<H", link.getsockopt(L2CAP_LEVEL, L2CAP_OPTIONS, 12))[0]
 
@@ -181,6 +217,7 @@ class L2capSockets:
 class LowEnergySockets(L2capSockets):
     kind_of_address = LE_PUBLIC
     url = f"le:{CAMERA_ADDRESS}:auto"
+    own_url = f"le:{CAMERA_ADDRESS}:208"
 
     def prepare(self, link, size=LARGEST_SIZE):
         link.setsockopt(BLUETOOTH_LEVEL, RECEIVING_SIZE, struct.pack("<H", size))
@@ -193,6 +230,14 @@ class LowEnergySockets(L2capSockets):
 
 LINKS = {"rfcomm": RfcommSockets(), "l2cap": L2capSockets(), "le": LowEnergySockets()}
 desk.KINDS_OF_LINKS.update(LINKS)
+
+
+class FakeCamera(desk.FakeCamera):
+    """A camera of the tests' own, on the air. `kind` stands in the place of the folder."""
+
+    def listen(self, kind):
+        return LINKS[kind].listen()
+
 
 # ---- Daemons ---------------------------------------------------------------------------------------------------------
 
@@ -272,6 +317,9 @@ class AirTest(desk.DeskTest):
         super().setUpClass()
         if cls.disturbs or cls.needs_daemon:
             cls.addClassCleanup(start_anew)
+        # The emulated controllers have one link at a time: one of Low Energy fails beside one of the other two.
+        with management() as kernel:
+            kernel.disconnect(PHONES)
         if cls.needs_daemon:
             shutil.rmtree("/var/lib/bluetooth", ignore_errors=True)
             os.makedirs("/var/lib/bluetooth")

@@ -122,9 +122,6 @@ class Places(BadInput):
         self.camera()
         self.assertPhoneRefuses(OTHER_KIND[self.kind].format(CAMERA_ADDRESS), "the camera refuses")
 
-    def test_of_nobody(self):
-        self.assertPhoneRefuses(self.url(NOBODY), "no answer from that address", seconds=2 + PATIENCE)
-
 
 class Rights(BadInput):
     kinds = ("l2cap", "le")
@@ -209,3 +206,11 @@ class Stalls(BadInput):
             for number in range(4):
                 link.send(store_request(phone_record(b"Last words"), picture(number)))
         self.assertEqual(len(camera.presets()), 5)
+
+
+class Nobody(BadInput):
+    # Over RFCOMM the guest's kernel, 6.1, breaks behind it, when a socket is closed that could not be connected.
+    kinds = ("le",)
+
+    def test_at_an_address_is_told_in_the_phones_own_time(self):
+        self.assertPhoneRefuses(self.url(NOBODY), "no answer from that address", seconds=2 + PATIENCE)

@@ -8,8 +8,11 @@ import subprocess
 import time
 
 from air import AirTest, measured, wait_until
-from desk import CAMERA, LIST, PHONE, PICTURE, REPLY, STORE, get, phone_record, picture, picture_request, request
-from desk import run_phone, store_request, store_result, stored_picture
+
+from desk import (
+    LIST, PICTURE, REPLY, get, phone_record, picture, picture_request, request, run_phone, store_request, store_result,
+    stored_picture,
+)  # fmt: skip
 
 
 class Phone(AirTest):
@@ -144,6 +147,3 @@ class Captures(AirTest):
         monitor.terminate()
         monitor.wait(10)
         self.assertTellsConversation(self.decoded(path))
-
-
-assert CAMERA and PHONE and STORE

@@ -51,6 +51,14 @@ bool is_ready(int socket, short events) {
     return ::poll(&state, 1, 0) > 0;
 }
 
+// A channel of L2CAP closes both ways at once, and its end may overtake what was sent before. So it waits for the phone's.
+bool can_half_close(int socket) {
+    int domain = 0, type = 0;
+    socklen_t size = sizeof domain;
+    return ::getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_BLUETOOTH ||
+           ::getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_SEQPACKET;
+}
+
 // A count of bytes that the kernel keeps of a socket; 0 where it keeps none.
 int bytes_in_kernel(int socket, unsigned long which) {
     int bytes = 0;
@@ -320,7 +328,7 @@ bool Link::is_stalled(std::chrono::seconds time) {
 }
 
 void Link::end_sending() {
-    if (socket_.is_open()) {
+    if (socket_.is_open() && can_half_close(socket_.native_handle())) {
         ::shutdown(socket_.native_handle(), SHUT_WR);
         end_capture_as(End::camera_closed);
     }

@@ -58,6 +58,16 @@ bool has_address(int socket, uint16_t number, const Endpoint& endpoint) {
 
 } // namespace
 
+void make_room_to_receive(Endpoint::Kind kind, int socket) {
+    if (kind != Endpoint::Kind::le) {
+        return;
+    }
+    const int bytes = room_to_receive;
+    if (::setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
+        ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    }
+}
+
 bool has_adapter(const Endpoint& endpoint) {
     const Descriptor socket(::socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, hci_protocol));
     AdapterList list = {};
@@ -69,16 +79,6 @@ bool has_adapter(const Endpoint& endpoint) {
     return std::ranges::any_of(listed, [&](const auto& adapter) {
         return (adapter.flags & adapter_is_up) != 0 && has_address(socket.get(), adapter.number, endpoint);
     });
-}
-
-void make_room_to_receive(Endpoint::Kind kind, int socket) {
-    if (kind != Endpoint::Kind::le) {
-        return;
-    }
-    const int bytes = room_to_receive;
-    if (::setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
-        ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
-    }
 }
 
 bool prepare_l2cap_socket(Endpoint::Kind kind, int socket) {

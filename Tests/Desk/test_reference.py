@@ -285,7 +285,7 @@ class Completions:
                 self.assertEqual(self.offered(f"{tool} {command} -"), shown.options | own, command)
 
     def test_are_the_words_that_begin_as_the_line_ends(self):
-        self.assertEqual(self.offered("shotmentor-phone --connect x s"), {"schema", "show", "store"})
+        self.assertEqual(self.offered("shotmentor-phone --connect x s"), {"scan", "schema", "show", "store"})
         self.assertEqual(self.offered("shotmentor-phone --ti"), {"--timeout"})
         self.assertEqual(self.offered("shotmentor-camera --store x --log-level e"), {"error"})
 

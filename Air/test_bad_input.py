@@ -1,6 +1,7 @@
 """What goes wrong with Bluetooth is told in one line that says how to mend it, and costs nothing of the store."""
 
 import os
+import re
 import subprocess
 import time
 
@@ -55,6 +56,12 @@ class BadInput(AirTest):
         self.assertOneLineOf(done, 3, f"cannot connect to {url}: ", *parts)
         self.assertLess(time.monotonic() - start, seconds)
 
+    def assertTold(self, camera, pattern):
+        end = time.monotonic() + 3 * PATIENCE
+        while not re.search(pattern, camera.talk()):
+            self.assertLess(time.monotonic(), end, camera.talk())
+            time.sleep(0.05)
+
     def url(self, address=CAMERA_ADDRESS, port=None):
         return f"{self.kind}:{address}:{port or free_port(self.kind)}"
 
@@ -78,21 +85,13 @@ class Adapters(BadInput):
         start_anew()
         self.assertEqual(len(camera.presets()), 1)
 
-    def assertTold(self, camera, *texts):
-        end = time.monotonic() + 3 * PATIENCE
-        while not any(text in camera.talk() for text in texts):
-            self.assertLess(time.monotonic(), end, camera.talk())
-            time.sleep(0.05)
-
     def test_of_the_phone_that_goes_off_in_the_middle(self):
         """The camera may notice nothing of it, and then lets the phone go where it is told to."""
         camera = self.camera("--idle-timeout", "2")
         link = self.link(camera)
         link.ask(request(LIST))
         turn_off([PHONES])
-        self.assertTold(
-            camera, "the phone was let go: nothing has come from it or gone to it for 2 s", "the phone left: "
-        )
+        self.assertTold(camera, "the phone (was let go: nothing has come from it or gone to it for 2 s|left: )")
 
     def test_of_the_phones_program_that_goes_off_in_the_middle(self):
         camera = self.camera("--script", self.file("late", "at 0s packet-delay 1500\n"))
@@ -135,7 +134,7 @@ class Rights(BadInput):
         self.assertOneLineOf(done, 3, "only root may listen there; give a")
 
     def reserved_url(self):
-        return {"l2cap": "l2cap:4093", "le": "le:37"}[self.kind]
+        return {"l2cap": "l2cap:3585", "le": "le:37"}[self.kind]
 
 
 class LossyPhones(BadInput):
@@ -154,9 +153,10 @@ class LossyPhones(BadInput):
 
     def test_are_refused_in_one_line_and_others_served(self):
         camera = self.camera()
-        with self.basic_link(camera.url) as link:
-            with self.assertRaises((Closed, OSError)):
+        with self.assertRaises((Closed, OSError)):  # it may have been closed before connecting is over
+            with self.basic_link(camera.url) as link:
                 link.ask(request(LIST))
+        self.assertTold(camera, "refused")
         told = [line for line in camera.talk().splitlines() if "refused" in line]
         self.assertEqual(
             told,
@@ -178,16 +178,13 @@ class Stalls(BadInput):
         stored = camera.ask(store_request(phone_record(b"Large"), picture(2, self.SIZE)))
         link = self.link(camera)
         link.send(picture_request(store_result(stored)[2]))
-        self.assertTold(camera, "the link stalls: the phone has taken ", f" of {self.SIZE + 12} bytes of the reply")
+        size = self.SIZE + 12
+        self.assertTold(
+            camera, f"the link stalls: the phone has taken [0-9]+ of {size} bytes of the reply, and nothing"
+        )
         self.assertEqual(len(link.receive(12 * PATIENCE)), self.SIZE + 12)
         self.assertTold(camera, "the link moves again after ")
         self.assertEqual(len(records_in(link.ask(request(LIST)))), 2)
-
-    def assertTold(self, camera, *parts):
-        end = time.monotonic() + 3 * PATIENCE
-        while not all(part in camera.talk() for part in parts):
-            self.assertLess(time.monotonic(), end, camera.talk())
-            time.sleep(0.05)
 
     def test_a_slow_one_is_not_told_of(self):
         camera = self.camera()

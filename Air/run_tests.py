@@ -78,14 +78,17 @@ def conversations():
         module = importlib.import_module("Air." + os.path.basename(path)[: -len(".py")])
         found = [one for one in vars(module).values() if isinstance(one, type) and issubclass(one, AirTest)]
         classes += [one for one in found if one.__module__ == module.__name__]
-    classes.sort(key=lambda one: (one.disturbs, one.needs_daemon))
-    return [
-        type(
-            one.__name__, (one,), {"kind": kind, "__module__": one.__module__, "__qualname__": f"{one.__name__}/{kind}"}
-        )
-        for one in classes
-        for kind in one.kinds
-    ]
+    kinds = list(dict.fromkeys(kind for one in classes for kind in one.kinds))
+    return sorted(
+        (over(one, kind) for one in classes for kind in one.kinds),
+        key=lambda one: (one.disturbs, one.needs_daemon, kinds.index(one.kind)),
+    )
+
+
+def over(one, kind):
+    return type(
+        one.__name__, (one,), {"kind": kind, "__module__": one.__module__, "__qualname__": f"{one.__name__}/{kind}"}
+    )
 
 
 def is_wanted(test, pattern):

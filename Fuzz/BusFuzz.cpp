@@ -89,7 +89,7 @@ void append_plain(Input& input, Message& message, char type) {
     uint64_t bits = 0;
     static constexpr std::array<const char*, 4> paths = {"/", "/org/bluez", "/org/bluez/hci0", "/a_b/c9"};
     static constexpr std::array<const char*, 6> texts = {"",        "org.bluez.Adapter1", "Powered", "\xE6\x97\xA5",
-                                                         "\x1B[2J", "\xE2\x80\xAE"};
+                                                         "\x1B[2J", "\xEF\xBF\xBD"};
     const void* value = &bits;
     if (type == 'o') {
         value = paths[static_cast<size_t>(input.below(paths.size()))];

@@ -401,6 +401,44 @@ PHONE_FILES |= {
 }
 
 
+# ---- Answers of Bluetooth devices ------------------------------------------------------------------------------------
+
+RECORD = bytes.fromhex("3511 090004 350c 3503190100 3505 190003 0807")
+
+
+def answers(kind, *packets):
+    """1: of a directory of services; 0: of a server of attributes."""
+    return bytes([kind]) + b"".join(size(len(packet)) + packet for packet in packets)
+
+
+def of_directory(records, transaction=1, continuation=b""):
+    rest = struct.pack(">H", len(records)) + records + bytes([len(continuation)]) + continuation
+    return struct.pack(">BHH", 7, transaction, len(rest)) + rest
+
+
+WHOLE = b"\x35\x13" + RECORD
+DISCOVERIES = {
+    "channel": answers(1, of_directory(WHOLE)),
+    "channel_in_parts": answers(1, of_directory(WHOLE[:6], 1, b"\1\2"), of_directory(WHOLE[6:], 2)),
+    "channel_of_a_long_uuid": answers(
+        1,
+        of_directory(
+            bytes.fromhex("3521 351f 090004 351a 3503190100 3513 1c 0000000300001000800000805f9b34fb 0801")
+        ),
+    ),
+    "no_record": answers(1, of_directory(b"\x35\0")),
+    "directory_refuses": answers(1, bytes.fromhex("01000100020003")),
+    "psm": answers(0, bytes.fromhex("09 04 0300 8000")),
+    "psm_after_questions": answers(
+        0, bytes.fromhex("02f701"), bytes.fromhex("100100ffff0028"), bytes.fromhex("1d030001"), bytes.fromhex("1b0300"),
+        bytes.fromhex("09040300 8000"),
+    ),
+    "no_attribute": answers(0, bytes.fromhex("010801000a")),
+    "attribute_of_paired": answers(0, bytes.fromhex("0108030005")),
+}  # fmt: skip
+
+# ---- Messages of the bus ---------------------------------------------------------------------------------------------
+
 # Decisions of the fuzzer's own: the first says whether the types are those of objects, the others make the content.
 BUS_MESSAGES = {
     "objects": bytes([1] + [1, 2, 1, 1, 1, 2, 1, 0, 9] * 12),
@@ -422,6 +460,7 @@ def write(target, inputs):
 write("Bus", BUS_MESSAGES)
 write("Conversation", CONVERSATIONS)
 write("Conversion", CONVERSIONS)
+write("Discovery", DISCOVERIES)
 write("Log", LOG_LINES)
 write("PhoneFiles", PHONE_FILES)
 write("PresetJson", JSON_TEXTS)

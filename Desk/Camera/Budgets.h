@@ -28,6 +28,10 @@ constexpr size_t turned_away_bytes = size_t{1} << 20;
 // A phone that leaves a reply untaken, or a request in half, for so long is let go as soon as another one asks.
 constexpr seconds stalled_time{10};
 
+// A phone that takes nothing of a reply for so long is told of, and how often it is looked at.
+constexpr seconds stall_told{3};
+constexpr milliseconds uptake_look{500};
+
 // How often a phone is looked at that may have been idle for too long.
 constexpr milliseconds idle_look{500};
 

@@ -80,6 +80,7 @@ bool Camera::all_before_have_closed() {
 void Camera::take_in(const std::shared_ptr<Link>& link) {
     say({"phone", {{"event", "connected"}}, "a phone connected"});
     link->on_lost([this](const std::string& why) { phone_left(why); });
+    link->on_look([this](const Uptake& uptake) { tell_of_uptake(uptake); });
     link->pace(knobs_);
     sends_.connect(link);
     phone_.emplace(Phone{link, Intake(link->keeps_message_boundaries(), talk_, knobs_)});
@@ -128,6 +129,7 @@ void Camera::let_go_if_stalled() {
 }
 
 void Camera::let_go(const char* event, const std::string& why) {
+    tell_if_lost_in_stall();
     say({"phone", {{"event", event}}, why});
     phone_->link->abort();
     forget_phone();
@@ -159,6 +161,7 @@ void Camera::pull_link() {
 }
 
 void Camera::phone_left(const std::string& why) {
+    tell_if_lost_in_stall();
     say({"phone", {{"event", "left"}, {"reason", why}}, "the phone left" + (why.empty() ? "" : ": " + why)});
     forget_phone();
     take_in_next();
@@ -184,6 +187,54 @@ std::string Camera::phone() const {
     }
     return fmt::format("a phone is there and {}; requests so far: {}",
                        services_.in_use ? "uses the feature" : "does not use the feature yet", talk_.done());
+}
+
+// ---- Replies that are not taken --------------------------------------------------------------------------------------
+
+namespace {
+
+std::string taken_of(const Uptake& uptake) {
+    return fmt::format("the phone has taken {} of {} bytes of the reply", uptake.taken(), uptake.total());
+}
+
+std::chrono::seconds still_for(const Uptake& uptake) {
+    return std::chrono::floor<std::chrono::seconds>(uptake.still_for(Uptake::Clock::now()));
+}
+
+void say_of_uptake(const char* event, const Uptake& uptake, std::chrono::seconds still, const std::string& message) {
+    say({"phone",
+         {{"event", event},
+          {"taken_bytes", uptake.taken()},
+          {"reply_bytes", uptake.total()},
+          {"seconds", still.count()}},
+         message});
+}
+
+} // namespace
+
+// A link that is slow but moves is as it should be.
+void Camera::tell_of_uptake(const Uptake& uptake) {
+    const auto still = still_for(uptake);
+    if (!phone_->told_stalled && !uptake.is_over() && still >= budget::stall_told) {
+        phone_->told_stalled = true;
+        say_of_uptake("stalls", uptake, still,
+                      fmt::format("the link stalls: {}, and nothing for {} s", taken_of(uptake), still.count()));
+    } else if (phone_->told_stalled && still < budget::stall_told) {
+        phone_->told_stalled = false;
+        const auto before = still_for(phone_->uptake);
+        say_of_uptake("moves again", uptake, before,
+                      fmt::format("the link moves again after {} s: {}", before.count(), taken_of(uptake)));
+    }
+    phone_->uptake = uptake;
+}
+
+void Camera::tell_if_lost_in_stall() {
+    if (phone_->told_stalled) {
+        const auto still = still_for(phone_->uptake);
+        say_of_uptake("lost while it stalled", phone_->uptake, still,
+                      fmt::format("the link that stalled is lost: {}, and nothing for {} s", taken_of(phone_->uptake),
+                                  still.count()));
+    }
 }
 
 // ---- Requests -------------------------------------------------------------------------------------------------------

@@ -1,7 +1,7 @@
 #include "Listener.h"
 
 #include <algorithm>
-#include <asio/ip/tcp.hpp>
+#include <asio/system_error.hpp>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -62,6 +62,10 @@ bool is_of_one_phone(int error) {
     }
 }
 
+void tell_not_taken(const std::string& reason) {
+    say({"failure", {{"reason", reason}}, "cannot take a phone in: " + reason});
+}
+
 } // namespace
 
 void Listener::wait_for_phone() {
@@ -77,16 +81,12 @@ void Listener::wait_for_phone() {
 void Listener::accept_some() {
     for (int count = 0; count < budget::accepts_of_a_turn; ++count) {
         Descriptor phone(::accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (phone.get() >= 0 && !is_allowed(phone)) {
-            continue;
-        }
         if (phone.get() >= 0) {
-            accepted_(link_of(std::move(phone)));
+            take(std::move(phone));
         } else if (errno == EAGAIN) {
             break;
         } else if (errno != EINTR && !is_of_one_phone(errno)) {
-            const std::string reason = std::strerror(errno);
-            say({"failure", {{"reason", reason}}, "cannot take a phone in: " + reason});
+            tell_not_taken(std::strerror(errno));
             accept_later();
             return;
         }
@@ -118,12 +118,22 @@ void Listener::accept_later() {
     });
 }
 
-std::shared_ptr<Link> Listener::link_of(Descriptor phone) {
-    prepare_phone_socket(endpoint_.kind, phone.get());
+void Listener::take(Descriptor phone) {
+    if (!is_allowed(phone) || !prepare_phone_socket(endpoint_.kind, phone.get())) {
+        return;
+    }
     const LinkTraits traits = {endpoint_.keeps_message_boundaries(),
-                               std::min(mtu_, largest_packet(endpoint_.kind, phone.get()))};
+                               std::min(mtu_, largest_packet(endpoint_.kind, phone.get())), endpoint_.is_bluetooth()};
     std::unique_ptr<capture::LinkWriter> captured = capture_ != nullptr ? capture_->connect(endpoint_) : nullptr;
-    return std::make_shared<Link>(loop_, phone.release(), traits, buffer_, std::move(captured));
+    std::shared_ptr<Link> link;
+    try {
+        link = std::make_shared<Link>(loop_, phone.get(), traits, buffer_, std::move(captured));
+        phone.release();
+    } catch (const asio::system_error& error) { // the kernel watches no more sockets for this user
+        tell_not_taken(error.code().message());
+        return;
+    }
+    accepted_(std::move(link));
 }
 
 } // namespace desk::camera

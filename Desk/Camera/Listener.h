@@ -40,8 +40,8 @@ class Listener {
     void wait_for_phone();
     void accept_some();
     void accept_later();
+    void take(Descriptor phone);
     bool is_allowed(const Descriptor& phone) const;
-    std::shared_ptr<Link> link_of(Descriptor phone);
 
     asio::io_context& loop_;
     Endpoint endpoint_;

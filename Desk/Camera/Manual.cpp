@@ -13,29 +13,18 @@ std::vector<command_line::Scope> scopes_of_serving() {
     std::vector<Scope> scopes = {{"--iso-step", Scope::Kind::only, {"presets"}},
                                  {"--json", Scope::Kind::only, {"presets"}},
                                  {"--store", Scope::Kind::except, {"control"}}};
-    for (const char* option : {"--empty",
-                               "--listen",
-                               "--mtu",
-                               "--name",
-                               "--discoverable",
-                               "--pairing",
-                               "--allow",
-                               "--capture",
-                               "--quiet",
-                               "--log",
-                               "--log-level",
-                               "--confirm-delay",
-                               "--drop-confirmations",
-                               "--link-down",
-                               "--save-result",
-                               "--update-result",
-                               "--refuse-allocation",
-                               "--control",
-                               "--script",
-                               "--replay",
-                               "--speed",
-                               "--longest-pause",
-                               "--psm",
+    for (const char* option : {"--empty",         "--listen",
+                               "--idle-timeout",  "--mtu",
+                               "--name",          "--discoverable",
+                               "--pairing",       "--allow",
+                               "--capture",       "--quiet",
+                               "--log",           "--log-level",
+                               "--confirm-delay", "--drop-confirmations",
+                               "--link-down",     "--save-result",
+                               "--update-result", "--refuse-allocation",
+                               "--control",       "--script",
+                               "--replay",        "--speed",
+                               "--longest-pause", "--psm",
                                "--loop"}) {
         scopes.push_back({option, Scope::Kind::only, {}});
     }
@@ -51,19 +40,20 @@ command_line::Manual manual() {
              "and a real link. shotmentor-phone is the phone that belongs to it.",
              "Without a command it serves. It creates the store on first start, with twelve sample presets and their "
              "pictures, and prints \"listening on URL\" to standard output once a phone can connect. It serves one "
-             "phone at a time. SIGINT and SIGTERM end it in order.",
+             "phone at a time. SIGINT and SIGTERM end it in order. Where it listens on Bluetooth, the system's Bluetooth "
+             "daemon tells phones the channel or PSM; with --discoverable those that look for cameras find it. With "
+             "--pairing it serves only phones that have paired.",
              "Standard error tells what happens, a line for each request; with --json each line is a JSON object. "
              "Faults to try are set by options, by control while it serves, and by a script: lines such as \"at 2.5s "
              "pull reply 1000\" or \"after request 3 link-down on\", with comments behind #.",
-             "Where it listens on Bluetooth, the system's Bluetooth daemon tells phones the channel or PSM; with "
-             "--discoverable those that look for cameras find it. With --pairing it serves only phones that have "
-             "paired.",
              "A store is the folder DIR: a database, presets.sqlite, and a folder pictures. An answer of success means "
              "that the change outlives a loss of power."},
         .words_title = "Links",
         .words = {{"unix:PATH", "a Unix socket that keeps message boundaries"},
                   {"tcp:HOST:PORT", "a byte stream; port 0 takes any free one"},
-                  {"rfcomm:CHANNEL, l2cap:PSM", "Bluetooth, where the kernel has it"}},
+                  {"rfcomm:CHANNEL", "Bluetooth: a byte stream; the channel auto takes any free one"},
+                  {"le:PSM", "Bluetooth Low Energy: a channel against credits; auto takes any free PSM"},
+                  {"l2cap:PSM", "Bluetooth: L2CAP with enhanced retransmission, which phones have to ask for"}},
         .more_words_title = "Commands while it runs",
         .more_words = lab_commands(),
         .more_words_of = "control",
@@ -71,6 +61,9 @@ command_line::Manual manual() {
                       "shotmentor-camera --store /tmp/camera"},
                      {"", "Serve it over TCP, with all lines of the library on standard error:",
                       "shotmentor-camera --store /tmp/camera --listen tcp:127.0.0.1:0 --log-level all"},
+                     {"",
+                      "Serve it over Bluetooth to phones of any make, and let those go that say nothing for a minute:",
+                      "shotmentor-camera --store /tmp/camera --listen rfcomm:auto --listen le:auto --idle-timeout 60"},
                      {"", "Write what phones and it say to each other to a file for Wireshark:",
                       "shotmentor-camera --store /tmp/camera --capture camera.btsnoop"},
                      {"", "Let phones nearby find it for two minutes as \"Kitchen\", over Bluetooth of both kinds:",

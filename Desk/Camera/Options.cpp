@@ -7,6 +7,7 @@
 #include <cmath>
 #include <fmt/format.h>
 #include <iostream>
+#include <set>
 #include <unistd.h>
 
 #include "ADE_ShotMentor_Version.h"
@@ -236,8 +237,13 @@ std::vector<Endpoint> listening_endpoints(const Texts& texts, const Options& opt
                                               texts.listen.size(), most_listeners));
     }
     std::vector<Endpoint> endpoints;
+    std::set<std::string> urls;
     for (const std::string& url : texts.listen) {
         endpoints.push_back(listening_endpoint(url));
+        if (const Endpoint& last = endpoints.back();
+            !urls.insert(last.url()).second && (last.port != 0 || last.kind == Endpoint::Kind::unix_socket)) {
+            throw Failure(exit_usage, fmt::format("--listen is given twice for {}; leave one out", url));
+        }
     }
     if (endpoints.empty()) {
         endpoints.push_back(default_endpoint(options));

@@ -23,10 +23,10 @@ struct Admission {
 // (exit_link).
 int open_listening_socket(Endpoint& endpoint, const Admission& admission);
 
-// Sets a phone's socket up.
-void prepare_phone_socket(Endpoint::Kind kind, int socket);
+// Sets a phone's socket up. False: the link loses packets, and is to be closed, which has been told.
+bool prepare_phone_socket(Endpoint::Kind kind, int socket);
 
-// The largest packet that the phone's end of the socket takes.
+// The largest packet that a phone's socket takes.
 size_t largest_packet(Endpoint::Kind kind, int socket);
 
 } // namespace desk::camera

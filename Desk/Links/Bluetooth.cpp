@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
-#include <limits>
+#include <span>
+#include <sys/ioctl.h>
+
+#include "Common/Descriptor.h"
 
 namespace desk {
 namespace {
@@ -15,10 +18,69 @@ bool get_options(int socket, L2capOptions& options) {
 
 bool prepare_low_energy(int socket) {
     const uint16_t mtu = longest_bluetooth_packet;
+    make_room_to_receive(Endpoint::Kind::le, socket);
     return ::setsockopt(socket, bluetooth_level, incoming_mtu_option, &mtu, sizeof mtu) == 0;
 }
 
+// ---- Adapters -------------------------------------------------------------------------------------------------------
+
+constexpr int hci_protocol = 1;
+constexpr uint32_t most_adapters = 16;
+constexpr uint32_t adapter_is_up = 1;
+
+struct AdapterList {
+    uint16_t count;
+    struct {
+        uint16_t number;
+        uint32_t flags;
+    } adapters[most_adapters];
+};
+
+struct AdapterInformation {
+    uint16_t number;
+    char name[8];
+    uint8_t address[6]; // least significant byte first
+    uint32_t flags;
+    uint8_t rest[72];
+};
+
+static_assert(sizeof(AdapterList) == 4 + 8 * most_adapters && sizeof(AdapterInformation) == 92,
+              "as the kernel lays them out");
+
+constexpr unsigned long list_of_adapters = _IOR('H', 210, int);
+constexpr unsigned long information_of_adapter = _IOR('H', 211, int);
+
+bool has_address(int socket, uint16_t number, const Endpoint& endpoint) {
+    AdapterInformation information = {};
+    information.number = number;
+    return !endpoint.address || (::ioctl(socket, information_of_adapter, &information) == 0 &&
+                                 std::equal(endpoint.address->rbegin(), endpoint.address->rend(), information.address));
+}
+
 } // namespace
+
+void make_room_to_receive(Endpoint::Kind kind, int socket) {
+    if (kind != Endpoint::Kind::le) {
+        return;
+    }
+    const int bytes = room_to_receive;
+    if (::setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
+        ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    }
+}
+
+bool has_adapter(const Endpoint& endpoint) {
+    const Descriptor socket(::socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, hci_protocol));
+    AdapterList list = {};
+    list.count = most_adapters;
+    if (socket.get() < 0 || ::ioctl(socket.get(), list_of_adapters, &list) != 0) {
+        return true;
+    }
+    const auto listed = std::span(list.adapters).first(std::min<size_t>(list.count, most_adapters));
+    return std::ranges::any_of(listed, [&](const auto& adapter) {
+        return (adapter.flags & adapter_is_up) != 0 && has_address(socket.get(), adapter.number, endpoint);
+    });
+}
 
 bool prepare_l2cap_socket(Endpoint::Kind kind, int socket) {
     if (kind == Endpoint::Kind::le) {
@@ -69,7 +131,7 @@ size_t largest_l2cap_packet(Endpoint::Kind kind, int socket) {
     } else if (L2capOptions options = {}; get_options(socket, options)) {
         mtu = options.outgoing_mtu;
     }
-    return mtu > 0 ? mtu : std::numeric_limits<size_t>::max();
+    return mtu > 0 ? std::min<size_t>(mtu, longest_sent_packet) : longest_sent_packet;
 }
 
 bool is_l2cap_reliable(Endpoint::Kind kind, int socket) {

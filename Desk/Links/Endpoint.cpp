@@ -12,6 +12,7 @@ namespace {
 
 constexpr size_t longest_path = sizeof(sockaddr_un::sun_path) - 1;
 constexpr size_t address_text = 17; // 00:11:22:33:44:55
+constexpr std::string_view random_mark = "/random";
 
 [[noreturn]] void throw_url_failure(const std::string& url, const std::string& why, const char* example) {
     throw Failure(exit_usage, fmt::format("{}: {}; write {}", url, why, example));
@@ -106,7 +107,12 @@ Endpoint bluetooth_endpoint(const std::string& url, std::string_view rest, const
     endpoint.kind = bluetooth.kind;
     const size_t colon = rest.rfind(':');
     if (colon != std::string_view::npos) {
-        endpoint.address = bluetooth_address_in(rest.substr(0, colon));
+        std::string_view address = rest.substr(0, colon);
+        if (bluetooth.kind == Endpoint::Kind::le && address.ends_with(random_mark)) {
+            endpoint.has_random_address = true;
+            address.remove_suffix(random_mark.size());
+        }
+        endpoint.address = bluetooth_address_in(address);
         if (!endpoint.address) {
             throw_url_failure(url, "the address is no Bluetooth address", bluetooth.example);
         }
@@ -128,7 +134,8 @@ std::string bluetooth_url(const char* scheme, const Endpoint& endpoint) {
     if (!endpoint.address) {
         return fmt::format("{}:{}", scheme, port);
     }
-    return fmt::format("{}:{:02X}:{}", scheme, fmt::join(*endpoint.address, ":"), port);
+    return fmt::format("{}:{}{}:{}", scheme, text_of(*endpoint.address), endpoint.has_random_address ? random_mark : "",
+                       port);
 }
 
 } // namespace

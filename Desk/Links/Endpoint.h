@@ -1,5 +1,6 @@
 // The URL of a link: unix:PATH, tcp:HOST:PORT, rfcomm:[ADDRESS:]CHANNEL, l2cap:[ADDRESS:]PSM, le:[ADDRESS:]PSM. The
-// channel of rfcomm and the PSM of le may be "auto" for a camera: any free one.
+// channel of rfcomm and the PSM of le may be "auto": for a camera any free one, for a phone the one that the camera
+// tells to whoever asks. Of Low Energy an address may be a random one, le:ADDRESS/random:PSM.
 #pragma once
 
 #include <array>
@@ -21,6 +22,7 @@ struct Endpoint {
     std::string host;  // tcp; an IPv6 address without its brackets
     uint16_t port = 0; // tcp: port; rfcomm: channel 1 to 30; l2cap, le: PSM. Of tcp, rfcomm and le: 0 for any free one
     std::optional<BluetoothAddress> address; // none: any adapter
+    bool has_random_address = false;         // le
 
     bool is_bluetooth() const { return kind == Kind::rfcomm || kind == Kind::l2cap || kind == Kind::le; }
     bool keeps_message_boundaries() const { return kind != Kind::tcp && kind != Kind::rfcomm; }

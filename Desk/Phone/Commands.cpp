@@ -9,6 +9,7 @@
 
 #include "Backup.h"
 #include "CameraClient.h"
+#include "CameraPort.h"
 #include "CaptureDiff.h"
 #include "Check.h"
 #include "Common/Terminal.h"
@@ -26,6 +27,7 @@
 #include "Replay.h"
 #include "Reporting.h"
 #include "Restore.h"
+#include "Scan.h"
 #include "SchemaFile.h"
 #include "StandardFiles.h"
 #include "StoreCommand.h"
@@ -301,9 +303,7 @@ int leave(const Options& options) {
     return exit_done;
 }
 
-} // namespace
-
-int run(const Options& options) {
+int run_command(const Options& options) {
     switch (options.command) {
     case Options::Command::list:
         return list(options);
@@ -333,10 +333,21 @@ int run(const Options& options) {
         return replay(options);
     case Options::Command::schema:
         return print_schema();
+    case Options::Command::scan:
+        return scan(options);
     case Options::Command::decode:
         return options.other_capture.empty() ? decode(options) : compare_captures(options);
     }
     return exit_usage;
+}
+
+} // namespace
+
+int run(const Options& options) {
+    Options found = options;
+    found.camera = with_port(options.camera, options.timeout);
+    found.other_camera = with_port(options.other_camera, options.timeout);
+    return run_command(found);
 }
 
 } // namespace desk::phone

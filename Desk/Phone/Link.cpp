@@ -4,16 +4,13 @@
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
-#include <memory>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <thread>
 
 #include "Common/Text.h"
+#include "Connecting.h"
 #include "Links/Bluetooth.h"
 
 namespace desk::phone {
@@ -24,168 +21,23 @@ namespace {
 
 constexpr size_t largest_packet = size_t{1} << 20;
 
-// A camera that stands before its next accept refuses a Unix connection instead of letting it wait.
-constexpr std::chrono::milliseconds full_queue_pause{20};
-
-int milliseconds_until(Clock::time_point deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left < 0 ? 0 : static_cast<int>(left);
-}
-
-// Where one try to connect goes.
-struct Address {
-    int family = 0;
-    int type = 0;
-    int protocol = 0;
-    sockaddr_storage bytes = {};
-    socklen_t length = 0;
-};
-
-template<typename Layout>
-Address address_from(int type, int protocol, const Layout& layout, int family) {
-    Address address{family, type, protocol, {}, sizeof layout};
-    std::memcpy(&address.bytes, &layout, sizeof layout);
-    return address;
-}
-
-Address unix_address(const Endpoint& camera) {
-    sockaddr_un layout = {};
-    layout.sun_family = AF_UNIX;
-    camera.path.copy(layout.sun_path, sizeof layout.sun_path - 1); // a URL has no longer path
-    return address_from(SOCK_SEQPACKET, 0, layout, AF_UNIX);
-}
-
-void require_address(const Endpoint& camera) {
-    if (camera.port == 0) {
-        throw Failure(exit_link,
-                      fmt::format("{} does not say where on the camera; write what the camera said that it listens on",
-                                  printable(camera.url())));
-    }
-    if (!camera.address) {
-        throw Failure(
-            exit_link,
-            fmt::format("{} does not say which camera; write its Bluetooth address, as in rfcomm:00:11:22:33:44:55:1",
-                        printable(camera.url())));
-    }
-}
-
-Address bluetooth_address(const Endpoint& camera) {
-    require_address(camera);
-    if (camera.kind == Endpoint::Kind::rfcomm) {
-        return address_from(SOCK_STREAM, rfcomm_protocol, rfcomm_address(camera), AF_BLUETOOTH);
-    }
-    return address_from(SOCK_SEQPACKET, l2cap_protocol, l2cap_address(camera), AF_BLUETOOTH);
-}
-
-std::vector<Address> tcp_addresses(const Endpoint& camera) {
-    addrinfo wish = {};
-    wish.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int error = getaddrinfo(camera.host.c_str(), std::to_string(camera.port).c_str(), &wish, &found);
-    if (error != 0) {
-        throw Failure(exit_link, fmt::format("cannot find the host of {}: {}; check its name", printable(camera.url()),
-                                             gai_strerror(error)));
-    }
-    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
-    std::vector<Address> addresses;
-    for (const addrinfo* one = found; one != nullptr; one = one->ai_next) {
-        Address address{one->ai_family, one->ai_socktype, one->ai_protocol, {}, one->ai_addrlen};
-        std::memcpy(&address.bytes, one->ai_addr, one->ai_addrlen);
-        addresses.push_back(address);
-    }
-    return addresses;
-}
-
-std::vector<Address> addresses_of(const Endpoint& camera) {
-    switch (camera.kind) {
-    case Endpoint::Kind::unix_socket:
-        return {unix_address(camera)};
-    case Endpoint::Kind::rfcomm:
-    case Endpoint::Kind::l2cap:
-    case Endpoint::Kind::le:
-        return {bluetooth_address(camera)};
-    case Endpoint::Kind::tcp:
-        break;
-    }
-    return tcp_addresses(camera);
-}
-
-int poll_one(int descriptor, short events, Clock::time_point deadline) {
-    pollfd watched = {descriptor, events, 0};
-    int count = 0;
-    do {
-        count = poll(&watched, 1, milliseconds_until(deadline));
-    } while (count < 0 && errno == EINTR);
-    return count > 0 ? watched.revents : 0;
-}
-
-// The error of a connection that is under way, once it has come to an end.
-int pending_error(int descriptor, Clock::time_point deadline) {
-    if (poll_one(descriptor, POLLOUT, deadline) == 0) {
-        return ETIMEDOUT;
-    }
-    int error = 0;
-    socklen_t size = sizeof error;
-    getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size);
-    return error;
-}
-
-// Returns 0, or the error.
-int try_to_connect(int descriptor, const Address& address, Clock::time_point deadline) {
-    const auto* bytes = reinterpret_cast<const sockaddr*>(&address.bytes);
-    while (connect(descriptor, bytes, address.length) != 0) {
-        if (errno == EINPROGRESS || errno == EINTR) {
-            return pending_error(descriptor, deadline);
-        }
-        if (errno != EAGAIN || Clock::now() >= deadline) {
-            return errno == EAGAIN ? ETIMEDOUT : errno;
-        }
-        std::this_thread::sleep_for(full_queue_pause);
-    }
-    return 0;
-}
-
-std::string bluetooth_reason(int error) {
-    switch (error) {
-    case EAFNOSUPPORT:
-    case EPROTONOSUPPORT:
-        return "this kernel has no Bluetooth; use unix: or tcp:";
-    case EHOSTUNREACH:
-    case ENETDOWN:
-    case ENODEV:
-        return "this machine has no Bluetooth adapter that is on; plug one in, or turn it on (bluetoothctl power on)";
-    case EHOSTDOWN:
-    case ETIMEDOUT:
-        return "no answer from that address; see that the camera is near, on, and has it";
-    case ECONNREFUSED:
-        return "the camera refuses; see that it listens on this kind of link, and there";
-    case EACCES:
-    case EPERM:
-        return "the camera wants a phone that is paired; pair the two first (bluetoothctl pair)";
-    default:
-        return fmt::format("{}; see that the camera runs and listens there", std::strerror(error));
-    }
-}
-
-Failure connect_failure(const Endpoint& camera, int error) {
-    const std::string reason =
-        camera.is_bluetooth() ? bluetooth_reason(error)
-                              : fmt::format("{}; see that the camera runs and listens there", std::strerror(error));
-    return {exit_link, fmt::format("cannot connect to {}: {}", printable(camera.url()), reason)};
-}
-
-bool is_l2cap(const Endpoint& camera) {
-    return camera.kind == Endpoint::Kind::l2cap || camera.kind == Endpoint::Kind::le;
-}
-
 // False, and errno, where the kernel does not do what the link needs.
 bool prepare(int descriptor, const Endpoint& camera) {
-    if (is_l2cap(camera)) {
+    if (is_l2cap(camera.kind)) {
         Endpoint any; // of this machine's adapters
         any.kind = camera.kind;
         const L2capAddress own = l2cap_address(any);
-        return bind(descriptor, reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 &&
-               prepare_l2cap_socket(camera.kind, descriptor);
+        if (bind(descriptor, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) {
+            return false;
+        }
+        if (prepare_l2cap_socket(camera.kind, descriptor)) {
+            return true;
+        }
+        if (errno == EINVAL && camera.kind == Endpoint::Kind::l2cap) {
+            throw Failure(exit_link,
+                          fmt::format("cannot connect to {}: {}", printable(camera.url()), no_retransmission));
+        }
+        return false;
     }
     // Packets as large as requests go through a Unix socket only when its buffer has room for them.
     const int buffer = static_cast<int>(largest_packet);
@@ -199,7 +51,7 @@ bool prepare(int descriptor, const Endpoint& camera) {
 
 // A link that loses packets is none.
 size_t largest_packet_to(const Endpoint& camera, const Descriptor& socket, size_t mtu) {
-    if (!is_l2cap(camera)) {
+    if (!is_l2cap(camera.kind)) {
         return mtu;
     }
     if (!is_l2cap_reliable(camera.kind, socket.get())) {
@@ -232,14 +84,15 @@ bool means_later(int error) {
 
 // A camera that goes with bytes of ours unread is told of as an error.
 End end_by(int error) {
-    return error == ECONNRESET || error == EPIPE ? End::camera_closed : End::link_lost;
+    return error == ECONNRESET || error == EPIPE || error == ENOTCONN ? End::camera_closed : End::link_lost;
 }
 
 } // namespace
 
 Link::Link(const Endpoint& camera, size_t mtu, std::chrono::milliseconds timeout, capture::Writer* capture)
     : socket_(connected_socket(camera, timeout)), mtu_(largest_packet_to(camera, socket_, mtu)),
-      received_(largest_packet), capture_(capture != nullptr ? capture->connect(camera) : nullptr) {}
+      is_bluetooth_(camera.is_bluetooth()), received_(largest_packet),
+      capture_(capture != nullptr ? capture->connect(camera) : nullptr) {}
 
 Link::Readiness Link::wait(bool to_write, Clock::time_point deadline) const {
     const auto events = static_cast<short>(to_write ? POLLIN | POLLOUT : POLLIN);
@@ -276,8 +129,9 @@ std::optional<std::span<const uint8_t>> Link::receive() {
         return std::span<const uint8_t>();
     }
     const End how = count == 0 ? End::camera_closed : end_by(errno);
-    if (count < 0 && errno == ECONNRESET) {
-        // A camera that closes with our bytes unread resets the link; what it sent before may still be there.
+    if (count < 0 && (errno == ECONNRESET || is_bluetooth_)) {
+        // A camera that closes with our bytes unread resets the link, and sockets of Bluetooth tell an error before the
+        // bytes that came ahead of it: what the camera sent before may still be there.
         const ssize_t rest = recv(socket_.get(), received_.data(), received_.size(), MSG_DONTWAIT);
         if (rest > 0) {
             return note_received(rest);

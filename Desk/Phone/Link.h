@@ -11,11 +11,10 @@
 
 #include "Capture/Writer.h"
 #include "Common/Descriptor.h"
+#include "Connecting.h"
 #include "Links/Endpoint.h"
 
 namespace desk::phone {
-
-using Clock = std::chrono::steady_clock;
 
 class Link {
   public:
@@ -46,6 +45,7 @@ class Link {
 
     Descriptor socket_;
     size_t mtu_;
+    bool is_bluetooth_;
     std::vector<uint8_t> received_;
     std::unique_ptr<capture::LinkWriter> capture_; // none where nothing is captured
 };

@@ -31,6 +31,9 @@ constexpr double shortest_interval = 0.1;
 constexpr double longest_interval = 86400;
 constexpr size_t largest_mtu = SM_REQUEST_LIMIT;
 constexpr size_t largest_width = 100000;
+constexpr double usual_search = 10; // as long as Bluetooth takes to hear of everything once
+constexpr double shortest_search = 0.1;
+constexpr double longest_search = 3600;
 constexpr const char* connect_variable = "SHOTMENTOR_CONNECT";
 
 // What CLI11 fills before it is turned into options.
@@ -41,6 +44,7 @@ struct Arguments {
     std::optional<std::string> capture;
     double timeout_seconds = 5;
     double longest_pause = 5;
+    double search = usual_search;
     bool no_pauses = false;
     std::set<std::string> words; // of the command line, as they were given
 };
@@ -199,19 +203,33 @@ void add_copying_commands(CLI::App& app, Arguments& arguments) {
     copy->add_flag("--dry-run", options.dry_run, "only say what would be stored, and what becomes of it");
 }
 
-// What these print needs no camera.
+// One that needs no camera.
+CLI::App* add_lone_command(CLI::App& app, Options& options, Options::Command command, const char* name,
+                           const char* help) {
+    CLI::App* const added = app.add_subcommand(name, help);
+    added->preparse_callback([&app, &options, command](size_t) {
+        options.command = command;
+        app.get_option("--connect")->required(false);
+    });
+    return added;
+}
+
+void add_scanning_command(CLI::App& app, Arguments& arguments) {
+    Options& options = arguments.options;
+    CLI::App* scan =
+        add_lone_command(app, options, Options::Command::scan, "scan", "find cameras over Bluetooth, and their URLs");
+    scan->add_option("--seconds", arguments.search, "how long to look around, 10 unless given")
+        ->check(between(shortest_search, longest_search))
+        ->type_name("SECONDS");
+    scan->add_option("--adapter", options.adapter, "with this adapter, such as hci1, instead of the first that is on")
+        ->type_name("NAME");
+}
+
 void add_printing_commands(CLI::App& app, Options& options) {
-    const auto add = [&](Options::Command command, const char* name, const char* help) {
-        CLI::App* const added = app.add_subcommand(name, help);
-        added->preparse_callback([&app, &options, command](size_t) {
-            options.command = command;
-            app.get_option("--connect")->required(false);
-        });
-        return added;
-    };
-    add(Options::Command::create, "new", "print a preset file to begin with");
-    add(Options::Command::schema, "schema", "print the JSON Schema of preset files");
-    CLI::App* decode = add(Options::Command::decode, "decode", "print what a phone and a camera said in a capture");
+    add_lone_command(app, options, Options::Command::create, "new", "print a preset file to begin with");
+    add_lone_command(app, options, Options::Command::schema, "schema", "print the JSON Schema of preset files");
+    CLI::App* decode = add_lone_command(app, options, Options::Command::decode, "decode",
+                                        "print what a phone and a camera said in a capture");
     decode->add_option("FILE", options.captured_file, "a btsnoop file of Bluetooth packets; - is standard input")
         ->required()
         ->type_name("");
@@ -236,7 +254,8 @@ bool is_planned_replay(const Options& options) {
 
 bool needs_camera(const Options& options) {
     return !options.list_checks && !is_planned_replay(options) && options.command != Options::Command::create &&
-           options.command != Options::Command::schema && options.command != Options::Command::decode;
+           options.command != Options::Command::schema && options.command != Options::Command::decode &&
+           options.command != Options::Command::scan;
 }
 
 // A list of the checks needs no camera either.
@@ -333,6 +352,7 @@ Options options_from(Arguments& arguments) {
     options.timeout = milliseconds_of(arguments.timeout_seconds);
     options.pace.has_pauses = !arguments.no_pauses;
     options.pace.longest_pause = milliseconds_of(arguments.longest_pause);
+    options.search = milliseconds_of(arguments.search);
     return options;
 }
 
@@ -391,8 +411,8 @@ Failure usage_failure(const CLI::App& app, const CLI::ParseError& error) {
     if (lacks_something && app.get_subcommands().empty()) {
         return {exit_usage,
                 fmt::format("--connect URL (or {} in the environment) and a command are needed: list, show, "
-                            "picture, store, rename, delete, backup, restore, copy, leave, check, replay, new, schema "
-                            "or decode; see shotmentor-phone --help",
+                            "picture, store, rename, delete, backup, restore, copy, leave, check, replay, scan, new, "
+                            "schema or decode; see shotmentor-phone --help",
                             connect_variable)};
     }
     if (lacks_something && connect->get_required() && connect->empty()) {
@@ -437,6 +457,7 @@ std::optional<Options> options_of(int argc, char** argv) {
     add_copying_commands(app, arguments);
     add_checking_command(app, arguments.options);
     add_replaying_command(app, arguments);
+    add_scanning_command(app, arguments);
     add_printing_commands(app, arguments.options);
     command_line::add_reference(app, manual());
     try {

@@ -74,6 +74,19 @@ TEST(Endpoint, TakesAutoForAnyFreeChannelAndForAnyFreePsmOfLowEnergy) {
     EXPECT_NE(refusal_of("rfcomm:automatic").find("nor auto"), std::string::npos);
 }
 
+TEST(Endpoint, TakesARandomAddressOfLowEnergyAlone) {
+    const Endpoint endpoint = parse_endpoint("le:C0:11:22:33:44:55/random:128");
+    EXPECT_TRUE(endpoint.has_random_address);
+    EXPECT_EQ(*endpoint.address, (Address{0xC0, 0x11, 0x22, 0x33, 0x44, 0x55}));
+    EXPECT_EQ(endpoint.port, 128);
+    EXPECT_EQ(endpoint.url(), "le:C0:11:22:33:44:55/random:128");
+    EXPECT_FALSE(parse_endpoint("le:C0:11:22:33:44:55:128").has_random_address);
+    for (const char* const url : {"rfcomm:C0:11:22:33:44:55/random:1", "l2cap:C0:11:22:33:44:55/random:4097",
+                                  "le:/random:128", "le:C0:11:22:33:44:55/public:128"}) {
+        EXPECT_NE(refusal_of(url).find("the address is no Bluetooth address"), std::string::npos) << url;
+    }
+}
+
 TEST(Endpoint, KnowsWhichLinksAreOfBluetooth) {
     for (const char* const url : {"rfcomm:1", "l2cap:4097", "le:128"}) {
         EXPECT_TRUE(parse_endpoint(url).is_bluetooth()) << url;

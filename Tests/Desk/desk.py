@@ -431,14 +431,18 @@ class Link:
             readable = select.select([self.socket], [], [], max(0.0, end - time.monotonic()))[0]
             if not readable:
                 raise Silent(f"{len(self.waiting)} bytes came in {timeout} s")
-            try:
-                packet = self.socket.recv(1 << 20)
-            except (ConnectionResetError, BrokenPipeError):
-                packet = b""
+            packet = self._received()
             if not packet:
                 raise Closed(f"after {len(self.waiting)} bytes of a frame")
             self.packet_sizes.append(len(packet))
             self.waiting += packet
+
+    def _received(self):
+        """Sockets of Bluetooth tell an error before the bytes that came ahead of it."""
+        for _ in range(2):
+            with contextlib.suppress(ConnectionResetError, BrokenPipeError):
+                return self.socket.recv(1 << 20)
+        return b""
 
     def ask(self, data, pieces=None):
         self.send(data, pieces)
@@ -662,13 +666,18 @@ class FakeCamera:
     def __init__(self, folder, answer, greeting=b""):
         self.answer, self.greeting = answer, greeting
         self.requests, self.packet_sizes = [], []
-        self.url = f"unix:{folder}/fake-{time.monotonic_ns()}.sock"
-        self.server = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        self.server.bind(self.url[len("unix:") :])
-        self.server.listen(1)
+        self.server, self.url = self.listen(folder)
         self.over = threading.Event()
         self.thread = threading.Thread(target=self._serve, daemon=True)
         self.thread.start()
+
+    def listen(self, folder):
+        """A listening socket and its URL."""
+        url = f"unix:{folder}/fake-{time.monotonic_ns()}.sock"
+        server = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        server.bind(url[len("unix:") :])
+        server.listen(1)
+        return server, url
 
     def __enter__(self):
         return self

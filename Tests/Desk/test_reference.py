@@ -166,10 +166,9 @@ class BluetoothPage(DeskTest):
         form = r"[0-9a-f]{8}(?:-[0-9a-f]{4}){3}-[0-9a-f]{12}"
         with open(os.path.join(PROJECT, "Desk", "Links", "ServiceUuids.h"), encoding="utf-8") as file:
             identities = dict(re.findall(rf'(\w+) = "({form})"', file.read()))
-        self.assertEqual(set(identities), {"service_uuid", "psm_characteristic_uuid"})
-        self.assertEqual(
-            re.findall(form, self.page), [identities["service_uuid"], identities["psm_characteristic_uuid"]]
-        )
+        names = ["service_uuid", "psm_characteristic_uuid", "l2cap_service_uuid"]
+        self.assertEqual(set(identities), set(names))
+        self.assertEqual(re.findall(form, self.page), [identities[name] for name in names])
 
     def test_has_options_and_links_that_there_are(self):
         options = {option for tool in TOOLS for option in Help(tool).options}
@@ -186,7 +185,8 @@ class DesksPage(DeskTest):
     def test_has_the_options_that_say_how_phones_connect(self):
         with open(os.path.join(PROJECT, "Docs", "desk.md"), encoding="utf-8") as file:
             table = set(re.findall(r"^\| `(--[a-z-]+)", file.read(), re.M))
-        self.assertLessEqual({"--listen", "--idle-timeout", "--mtu", "--capture"}, table)
+        finding = {"--name", "--discoverable", "--pairing", "--allow"}
+        self.assertLessEqual({"--listen", "--idle-timeout", "--mtu", "--capture"} | finding, table)
 
 
 class HelpOfACommand(DeskTest):

@@ -127,7 +127,7 @@ bool ReplayPhone::send(std::span<const uint8_t> packet) {
 // ---- Where phones connect -------------------------------------------------------------------------------------------
 
 ReplayListener::ReplayListener(const Waiting& waiting, const Endpoint& endpoint)
-    : waiting_(waiting), endpoint_(endpoint), socket_(open_listening_socket(endpoint_, Access::by_mask)) {}
+    : waiting_(waiting), endpoint_(endpoint), socket_(open_listening_socket(endpoint_, {})) {}
 
 ReplayListener::~ReplayListener() {
     if (endpoint_.kind == Endpoint::Kind::unix_socket) {

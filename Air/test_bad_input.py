@@ -1,13 +1,14 @@
 """What goes wrong with Bluetooth is told in one line that says how to mend it, and costs nothing of the store."""
 
 import os
+import re
 import subprocess
 import time
 
 import desk
 
 from air import (
-    BASIC_MODE, CAMERA_ADDRESS, CAMERAS, LINKS, PHONES, USER, AirTest, start_anew, turn_off, turn_on,
+    BASIC_MODE, CAMERA_ADDRESS, CAMERAS, LINKS, PHONES, USER, AirTest, start_anew, turn_off,
 )  # fmt: skip
 from desk import LIST, PATIENCE, Closed, Link, phone_record, picture, picture_request, records_in, request
 from desk import run_camera, run_phone, store_request, store_result
@@ -26,6 +27,7 @@ class BadInput(AirTest):
 
     def setUp(self):
         super().setUp()
+        start_anew()  # connects that were given up, and links that are lost, stand in the way of the next ones
         self.addCleanup(self.assertStoreUnharmed)
         with self.camera("--empty") as camera:
             answer = camera.ask(store_request(phone_record(b"Kept"), picture(1)))
@@ -54,6 +56,12 @@ class BadInput(AirTest):
         self.assertOneLineOf(done, 3, f"cannot connect to {url}: ", *parts)
         self.assertLess(time.monotonic() - start, seconds)
 
+    def assertTold(self, camera, pattern):
+        end = time.monotonic() + 3 * PATIENCE
+        while not re.search(pattern, camera.talk()):
+            self.assertLess(time.monotonic(), end, camera.talk())
+            time.sleep(0.05)
+
     def url(self, address=CAMERA_ADDRESS, port=None):
         return f"{self.kind}:{address}:{port or free_port(self.kind)}"
 
@@ -61,7 +69,6 @@ class BadInput(AirTest):
 class Adapters(BadInput):
     def test_that_are_off(self):
         turn_off()
-        self.addCleanup(start_anew)
         self.assertCameraRefuses(f"{self.kind}:{free_port(self.kind)}", NO_ADAPTER, "bluetoothctl power on")
         self.assertPhoneRefuses(self.url(), NO_ADAPTER, "bluetoothctl power on")
 
@@ -69,36 +76,24 @@ class Adapters(BadInput):
         self.assertCameraRefuses(self.url(NOBODY), "no adapter with that address that is on")
 
     def test_of_the_camera_that_goes_off_in_the_middle(self):
-        self.addCleanup(start_anew)
         camera = self.camera("--empty")
         link = self.link(camera)
         link.ask(request(LIST))
         turn_off([CAMERAS])
         self.assertTold(camera, "the phone left: ")
-        turn_on([CAMERAS])
         link.close()
         start_anew()
         self.assertEqual(len(camera.presets()), 1)
 
-    def assertTold(self, camera, *texts):
-        end = time.monotonic() + 3 * PATIENCE
-        while not any(text in camera.talk() for text in texts):
-            self.assertLess(time.monotonic(), end, camera.talk())
-            time.sleep(0.05)
-
     def test_of_the_phone_that_goes_off_in_the_middle(self):
         """The camera may notice nothing of it, and then lets the phone go where it is told to."""
-        self.addCleanup(start_anew)
         camera = self.camera("--idle-timeout", "2")
         link = self.link(camera)
         link.ask(request(LIST))
         turn_off([PHONES])
-        self.assertTold(
-            camera, "the phone was let go: nothing has come from it or gone to it for 2 s", "the phone left: "
-        )
+        self.assertTold(camera, "the phone (was let go: nothing has come from it or gone to it for 2 s|left: )")
 
     def test_of_the_phones_program_that_goes_off_in_the_middle(self):
-        self.addCleanup(start_anew)
         camera = self.camera("--script", self.file("late", "at 0s packet-delay 1500\n"))
         phone = subprocess.Popen(
             [desk.PHONE, "--connect", camera.url, "list"],
@@ -126,13 +121,9 @@ class Places(BadInput):
         self.camera()
         self.assertPhoneRefuses(OTHER_KIND[self.kind].format(CAMERA_ADDRESS), "the camera refuses")
 
-    def test_of_nobody(self):
-        self.assertPhoneRefuses(self.url(NOBODY), "no answer from that address", seconds=2 + PATIENCE)
-
 
 class Rights(BadInput):
     kinds = ("l2cap", "le")
-    reserved = {"l2cap": "l2cap:4095", "le": "le:37"}
 
     def test_of_a_user_on_a_reserved_psm(self):
         os.chmod(self.folder, 0o777)
@@ -143,7 +134,7 @@ class Rights(BadInput):
         self.assertOneLineOf(done, 3, "only root may listen there; give a")
 
     def reserved_url(self):
-        return {"l2cap": "l2cap:4093", "le": "le:37"}[self.kind]
+        return {"l2cap": "l2cap:3585", "le": "le:37"}[self.kind]
 
 
 class LossyPhones(BadInput):
@@ -162,9 +153,10 @@ class LossyPhones(BadInput):
 
     def test_are_refused_in_one_line_and_others_served(self):
         camera = self.camera()
-        with self.basic_link(camera.url) as link:
-            with self.assertRaises((Closed, OSError)):
+        with self.assertRaises((Closed, OSError)):  # it may have been closed before connecting is over
+            with self.basic_link(camera.url) as link:
                 link.ask(request(LIST))
+        self.assertTold(camera, "refused")
         told = [line for line in camera.talk().splitlines() if "refused" in line]
         self.assertEqual(
             told,
@@ -186,16 +178,13 @@ class Stalls(BadInput):
         stored = camera.ask(store_request(phone_record(b"Large"), picture(2, self.SIZE)))
         link = self.link(camera)
         link.send(picture_request(store_result(stored)[2]))
-        self.assertTold(camera, "the link stalls: the phone has taken ", f" of {self.SIZE + 12} bytes of the reply")
+        size = self.SIZE + 12
+        self.assertTold(
+            camera, f"the link stalls: the phone has taken [0-9]+ of {size} bytes of the reply, and nothing"
+        )
         self.assertEqual(len(link.receive(12 * PATIENCE)), self.SIZE + 12)
         self.assertTold(camera, "the link moves again after ")
         self.assertEqual(len(records_in(link.ask(request(LIST)))), 2)
-
-    def assertTold(self, camera, *parts):
-        end = time.monotonic() + 3 * PATIENCE
-        while not all(part in camera.talk() for part in parts):
-            self.assertLess(time.monotonic(), end, camera.talk())
-            time.sleep(0.05)
 
     def test_a_slow_one_is_not_told_of(self):
         camera = self.camera()
@@ -214,3 +203,11 @@ class Stalls(BadInput):
             for number in range(4):
                 link.send(store_request(phone_record(b"Last words"), picture(number)))
         self.assertEqual(len(camera.presets()), 5)
+
+
+class Nobody(BadInput):
+    # Over RFCOMM the guest's kernel, 6.1, breaks behind it, when a socket is closed that could not be connected.
+    kinds = ("le",)
+
+    def test_at_an_address_is_told_in_the_phones_own_time(self):
+        self.assertPhoneRefuses(self.url(NOBODY), "no answer from that address", seconds=2 + PATIENCE)

@@ -4,11 +4,15 @@
 #include <asio/steady_timer.hpp>
 #include <cstdio>
 #include <fmt/format.h>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "ADE_ShotMentor.h"
 #include "AllocationFaults.h"
 #include "Budgets.h"
 #include "Control.h"
+#include "Discovery.h"
 #include "Lab.h"
 #include "LabTalk.h"
 #include "Options.h"
@@ -322,10 +326,24 @@ class LateTalk {
     asio::steady_timer timer_;
 };
 
+constexpr Security security_of(Pairing pairing) {
+    switch (pairing) {
+    case Pairing::any:
+        return Security::encrypted;
+    case Pairing::confirm:
+        return Security::confirmed;
+    case Pairing::none:
+        break;
+    }
+    return Security::low;
+}
+
 Listeners listen(asio::io_context& loop, const Options& options, std::span<uint8_t> buffer, capture::Writer* capture) {
     Listeners listeners;
+    const Admission admission = {.security = security_of(options.visibility.pairing),
+                                 .allowed = options.visibility.allowed};
     for (const Endpoint& endpoint : options.listen) {
-        listeners.push_back(std::make_unique<Listener>(loop, endpoint, options.mtu, Access::by_mask, buffer));
+        listeners.push_back(std::make_unique<Listener>(loop, endpoint, options.mtu, admission, buffer));
     }
     if (capture != nullptr) {
         capture->begin();
@@ -334,6 +352,21 @@ Listeners listen(asio::io_context& loop, const Options& options, std::span<uint8
         }
     }
     return listeners;
+}
+
+// Nothing where phones do not come by Bluetooth.
+std::optional<Discovery> discovery_of(asio::io_context& loop, const Visibility& visibility,
+                                      const Listeners& listeners) {
+    std::vector<Endpoint> endpoints;
+    for (const std::unique_ptr<Listener>& listener : listeners) {
+        if (listener->endpoint().is_bluetooth()) {
+            endpoints.push_back(listener->endpoint());
+        }
+    }
+    if (endpoints.empty()) {
+        return std::nullopt;
+    }
+    return std::optional<Discovery>(std::in_place, loop, visibility, endpoints);
 }
 
 void announce(const Endpoint& endpoint) {
@@ -356,6 +389,10 @@ void serve_phones(asio::io_context& loop, PresetStore& store, const Options& opt
     Services services(store, &sends, lab.knobs());
     Script script(loop, options.script, lab);
     Camera camera(loop, listeners, sends, services, lab.knobs(), options.quiet, options.idle_timeout);
+    std::optional<Discovery> discovery = discovery_of(loop, options.visibility, listeners);
+    if (discovery) {
+        lab.when_answered_to_pair([&](bool accepts) { return discovery->answer_pairing(accepts); });
+    }
     lab.when_asked_for_phone([&] { return camera.phone(); });
     camera.when_done([&](int64_t count) { script.requests_done(count); });
     announce_lab(lab.knobs());
@@ -367,6 +404,9 @@ void serve_phones(asio::io_context& loop, PresetStore& store, const Options& opt
     }
     for (const std::unique_ptr<Listener>& listener : listeners) {
         announce(listener->endpoint());
+    }
+    if (discovery) {
+        discovery->open();
     }
     loop.run();
 }

@@ -5,10 +5,12 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 #include "Budgets.h"
 #include "Sockets.h"
@@ -16,10 +18,10 @@
 
 namespace desk::camera {
 
-Listener::Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu, Access access,
+Listener::Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu, Admission admission,
                    std::span<uint8_t> buffer)
-    : loop_(loop), endpoint_(endpoint), mtu_(mtu), socket_(loop, open_listening_socket(endpoint_, access)),
-      pause_(loop), buffer_(buffer) {
+    : loop_(loop), endpoint_(endpoint), mtu_(mtu), admission_(std::move(admission)),
+      socket_(loop, open_listening_socket(endpoint_, admission_)), pause_(loop), buffer_(buffer) {
     struct stat file = {};
     if (endpoint_.kind == Endpoint::Kind::unix_socket && ::stat(endpoint_.path.c_str(), &file) == 0) {
         file_device_ = file.st_dev;
@@ -92,6 +94,20 @@ void Listener::accept_some() {
     wait_for_phone();
 }
 
+// A phone that is not is closed without a word.
+bool Listener::is_allowed(const Descriptor& phone) const {
+    if (admission_.allowed.empty() || !endpoint_.is_bluetooth()) {
+        return true;
+    }
+    const std::optional<BluetoothAddress> address = address_of_peer(endpoint_.kind, phone.get());
+    if (address && std::ranges::find(admission_.allowed, *address) != admission_.allowed.end()) {
+        return true;
+    }
+    const std::string who = address ? desk::text_of(*address) : "a phone without an address";
+    say({"phone", {{"event", "not allowed"}, {"address", who}}, who + " was let go: --allow does not name it"});
+    return false;
+}
+
 // Without a pause a machine that is out of files would be asked for one again and again.
 void Listener::accept_later() {
     pause_.expires_after(std::chrono::milliseconds(500));
@@ -103,7 +119,7 @@ void Listener::accept_later() {
 }
 
 void Listener::take(Descriptor phone) {
-    if (!prepare_phone_socket(endpoint_.kind, phone.get())) {
+    if (!is_allowed(phone) || !prepare_phone_socket(endpoint_.kind, phone.get())) {
         return;
     }
     const LinkTraits traits = {endpoint_.keeps_message_boundaries(),

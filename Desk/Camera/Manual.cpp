@@ -15,6 +15,8 @@ std::vector<command_line::Scope> scopes_of_serving() {
                                  {"--store", Scope::Kind::except, {"control"}}};
     for (const char* option : {"--empty",         "--listen",
                                "--idle-timeout",  "--mtu",
+                               "--name",          "--discoverable",
+                               "--pairing",       "--allow",
                                "--capture",       "--quiet",
                                "--log",           "--log-level",
                                "--confirm-delay", "--drop-confirmations",

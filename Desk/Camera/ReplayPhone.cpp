@@ -1,5 +1,6 @@
 #include "ReplayPhone.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <poll.h>
 #include <sys/socket.h>
@@ -73,9 +74,11 @@ void Waiting::pause(std::chrono::microseconds time) const {
 
 // ---- A phone --------------------------------------------------------------------------------------------------------
 
-ReplayPhone::ReplayPhone(const Waiting& waiting, Descriptor socket, bool keeps_message_boundaries)
+ReplayPhone::ReplayPhone(const Waiting& waiting, Descriptor socket, bool keeps_message_boundaries,
+                         size_t largest_packet)
     : waiting_(waiting), socket_(std::move(socket)), keeps_message_boundaries_(keeps_message_boundaries),
-      messages_(capture::Side::phone, keeps_message_boundaries), buffer_(budget::received_bytes) {}
+      largest_packet_(largest_packet), messages_(capture::Side::phone, keeps_message_boundaries),
+      buffer_(budget::received_bytes) {}
 
 std::optional<Bytes> ReplayPhone::next_message() {
     while (whole_.empty()) {
@@ -111,7 +114,8 @@ bool ReplayPhone::send(std::span<const uint8_t> packet) {
         if (!waiting_.for_descriptor(socket_.get(), POLLOUT, budget::stalled_time)) {
             return false;
         }
-        const ssize_t length = ::send(socket_.get(), packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t length =
+            ::send(socket_.get(), packet.data(), std::min(packet.size(), largest_packet_), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (length < 0 && !is_worth_a_retry(errno)) {
             return false;
         }
@@ -123,7 +127,7 @@ bool ReplayPhone::send(std::span<const uint8_t> packet) {
 // ---- Where phones connect -------------------------------------------------------------------------------------------
 
 ReplayListener::ReplayListener(const Waiting& waiting, const Endpoint& endpoint)
-    : waiting_(waiting), endpoint_(endpoint), socket_(open_listening_socket(endpoint_, Access::by_mask)) {}
+    : waiting_(waiting), endpoint_(endpoint), socket_(open_listening_socket(endpoint_, {})) {}
 
 ReplayListener::~ReplayListener() {
     if (endpoint_.kind == Endpoint::Kind::unix_socket) {
@@ -136,7 +140,8 @@ ReplayPhone ReplayListener::accept() const {
         waiting_.for_descriptor(socket_.get(), POLLIN, std::nullopt);
         Descriptor phone(::accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (phone.get() >= 0 && prepare_phone_socket(endpoint_.kind, phone.get())) {
-            return {waiting_, std::move(phone), endpoint_.keeps_message_boundaries()};
+            const size_t largest = largest_packet(endpoint_.kind, phone.get());
+            return {waiting_, std::move(phone), endpoint_.keeps_message_boundaries(), largest};
         }
         waiting_.pause(std::chrono::milliseconds(20)); // a machine that is out of files is not asked without end
     }

@@ -36,8 +36,8 @@ Descriptor make_socket(int family, int type, int protocol) {
     return Descriptor(::socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol));
 }
 
-template<class Address>
-const sockaddr* generic(const Address& address) {
+template<class KernelAddress>
+const sockaddr* generic(const KernelAddress& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
@@ -190,15 +190,16 @@ void require_no_losses(const Endpoint& endpoint, const Descriptor& socket) {
 }
 
 // The address has room for what the kernel chose: a channel or a PSM.
-template<class Address>
-Descriptor listen_at(const Endpoint& endpoint, Address& address) {
+template<class KernelAddress>
+Descriptor listen_at(const Endpoint& endpoint, KernelAddress& address, Security security) {
     Descriptor socket = make_bluetooth_socket(endpoint);
     require_adapter(endpoint);
     if (::bind(socket.get(), generic(address), sizeof address) != 0) {
         throw_failure(endpoint, bluetooth_reason(endpoint, errno));
     }
     require_no_losses(endpoint, socket);
-    if (::listen(socket.get(), SOMAXCONN) != 0) {
+    if ((security != Security::low && !require_security(socket.get(), security)) ||
+        ::listen(socket.get(), SOMAXCONN) != 0) {
         throw_failure(endpoint, bluetooth_reason(endpoint, errno));
     }
     socklen_t length = sizeof address;
@@ -206,35 +207,35 @@ Descriptor listen_at(const Endpoint& endpoint, Address& address) {
     return socket;
 }
 
-int listen_on_rfcomm(Endpoint& endpoint) {
+int listen_on_rfcomm(Endpoint& endpoint, Security security) {
     RfcommAddress address = rfcomm_address(endpoint);
-    Descriptor socket = listen_at(endpoint, address);
+    Descriptor socket = listen_at(endpoint, address, security);
     endpoint.port = address.channel;
     return socket.release();
 }
 
-int listen_on_l2cap(Endpoint& endpoint) {
+int listen_on_l2cap(Endpoint& endpoint, Security security) {
     L2capAddress address = l2cap_address(endpoint);
-    Descriptor socket = listen_at(endpoint, address);
+    Descriptor socket = listen_at(endpoint, address, security);
     endpoint.port = static_cast<uint16_t>(address.psm[0] | address.psm[1] << 8);
     return socket.release();
 }
 
 } // namespace
 
-int open_listening_socket(Endpoint& endpoint, Access access) {
+int open_listening_socket(Endpoint& endpoint, const Admission& admission) {
     switch (endpoint.kind) {
     case Endpoint::Kind::unix_socket:
-        return listen_on_unix_socket(endpoint, access);
+        return listen_on_unix_socket(endpoint, admission.access);
     case Endpoint::Kind::tcp:
         return listen_on_tcp(endpoint);
     case Endpoint::Kind::rfcomm:
-        return listen_on_rfcomm(endpoint);
+        return listen_on_rfcomm(endpoint, admission.security);
     case Endpoint::Kind::l2cap:
     case Endpoint::Kind::le:
         break;
     }
-    return listen_on_l2cap(endpoint);
+    return listen_on_l2cap(endpoint, admission.security);
 }
 
 // The kernel gives in to a phone that asks for no retransmission.

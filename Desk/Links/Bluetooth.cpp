@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <span>
 #include <sys/ioctl.h>
 
@@ -93,6 +94,31 @@ bool prepare_l2cap_socket(Endpoint::Kind kind, int socket) {
     options.incoming_mtu = longest_bluetooth_packet;
     options.outgoing_mtu = longest_bluetooth_packet;
     return ::setsockopt(socket, l2cap_level, l2cap_options, &options, sizeof options) == 0;
+}
+
+bool require_security(int socket, Security security) {
+    const uint8_t level_and_key_size[2] = {static_cast<uint8_t>(security), 0};
+    return ::setsockopt(socket, bluetooth_level, security_option, level_and_key_size, sizeof level_and_key_size) == 0;
+}
+
+namespace {
+
+template<class KernelAddress>
+std::optional<BluetoothAddress> address_from(int socket) {
+    KernelAddress peer = {};
+    socklen_t length = sizeof peer;
+    if (::getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) != 0) {
+        return std::nullopt;
+    }
+    BluetoothAddress address;
+    std::reverse_copy(std::begin(peer.address), std::end(peer.address), address.begin());
+    return address;
+}
+
+} // namespace
+
+std::optional<BluetoothAddress> address_of_peer(Endpoint::Kind kind, int socket) {
+    return kind == Endpoint::Kind::rfcomm ? address_from<RfcommAddress>(socket) : address_from<L2capAddress>(socket);
 }
 
 size_t largest_l2cap_packet(Endpoint::Kind kind, int socket) {

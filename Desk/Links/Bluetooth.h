@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <sys/socket.h>
 
 #include "Endpoint.h"
@@ -18,6 +19,7 @@ constexpr int rfcomm_protocol = 3;
 constexpr int l2cap_level = 6;
 constexpr int l2cap_options = 1;
 constexpr int bluetooth_level = 274;
+constexpr int security_option = 4;
 constexpr int outgoing_mtu_option = 12; // of Low Energy alone
 constexpr int incoming_mtu_option = 13;
 
@@ -110,6 +112,16 @@ bool has_adapter(const Endpoint& endpoint);
 // Of a socket that is bound, before it listens or connects: packets as long as can be, and none that gets lost. False,
 // and errno, where the kernel does not do that.
 bool prepare_l2cap_socket(Endpoint::Kind kind, int socket);
+
+// What the kernel asks of a link before it lets it through: nothing beyond what Bluetooth itself asks; that it is
+// encrypted, for which the phone must have paired; or that a person has compared digits when it was.
+enum class Security : uint8_t { low = 1, encrypted = 2, confirmed = 3 };
+
+// Of a socket before it listens. False, and errno, where the kernel does not do that.
+bool require_security(int socket, Security security);
+
+// Who is at the other end of a connected socket; nothing where the kernel does not say.
+std::optional<BluetoothAddress> address_of_peer(Endpoint::Kind kind, int socket);
 
 // The largest packet that the other end of a connected socket takes, and this one can send.
 size_t largest_l2cap_packet(Endpoint::Kind kind, int socket);

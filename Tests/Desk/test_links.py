@@ -69,6 +69,18 @@ class SeveralLinks(DeskTest):
         self.assertEnds(done, 2)
         self.assertIn("--listen is given 9 times, and may be given 8 times at most", done.stderr.decode())
 
+    def test_the_same_one_twice_is_refused(self):
+        done = run_camera(self.store, "--empty", "--listen", self.other_url, "--listen", self.other_url)
+        self.assertEnds(done, 2)
+        self.assertEqual(
+            done.stderr.decode(),
+            f"shotmentor-camera: --listen is given twice for {self.other_url}; leave one out\n",
+        )
+
+    def test_any_free_port_may_be_had_twice(self):
+        with self.camera("--empty", "--listen", "tcp:127.0.0.1:0", kind="tcp") as camera:
+            self.assertNotEqual(camera.next_url(), camera.url)
+
 
 class IdlePhones(DeskTest):
     def setUp(self):

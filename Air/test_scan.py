@@ -180,7 +180,7 @@ class Search(AirTest):
         camera = self.camera("--empty", "--name", "Night owl", "--discoverable", 0)
         port = camera.url.rpartition(":")[2]
         controller = PHONES
-        if self.kind == "le":  # the other one would hear the camera's adapter over RFCOMM's kind of link, too
+        if self.kind == "le":  # the other one would ask over RFCOMM's kind of link, too: see Nobody
             air.turn_on_low_energy_phone()
             controller = LOW_ENERGY_PHONES
         done = run_phone(None, "--json", "scan", "--adapter", f"hci{controller}", "--seconds", 8, timeout=90)

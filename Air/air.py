@@ -111,6 +111,8 @@ def turn_on(controllers=(CAMERAS, PHONES)):
 
 def turn_off(controllers=(CAMERAS, PHONES)):
     with management() as kernel:
+        if CAMERAS in controllers:
+            kernel.ask(CAMERAS, SET_ADVERTISING, bytes(1))  # else it is stuck in that when it is on again
         for controller in controllers:
             kernel.set(controller, SET_POWERED, 0)
 

@@ -1,11 +1,12 @@
 """A phone that asks a device where its camera listens, and looks for cameras."""
 
 import contextlib
+import json
 import socket
 import struct
 import threading
 
-from air import CAMERA_ADDRESS, CLASSIC, LE_PUBLIC, AirTest, libc, succeed
+from air import CAMERA_ADDRESS, CAMERAS, CLASSIC, LE_PUBLIC, PHONES, AirTest, libc, management, succeed, wait_until
 from desk import run_phone
 
 SERVICE = "252a3c13-cb4c-4ac9-aec8-24e715743b86"
@@ -14,6 +15,19 @@ ASKED = {
     "rfcomm": bytes.fromhex("06 0001 001b 3511 1c" + SERVICE.replace("-", "") + "ffff 3503 090004 00"),
     "le": b"\x08\1\0\xff\xff" + bytes.fromhex("abdd3056-28fa-441d-a470-55a75a52553a".replace("-", ""))[::-1],
 }
+
+
+GET_CONNECTIONS, COMMAND_COMPLETE = 0x0015, 0x0001
+
+
+def connections_of(controller):
+    with management() as kernel:
+        kernel.socket.send(struct.pack("<HHH", GET_CONNECTIONS, controller, 0))
+        while True:
+            packet = kernel.socket.recv(1024)
+            if struct.unpack_from("<HH", packet) == (COMMAND_COMPLETE, controller):
+                _, status, count = struct.unpack_from("<HBH", packet, 6)
+                return count if status == 0 else 0
 
 
 class Device:
@@ -67,6 +81,11 @@ class WhereTheCameraListens(AirTest):
 
     kinds = ("rfcomm", "le")
     url = property(lambda self: f"{self.kind}:{CAMERA_ADDRESS}:auto")
+
+    def setUp(self):
+        super().setUp()
+        # A link stays for two seconds, and one that is about to go is no good one for the next phone.
+        wait_until(lambda: connections_of(CAMERAS) == 0, what="the end of the links of before")
 
     def list(self, *options):
         return run_phone(self.url, "--timeout", 2, *options, "list", wait_for_turn=False)
@@ -122,9 +141,44 @@ class WhereTheCameraListens(AirTest):
         self.assertRefused(4, "the device does not answer where its camera listens", [])
 
     def test_is_asked_of_a_device_that_hangs_up(self):
-        self.assertRefused(6, "the device hung up when it was asked")
+        if self.kind == "le":  # the link stays for two seconds behind its last channel
+            self.assertRefused(4, "the device does not answer where its camera listens")
+        else:
+            self.assertRefused(6, "the device hung up when it was asked")
 
-    def test_is_asked_where_nobody_is(self):
-        done = run_phone(f"{self.kind}:00:AA:01:77:77:77:auto", "--timeout", 2, "list", wait_for_turn=False)
-        self.assertEnds(done, 3)
-        self.assertIn("no answer from that address; see that the camera is near", done.stderr.decode())
+
+class Nobody(AirTest):
+    # Over RFCOMM's kind of link the guest's kernel, 6.1.192, breaks: "list_del corruption" in hci_chan_del, when a
+    # socket is closed that could not be connected. It takes the process along, and its thread for RFCOMM.
+    kinds = ("le",)
+
+    def test_tells_where_the_camera_listens(self):
+        for address in ("00:AA:01:77:77:77", "C0:AA:01:77:77:77/random"):
+            done = run_phone(f"le:{address}:auto", "--timeout", 2, "list", wait_for_turn=False)
+            self.assertEnds(done, 3)
+            self.assertIn("no answer from that address; see that the camera is near", done.stderr.decode())
+
+
+class Search(AirTest):
+    """With the system's own daemon, which both sides use; the phone's adapter is the one that is named."""
+
+    kinds = ("rfcomm", "le")
+    needs_daemon = True
+
+    def test_finds_the_camera_and_the_url_of_its_link(self):
+        camera = self.camera("--empty", "--name", "Night owl", "--discoverable", 0)
+        port = camera.url.rpartition(":")[2]
+        done = run_phone(None, "--json", "scan", "--adapter", f"hci{PHONES}", "--seconds", 8, timeout=90)
+        self.assertEnds(done, 0)
+        (found,) = [one for one in json.loads(done.stdout)["cameras"] if one["address"] == CAMERA_ADDRESS]
+        self.assertEqual(found["name"], "Night owl")
+        link = {"link": self.kind, "url": f"{self.kind}:{CAMERA_ADDRESS}:{port}", "port": int(port)}
+        self.assertEqual(found["links"], [link])
+        wait_until(lambda: connections_of(CAMERAS) == 0, what="the end of the links of the search")
+        for url in (link["url"], f"{self.kind}:{CAMERA_ADDRESS}:auto"):
+            self.assertEnds(run_phone(url, "list"), 0)
+
+    def test_finds_no_camera_where_there_is_none(self):
+        done = run_phone(None, "scan", "--adapter", f"hci{PHONES}", "--seconds", 4, timeout=90)
+        self.assertEnds(done, 9)
+        self.assertIn("no camera was found; see that it runs, is near", done.stderr.decode())

@@ -4,7 +4,8 @@
 library_packages=(g++ cmake ninja-build)
 desk_packages=(pkg-config libcli11-dev libasio-dev libfmt-dev nlohmann-json3-dev libsqlite3-dev libjpeg62-turbo-dev
     libchafa-dev libexif-dev libglib2.0-dev libpng-dev libsystemd-dev)
-test_packages=(dbus-daemon googletest libjpeg-turbo-progs pmccabe python3 python3-dbus python3-gi python3-jsonschema)
+test_packages=(dbus-bin dbus-daemon googletest libjpeg-turbo-progs pmccabe python3 python3-dbus python3-gi
+    python3-jsonschema)
 dissector_packages=(tshark)
 parser_packages=(python3-kaitaistruct)
 coverage_packages=(gcovr)

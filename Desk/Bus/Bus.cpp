@@ -52,9 +52,9 @@ Reply reply_from(sd_bus_message* message) {
 struct Slot::Handler : std::enable_shared_from_this<Slot::Handler> {
     explicit Handler(std::function<int(sd_bus_message*)> taken) : run(std::move(taken)) {}
 
-    static int enter(sd_bus_message* message, void* handler, sd_bus_error*) noexcept {
-        const std::shared_ptr<Handler> kept = static_cast<Handler*>(handler)->shared_from_this();
+    static int enter(sd_bus_message* message, void* handler, sd_bus_error*) {
         try {
+            const std::shared_ptr<Handler> kept = static_cast<Handler*>(handler)->shared_from_this();
             return kept->run(message);
         } catch (...) {
             thrown = std::current_exception();
@@ -134,16 +134,6 @@ Slot Bus::when_called(const std::string& path, Called handler) {
           sd_bus_add_fallback(bus_.get(), &slot, path.c_str(), Slot::Handler::enter, made.handler_.get()));
     made.slot_.reset(slot);
     return made;
-}
-
-Message Bus::answer_to(const Message& call) {
-    sd_bus_message* answer = nullptr;
-    check("cannot answer over the system's D-Bus", sd_bus_message_new_method_return(call.get(), &answer));
-    return Message(answer);
-}
-
-void Bus::error_to(const Message& call, const char* name, const char* text) {
-    check("cannot answer over the system's D-Bus", sd_bus_reply_method_errorf(call.get(), name, "%s", text));
 }
 
 void Bus::send(const Message& message) {

@@ -34,8 +34,7 @@ class Bus {
   public:
     using Replied = std::function<void(Reply)>;
     using Signalled = std::function<void(Message)>;
-    // Answers a method's call with `answer_to` or `error_to`, or returns false: there is no such method. The message
-    // may be kept, and answered later.
+    // Answers a method's call, at once or later, or returns false: there is no such method.
     using Called = std::function<bool(Message)>;
 
     // Connects to DBUS_SYSTEM_BUS_ADDRESS, or to where the bus usually is. Throws Failure (exit_link), which says what
@@ -56,11 +55,11 @@ class Bus {
 
     // ---- Objects of our own, at and below a path
     [[nodiscard]] Slot when_called(const std::string& path, Called handler);
-    Message answer_to(const Message& call);
-    void error_to(const Message& call, const char* name, const char* text);
     void send(const Message& message); // what has not gone when the bus is destroyed never goes
 
     // ---- A loop's side
+    // False once the connection has ended; calls that were under way are then told errors before `process` throws.
+    bool is_open() const { return sd_bus_is_open(bus_.get()) > 0; }
     int descriptor() const { return sd_bus_get_fd(bus_.get()); }
     // POLLIN and POLLOUT, as they are waited for.
     int events() const { return sd_bus_get_events(bus_.get()); }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <systemd/sd-bus.h>
@@ -22,7 +23,14 @@ class Message {
   public:
     // Takes the message over.
     explicit Message(sd_bus_message* message = nullptr) : message_(message) {}
-    // Another owner of the same message.
+    // A copy is another owner of the same message, which is read on where the other one has come to.
+    Message(const Message& other) : Message(sd_bus_message_ref(other.get())) {}
+    Message(Message&&) noexcept = default;
+    Message& operator=(Message other) noexcept {
+        message_.swap(other.message_);
+        return *this;
+    }
+    ~Message() = default;
     static Message shared(sd_bus_message* message) { return Message(sd_bus_message_ref(message)); }
 
     sd_bus_message* get() const { return message_.get(); }
@@ -34,6 +42,8 @@ class Message {
         return *this;
     }
 
+    void append_bytes(std::span<const uint8_t> bytes);
+
     // As sd_bus_message_read(3) takes it: read("s", &text). False where the message has something else there; texts
     // are the message's.
     template<class... Values>
@@ -42,6 +52,10 @@ class Message {
     }
     std::optional<std::string> read_text(); // a string or an object's path
     bool skip(const char* types) { return sd_bus_message_skip(get(), types) >= 0; }
+
+    // An answer to this call, to be filled and sent; or an error that goes at once.
+    Message answer() const;
+    void answer_error(const char* name, const std::string& text) const;
 
     // Goes into a container, such as ('a', "{sv}"), and out of it. False at the end of the one around it, or where the
     // message has something else there.

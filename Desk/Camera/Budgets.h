@@ -28,6 +28,10 @@ constexpr size_t turned_away_bytes = size_t{1} << 20;
 // A phone that leaves a reply untaken, or a request in half, for so long is let go as soon as another one asks.
 constexpr seconds stalled_time{10};
 
+// A phone that takes nothing of a reply for so long is told of, and how often it is looked at.
+constexpr seconds stall_told{3};
+constexpr milliseconds uptake_look{500};
+
 // How often a phone is looked at that may have been idle for too long.
 constexpr milliseconds idle_look{500};
 
@@ -41,8 +45,8 @@ constexpr int packets_of_a_turn = 64;
 // ---- Descriptors ----------------------------------------------------------------------------------------------------
 
 // The standard streams, the event loop, the store, the log, the capture, up to eight listening sockets, the control
-// socket and its clients.
-constexpr size_t descriptors_of_the_camera = 24;
+// socket and its clients, the bus.
+constexpr size_t descriptors_of_the_camera = 26;
 // The picture, the database's journal, the folder that is flushed.
 constexpr size_t descriptors_of_a_request = 8;
 // One phone is served, one is just being accepted.
@@ -79,6 +83,20 @@ constexpr size_t longest_answer = 4096;
 
 // A file of commands.
 constexpr size_t longest_script = size_t{1} << 16;
+
+// ---- The system's Bluetooth daemon ----------------------------------------------------------------------------------
+
+// Messages of the bus between two looks at everybody else.
+constexpr int bus_messages_of_a_turn = 32;
+// How long an answer may take, and until the daemon, or the bus, is asked again. Changes of its adapters are looked at
+// together.
+constexpr seconds bus_time{10};
+constexpr seconds bus_retry{5};
+constexpr milliseconds bus_look{50};
+// For all that is put back at the end.
+constexpr milliseconds bus_farewell{2000};
+// More are left alone.
+constexpr size_t adapters = 16;
 
 // ---- Standard error and the log -------------------------------------------------------------------------------------
 

@@ -4,11 +4,15 @@
 #include <asio/steady_timer.hpp>
 #include <cstdio>
 #include <fmt/format.h>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "ADE_ShotMentor.h"
 #include "AllocationFaults.h"
 #include "Budgets.h"
 #include "Control.h"
+#include "Discovery.h"
 #include "Lab.h"
 #include "LabTalk.h"
 #include "Options.h"
@@ -76,6 +80,7 @@ bool Camera::all_before_have_closed() {
 void Camera::take_in(const std::shared_ptr<Link>& link) {
     say({"phone", {{"event", "connected"}}, "a phone connected"});
     link->on_lost([this](const std::string& why) { phone_left(why); });
+    link->on_look([this](const Uptake& uptake) { tell_of_uptake(uptake); });
     link->pace(knobs_);
     sends_.connect(link);
     phone_.emplace(Phone{link, Intake(link->keeps_message_boundaries(), talk_, knobs_)});
@@ -124,6 +129,7 @@ void Camera::let_go_if_stalled() {
 }
 
 void Camera::let_go(const char* event, const std::string& why) {
+    tell_if_lost_in_stall();
     say({"phone", {{"event", event}}, why});
     phone_->link->abort();
     forget_phone();
@@ -155,6 +161,7 @@ void Camera::pull_link() {
 }
 
 void Camera::phone_left(const std::string& why) {
+    tell_if_lost_in_stall();
     say({"phone", {{"event", "left"}, {"reason", why}}, "the phone left" + (why.empty() ? "" : ": " + why)});
     forget_phone();
     take_in_next();
@@ -180,6 +187,54 @@ std::string Camera::phone() const {
     }
     return fmt::format("a phone is there and {}; requests so far: {}",
                        services_.in_use ? "uses the feature" : "does not use the feature yet", talk_.done());
+}
+
+// ---- Replies that are not taken --------------------------------------------------------------------------------------
+
+namespace {
+
+std::string taken_of(const Uptake& uptake) {
+    return fmt::format("the phone has taken {} of {} bytes of the reply", uptake.taken(), uptake.total());
+}
+
+std::chrono::seconds still_for(const Uptake& uptake) {
+    return std::chrono::floor<std::chrono::seconds>(uptake.still_for(Uptake::Clock::now()));
+}
+
+void say_of_uptake(const char* event, const Uptake& uptake, std::chrono::seconds still, const std::string& message) {
+    say({"phone",
+         {{"event", event},
+          {"taken_bytes", uptake.taken()},
+          {"reply_bytes", uptake.total()},
+          {"seconds", still.count()}},
+         message});
+}
+
+} // namespace
+
+// A link that is slow but moves is as it should be.
+void Camera::tell_of_uptake(const Uptake& uptake) {
+    const auto still = still_for(uptake);
+    if (!phone_->told_stalled && !uptake.is_over() && still >= budget::stall_told) {
+        phone_->told_stalled = true;
+        say_of_uptake("stalls", uptake, still,
+                      fmt::format("the link stalls: {}, and nothing for {} s", taken_of(uptake), still.count()));
+    } else if (phone_->told_stalled && still < budget::stall_told) {
+        phone_->told_stalled = false;
+        const auto before = still_for(phone_->uptake);
+        say_of_uptake("moves again", uptake, before,
+                      fmt::format("the link moves again after {} s: {}", before.count(), taken_of(uptake)));
+    }
+    phone_->uptake = uptake;
+}
+
+void Camera::tell_if_lost_in_stall() {
+    if (phone_->told_stalled) {
+        const auto still = still_for(phone_->uptake);
+        say_of_uptake("lost while it stalled", phone_->uptake, still,
+                      fmt::format("the link that stalled is lost: {}, and nothing for {} s", taken_of(phone_->uptake),
+                                  still.count()));
+    }
 }
 
 // ---- Requests -------------------------------------------------------------------------------------------------------
@@ -271,10 +326,24 @@ class LateTalk {
     asio::steady_timer timer_;
 };
 
+constexpr Security security_of(Pairing pairing) {
+    switch (pairing) {
+    case Pairing::any:
+        return Security::encrypted;
+    case Pairing::confirm:
+        return Security::confirmed;
+    case Pairing::none:
+        break;
+    }
+    return Security::low;
+}
+
 Listeners listen(asio::io_context& loop, const Options& options, std::span<uint8_t> buffer, capture::Writer* capture) {
     Listeners listeners;
+    const Admission admission = {.security = security_of(options.visibility.pairing),
+                                 .allowed = options.visibility.allowed};
     for (const Endpoint& endpoint : options.listen) {
-        listeners.push_back(std::make_unique<Listener>(loop, endpoint, options.mtu, Access::by_mask, buffer));
+        listeners.push_back(std::make_unique<Listener>(loop, endpoint, options.mtu, admission, buffer));
     }
     if (capture != nullptr) {
         capture->begin();
@@ -283,6 +352,21 @@ Listeners listen(asio::io_context& loop, const Options& options, std::span<uint8
         }
     }
     return listeners;
+}
+
+// Nothing where phones do not come by Bluetooth.
+std::optional<Discovery> discovery_of(asio::io_context& loop, const Visibility& visibility,
+                                      const Listeners& listeners) {
+    std::vector<Endpoint> endpoints;
+    for (const std::unique_ptr<Listener>& listener : listeners) {
+        if (listener->endpoint().is_bluetooth()) {
+            endpoints.push_back(listener->endpoint());
+        }
+    }
+    if (endpoints.empty()) {
+        return std::nullopt;
+    }
+    return std::optional<Discovery>(std::in_place, loop, visibility, endpoints);
 }
 
 void announce(const Endpoint& endpoint) {
@@ -305,6 +389,10 @@ void serve_phones(asio::io_context& loop, PresetStore& store, const Options& opt
     Services services(store, &sends, lab.knobs());
     Script script(loop, options.script, lab);
     Camera camera(loop, listeners, sends, services, lab.knobs(), options.quiet, options.idle_timeout);
+    std::optional<Discovery> discovery = discovery_of(loop, options.visibility, listeners);
+    if (discovery) {
+        lab.when_answered_to_pair([&](bool accepts) { return discovery->answer_pairing(accepts); });
+    }
     lab.when_asked_for_phone([&] { return camera.phone(); });
     camera.when_done([&](int64_t count) { script.requests_done(count); });
     announce_lab(lab.knobs());
@@ -316,6 +404,9 @@ void serve_phones(asio::io_context& loop, PresetStore& store, const Options& opt
     }
     for (const std::unique_ptr<Listener>& listener : listeners) {
         announce(listener->endpoint());
+    }
+    if (discovery) {
+        discovery->open();
     }
     loop.run();
 }

@@ -50,6 +50,8 @@ class Camera {
         std::shared_ptr<Link> link;
         Intake intake;
         bool told_stuck = false;
+        bool told_stalled = false; // and not yet that it goes on
+        Uptake uptake = {};        // as it was looked at last
     };
 
     void phone_came(std::shared_ptr<Link> link);
@@ -64,6 +66,8 @@ class Camera {
     void pull_link();
     void count_requests();
     bool is_phone_stalled();
+    void tell_of_uptake(const Uptake& uptake);
+    void tell_if_lost_in_stall();
     void phone_left(const std::string& why);
     void forget_phone();
     void listen_to_phone();

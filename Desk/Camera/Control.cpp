@@ -17,7 +17,7 @@ std::span<const uint8_t> bytes_of(const std::string& text) {
 
 Control::Control(asio::io_context& loop, const Endpoint& endpoint, Lab& lab)
     : lab_(lab), buffer_(budget::control_bytes),
-      listener_(loop, endpoint, budget::control_bytes, Access::owner, buffer_),
+      listener_(loop, endpoint, budget::control_bytes, {.access = Access::owner}, buffer_),
       clients_(loop, budget::control_time, [](const std::shared_ptr<Link>& client) { client->close(); }) {}
 
 void Control::open() {

@@ -60,6 +60,11 @@ bool clear_faults(Knobs& knobs, const std::string& value) {
     return value.empty();
 }
 
+// The answer to a phone is no knob.
+bool check_yes_or_no(Knobs&, const std::string& value) {
+    return value == "yes" || value == "no";
+}
+
 // And each of these gives the value back.
 template<std::optional<int> Knobs::*knob>
 std::string show_number(const Knobs& knobs) {
@@ -96,7 +101,7 @@ constexpr Command number_command(const char* name, const char* values, const cha
     return {name, values, help, set_number<knob, first, last>, show_number<knob>};
 }
 
-constexpr std::array<Command, 16> commands = {{
+constexpr std::array<Command, 17> commands = {{
     number_command<&Knobs::confirm_delay, 0, INT_MAX>("confirm-delay", "MS|off", "confirm each send after this time"),
     number_command<&Knobs::drop_every, 1, INT_MAX>("drop-confirmations", "N|off", "never confirm every N-th send"),
     number_command<&Knobs::drop_next, 1, INT_MAX>("drop-next", "N|off", "never confirm the next N sends"),
@@ -116,6 +121,7 @@ constexpr std::array<Command, 16> commands = {{
     number_command<&Knobs::packet_delay, 1, INT_MAX>("packet-delay", "MS|off", "delay each packet, each way"),
     {"iso-step", "full|third", "ISO steps that the model sets", set_iso_step, show_iso_step},
     {"clear", "", "turn all faults off", clear_faults, nullptr},
+    {"pair", "yes|no", "answer a phone that wants to pair", check_yes_or_no, nullptr},
     {"status", "", "print all knobs", nullptr, nullptr},
     {"phone", "", "print whether a phone is there", nullptr, nullptr},
 }};
@@ -205,6 +211,9 @@ std::string Lab::run(const std::string& line, const std::string& who) {
     if (read.command.set == nullptr) {
         return answer(read.command.name);
     }
+    if (read.command.set == check_yes_or_no) {
+        return answer_pairing(read.value == "yes");
+    }
     if (is_about_allocations(read.command) && changed.refuse_allocation && !can_refuse_allocations()) {
         throw Failure(exit_usage, "this camera has no allocator that can refuse; start shotmentor-camera-lab, which "
                                   "lies beside it, in its place");
@@ -216,6 +225,13 @@ std::string Lab::run(const std::string& line, const std::string& who) {
     }
     tell_of_command(trimmed(line), who);
     return "";
+}
+
+std::string Lab::answer_pairing(bool accepts) const {
+    if (!pairing_) {
+        throw Failure(exit_usage, "the camera listens on no Bluetooth link, so that no phone can pair");
+    }
+    return pairing_(accepts);
 }
 
 std::string Lab::answer(const std::string& question) const {

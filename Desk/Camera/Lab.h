@@ -18,17 +18,21 @@ class Lab {
     Knobs& knobs() { return knobs_; }
     // Who tells of the phone that is there.
     void when_asked_for_phone(std::function<std::string()> teller) { phone_ = std::move(teller); }
+    // Who takes the answer to a phone that wants to pair; it may throw Failure (exit_usage).
+    void when_answered_to_pair(std::function<std::string(bool accepts)> taker) { pairing_ = std::move(taker); }
 
     // Runs a command such as "drop-next 2", for `who`, and tells of it unless it only asks. Returns the answer to
-    // "status" and "phone", nothing otherwise. Throws Failure (exit_usage) for a line that is no command; nothing has
+    // "status", "phone" and "pair", nothing otherwise. Throws Failure (exit_usage) for a line that is no command; nothing has
     // changed then.
     std::string run(const std::string& line, const std::string& who);
 
   private:
     std::string answer(const std::string& question) const;
+    std::string answer_pairing(bool accepts) const;
 
     Knobs knobs_;
     std::function<std::string()> phone_;
+    std::function<std::string(bool)> pairing_;
 };
 
 // Throws what `run` would, but for what the program that runs lacks. Changes nothing.

@@ -12,6 +12,7 @@
 #include <sys/uio.h>
 #include <utility>
 
+#include "Budgets.h"
 #include "Knobs.h"
 
 namespace desk::camera {
@@ -25,6 +26,11 @@ constexpr std::chrono::milliseconds look_at_knobs_again{100}; // they may be tur
 
 bool is_worth_a_retry(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+// A phone that goes, with bytes of ours unread or before it has them all, is told of as an error.
+bool means_phone_left(int error) {
+    return error == ECONNRESET || error == EPIPE || error == ENOTCONN;
 }
 
 // One packet, or bytes of a stream. A packet that the buffer does not hold shows in the flags.
@@ -113,6 +119,14 @@ size_t Link::largest_piece() const {
 // ---- Receiving ------------------------------------------------------------------------------------------------------
 
 void Link::wait_for_bytes() {
+    if (end_ != 0) { // nothing more comes than what is there
+        asio::post(loop_, [self = shared_from_this()] {
+            if (self->socket_.is_open() && self->received_ != nullptr) {
+                self->read_once(self->buffer_.size());
+            }
+        });
+        return;
+    }
     socket_.async_wait(
         asio::posix::descriptor_base::wait_read, [self = shared_from_this()](const asio::error_code& error) {
             if (error || !self->socket_.is_open()) {
@@ -190,6 +204,7 @@ void Link::send(std::span<const uint8_t> bytes, Sent handler) {
     unsent_ = bytes;
     sent_ = std::move(handler);
     forgive();
+    uptake_.begin(bytes.size(), Clock::now());
     if (socket_.is_open()) {
         write_on();
     }
@@ -201,7 +216,7 @@ size_t Link::next_to_write() const {
 }
 
 void Link::write_on() {
-    while (!unsent_.empty()) {
+    while (!unsent_.empty() && end_ == 0) {
         if (is_paced()) {
             let_through(write_pause_, next_to_write(), Clock::now(), &Link::write_paced);
             return;
@@ -228,11 +243,15 @@ bool Link::write_packet() {
             capture_->sent(unsent_.first(static_cast<size_t>(length)));
         }
         unsent_ = unsent_.subspan(static_cast<size_t>(length));
+        uptake_.wrote(static_cast<size_t>(length));
         moved_ = Clock::now();
         return true;
     }
     if (is_worth_a_retry(errno)) {
         write_later();
+    } else if (means_phone_left(errno)) {
+        end_ = errno;
+        return true;
     } else {
         lose_by(errno);
     }
@@ -240,12 +259,17 @@ bool Link::write_packet() {
 }
 
 void Link::all_is_written() {
-    watch_.cancel();
+    unsent_ = {};
+    if (end_ == 0 && !watches_) {
+        watch_uptake();
+    }
     std::exchange(sent_, nullptr)();
 }
 
 void Link::write_later() {
-    watch_what_is_untaken();
+    if (!watches_) {
+        watch_uptake();
+    }
     socket_.async_wait(asio::posix::descriptor_base::wait_write,
                        [self = shared_from_this()](const asio::error_code& error) {
                            if (!error && self->socket_.is_open()) {
@@ -254,18 +278,42 @@ void Link::write_later() {
                        });
 }
 
-// The kernel tells when there is room to write on, which may take many packets. A phone that takes one now and then is
-// seen by what is left of them.
-void Link::watch_what_is_untaken() {
-    const int untaken = bytes_in_kernel(socket_.native_handle(), SIOCOUTQ);
-    moved_ = untaken < untaken_ ? Clock::now() : moved_;
-    untaken_ = untaken;
-    watch_.expires_after(std::chrono::seconds(1));
+// Bluetooth's sockets count against what they may hold, and may hold more by a packet.
+size_t Link::held_by_kernel() {
+    const int told = bytes_in_kernel(socket_.native_handle(), SIOCOUTQ);
+    if (!traits_.kernel_tells_room) {
+        return static_cast<size_t>(std::max(told, 0));
+    }
+    int limit = 0;
+    socklen_t size = sizeof limit;
+    ::getsockopt(socket_.native_handle(), SOL_SOCKET, SO_SNDBUF, &limit, &size);
+    return static_cast<size_t>(std::max(limit - told, 0));
+}
+
+// The kernel tells when there is room to write on, which may take many packets, and not at all when the phone takes
+// what was written last. A phone that takes a packet now and then is seen by what is left of them.
+void Link::watch_uptake() {
+    look_at_uptake();
+    watches_ = !uptake_.is_over();
+    if (!watches_) {
+        return;
+    }
+    watch_.expires_after(budget::uptake_look);
     watch_.async_wait([self = shared_from_this()](const asio::error_code& error) {
-        if (!error && self->sent_ != nullptr) {
-            self->watch_what_is_untaken();
+        if (!error && self->socket_.is_open()) {
+            self->watch_uptake();
         }
     });
+}
+
+void Link::look_at_uptake() {
+    const bool is_full = !unsent_.empty() && !is_ready(socket_.native_handle(), POLLOUT);
+    if (uptake_.look(held_by_kernel(), is_full, Clock::now())) {
+        moved_ = Clock::now();
+    }
+    if (looked_ != nullptr) {
+        looked_(uptake_);
+    }
 }
 
 bool Link::phone_has_closed() {
@@ -293,6 +341,7 @@ void Link::close() {
     received_ = nullptr;
     sent_ = nullptr;
     lost_ = nullptr;
+    looked_ = nullptr;
     capture_.reset();
 }
 
@@ -316,10 +365,8 @@ void Link::end_capture_as(End how) {
     }
 }
 
-// A phone that goes with bytes of ours unread is told of as an error.
 void Link::lose_by(int error) {
-    const bool has_left = error == ECONNRESET || error == EPIPE;
-    lose(std::strerror(error), has_left ? End::phone_left : End::link_lost);
+    lose(std::strerror(error), means_phone_left(error) ? End::phone_left : End::link_lost);
 }
 
 // Told from the loop, so that whoever was sending is not called back from inside its own call.

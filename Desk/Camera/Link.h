@@ -12,6 +12,7 @@
 #include <string>
 
 #include "Capture/Writer.h"
+#include "Uptake.h"
 
 namespace desk::camera {
 
@@ -20,7 +21,8 @@ struct Knobs;
 // How a link cuts what it carries.
 struct LinkTraits {
     bool keeps_message_boundaries = false;
-    size_t mtu = 0; // largest packet to send, on a link that keeps message boundaries
+    size_t mtu = 0;                 // largest packet to send, on a link that keeps message boundaries
+    bool kernel_tells_room = false; // asked for what it still holds, it tells what it could hold on top
 };
 
 // One receive and one send may be under way at a time. A link that breaks calls `on_lost` once, from the loop, instead
@@ -30,6 +32,7 @@ class Link : public std::enable_shared_from_this<Link> {
     using Received = std::function<void(std::span<const uint8_t>)>;
     using Sent = std::function<void()>;
     using Lost = std::function<void(const std::string& why)>; // empty: the phone closed it
+    using Looked = std::function<void(const Uptake& uptake)>;
 
     // Takes the connected socket over. `buffer` is where it receives; links may share one. What crosses the link is
     // written to `capture`, if there is one.
@@ -38,11 +41,14 @@ class Link : public std::enable_shared_from_this<Link> {
 
     bool keeps_message_boundaries() const { return traits_.keeps_message_boundaries; }
     void on_lost(Lost handler) { lost_ = std::move(handler); }
+    // Called now and then while the phone has not taken all that was sent, and once when it has.
+    void on_look(Looked handler) { looked_ = std::move(handler); }
 
     // Waits for one packet, which may be empty, or for bytes of the stream. They are the handler's until it returns. A
     // wait that is under way goes on.
     void receive(Received handler);
-    // Sends the bytes, cut into packets of the link. They are read until the handler is called: nothing is copied.
+    // Sends the bytes, cut into packets of the link. They are read until the handler is called: nothing is copied. A
+    // phone that has left takes them as well as any: what it has sent is received before the link counts as lost.
     void send(std::span<const uint8_t> bytes, Sent handler);
     // From now on bytes pass at the pace of these knobs, which outlive the link.
     void pace(const Knobs& knobs) { knobs_ = &knobs; }
@@ -79,7 +85,9 @@ class Link : public std::enable_shared_from_this<Link> {
     bool write_packet();
     void write_later();
     void all_is_written();
-    void watch_what_is_untaken();
+    void watch_uptake();
+    void look_at_uptake();
+    size_t held_by_kernel();
     void end_capture_as(capture::LinkWriter::End how);
     void lose_by(int error);
     void lose(const std::string& why, capture::LinkWriter::End how);
@@ -94,9 +102,11 @@ class Link : public std::enable_shared_from_this<Link> {
     Sent sent_;
     Lost lost_;
     Clock::time_point moved_ = Clock::now(); // when the last byte did, either way
-    int untaken_ = 0;                        // bytes that the kernel holds for a phone that does not read
     int end_ = 0;                            // the error by which the link has ended, while bytes before it are read
+    Uptake uptake_;
+    Looked looked_;
     asio::steady_timer watch_;
+    bool watches_ = false;         // the next look is due
     const Knobs* knobs_ = nullptr; // of a link that may be slowed
     asio::steady_timer read_pause_;
     asio::steady_timer write_pause_;

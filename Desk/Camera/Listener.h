@@ -22,7 +22,8 @@ class Listener {
 
     // Listens. A Unix socket that a dead camera left behind is replaced, a live one is not. Throws Failure (exit_link).
     // Links receive into `buffer`, which outlives them and may be shared: one receives at a time.
-    Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu, Access access, std::span<uint8_t> buffer);
+    Listener(asio::io_context& loop, const Endpoint& endpoint, size_t mtu, Admission admission,
+             std::span<uint8_t> buffer);
     // Removes the socket's file.
     ~Listener();
     Listener(const Listener&) = delete;
@@ -39,11 +40,13 @@ class Listener {
     void wait_for_phone();
     void accept_some();
     void accept_later();
-    std::shared_ptr<Link> link_of(Descriptor phone);
+    void take(Descriptor phone);
+    bool is_allowed(const Descriptor& phone) const;
 
     asio::io_context& loop_;
     Endpoint endpoint_;
     size_t mtu_;
+    Admission admission_;
     asio::posix::stream_descriptor socket_;
     asio::steady_timer pause_;
     std::span<uint8_t> buffer_;

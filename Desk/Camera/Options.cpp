@@ -2,10 +2,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cmath>
 #include <fmt/format.h>
 #include <iostream>
+#include <set>
 #include <unistd.h>
 
 #include "ADE_ShotMentor_Version.h"
@@ -23,13 +25,18 @@ namespace {
 using CLI::App;
 
 constexpr const char* link_group = "Phone link";
+constexpr const char* bluetooth_group = "Bluetooth";
 constexpr const char* log_group = "Talk and log";
 constexpr const char* replay_group = "A capture in the place of a store";
 constexpr double slowest = 0.001;
 constexpr double fastest = 1000000;
-constexpr double longest_pause = 86400; // seconds
-constexpr int most_idle_time = 86400;   // seconds
-constexpr size_t most_listeners = 8;    // within the descriptors that the camera sets aside for itself
+constexpr double longest_pause = 86400;        // seconds
+constexpr int most_idle_time = 86400;          // seconds
+constexpr int most_visible_time = 86400;       // seconds
+constexpr size_t most_allowed = 64;            // phones
+constexpr size_t longest_name = 248;           // bytes, of an adapter
+constexpr size_t longest_advertised_name = 29; // bytes, of Low Energy
+constexpr size_t most_listeners = 8;           // within the descriptors that the camera sets aside for itself
 constexpr const char* lab_group = "Lab: faults to try, off unless given";
 
 // The library's own checks, without their additions to the help: the type name says it already.
@@ -45,6 +52,9 @@ struct Texts {
     std::vector<std::string> listen;
     std::optional<int> idle_timeout; // seconds
     std::optional<std::string> capture;
+    std::optional<int> discoverable; // seconds
+    std::string pairing = "none";
+    std::vector<std::string> allow;
     std::string iso_step = "full";
     std::optional<std::string> log_level;
     std::string custom_mode;
@@ -81,6 +91,27 @@ void add_link_options(App& app, Options& options, Texts& texts) {
     app.add_option("--capture", texts.capture, "Write what crosses the links to this file, as Bluetooth tools read it")
         ->group(link_group)
         ->type_name("FILE");
+}
+
+// What does nothing without a link of Bluetooth.
+constexpr std::array<const char*, 4> bluetooth_options = {"--name", "--discoverable", "--pairing", "--allow"};
+
+void add_bluetooth_options(App& app, Options& options, Texts& texts) {
+    const auto add = [&](const char* name, auto& value, const char* help, const char* type) {
+        return app.add_option(name, value, help)->group(bluetooth_group)->type_name(type);
+    };
+    add("--name", options.visibility.name, "What phones show: the adapter has this name until the end", "NAME");
+    add("--discoverable", texts.discoverable,
+        "Let phones that look for cameras find this one, for so long; 0: as long as it runs", "SECONDS")
+        ->check(between(0, most_visible_time));
+    add("--pairing", texts.pairing,
+        "Whether phones must have paired, none unless given. While the camera is discoverable they may: any, or those "
+        "of which you confirm the digits",
+        "none|any|confirm")
+        ->check(one_of({"none", "any", "confirm"}));
+    add("--allow", texts.allow, "Serve this phone, and no others; may be repeated", "ADDRESS")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
 void add_log_options(App& app, Options& options, Texts& texts) {
@@ -206,13 +237,83 @@ std::vector<Endpoint> listening_endpoints(const Texts& texts, const Options& opt
                                               texts.listen.size(), most_listeners));
     }
     std::vector<Endpoint> endpoints;
+    std::set<std::string> urls;
     for (const std::string& url : texts.listen) {
         endpoints.push_back(listening_endpoint(url));
+        if (const Endpoint& last = endpoints.back();
+            !urls.insert(last.url()).second && (last.port != 0 || last.kind == Endpoint::Kind::unix_socket)) {
+            throw Failure(exit_usage, fmt::format("--listen is given twice for {}; leave one out", url));
+        }
     }
     if (endpoints.empty()) {
         endpoints.push_back(default_endpoint(options));
     }
     return endpoints;
+}
+
+void require_bluetooth(const App& app, const Options& options) {
+    if (std::ranges::any_of(options.listen, &Endpoint::is_bluetooth)) {
+        return;
+    }
+    for (const char* const name : bluetooth_options) {
+        if (app.get_option(name)->count() > 0) {
+            throw Failure(exit_usage, fmt::format("{} is for links of Bluetooth, and the camera listens on none: add "
+                                                  "--listen rfcomm:auto, or leave {} out",
+                                                  name, name));
+        }
+    }
+}
+
+// Phones show it whole, or not at all.
+void check_name(const std::string& name, const Options& options) {
+    const bool is_advertised =
+        options.visibility.discoverable &&
+        std::ranges::any_of(options.listen, [](const Endpoint& each) { return each.kind == Endpoint::Kind::le; });
+    const size_t most = is_advertised ? longest_advertised_name : longest_name;
+    if (name.empty() || printable(name) != name) {
+        throw Failure(exit_usage, "--name is empty, or no line of UTF-8: give one with letters that can be shown");
+    }
+    if (name.size() > most) {
+        throw Failure(exit_usage,
+                      fmt::format("--name has {} bytes, and {} has room for {}: give a shorter one", name.size(),
+                                  is_advertised ? "an advertisement of Low Energy" : "Bluetooth", most));
+    }
+}
+
+std::vector<BluetoothAddress> allowed_phones(const std::vector<std::string>& texts) {
+    if (texts.size() > most_allowed) {
+        throw Failure(exit_usage, fmt::format("--allow is given {} times, and may be given {} times at most",
+                                              texts.size(), most_allowed));
+    }
+    std::vector<BluetoothAddress> allowed;
+    for (const std::string& text : texts) {
+        const std::optional<BluetoothAddress> address = bluetooth_address_in(text);
+        if (!address) {
+            throw Failure(exit_usage, fmt::format("--allow {}: that is no phone's address; write it like "
+                                                  "00:11:22:33:44:55",
+                                                  printable(text)));
+        }
+        allowed.push_back(*address);
+    }
+    return allowed;
+}
+
+void take_bluetooth_texts(const App& app, const Texts& texts, Options& options) {
+    require_bluetooth(app, options);
+    Visibility& visibility = options.visibility;
+    if (texts.discoverable) {
+        visibility.discoverable = std::chrono::seconds(*texts.discoverable);
+    }
+    if (visibility.name) {
+        check_name(*visibility.name, options);
+    }
+    visibility.pairing = texts.pairing == "any"       ? Pairing::any
+                         : texts.pairing == "confirm" ? Pairing::confirm
+                                                      : Pairing::none;
+    if (visibility.pairing == Pairing::confirm && visibility.discoverable && !texts.control) {
+        throw Failure(exit_usage, "--pairing confirm asks at the control socket: add --control unix:PATH");
+    }
+    visibility.allowed = allowed_phones(texts.allow);
 }
 
 std::filesystem::path capture_file(const Texts& texts) {
@@ -264,10 +365,16 @@ void take_replay_texts(const Texts& texts, Options& options) {
 
 // What a camera does that plays a capture, the capture says.
 void check_options_of_replay(const App& app) {
-    for (const char* const name :
-         {"--store", "--empty", "--iso-step", "--mtu", "--idle-timeout", "--capture", "--log", "--log-level",
-          "--confirm-delay", "--drop-confirmations", "--link-down", "--save-result", "--update-result",
-          "--refuse-allocation", "--control", "--script"}) {
+    for (const char* const name : {"--store",         "--empty",
+                                   "--iso-step",      "--mtu",
+                                   "--idle-timeout",  "--capture",
+                                   "--log",           "--log-level",
+                                   "--confirm-delay", "--drop-confirmations",
+                                   "--link-down",     "--save-result",
+                                   "--update-result", "--refuse-allocation",
+                                   "--control",       "--script",
+                                   "--name",          "--discoverable",
+                                   "--pairing",       "--allow"}) {
         if (app.get_option(name)->count() > 0) {
             throw Failure(exit_usage,
                           fmt::format("{} does nothing with --replay, which plays what the capture has: leave "
@@ -287,7 +394,7 @@ bool is_replay_asked_for(const std::vector<std::string>& words) {
 }
 
 // What the command line says in words. Paths become absolute: the camera changes its working directory.
-void take_texts(const Texts& texts, Options& options) {
+void take_texts(const App& app, const Texts& texts, Options& options) {
     if (options.command == Command::control) {
         take_control_texts(texts, options);
         return;
@@ -302,6 +409,7 @@ void take_texts(const Texts& texts, Options& options) {
     options.store = std::filesystem::absolute(options.store);
     if (options.command == Command::serve) {
         options.listen = listening_endpoints(texts, options);
+        take_bluetooth_texts(app, texts, options);
         options.capture = capture_file(texts);
         if (texts.idle_timeout) {
             options.idle_timeout = std::chrono::seconds(*texts.idle_timeout);
@@ -342,6 +450,7 @@ std::optional<Options> parse_options(int argc, char** argv) {
     app.require_subcommand(0, 1);
     add_store_options(app, options, texts);
     add_link_options(app, options, texts);
+    add_bluetooth_options(app, options, texts);
     add_log_options(app, options, texts);
     add_replay_options(app, options, texts);
     add_lab_options(app, options.knobs, texts);
@@ -367,7 +476,7 @@ std::optional<Options> parse_options(int argc, char** argv) {
     if (app.get_option("--replay")->count() > 0) {
         check_options_of_replay(app);
     }
-    take_texts(texts, options);
+    take_texts(app, texts, options);
     return options;
 }
 

@@ -11,6 +11,7 @@
 #include "Links/Endpoint.h"
 #include "Log.h"
 #include "Script.h"
+#include "Visibility.h"
 
 namespace desk::camera {
 
@@ -28,6 +29,7 @@ struct Options {
     std::optional<uint16_t> psm; // where the camera of that capture listens
     size_t mtu = 65535;
     std::optional<std::chrono::seconds> idle_timeout;
+    Visibility visibility;
     std::filesystem::path capture; // absolute; empty for none
     Knobs knobs;                   // at the start
     std::string replay;            // the capture that is played in the place of a store; empty: none

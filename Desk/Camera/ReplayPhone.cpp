@@ -1,5 +1,6 @@
 #include "ReplayPhone.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <poll.h>
 #include <sys/socket.h>
@@ -73,9 +74,11 @@ void Waiting::pause(std::chrono::microseconds time) const {
 
 // ---- A phone --------------------------------------------------------------------------------------------------------
 
-ReplayPhone::ReplayPhone(const Waiting& waiting, Descriptor socket, bool keeps_message_boundaries)
+ReplayPhone::ReplayPhone(const Waiting& waiting, Descriptor socket, bool keeps_message_boundaries,
+                         size_t largest_packet)
     : waiting_(waiting), socket_(std::move(socket)), keeps_message_boundaries_(keeps_message_boundaries),
-      messages_(capture::Side::phone, keeps_message_boundaries), buffer_(budget::received_bytes) {}
+      largest_packet_(largest_packet), messages_(capture::Side::phone, keeps_message_boundaries),
+      buffer_(budget::received_bytes) {}
 
 std::optional<Bytes> ReplayPhone::next_message() {
     while (whole_.empty()) {
@@ -89,10 +92,16 @@ std::optional<Bytes> ReplayPhone::next_message() {
 }
 
 bool ReplayPhone::receive() {
-    waiting_.for_descriptor(socket_.get(), POLLIN, std::nullopt);
+    if (!has_ended_) {
+        waiting_.for_descriptor(socket_.get(), POLLIN, std::nullopt);
+    }
     const ssize_t length = ::recv(socket_.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT);
+    if (length < 0 && !is_worth_a_retry(errno) && !has_ended_) {
+        has_ended_ = true; // sockets of Bluetooth tell an error before the bytes that came ahead of it
+        return true;
+    }
     if (length <= 0) {
-        return length < 0 && is_worth_a_retry(errno);
+        return length < 0 && is_worth_a_retry(errno) && !has_ended_;
     }
     for (Bytes& message : messages_.take(std::span(buffer_).first(static_cast<size_t>(length)))) {
         whole_.push_back(std::move(message));
@@ -105,7 +114,8 @@ bool ReplayPhone::send(std::span<const uint8_t> packet) {
         if (!waiting_.for_descriptor(socket_.get(), POLLOUT, budget::stalled_time)) {
             return false;
         }
-        const ssize_t length = ::send(socket_.get(), packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t length =
+            ::send(socket_.get(), packet.data(), std::min(packet.size(), largest_packet_), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (length < 0 && !is_worth_a_retry(errno)) {
             return false;
         }
@@ -117,7 +127,7 @@ bool ReplayPhone::send(std::span<const uint8_t> packet) {
 // ---- Where phones connect -------------------------------------------------------------------------------------------
 
 ReplayListener::ReplayListener(const Waiting& waiting, const Endpoint& endpoint)
-    : waiting_(waiting), endpoint_(endpoint), socket_(open_listening_socket(endpoint_, Access::by_mask)) {}
+    : waiting_(waiting), endpoint_(endpoint), socket_(open_listening_socket(endpoint_, {})) {}
 
 ReplayListener::~ReplayListener() {
     if (endpoint_.kind == Endpoint::Kind::unix_socket) {
@@ -129,9 +139,9 @@ ReplayPhone ReplayListener::accept() const {
     while (true) {
         waiting_.for_descriptor(socket_.get(), POLLIN, std::nullopt);
         Descriptor phone(::accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (phone.get() >= 0) {
-            prepare_phone_socket(endpoint_.kind, phone.get());
-            return {waiting_, std::move(phone), endpoint_.keeps_message_boundaries()};
+        if (phone.get() >= 0 && prepare_phone_socket(endpoint_.kind, phone.get())) {
+            const size_t largest = largest_packet(endpoint_.kind, phone.get());
+            return {waiting_, std::move(phone), endpoint_.keeps_message_boundaries(), largest};
         }
         waiting_.pause(std::chrono::milliseconds(20)); // a machine that is out of files is not asked without end
     }

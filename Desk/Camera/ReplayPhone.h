@@ -36,7 +36,8 @@ class Waiting {
 
 class ReplayPhone {
   public:
-    ReplayPhone(const Waiting& waiting, Descriptor socket, bool keeps_message_boundaries);
+    // Packets that are sent are cut where they have more than `largest_packet` bytes.
+    ReplayPhone(const Waiting& waiting, Descriptor socket, bool keeps_message_boundaries, size_t largest_packet);
 
     bool keeps_message_boundaries() const { return keeps_message_boundaries_; }
     // Waits for the next whole message; none when the phone has closed the link before.
@@ -52,6 +53,8 @@ class ReplayPhone {
     const Waiting& waiting_;
     Descriptor socket_;
     bool keeps_message_boundaries_;
+    size_t largest_packet_;
+    bool has_ended_ = false; // by an error, while bytes before it are read
     capture::Assembler messages_;
     std::deque<Bytes> whole_;
     std::vector<uint8_t> buffer_;

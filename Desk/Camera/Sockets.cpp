@@ -18,6 +18,7 @@
 
 #include "Common/Descriptor.h"
 #include "Links/Bluetooth.h"
+#include "Talk.h"
 
 namespace desk::camera {
 namespace {
@@ -35,8 +36,8 @@ Descriptor make_socket(int family, int type, int protocol) {
     return Descriptor(::socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol));
 }
 
-template<class Address>
-const sockaddr* generic(const Address& address) {
+template<class KernelAddress>
+const sockaddr* generic(const KernelAddress& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
@@ -136,21 +137,38 @@ int listen_on_tcp(Endpoint& endpoint) {
 
 // ---- Bluetooth ------------------------------------------------------------------------------------------------------
 
-std::string bluetooth_reason(int error) {
+std::string bluetooth_reason(const Endpoint& endpoint, int error) {
     switch (error) {
     case EAFNOSUPPORT:
     case EPROTONOSUPPORT:
         return "this machine's kernel has no such Bluetooth sockets; use unix: or tcp:";
-    case EADDRNOTAVAIL:
-        return "this machine has no adapter with that address; leave it out for any";
     case EADDRINUSE:
         return "another program has this channel or PSM; give another one, or auto";
     case EACCES:
     case EPERM:
         return "only root may listen there; give a channel, or a PSM from 4097 on (from 128 on with le:)";
+    case EINVAL:
+        if (endpoint.port == 0) {
+            return "no channel or PSM is free; end another program that listens";
+        }
+        break;
     default:
-        return std::strerror(error);
+        break;
     }
+    return std::strerror(error);
+}
+
+// The kernel listens without an adapter, too, and nobody ever comes.
+void require_adapter(const Endpoint& endpoint) {
+    if (has_adapter(endpoint)) {
+        return;
+    }
+    throw_failure(endpoint,
+                  endpoint.address
+                      ? "this machine has no adapter with that address that is on; leave it out for any, or turn it "
+                        "on (bluetoothctl power on)"
+                      : "this machine has no Bluetooth adapter that is on; plug one in, or turn it on (bluetoothctl "
+                        "power on)");
 }
 
 Descriptor make_bluetooth_socket(const Endpoint& endpoint) {
@@ -158,68 +176,88 @@ Descriptor make_bluetooth_socket(const Endpoint& endpoint) {
     Descriptor socket = make_socket(AF_BLUETOOTH, is_stream ? SOCK_STREAM : SOCK_SEQPACKET,
                                     is_stream ? rfcomm_protocol : l2cap_protocol);
     if (socket.get() < 0) {
-        throw_failure(endpoint, bluetooth_reason(errno));
+        throw_failure(endpoint, bluetooth_reason(endpoint, errno));
     }
     return socket;
 }
 
+void require_no_losses(const Endpoint& endpoint, const Descriptor& socket) {
+    if (!is_l2cap(endpoint.kind) || prepare_l2cap_socket(endpoint.kind, socket.get())) {
+        return;
+    }
+    throw_failure(endpoint,
+                  errno == EINVAL && endpoint.kind == Endpoint::Kind::l2cap ? no_retransmission : std::strerror(errno));
+}
+
 // The address has room for what the kernel chose: a channel or a PSM.
-template<class Address>
-Descriptor listen_at(const Endpoint& endpoint, Address& address) {
+template<class KernelAddress>
+Descriptor listen_at(const Endpoint& endpoint, KernelAddress& address, Security security) {
     Descriptor socket = make_bluetooth_socket(endpoint);
-    const bool is_l2cap = endpoint.kind != Endpoint::Kind::rfcomm;
-    if (::bind(socket.get(), generic(address), sizeof address) != 0 ||
-        (is_l2cap && !prepare_l2cap_socket(endpoint.kind, socket.get())) || ::listen(socket.get(), SOMAXCONN) != 0) {
-        throw_failure(endpoint, bluetooth_reason(errno));
+    require_adapter(endpoint);
+    if (::bind(socket.get(), generic(address), sizeof address) != 0) {
+        throw_failure(endpoint, bluetooth_reason(endpoint, errno));
+    }
+    require_no_losses(endpoint, socket);
+    if ((security != Security::low && !require_security(socket.get(), security)) ||
+        ::listen(socket.get(), SOMAXCONN) != 0) {
+        throw_failure(endpoint, bluetooth_reason(endpoint, errno));
     }
     socklen_t length = sizeof address;
     ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
     return socket;
 }
 
-int listen_on_rfcomm(Endpoint& endpoint) {
+int listen_on_rfcomm(Endpoint& endpoint, Security security) {
     RfcommAddress address = rfcomm_address(endpoint);
-    Descriptor socket = listen_at(endpoint, address);
+    Descriptor socket = listen_at(endpoint, address, security);
     endpoint.port = address.channel;
     return socket.release();
 }
 
-int listen_on_l2cap(Endpoint& endpoint) {
+int listen_on_l2cap(Endpoint& endpoint, Security security) {
     L2capAddress address = l2cap_address(endpoint);
-    Descriptor socket = listen_at(endpoint, address);
+    Descriptor socket = listen_at(endpoint, address, security);
     endpoint.port = static_cast<uint16_t>(address.psm[0] | address.psm[1] << 8);
     return socket.release();
 }
 
 } // namespace
 
-int open_listening_socket(Endpoint& endpoint, Access access) {
+int open_listening_socket(Endpoint& endpoint, const Admission& admission) {
     switch (endpoint.kind) {
     case Endpoint::Kind::unix_socket:
-        return listen_on_unix_socket(endpoint, access);
+        return listen_on_unix_socket(endpoint, admission.access);
     case Endpoint::Kind::tcp:
         return listen_on_tcp(endpoint);
     case Endpoint::Kind::rfcomm:
-        return listen_on_rfcomm(endpoint);
+        return listen_on_rfcomm(endpoint, admission.security);
     case Endpoint::Kind::l2cap:
     case Endpoint::Kind::le:
         break;
     }
-    return listen_on_l2cap(endpoint);
+    return listen_on_l2cap(endpoint, admission.security);
 }
 
-void prepare_phone_socket(Endpoint::Kind kind, int socket) {
+// The kernel gives in to a phone that asks for no retransmission.
+bool prepare_phone_socket(Endpoint::Kind kind, int socket) {
+    if (kind == Endpoint::Kind::l2cap && !is_l2cap_reliable(kind, socket)) {
+        const std::string reason = "its link has L2CAP's basic mode, which loses packets";
+        say({"phone",
+             {{"event", "refused"}, {"reason", reason}},
+             "a phone was refused: " + reason + "; have it ask for enhanced retransmission, or use rfcomm: or le:"});
+        return false;
+    }
     if (kind == Endpoint::Kind::tcp) {
         const int on = 1;
         ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         ::setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on); // a phone may vanish without a word
     }
     make_room_to_receive(kind, socket);
+    return true;
 }
 
 size_t largest_packet(Endpoint::Kind kind, int socket) {
-    const bool is_l2cap = kind == Endpoint::Kind::l2cap || kind == Endpoint::Kind::le;
-    return is_l2cap ? largest_l2cap_packet(kind, socket) : std::numeric_limits<size_t>::max();
+    return is_l2cap(kind) ? largest_l2cap_packet(kind, socket) : std::numeric_limits<size_t>::max();
 }
 
 } // namespace desk::camera

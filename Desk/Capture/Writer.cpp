@@ -12,6 +12,7 @@ namespace {
 // longer ones, and tools that count the bytes of a packet of L2CAP, its head included, in 16 bits.
 constexpr size_t l2cap_head_size = 4;
 constexpr size_t longest_l2cap_payload = 65535 - l2cap_head_size;
+constexpr size_t sdu_length_size = 2; // on Low Energy in front of a packet's first part, which here is all of it
 constexpr size_t longest_acl_data = 1021;
 constexpr size_t longest_rfcomm_data = 32767; // of 15 bits
 constexpr size_t longest_in_a_byte = 127;     // of 7 bits
@@ -19,6 +20,9 @@ constexpr size_t longest_in_a_byte = 127;     // of 7 bits
 constexpr uint16_t handles = 0x0eff;    // that Bluetooth has
 constexpr uint16_t acl_begins = 0x2000; // a packet of L2CAP
 constexpr uint8_t acl_link = 1;
+constexpr uint8_t le_connection_complete = 0x01; // within event_le_meta
+constexpr uint8_t role_central = 0, role_peripheral = 1;
+constexpr uint16_t all_credits = 65535; // nobody counts them in a file
 
 constexpr uint32_t flag_received = 1;
 constexpr uint32_t flag_event = 2;
@@ -73,7 +77,7 @@ uint16_t psm_of(const Endpoint& endpoint) {
     if (!endpoint.keeps_message_boundaries()) {
         return rfcomm_psm;
     }
-    return endpoint.kind == Endpoint::Kind::l2cap ? endpoint.port : camera_psm;
+    return endpoint.is_bluetooth() ? endpoint.port : camera_psm;
 }
 
 // Commands of the side that began the session, and answers to them, have the C/R bit.
@@ -99,8 +103,13 @@ uint8_t frame_check(std::span<const uint8_t> bytes) {
 
 LinkWriter::LinkWriter(std::shared_ptr<OutputFile> file, Side own, uint64_t number, const Endpoint& endpoint)
     : file_(std::move(file)), own_(own), handle_(static_cast<uint16_t>((number - 1) % handles + 1)),
-      psm_(psm_of(endpoint)), dlci_(dlci_of(endpoint)), peer_(address_of_peer(own, endpoint)) {
-    open();
+      psm_(psm_of(endpoint)), dlci_(dlci_of(endpoint)), is_low_energy_(endpoint.kind == Endpoint::Kind::le),
+      peer_(address_of_peer(own, endpoint)) {
+    if (is_low_energy_) {
+        open_low_energy();
+    } else {
+        open();
+    }
 }
 
 // A capture without the end of a link is better than none of the program.
@@ -146,6 +155,20 @@ void LinkWriter::open() {
     }
 }
 
+// The phone begins there as well: it has found the camera by what that advertises.
+void LinkWriter::open_low_energy() {
+    std::array<uint8_t, 19> complete = {le_connection_complete, 0, low(handle_), high(handle_),
+                                        own_ == Side::phone ? role_central : role_peripheral};
+    std::copy(peer_.begin(), peer_.end(), complete.begin() + 6); // behind the type, of a public address
+    complete[12] = 24;                                           // an interval of 30 ms
+    complete[16] = 42;                                           // 420 ms without a packet lose the link
+    event(event_le_meta, complete);
+    constexpr auto mtu = static_cast<uint16_t>(longest_l2cap_payload - sdu_length_size);
+    constexpr auto mps = static_cast<uint16_t>(longest_l2cap_payload);
+    signal(Side::phone, Signal::le_connection_request, 1, {psm_, channel_of_phone, mtu, mps, all_credits});
+    signal(Side::camera, Signal::le_connection_response, 1, {channel_of_camera, mtu, mps, all_credits, 0});
+}
+
 // How long packets may be that the sender gets.
 void LinkWriter::configure(Side sender, uint8_t identifier) {
     constexpr uint16_t option = option_mtu | sizeof(uint16_t) << 8;
@@ -167,12 +190,17 @@ void LinkWriter::hang_up(Side sender) {
 
 // Also a packet without bytes is a packet.
 void LinkWriter::carry(Side sender, std::span<const uint8_t> bytes) {
-    const size_t most = dlci_ != 0 ? longest_rfcomm_data : longest_l2cap_payload;
+    const size_t most = dlci_ != 0       ? longest_rfcomm_data
+                        : is_low_energy_ ? longest_l2cap_payload - sdu_length_size
+                                         : longest_l2cap_payload;
     do {
         const std::span<const uint8_t> part = bytes.first(std::min(bytes.size(), most));
         bytes = bytes.subspan(part.size());
         if (dlci_ != 0) {
             rfcomm(sender, rfcomm_address(sender, dlci_), rfcomm_data, part);
+        } else if (is_low_energy_) {
+            const std::array<uint8_t, sdu_length_size> length = {low(part.size()), high(part.size())};
+            l2cap(sender, channel_of(other(sender)), {length, part});
         } else {
             l2cap(sender, channel_of(other(sender)), {{{}, part}});
         }
@@ -209,7 +237,7 @@ void LinkWriter::signal(Side sender, Signal code, uint8_t identifier, std::initi
     for (const uint16_t word : words) {
         command.insert(command.end(), {low(word), high(word)});
     }
-    l2cap(sender, signalling_channel, {command});
+    l2cap(sender, is_low_energy_ ? le_signalling_channel : signalling_channel, {command});
 }
 
 // A command, and that it is accepted.

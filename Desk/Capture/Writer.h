@@ -1,6 +1,6 @@
 // Writes what crosses the links of a phone or a camera into a btsnoop file, as its Bluetooth adapter would show it,
-// whatever the links are made of. A link that keeps message boundaries becomes a channel of L2CAP, a stream of bytes
-// one of RFCOMM.
+// whatever the links are made of. A link that keeps message boundaries becomes a channel of L2CAP, on Low Energy where
+// it is one, a stream of bytes one of RFCOMM.
 #pragma once
 
 #include <array>
@@ -38,6 +38,7 @@ class LinkWriter {
 
   private:
     void open();
+    void open_low_energy();
     void configure(Side sender, uint8_t identifier);
     void hang_up(Side sender);
     void carry(Side sender, std::span<const uint8_t> bytes);
@@ -52,6 +53,7 @@ class LinkWriter {
     uint16_t handle_;
     uint16_t psm_;
     uint8_t dlci_; // 0 on L2CAP
+    bool is_low_energy_;
     std::array<uint8_t, 6> peer_;
     std::optional<End> end_;
 };

@@ -14,7 +14,7 @@ constexpr size_t gap = 2;           // blanks between a term and its text
 constexpr size_t longest_term = 26; // beside which its text begins
 constexpr size_t narrowest_text = 24;
 constexpr size_t text_below = 6;            // where a text begins that has no room beside its term
-constexpr size_t most_examples = 6;         // of the whole tool
+constexpr size_t most_examples = 7;         // of the whole tool
 constexpr std::string_view goes_on = " \\"; // the end of a line of a command that goes on in the next
 
 std::string blanks(size_t count) {

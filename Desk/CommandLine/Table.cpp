@@ -13,7 +13,7 @@ using CLI::App;
 using Kind = Values::Kind;
 
 // The forms of a link's URL, of which the phone's hold an address in between.
-constexpr std::string_view url_forms = "unix:PATH|tcp:HOST:PORT|rfcomm:CHANNEL|l2cap:PSM";
+constexpr std::string_view url_forms = "unix:PATH|tcp:HOST:PORT|rfcomm:CHANNEL|l2cap:PSM|le:PSM";
 
 // The kinds of values by what the help calls them.
 constexpr std::array<std::pair<std::string_view, Kind>, 7> kinds = {{

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <sys/socket.h>
 
 #include "Endpoint.h"
@@ -18,6 +19,7 @@ constexpr int rfcomm_protocol = 3;
 constexpr int l2cap_level = 6;
 constexpr int l2cap_options = 1;
 constexpr int bluetooth_level = 274;
+constexpr int security_option = 4;
 constexpr int outgoing_mtu_option = 12; // of Low Energy alone
 constexpr int incoming_mtu_option = 13;
 
@@ -36,6 +38,9 @@ constexpr size_t longest_sent_packet = 4096;
 // How packets of L2CAP get lost: in the basic mode without a word, when their reader is slow. With enhanced
 // retransmission the sender waits.
 constexpr uint8_t enhanced_retransmission = 3;
+constexpr const char* no_retransmission =
+    "this kernel has L2CAP's enhanced retransmission turned off (disable_ertm of its module bluetooth), without which "
+    "packets get lost; use rfcomm: or le:";
 
 struct RfcommAddress {
     sa_family_t family;
@@ -58,6 +63,11 @@ struct L2capOptions {
 };
 
 static_assert(sizeof(RfcommAddress) == 10 && sizeof(L2capAddress) == 14, "as the kernel lays them out");
+
+// L2CAP over either radio.
+constexpr bool is_l2cap(Endpoint::Kind kind) {
+    return kind == Endpoint::Kind::l2cap || kind == Endpoint::Kind::le;
+}
 
 // An endpoint without an address means any adapter.
 inline void put_address(const Endpoint& endpoint, uint8_t (&address)[6]) {
@@ -95,9 +105,23 @@ constexpr int room_to_receive = 4 << 20;
 // For a socket of a phone's link, when it is connected or before. Does nothing where nothing gets out of order.
 void make_room_to_receive(Endpoint::Kind kind, int socket);
 
+// Whether this machine has an adapter that is on; with an address, one that has it. A kernel that cannot be asked counts
+// as one that has.
+bool has_adapter(const Endpoint& endpoint);
+
 // Of a socket that is bound, before it listens or connects: packets as long as can be, and none that gets lost. False,
 // and errno, where the kernel does not do that.
 bool prepare_l2cap_socket(Endpoint::Kind kind, int socket);
+
+// What the kernel asks of a link before it lets it through: nothing beyond what Bluetooth itself asks; that it is
+// encrypted, for which the phone must have paired; or that a person has compared digits when it was.
+enum class Security : uint8_t { low = 1, encrypted = 2, confirmed = 3 };
+
+// Of a socket before it listens. False, and errno, where the kernel does not do that.
+bool require_security(int socket, Security security);
+
+// Who is at the other end of a connected socket; nothing where the kernel does not say.
+std::optional<BluetoothAddress> address_of_peer(Endpoint::Kind kind, int socket);
 
 // The largest packet that the other end of a connected socket takes, and this one can send.
 size_t largest_l2cap_packet(Endpoint::Kind kind, int socket);

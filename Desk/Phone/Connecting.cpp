@@ -76,7 +76,7 @@ std::vector<Address> tcp_addresses(const Endpoint& camera) {
     return addresses;
 }
 
-std::string bluetooth_reason(int error) {
+std::string bluetooth_reason(const Endpoint& camera, int error) {
     switch (error) {
     case EAFNOSUPPORT:
     case EPROTONOSUPPORT:
@@ -87,9 +87,13 @@ std::string bluetooth_reason(int error) {
         return "this machine has no Bluetooth adapter that is on; plug one in, or turn it on (bluetoothctl power on)";
     case EHOSTDOWN:
     case ETIMEDOUT:
-        return "no answer from that address; see that the camera is near, on, and has it";
+        return camera.kind == Endpoint::Kind::le
+                   ? "no answer from that address; see that the camera is near, on, has it, and advertises"
+                   : "no answer from that address; see that the camera is near, on, and has it";
     case ECONNREFUSED:
         return "the camera refuses; see that it listens on this kind of link, and there";
+    case EBUSY:
+        return "another program of this machine has a link there already; end that first";
     case EACCES:
     case EPERM:
         return "the camera wants a phone that is paired; pair the two first (bluetoothctl pair)";
@@ -150,7 +154,7 @@ int try_to_connect(int descriptor, const Address& address, Clock::time_point dea
 }
 
 std::string reason_of(const Endpoint& camera, int error) {
-    return camera.is_bluetooth() ? bluetooth_reason(error)
+    return camera.is_bluetooth() ? bluetooth_reason(camera, error)
                                  : fmt::format("{}; see that the camera runs and listens there", std::strerror(error));
 }
 

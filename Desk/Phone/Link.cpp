@@ -21,18 +21,23 @@ namespace {
 
 constexpr size_t largest_packet = size_t{1} << 20;
 
-bool is_l2cap(const Endpoint& camera) {
-    return camera.kind == Endpoint::Kind::l2cap || camera.kind == Endpoint::Kind::le;
-}
-
 // False, and errno, where the kernel does not do what the link needs.
 bool prepare(int descriptor, const Endpoint& camera) {
-    if (is_l2cap(camera)) {
+    if (is_l2cap(camera.kind)) {
         Endpoint any; // of this machine's adapters
         any.kind = camera.kind;
         const L2capAddress own = l2cap_address(any);
-        return bind(descriptor, reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 &&
-               prepare_l2cap_socket(camera.kind, descriptor);
+        if (bind(descriptor, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) {
+            return false;
+        }
+        if (prepare_l2cap_socket(camera.kind, descriptor)) {
+            return true;
+        }
+        if (errno == EINVAL && camera.kind == Endpoint::Kind::l2cap) {
+            throw Failure(exit_link,
+                          fmt::format("cannot connect to {}: {}", printable(camera.url()), no_retransmission));
+        }
+        return false;
     }
     // Packets as large as requests go through a Unix socket only when its buffer has room for them.
     const int buffer = static_cast<int>(largest_packet);
@@ -46,7 +51,7 @@ bool prepare(int descriptor, const Endpoint& camera) {
 
 // A link that loses packets is none.
 size_t largest_packet_to(const Endpoint& camera, const Descriptor& socket, size_t mtu) {
-    if (!is_l2cap(camera)) {
+    if (!is_l2cap(camera.kind)) {
         return mtu;
     }
     if (!is_l2cap_reliable(camera.kind, socket.get())) {
@@ -79,14 +84,15 @@ bool means_later(int error) {
 
 // A camera that goes with bytes of ours unread is told of as an error.
 End end_by(int error) {
-    return error == ECONNRESET || error == EPIPE ? End::camera_closed : End::link_lost;
+    return error == ECONNRESET || error == EPIPE || error == ENOTCONN ? End::camera_closed : End::link_lost;
 }
 
 } // namespace
 
 Link::Link(const Endpoint& camera, size_t mtu, std::chrono::milliseconds timeout, capture::Writer* capture)
     : socket_(connected_socket(camera, timeout)), mtu_(largest_packet_to(camera, socket_, mtu)),
-      received_(largest_packet), capture_(capture != nullptr ? capture->connect(camera) : nullptr) {}
+      is_bluetooth_(camera.is_bluetooth()), received_(largest_packet),
+      capture_(capture != nullptr ? capture->connect(camera) : nullptr) {}
 
 Link::Readiness Link::wait(bool to_write, Clock::time_point deadline) const {
     const auto events = static_cast<short>(to_write ? POLLIN | POLLOUT : POLLIN);
@@ -123,8 +129,9 @@ std::optional<std::span<const uint8_t>> Link::receive() {
         return std::span<const uint8_t>();
     }
     const End how = count == 0 ? End::camera_closed : end_by(errno);
-    if (count < 0 && errno == ECONNRESET) {
-        // A camera that closes with our bytes unread resets the link; what it sent before may still be there.
+    if (count < 0 && (errno == ECONNRESET || is_bluetooth_)) {
+        // A camera that closes with our bytes unread resets the link, and sockets of Bluetooth tell an error before the
+        // bytes that came ahead of it: what the camera sent before may still be there.
         const ssize_t rest = recv(socket_.get(), received_.data(), received_.size(), MSG_DONTWAIT);
         if (rest > 0) {
             return note_received(rest);

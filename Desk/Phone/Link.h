@@ -45,6 +45,7 @@ class Link {
 
     Descriptor socket_;
     size_t mtu_;
+    bool is_bluetooth_;
     std::vector<uint8_t> received_;
     std::unique_ptr<capture::LinkWriter> capture_; // none where nothing is captured
 };

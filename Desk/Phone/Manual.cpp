@@ -21,6 +21,8 @@ command_line::Manual manual() {
         .examples =
             {{"list", "List the presets of a camera on this machine:",
               "shotmentor-phone --connect unix:store/camera.sock list"},
+             {"list",
+              "List those of one behind Bluetooth:", "shotmentor-phone --connect rfcomm:00:11:22:33:44:55:3 list"},
              {"list", "Draw their pictures, too:", "shotmentor-phone --connect tcp:localhost:7700 list --pictures"},
              {"list", "Follow the presets as they change, with a look every 5 seconds:",
               "shotmentor-phone --connect tcp:localhost:7700 list --watch 5"},

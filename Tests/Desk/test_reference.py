@@ -10,6 +10,7 @@ from desk import CAMERA, PATIENCE, PHONE, DeskTest, environment_of_programs
 
 TOOLS = {"shotmentor-camera": CAMERA, "shotmentor-phone": PHONE}
 HERE = os.path.dirname(os.path.abspath(__file__))
+PROJECT = os.path.join(HERE, "..", "..")
 BASH_COMPLETION = "/usr/share/bash-completion/bash_completion"
 
 # Types a line that bash has taken apart as it does, at every blank, colon and equals sign.
@@ -153,6 +154,41 @@ class ManPages(DeskTest):
         self.assertEqual(told, documented)
 
 
+class BluetoothPage(DeskTest):
+    """What the page about Bluetooth names is there."""
+
+    def setUp(self):
+        super().setUp()
+        with open(os.path.join(PROJECT, "Docs", "bluetooth.md"), encoding="utf-8") as file:
+            self.page = file.read()
+
+    def test_has_the_identities_that_the_programs_have(self):
+        form = r"[0-9a-f]{8}(?:-[0-9a-f]{4}){3}-[0-9a-f]{12}"
+        with open(os.path.join(PROJECT, "Desk", "Links", "ServiceUuids.h"), encoding="utf-8") as file:
+            identities = dict(re.findall(rf'(\w+) = "({form})"', file.read()))
+        self.assertEqual(set(identities), {"service_uuid", "psm_characteristic_uuid"})
+        self.assertEqual(
+            re.findall(form, self.page), [identities["service_uuid"], identities["psm_characteristic_uuid"]]
+        )
+
+    def test_has_options_and_links_that_there_are(self):
+        options = {option for tool in TOOLS for option in Help(tool).options}
+        named = set(re.findall(r"(?<![\w-])--[a-z][a-z-]+", self.page))
+        self.assertLess({"--listen", "--idle-timeout"}, named)
+        self.assertLessEqual(named, options)
+        text = Help("shotmentor-camera").text
+        for kind in ("rfcomm:", "le:", "l2cap:"):
+            self.assertIn(f"`{kind}`", self.page)
+            self.assertIn(kind, text)
+
+
+class DesksPage(DeskTest):
+    def test_has_the_options_that_say_how_phones_connect(self):
+        with open(os.path.join(PROJECT, "Docs", "desk.md"), encoding="utf-8") as file:
+            table = set(re.findall(r"^\| `(--[a-z-]+)", file.read(), re.M))
+        self.assertLessEqual({"--listen", "--idle-timeout", "--mtu", "--capture"}, table)
+
+
 class HelpOfACommand(DeskTest):
     def test_has_its_own_examples_and_no_other(self):
         for tool in TOOLS:
@@ -249,7 +285,7 @@ class Completions:
                 self.assertEqual(self.offered(f"{tool} {command} -"), shown.options | own, command)
 
     def test_are_the_words_that_begin_as_the_line_ends(self):
-        self.assertEqual(self.offered("shotmentor-phone --connect x s"), {"schema", "show", "store"})
+        self.assertEqual(self.offered("shotmentor-phone --connect x s"), {"scan", "schema", "show", "store"})
         self.assertEqual(self.offered("shotmentor-phone --ti"), {"--timeout"})
         self.assertEqual(self.offered("shotmentor-camera --store x --log-level e"), {"error"})
 
@@ -277,7 +313,7 @@ class Completions:
         self.assertEqual(self.offered("shotmentor-camera --store "), {"roll"})
 
     def test_are_the_kinds_of_links_and_then_the_path_of_a_socket(self):
-        kinds = {"unix:", "tcp:", "rfcomm:", "l2cap:"}
+        kinds = {"unix:", "tcp:", "rfcomm:", "l2cap:", "le:"}
         self.assertEqual(self.offered("shotmentor-phone --connect "), kinds)
         self.assertEqual(self.offered("shotmentor-camera --store x --listen "), kinds)
         self.assertEqual(self.offered("shotmentor-phone --connect r"), {"rfcomm:"})

@@ -153,7 +153,8 @@ class Captures(AirTest):
         self.assertTellsConversation(self.decoded(path))
 
     def test_what_a_monitor_of_the_controllers_sees_is_decoded(self):
-        path = f"/tmp/{self.kind}.btsnoop"
+        os.makedirs("/tmp/monitor", exist_ok=True)  # what is there comes out of the guest
+        path = f"/tmp/monitor/{self.kind}.btsnoop"
         monitor = subprocess.Popen(["btmon", "-w", path], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(lambda: monitor.poll() is None and monitor.kill())
         wait_until(lambda: os.path.exists(path) and os.path.getsize(path) > 16, what="the monitor's first record")

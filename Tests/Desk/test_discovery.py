@@ -285,6 +285,26 @@ class Records(DiscoveryTest):
             )  # fmt: skip
             self.assertIn("org.freedesktop.DBus.Error.AccessDenied", done.stderr)
 
+    def test_what_others_signal_is_not_listened_to(self):
+        self.daemon.come()
+        with self.discovered(url="le:auto"):
+            state = self.state(lambda state: state["advertisements"])
+            client = state["applications"][ADAPTER]["client"]
+
+            def looks():
+                return self.daemon.state()["calls"].count("GetManagedObjects")
+
+            before = looks()
+            subprocess.run(
+                ["dbus-send", "--system", "--type=signal", f"--dest={client}", ADAPTER,
+                 "org.freedesktop.DBus.Properties.PropertiesChanged", "string:org.bluez.Adapter1"],
+                env={**os.environ, **self.environment, "LD_PRELOAD": ""}, check=True,
+            )  # fmt: skip
+            time.sleep(0.5)  # a look would come after a tenth of that
+            self.assertEqual(looks(), before)
+            self.daemon.set(ADAPTER, "Alias", "Cellar")
+            wait_for(lambda: looks() > before, "a look")
+
 
 # ---- Being seen ------------------------------------------------------------------------------------------------------
 

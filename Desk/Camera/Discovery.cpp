@@ -214,7 +214,7 @@ void Discovery::register_records() {
         call.append("os", record.path.c_str(), record_uuid(record.endpoint.kind));
         call.append("a{sv}", 5, "Name", "s", name().c_str(), "Role", "s", "server", "RequireAuthentication", "b", 0,
                     "RequireAuthorization", "b", 0, "ServiceRecord", "s", record_xml(record.endpoint, name()).c_str());
-        daemon_.ask(call, [this, endpoint = record.endpoint](const std::optional<bus::Error>& error, bus::Message&) {
+        daemon_.ask(call, [endpoint = record.endpoint](const std::optional<bus::Error>& error, bus::Message&) {
             registered(endpoint, error);
         });
     }

@@ -42,10 +42,10 @@ class Discovery {
     void offer_advertisement(const std::string& path, std::vector<OfferedProperty> properties);
     void found(const bus::Objects& objects);
     void adapters_found(const bus::Objects& objects);
-    bool is_listened_on(const bus::Interfaces& adapter) const;
+    bool is_listened_on(const bus::Interfaces& interfaces) const;
     void lost();
     void register_records();
-    void registered(const Endpoint& endpoint, const std::optional<bus::Error>& error);
+    static void registered(const Endpoint& endpoint, const std::optional<bus::Error>& error);
     void time_is_over();
     void put_back();
     void count_down();

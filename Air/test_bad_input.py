@@ -172,17 +172,20 @@ class Stalls(BadInput):
     """A reply that the phone does not take is told, as over other links."""
 
     SIZE = 590000
+    MANY = 3  # so many are more than any socket holds
 
     def test_are_told_and_that_the_link_moves_again(self):
         camera = self.camera()
         stored = camera.ask(store_request(phone_record(b"Large"), picture(2, self.SIZE)))
         link = self.link(camera)
-        link.send(picture_request(store_result(stored)[2]))
+        for _ in range(self.MANY):
+            link.send(picture_request(store_result(stored)[2]))
         size = self.SIZE + 12
         self.assertTold(
             camera, f"the link stalls: the phone has taken [0-9]+ of {size} bytes of the reply, and nothing"
         )
-        self.assertEqual(len(link.receive(12 * PATIENCE)), self.SIZE + 12)
+        for _ in range(self.MANY):
+            self.assertEqual(len(link.receive(12 * PATIENCE)), size)
         self.assertTold(camera, "the link moves again after ")
         self.assertEqual(len(records_in(link.ask(request(LIST)))), 2)
 
@@ -193,11 +196,17 @@ class Stalls(BadInput):
         link.send(picture_request(store_result(stored)[2]))
         end = time.monotonic() + 6
         while time.monotonic() < end:
-            link.socket.recv(2048)
-            time.sleep(0.4)
+            link.socket.recv(8192)
+            time.sleep(0.3)  # slower ones stall: the kernel's RFCOMM waits until three quarters of its room are free
         self.assertNotIn("stalls", camera.talk())
 
-    def test_the_last_words_of_a_phone_count(self):
+
+class LastWords(BadInput):
+    """Of a phone that leaves. On Low Energy its own kernel may lose them."""
+
+    kinds = ("rfcomm", "l2cap")
+
+    def test_that_have_arrived_count(self):
         camera = self.camera()
         with camera.link() as link:
             for number in range(4):

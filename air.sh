@@ -62,9 +62,9 @@ Air/make_guest.sh build/release "$output"
 # Runs the guest once, into files of this name. What it ended with is in its last line.
 run() {
     local name=$output/$1
-    : >"$name.snoop"
+    : >"$name.tar"
     timeout -k 10 "$longest" qemu-system-x86_64 -M pc -accel tcg -cpu max -m 512 -smp 1 -nic none -no-reboot \
-        -nographic -serial mon:stdio -serial file:"$name.snoop" -kernel "$output/vmlinuz" -initrd "$output/initrd.gz" \
+        -nographic -serial mon:stdio -serial file:"$name.tar" -kernel "$output/vmlinuz" -initrd "$output/initrd.gz" \
         -append "console=ttyS0 panic=-1 quiet no_timer_check AIR_ONLY=${only// /+}" </dev/null 2>&1 |
         tr -d '\r' | tee "$name.log" | grep --line-buffered '^air: ' |
         awk '/^air: FAILED: / { failed = 1 } !failed { print; fflush() }' || true
@@ -75,6 +75,7 @@ run() {
         tail -n 30 "$name.log"
         return 1
     fi
+    Air/read_monitor.py build/release/Desk/shotmentor-phone "$name.tar" || ended=1
     [ "$ended" -eq 0 ] || sed -n '/^air: FAILED: /,$p' "$name.log"
     return "$ended"
 }

@@ -1,4 +1,4 @@
-"""A phone finds the camera with the system's own Bluetooth daemon: its record, its advertisement, and the port in both."""
+"""A phone finds the camera with the system's own Bluetooth daemon: its record, its advertisement, the port in both."""
 
 import errno
 import os
@@ -11,7 +11,7 @@ import time
 import air
 from air import ADDRESSES, CAMERA_ADDRESS, LE_PUBLIC, LOW_ENERGY_PHONES, PHONES, AirTest, call_bus, libc, succeed
 from air import wait_until
-from desk import LIST, Link, list_reply, request
+from desk import CAMERA, LIST, Link, list_reply, request
 
 SERVICE = "252a3c13-cb4c-4ac9-aec8-24e715743b86"
 PSM_CHARACTERISTIC = "abdd3056-28fa-441d-a470-55a75a52553a"
@@ -34,8 +34,8 @@ def adapter_has(name):
 
 def set_adapter(name, value, controller=air.CAMERAS):
     call_bus(
-        "--dest=org.bluez", f"/org/bluez/hci{controller}", "org.freedesktop.DBus.Properties.Set", "string:org.bluez.Adapter1",
-        f"string:{name}", f"variant:{value}",
+        "--dest=org.bluez", f"/org/bluez/hci{controller}", "org.freedesktop.DBus.Properties.Set",
+        "string:org.bluez.Adapter1", f"string:{name}", f"variant:{value}",
     )  # fmt: skip
 
 
@@ -96,12 +96,26 @@ def read_psm():
                 link.send(struct.pack("<BBHB", ERROR, answer[0], 0, NOT_SUPPORTED))
 
 
+def seen_by(controller, *names):
+    """What dbus-send prints of the camera's device, or of one property of it."""
+    device = f"/org/bluez/hci{controller}/dev_{CAMERA_ADDRESS.replace(':', '_')}"
+    method = "Get" if names else "GetAll"
+    return call_bus(
+        "--dest=org.bluez", device, f"org.freedesktop.DBus.Properties.{method}", "string:org.bluez.Device1",
+        *[f"string:{name}" for name in names],
+    )  # fmt: skip
+
+
 class Scan:
     """bluetoothctl looks for devices, with the controller of phones that has only Low Energy or with the other one."""
 
-    def __init__(self, controller, transport):
+    def __init__(self, controller, transport, *options):
         self.process = subprocess.Popen(
-            ["bluetoothctl"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+            ["bluetoothctl", *options],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
         )
         self.tell(f"select {ADDRESSES[controller]}", "menu scan", f"transport {transport}", "back", "scan on")
 
@@ -117,10 +131,9 @@ class Scan:
         self.output = self.process.communicate(timeout=20)[0]
 
 
-class Discovered(AirTest):
+class DiscoveryTest(AirTest):
     """The daemon has hci0 for the camera; phones have the other controllers."""
 
-    kinds = ("rfcomm", "le")
     disturbs = True
     needs_daemon = True
 
@@ -145,6 +158,10 @@ class Discovered(AirTest):
 
     def registered(self, camera):
         self.told(camera, "by its service record" if self.kind == "rfcomm" else "read there where to connect")
+
+
+class Discovered(DiscoveryTest):
+    kinds = ("rfcomm", "le")
 
     def port_told(self):
         if self.kind == "le":
@@ -193,14 +210,11 @@ class Discovered(AirTest):
         with self.serving("--name", name, "--discoverable", "0") as camera:
             self.told(camera, "phones that look for cameras find")
             with Scan(controller, transport) as scan:
-                device = f"/org/bluez/hci{controller}/dev_{CAMERA_ADDRESS.replace(':', '_')}"
-
-                def entry():
-                    return call_bus(
-                        "--dest=org.bluez", device, "org.freedesktop.DBus.Properties.GetAll", "string:org.bluez.Device1"
-                    )
-
-                wait_until(lambda: name in entry() and (self.kind == "rfcomm" or SERVICE in entry()), 20, "the camera")
+                wait_until(
+                    lambda: name in seen_by(controller) and (self.kind == "rfcomm" or SERVICE in seen_by(controller)),
+                    20,
+                    "the camera",
+                )
             self.assertIn(CAMERA_ADDRESS, scan.output)
 
     def test_a_camera_whose_adapter_is_turned_off_and_on(self):
@@ -233,3 +247,56 @@ class Discovered(AirTest):
         finally:
             self.daemon.process.send_signal(signal.SIGCONT)
         self.assertFalse(os.path.exists(f"{self.store}/camera.sock"))
+
+
+class Pairing(DiscoveryTest):
+    """Both devices are the same daemon's: bluetoothctl answers for the phone, the camera's agent for the camera."""
+
+    kinds = ("rfcomm",)
+
+    def setUp(self):
+        super().setUp()
+        self.control = f"unix:{self.folder}/control"
+
+    def pairing(self, how):
+        camera = self.serving("--pairing", how, "--discoverable", "0", "--control", self.control)
+        self.told(camera, "phones that look for cameras find")
+        return camera
+
+    def forget_each_other(self):
+        for controller, other in ((air.CAMERAS, PHONES), (PHONES, air.CAMERAS)):
+            call_bus(
+                "--dest=org.bluez", f"/org/bluez/hci{controller}", "org.bluez.Adapter1.RemoveDevice",
+                f"objpath:/org/bluez/hci{controller}/dev_{ADDRESSES[other].replace(':', '_')}",
+            )  # fmt: skip
+
+    def assertServes(self, camera):
+        with Link(camera.url) as link:
+            self.assertEqual(link.ask(request(LIST)), list_reply([]))
+
+    def test_a_phone_pairs_as_it_connects_if_any_may(self):
+        self.addCleanup(self.forget_each_other)
+        with self.pairing("any") as camera:
+            self.assertServes(camera)  # the kernel pairs by itself where neither side can show anything
+
+    def test_a_phone_without_a_pairing_is_not_served_later(self):
+        self.addCleanup(self.forget_each_other)
+        with self.serving("--pairing", "any") as camera:
+            self.registered(camera)
+            with self.assertRaises(OSError):
+                self.assertServes(camera)
+
+    def test_a_phone_pairs_by_digits(self):
+        self.addCleanup(self.forget_each_other)
+        with self.pairing("confirm") as camera:
+            with Scan(PHONES, "bredr", "--agent", "DisplayYesNo") as scan:
+                wait_until(lambda: "Paired" in seen_by(PHONES), 20, "the camera")
+                scan.tell("scan off", f"pair {CAMERA_ADDRESS}")
+                self.told(camera, "wants to pair: if it shows ")
+                digits = camera.talk().partition("if it shows ")[2][:6]
+                scan.tell("yes")
+                done = subprocess.run([CAMERA, "control", self.control, "pair", "yes"], capture_output=True, text=True)
+                self.assertEqual(done.returncode, 0, done.stderr)
+                self.told(camera, "pairs with the camera")
+                wait_until(lambda: "true" in seen_by(PHONES, "Paired"), what="pairing")
+            self.assertIn(digits, scan.output)

@@ -27,12 +27,12 @@ class Phone(AirTest):
         return done.stdout.decode()
 
     def titles(self):
-        return [entry["title"] for entry in json.loads(self.phone("--json", "list"))["presets"]]
+        return [entry["title"] for entry in json.loads(self.phone("--json", "--raw", "list"))["presets"]]
 
     def test_it_lists_shows_fetches_stores_renames_deletes_and_leaves(self):
         titles = self.titles()
         self.assertEqual(len(titles), 12)
-        shown = json.loads(self.phone("--json", "show", 1))
+        shown = json.loads(self.phone("--json", "--raw", "show", 1))
         self.assertEqual(shown["title"], titles[1])
         image = os.path.join(self.folder, "picture.jpg")
         self.phone("picture", 1, "-o", image)
@@ -51,20 +51,36 @@ class Phone(AirTest):
         self.phone("leave")
 
     def test_a_backup_is_restored_as_it_was(self):
+        self.serving.stop()
+        self.store = os.path.join(self.folder, "small")
+        self.serving = self.camera("--empty")
+        with self.serving.link() as link:
+            for number in range(2):
+                link.ask(store_request(phone_record(b"Number %d" % number), picture(number, 20000)))
         before = self.serving.presets()
         folder = os.path.join(self.folder, "backup")
         self.phone("backup", folder)
-        used = [number for number, record in enumerate(before) if get(record, "linked_custom_mode")]
-        free = [number for number in range(len(before)) if number not in used]
-        self.phone("delete", *free)
-        self.assertEqual(len(self.serving.presets()), len(used))
+        self.phone("delete", 0, 1)
+        self.assertEqual(self.serving.presets(), [])
         self.phone("restore", folder)
         after = self.serving.presets()
-        self.assertEqual(sorted(get(one, "title") for one in after), sorted(get(one, "title") for one in before))
+        self.assertEqual([get(one, "title") for one in after], [get(one, "title") for one in before])
+        self.serving.stop()
+        for number, record in enumerate(after):
+            self.assertEqual(stored_picture(self.store, get(record, "custom_id")), picture(number, 20000))
+
+
+class Checks(AirTest):
+    """All that a phone may send. Where a link cannot be closed halfway, as those of L2CAP, it waits for many answers
+    that never come, which takes a minute."""
+
+    kinds = ("rfcomm",)
 
     def test_check_finds_nothing_wrong(self):
-        begin = time.monotonic()
-        self.assertIn("0 failed", self.phone("check", "--quick", timeout=50))
+        with self.camera("--empty", "--quiet") as camera:
+            begin = time.monotonic()
+            done = run_phone(camera.url, "check", "--quick", timeout=55)
+            self.assertEnds(done, 0)
         measured(f"{self.kind}: check --quick takes {time.monotonic() - begin:.1f} s")
 
 
@@ -137,7 +153,8 @@ class Captures(AirTest):
         self.assertTellsConversation(self.decoded(path))
 
     def test_what_a_monitor_of_the_controllers_sees_is_decoded(self):
-        path = f"/tmp/{self.kind}.btsnoop"
+        os.makedirs("/tmp/monitor", exist_ok=True)  # what is there comes out of the guest
+        path = f"/tmp/monitor/{self.kind}.btsnoop"
         monitor = subprocess.Popen(["btmon", "-w", path], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(lambda: monitor.poll() is None and monitor.kill())
         wait_until(lambda: os.path.exists(path) and os.path.getsize(path) > 16, what="the monitor's first record")

@@ -1,14 +1,33 @@
 """Each request by its raw bytes: the desk's own conversations, on the air."""
 
+import functools
+
 from air import AirTest
+from desk import Stored, sample_store
 from test_requests import RequestsInAStream, RequestsInPackets, header_first, randomly, whole
 
 
-class InAStream(RequestsInAStream, AirTest):
+@functools.cache
+def sample_presets():
+    """Programs start slowly in the guest."""
+    return Stored(sample_store())
+
+
+class Requests(AirTest):
+    kinds = ()
+
+    def setUp(self):
+        AirTest.setUp(self)
+        self.samples()
+        self.before = sample_presets()
+        self.serving = self.camera("--quiet")
+
+
+class InAStream(Requests, RequestsInAStream):
     kinds = ("rfcomm",)
     ways = [whole, header_first, randomly]
 
 
-class InPackets(RequestsInPackets, AirTest):
+class InPackets(Requests, RequestsInPackets):
     kinds = ("l2cap", "le")
     ways = RequestsInPackets.ways[:1] + RequestsInPackets.ways[2:]  # all but byte by byte, which takes long

@@ -6,7 +6,9 @@ import socket
 import struct
 import threading
 
-from air import CAMERA_ADDRESS, CAMERAS, CLASSIC, LE_PUBLIC, PHONES, AirTest, libc, management, succeed, wait_until
+import air
+from air import CAMERA_ADDRESS, CAMERAS, CLASSIC, LE_PUBLIC, LOW_ENERGY_PHONES, PHONES, AirTest, call_bus, libc
+from air import management, succeed, wait_until
 from desk import run_phone
 
 SERVICE = "252a3c13-cb4c-4ac9-aec8-24e715743b86"
@@ -17,17 +19,10 @@ ASKED = {
 }
 
 
-GET_CONNECTIONS, COMMAND_COMPLETE = 0x0015, 0x0001
-
-
-def connections_of(controller):
+def end_links():
+    """A link stays for two seconds, and one that is about to go is no good one for the next phone."""
     with management() as kernel:
-        kernel.socket.send(struct.pack("<HHH", GET_CONNECTIONS, controller, 0))
-        while True:
-            packet = kernel.socket.recv(1024)
-            if struct.unpack_from("<HH", packet) == (COMMAND_COMPLETE, controller):
-                _, status, count = struct.unpack_from("<HBH", packet, 6)
-                return count if status == 0 else 0
+        kernel.disconnect(CAMERAS)
 
 
 class Device:
@@ -84,8 +79,7 @@ class WhereTheCameraListens(AirTest):
 
     def setUp(self):
         super().setUp()
-        # A link stays for two seconds, and one that is about to go is no good one for the next phone.
-        wait_until(lambda: connections_of(CAMERAS) == 0, what="the end of the links of before")
+        end_links()
 
     def list(self, *options):
         return run_phone(self.url, "--timeout", 2, *options, "list", wait_for_turn=False)
@@ -159,23 +153,44 @@ class Nobody(AirTest):
             self.assertIn("no answer from that address; see that the camera is near", done.stderr.decode())
 
 
+def power_on(controller):
+    """Whether the daemon has turned it on."""
+    return call_bus(
+        "--dest=org.bluez", f"/org/bluez/hci{controller}", "org.freedesktop.DBus.Properties.Set",
+        "string:org.bluez.Adapter1", "string:Powered", "variant:boolean:true",
+    )  # fmt: skip
+
+
 class Search(AirTest):
     """With the system's own daemon, which both sides use; the phone's adapter is the one that is named."""
 
     kinds = ("rfcomm", "le")
-    needs_daemon = True
+    needs_daemon = disturbs = True
+
+    @classmethod
+    def setUpClass(cls):
+        air.turn_off()
+        with management() as kernel:  # what is advertised is the daemon's alone
+            kernel.set(CAMERAS, air.SET_ADVERTISING, 0)
+        super().setUpClass()
+        for controller in (CAMERAS, PHONES):
+            wait_until(lambda: power_on(controller), what=f"power of hci{controller}")
 
     def test_finds_the_camera_and_the_url_of_its_link(self):
         camera = self.camera("--empty", "--name", "Night owl", "--discoverable", 0)
         port = camera.url.rpartition(":")[2]
-        done = run_phone(None, "--json", "scan", "--adapter", f"hci{PHONES}", "--seconds", 8, timeout=90)
+        controller = PHONES
+        if self.kind == "le":  # the other one would ask over RFCOMM's kind of link, too: see Nobody
+            air.turn_on_low_energy_phone()
+            controller = LOW_ENERGY_PHONES
+        done = run_phone(None, "--json", "scan", "--adapter", f"hci{controller}", "--seconds", 8, timeout=90)
         self.assertEnds(done, 0)
         (found,) = [one for one in json.loads(done.stdout)["cameras"] if one["address"] == CAMERA_ADDRESS]
         self.assertEqual(found["name"], "Night owl")
         link = {"link": self.kind, "url": f"{self.kind}:{CAMERA_ADDRESS}:{port}", "port": int(port)}
         self.assertEqual(found["links"], [link])
-        wait_until(lambda: connections_of(CAMERAS) == 0, what="the end of the links of the search")
         for url in (link["url"], f"{self.kind}:{CAMERA_ADDRESS}:auto"):
+            end_links()
             self.assertEnds(run_phone(url, "list"), 0)
 
     def test_finds_no_camera_where_there_is_none(self):

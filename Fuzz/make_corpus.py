@@ -437,6 +437,18 @@ DISCOVERIES = {
     "attribute_of_paired": answers(0, bytes.fromhex("0108030005")),
 }  # fmt: skip
 
+# ---- Messages of the bus ---------------------------------------------------------------------------------------------
+
+# Decisions of the fuzzer's own: the first says whether the types are those of objects, the others make the content.
+BUS_MESSAGES = {
+    "objects": bytes([1] + [1, 2, 1, 1, 1, 2, 1, 0, 9] * 12),
+    "many_objects": bytes([1] + [7, 1, 3, 1, 2, 0, 13, 2] * 60),
+    "properties": bytes([0, 0, 14] + [5, 1, 0, 9, 2, 3] * 20),
+    "interfaces": bytes([0, 1, 3] + [4, 2, 3, 1, 0, 9, 2, 5] * 20),
+    "deep": bytes([0, 1, 0, 1, 0, 1, 4] + [1, 3, 1] * 50),
+    "value": bytes([0, 0, 15, 0, 14, 3, 2, 1]),
+}
+
 
 def write(target, inputs):
     folder = CORPUS / target
@@ -445,6 +457,7 @@ def write(target, inputs):
         (folder / name).write_bytes(content)
 
 
+write("Bus", BUS_MESSAGES)
 write("Conversation", CONVERSATIONS)
 write("Conversion", CONVERSIONS)
 write("Discovery", DISCOVERIES)

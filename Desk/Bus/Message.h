@@ -51,7 +51,7 @@ class Message {
         return sd_bus_message_read(get(), types, values...) > 0;
     }
     std::optional<std::string> read_text(); // a string or an object's path
-    bool skip(const char* types) { return sd_bus_message_skip(get(), types) >= 0; }
+    bool skip(const char* types) const { return sd_bus_message_skip(get(), types) >= 0; }
 
     // An answer to this call, to be filled and sent; or an error that goes at once.
     Message answer() const;
@@ -59,10 +59,10 @@ class Message {
 
     // Goes into a container, such as ('a', "{sv}"), and out of it. False at the end of the one around it, or where the
     // message has something else there.
-    bool enter(char type, const char* content) { return sd_bus_message_enter_container(get(), type, content) > 0; }
-    bool leave() { return sd_bus_message_exit_container(get()) >= 0; }
-    void open(char type, const char* content) { check_appended(sd_bus_message_open_container(get(), type, content)); }
-    void close() { check_appended(sd_bus_message_close_container(get())); }
+    bool enter(char type, const char* content) const { return sd_bus_message_enter_container(get(), type, content) > 0; }
+    bool leave() const { return sd_bus_message_exit_container(get()) >= 0; }
+    void open(char type, const char* content) const { check_appended(sd_bus_message_open_container(get(), type, content)); }
+    void close() const { check_appended(sd_bus_message_close_container(get())); }
 
     // Whose message it is, and about what; empty where it does not say.
     std::string_view sender() const { return text_or_empty(sd_bus_message_get_sender(get())); }

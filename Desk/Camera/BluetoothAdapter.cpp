@@ -15,6 +15,8 @@ constexpr const char* adapter_interface = "org.bluez.Adapter1";
 constexpr const char* services_interface = "org.bluez.GattManager1";
 constexpr const char* advertising_interface = "org.bluez.LEAdvertisingManager1";
 
+constexpr int most_attempts = 40;
+
 void append_variant(bus::Message& message, const char* type, const bus::Value& value) {
     message.open('v', type);
     if (const bool* const flag = std::get_if<bool>(&value)) {
@@ -151,12 +153,23 @@ void BluetoothAdapter::change(Setting& setting) {
     daemon_.ask(call_to_set(setting, setting.wanted),
                 [this, property = setting.property, before](const std::optional<bus::Error>& error, bus::Message&) {
                     if (error) {
-                        properties_.insert_or_assign(property, before);
-                        tell_refused(fmt::format("to set {} of {}", property, printable(name_)), *error);
+                        refused(property, before, *error);
                     } else if (std::string_view(property) == "Discoverable") {
                         tell_visible();
                     }
                 });
+}
+
+// The daemon is busy while it has set the same thing by itself, such as for an agent.
+void BluetoothAdapter::refused(const char* property, const bus::Value& before, const bus::Error& error) {
+    properties_.insert_or_assign(property, before);
+    const auto setting = std::ranges::find(settings_, property, &Setting::property);
+    if (error.is_named(".Busy") && setting != settings_.end() && ++setting->attempts < most_attempts) {
+        setting->is_asked_for = false;
+        daemon_.look_soon();
+        return;
+    }
+    tell_refused(fmt::format("to set {} of {}", property, printable(name_)), error);
 }
 
 bus::Message BluetoothAdapter::call_to_set(const Setting& setting, const bus::Value& value) {

@@ -46,13 +46,14 @@ class BluetoothAdapter {
         bool of_visibility = true;
         std::optional<bus::Value> original = std::nullopt; // once it has been changed
         bool is_asked_for = false;                         // of this daemon
+        int attempts = 0;
     };
 
     void want(const char* property, const char* type, bus::Value value, bool of_visibility);
     void want_all();
     void went_off();
     void change(Setting& setting);
-    void changed(Setting& setting, const std::optional<bus::Error>& error);
+    void refused(const char* property, const bus::Value& before, const bus::Error& error);
     bus::Message call_to_set(const Setting& setting, const bus::Value& value);
     std::optional<bus::Message> call_to_put_back(Setting& setting);
     void offer_service();

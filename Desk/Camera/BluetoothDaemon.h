@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "Budgets.h"
 #include "Bus/Bus.h"
 #include "Bus/Properties.h"
 #include "BusLoop.h"
@@ -38,6 +39,8 @@ class BluetoothDaemon {
     bool is_there() const;
     // Does what speaks to the daemon, outside of its handlers: a connection that is lost by it is told.
     void attempt(const std::function<void()>& what);
+    // Has it say again what it has: `found` is called soon.
+    void look_soon() { look_later(budget::bus_look); }
     // A message to it. This and all that follows only while it is there; they may throw.
     bus::Message call(const std::string& path, const std::string& interface, const std::string& method);
     // The handler hears of it, or of an error, unless the daemon goes before.

@@ -51,12 +51,12 @@ bool is_ready(int socket, short events) {
     return ::poll(&state, 1, 0) > 0;
 }
 
-// A channel of L2CAP closes both ways at once, and its end may overtake what was sent before. So it waits for the phone's.
+// Bluetooth's channels close both ways at once, and their end may overtake what was sent before, or be all that a phone
+// sees that is still connecting. So they wait for the phone's.
 bool can_half_close(int socket) {
-    int domain = 0, type = 0;
+    int domain = 0;
     socklen_t size = sizeof domain;
-    return ::getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_BLUETOOTH ||
-           ::getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_SEQPACKET;
+    return ::getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_BLUETOOTH;
 }
 
 // A count of bytes that the kernel keeps of a socket; 0 where it keeps none.

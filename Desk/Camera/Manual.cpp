@@ -40,7 +40,9 @@ command_line::Manual manual() {
              "and a real link. shotmentor-phone is the phone that belongs to it.",
              "Without a command it serves. It creates the store on first start, with twelve sample presets and their "
              "pictures, and prints \"listening on URL\" to standard output once a phone can connect. It serves one "
-             "phone at a time. SIGINT and SIGTERM end it in order.",
+             "phone at a time. SIGINT and SIGTERM end it in order. Where it listens on Bluetooth, the system's Bluetooth "
+             "daemon tells phones the channel or PSM; with --discoverable those that look for cameras find it. With "
+             "--pairing it serves only phones that have paired.",
              "Standard error tells what happens, a line for each request; with --json each line is a JSON object. "
              "Faults to try are set by options, by control while it serves, and by a script: lines such as \"at 2.5s "
              "pull reply 1000\" or \"after request 3 link-down on\", with comments behind #.",
@@ -64,6 +66,9 @@ command_line::Manual manual() {
                       "shotmentor-camera --store /tmp/camera --listen rfcomm:auto --listen le:auto --idle-timeout 60"},
                      {"", "Write what phones and it say to each other to a file for Wireshark:",
                       "shotmentor-camera --store /tmp/camera --capture camera.btsnoop"},
+                     {"", "Let phones nearby find it for two minutes as \"Kitchen\", over Bluetooth of both kinds:",
+                      "shotmentor-camera --store /tmp/camera --listen rfcomm:auto --listen le:auto --name Kitchen "
+                      "--discoverable 120"},
                      {"", "Take commands at a socket:",
                       "shotmentor-camera --store /tmp/camera --control unix:/tmp/camera/control.sock"},
                      {"control", "From another terminal, lose the link in the middle of the next reply:",
@@ -77,7 +82,8 @@ command_line::Manual manual() {
                       "shotmentor-camera --store /tmp/camera add dawn.json dawn.jpg"},
                      {"remove", "Delete preset 3:", "shotmentor-camera --store /tmp/camera remove 3"}},
         .exit_codes = command_line::exit_codes_of_camera(),
-        .environment = {{"NO_COLOR", "when it is not empty, the library's lines have no colours on a terminal"}},
+        .environment = {{"NO_COLOR", "when it is not empty, the library's lines have no colours on a terminal"},
+                        {"DBUS_SYSTEM_BUS_ADDRESS", "where the system's D-Bus is, if not where it usually is"}},
         .scopes = scopes_of_serving(),
         .see_also = "shotmentor-phone",
     };

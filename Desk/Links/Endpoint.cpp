@@ -105,7 +105,8 @@ const Bluetooth l2cap = {Endpoint::Kind::l2cap, is_psm, false,
 Endpoint bluetooth_endpoint(const std::string& url, std::string_view rest, const Bluetooth& bluetooth) {
     Endpoint endpoint;
     endpoint.kind = bluetooth.kind;
-    const size_t colon = rest.rfind(':');
+    // An address alone lacks its number, and not a part of itself.
+    const size_t colon = bluetooth_address_in(rest) ? std::string_view::npos : rest.rfind(':');
     if (colon != std::string_view::npos) {
         std::string_view address = rest.substr(0, colon);
         if (bluetooth.kind == Endpoint::Kind::le && address.ends_with(random_mark)) {

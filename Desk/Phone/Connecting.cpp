@@ -134,7 +134,8 @@ int pending_error(int descriptor, Clock::time_point deadline, int stop) {
     int error = 0;
     socklen_t size = sizeof error;
     getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size);
-    return error;
+    char first = 0; // of a camera that was there, and has hung up since
+    return error == ECONNRESET && recv(descriptor, &first, 1, MSG_PEEK | MSG_DONTWAIT) > 0 ? 0 : error;
 }
 
 } // namespace

@@ -47,6 +47,7 @@ void take(FoundDevice& device, const bus::Properties& properties) {
     }
     const auto flags = bus::property<std::vector<uint8_t>>(properties, "AdvertisingFlags");
     if (flags && !flags->empty()) {
+        device.advertises = true;
         device.is_le_alone = (flags->front() & flag_without_classic) != 0;
     }
 }
@@ -54,7 +55,7 @@ void take(FoundDevice& device, const bus::Properties& properties) {
 } // namespace
 
 bool FoundDevice::may_have_rfcomm() const {
-    return !has_random_address && !is_le_alone && (offers_service || is_classic);
+    return !has_random_address && !is_le_alone && (is_classic || (offers_service && !advertises));
 }
 
 bool FoundDevice::may_have_le() const {

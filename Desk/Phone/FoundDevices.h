@@ -18,9 +18,11 @@ struct FoundDevice {
     std::string name;                // UTF-8, at most 248 bytes; whatever somebody has called it
     std::optional<int> signal;       // dBm; none: nothing has been heard of it lately
     bool offers_service = false;     // it says that a camera is there
-    bool is_classic = false;         // it has told of itself over RFCOMM's kind of link
-    bool is_le_alone = false;        // it has no other
+    bool is_classic = false;         // it has told of itself over RFCOMM's kind of link,
+    bool advertises = false;         // and over Low Energy,
+    bool is_le_alone = false;        // which is all that it has
 
+    // Daemons do not always tell over which of them a device was heard: then it may have both.
     bool may_have_rfcomm() const;
     bool may_have_le() const;
     Endpoint endpoint(Endpoint::Kind kind) const; // without a port

@@ -74,6 +74,11 @@ TEST(Endpoint, TakesAutoForAnyFreeChannelAndForAnyFreePsmOfLowEnergy) {
     EXPECT_NE(refusal_of("rfcomm:automatic").find("nor auto"), std::string::npos);
 }
 
+TEST(Endpoint, MissesTheNumberBehindAnAddressAlone) {
+    EXPECT_NE(refusal_of("rfcomm:00:11:22:33:44:55").find("the channel is no number"), std::string::npos);
+    EXPECT_NE(refusal_of("l2cap:00:11:22:33:44:55").find("the PSM is no odd number"), std::string::npos);
+}
+
 TEST(Endpoint, TakesARandomAddressOfLowEnergyAlone) {
     const Endpoint endpoint = parse_endpoint("le:C0:11:22:33:44:55/random:128");
     EXPECT_TRUE(endpoint.has_random_address);

@@ -52,6 +52,7 @@ class Daemon:
         self.adapters = {"/org/bluez/hci0": adapter("00:AA:01:00:00:00")}
         self.names = {}  # of phones, by their paths
         self.refused, self.silent, self.nonsense = {}, set(), {}
+        self.busy = {}  # how often it will be, by what is asked for
         self.start_anew()
         self.connection = None
 
@@ -83,7 +84,10 @@ class Daemon:
         self.calls.append(member)
         if member in self.silent:
             return dbus.lowlevel.HANDLER_RESULT_HANDLED
-        if member in self.refused:
+        if self.busy.get(member):
+            self.busy[member] -= 1
+            answer = dbus.lowlevel.ErrorMessage(message, "org.bluez.Error.Busy", "")
+        elif member in self.refused:
             answer = dbus.lowlevel.ErrorMessage(message, self.refused[member], "not today")
         elif member in self.nonsense:
             answer = dbus.lowlevel.MethodReturnMessage(message)
@@ -177,6 +181,9 @@ class Daemon:
 
     def do_refuse(self, member, error):
         self.refused[member] = error
+
+    def do_be_busy(self, member, count):
+        self.busy[member] = count
 
     def do_never_answer(self, member):
         self.silent.add(member)

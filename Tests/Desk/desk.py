@@ -439,9 +439,11 @@ class Link:
 
     def _received(self):
         """Sockets of Bluetooth tell an error before the bytes that came ahead of it."""
-        for _ in range(2):
-            with contextlib.suppress(ConnectionResetError, BrokenPipeError):
-                return self.socket.recv(1 << 20)
+        with contextlib.suppress(ConnectionResetError, BrokenPipeError):
+            return self.socket.recv(1 << 20)
+        self.socket.setblocking(False)
+        with contextlib.suppress(OSError):
+            return self.socket.recv(1 << 20)
         return b""
 
     def ask(self, data, pieces=None):

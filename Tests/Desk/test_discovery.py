@@ -576,6 +576,13 @@ class Trouble(DiscoveryTest):
                 self.talk_with(camera, what + "org.bluez.Error.NotPermitted: not today)")
             self.assertServes(camera)
 
+    def test_it_is_busy_for_a_while(self):
+        self.daemon.come()
+        self.daemon.be_busy("Set", 9)
+        with self.discovered(*self.ALL) as camera:
+            self.assertAllThere()
+            self.assertNotIn("refuses", camera.talk())
+
     def test_it_never_answers(self):
         self.daemon.come()
         self.daemon.never_answer("GetManagedObjects")

@@ -20,7 +20,7 @@ ADAPTER = "/org/bluez/hci0"
 NEAR = f"{ADAPTER}/dev_00_11_22_33_44_55"
 LE = f"{ADAPTER}/dev_C0_11_22_33_44_66"
 CAMERA = {"Address": "00:11:22:33:44:55", "AddressType": "public", "Name": "Night owl", "RSSI": -60,
-          "UUIDs": [SERVICE], "Class": 0x100}  # fmt: skip
+          "UUIDs": [SERVICE], "Class": 0x100, "AdvertisingFlags": [2]}  # fmt: skip
 LE_CAMERA = {"Address": "C0:11:22:33:44:66", "AddressType": "random", "Name": "Lark", "RSSI": -40,
              "UUIDs": ["0000180a-0000-1000-8000-00805f9b34fb", SERVICE.upper()], "AdvertisingFlags": [6]}  # fmt: skip
 HEADSET = {"Address": "00:11:22:33:44:77", "AddressType": "public", "Name": "Headset", "RSSI": -30,
@@ -146,9 +146,20 @@ class Cameras(ScanTest):
         cameras = self.cameras()
         self.assertEqual([(one["name"], one["signal"]) for one in cameras], [("Late", -70)])
 
-    def test_of_le_alone_have_no_other_link(self):
-        self.daemon(found=[[NEAR, {**CAMERA, "AdvertisingFlags": [6]}]])
-        self.assertEqual([link["link"] for link in self.cameras()[0]["links"]], ["le"])
+    def test_have_the_links_over_which_they_may_have_been_heard(self):
+        for flags, device_class, links in (
+            ([2], 0x100, ["rfcomm", "le"]),
+            ([2], None, ["le"]),
+            ([6], 0x100, ["le"]),  # which says that it has nothing else
+            (None, 0x100, ["rfcomm", "le"]),
+            (None, None, ["rfcomm", "le"]),
+        ):
+            with self.subTest(flags=flags, device_class=device_class):
+                heard = {**CAMERA, "AdvertisingFlags": flags, "Class": device_class}
+                self.daemon(found=[[NEAR, {name: value for name, value in heard.items() if value is not None}]])
+                self.assertEqual([link["link"] for link in self.cameras()[0]["links"]], links)
+                self.doCleanups()
+                self.setUp()
 
     def test_that_were_there_once_are_not_there_now(self):
         away = {name: value for name, value in CAMERA.items() if name != "RSSI"}

@@ -30,8 +30,19 @@ class BadInput(AirTest):
         start_anew()  # connects that were given up, and links that are lost, stand in the way of the next ones
         self.addCleanup(self.assertStoreUnharmed)
         with self.camera("--empty") as camera:
+            self.wait_for_adapters(camera)
             answer = camera.ask(store_request(phone_record(b"Kept"), picture(1)))
             self.assertEqual(store_result(answer)[0], 1)
+
+    def wait_for_adapters(self, camera):
+        """The first link behind their start may be aborted."""
+        end = time.monotonic() + PATIENCE
+        while True:
+            try:
+                return camera.presets()
+            except OSError:
+                if time.monotonic() > end:
+                    raise
 
     def assertStoreUnharmed(self):
         done = run_camera(self.store, "presets")

@@ -94,7 +94,7 @@ class Adapters(BadInput):
         self.assertTold(camera, "the phone left: ")
         link.close()
         start_anew()
-        self.assertEqual(len(camera.presets()), 1)
+        self.assertEqual(len(self.wait_for_adapters(camera)), 1)
 
     def test_the_phones_adapter_goes_off_in_the_middle(self):
         """The camera may notice nothing of it, and then lets the phone go where it is told to."""

@@ -59,9 +59,13 @@ class Message {
 
     // Goes into a container, such as ('a', "{sv}"), and out of it. False at the end of the one around it, or where the
     // message has something else there.
-    bool enter(char type, const char* content) const { return sd_bus_message_enter_container(get(), type, content) > 0; }
+    bool enter(char type, const char* content) const {
+        return sd_bus_message_enter_container(get(), type, content) > 0;
+    }
     bool leave() const { return sd_bus_message_exit_container(get()) >= 0; }
-    void open(char type, const char* content) const { check_appended(sd_bus_message_open_container(get(), type, content)); }
+    void open(char type, const char* content) const {
+        check_appended(sd_bus_message_open_container(get(), type, content));
+    }
     void close() const { check_appended(sd_bus_message_close_container(get())); }
 
     // Whose message it is, and about what; empty where it does not say.

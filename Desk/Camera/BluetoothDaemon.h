@@ -1,5 +1,5 @@
-// The system's Bluetooth daemon (org.bluez), which may be missing, go, and come back at any time. Nothing here waits for
-// it.
+// The system's Bluetooth daemon (org.bluez), which may be missing, go, and come back at any time. Nothing here waits
+// for it.
 #pragma once
 
 #include <asio/io_context.hpp>

@@ -22,8 +22,8 @@ class Lab {
     void when_answered_to_pair(std::function<std::string(bool accepts)> taker) { pairing_ = std::move(taker); }
 
     // Runs a command such as "drop-next 2", for `who`, and tells of it unless it only asks. Returns the answer to
-    // "status", "phone" and "pair", nothing otherwise. Throws Failure (exit_usage) for a line that is no command; nothing has
-    // changed then.
+    // "status", "phone" and "pair", nothing otherwise. Throws Failure (exit_usage) for a line that is no command;
+    // nothing has changed then.
     std::string run(const std::string& line, const std::string& who);
 
   private:

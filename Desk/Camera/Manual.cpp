@@ -40,9 +40,9 @@ command_line::Manual manual() {
              "and a real link. shotmentor-phone is the phone that belongs to it.",
              "Without a command it serves. It creates the store on first start, with twelve sample presets and their "
              "pictures, and prints \"listening on URL\" to standard output once a phone can connect. It serves one "
-             "phone at a time. SIGINT and SIGTERM end it in order. Where it listens on Bluetooth, the system's Bluetooth "
-             "daemon tells phones the channel or PSM; with --discoverable those that look for cameras find it. With "
-             "--pairing it serves only phones that have paired.",
+             "phone at a time. SIGINT and SIGTERM end it in order. Where it listens on Bluetooth, the system's "
+             "Bluetooth daemon tells phones the channel or PSM; with --discoverable those that look for cameras find "
+             "it. With --pairing it serves only phones that have paired.",
              "Standard error tells what happens, a line for each request; with --json each line is a JSON object. "
              "Faults to try are set by options, by control while it serves, and by a script: lines such as \"at 2.5s "
              "pull reply 1000\" or \"after request 3 link-down on\", with comments behind #.",
@@ -62,13 +62,11 @@ command_line::Manual manual() {
                      {"", "Serve it over TCP, with all lines of the library on standard error:",
                       "shotmentor-camera --store /tmp/camera --listen tcp:127.0.0.1:0 --log-level all"},
                      {"",
-                      "Serve it over Bluetooth to phones of any make, and let those go that say nothing for a minute:",
-                      "shotmentor-camera --store /tmp/camera --listen rfcomm:auto --listen le:auto --idle-timeout 60"},
-                     {"", "Write what phones and it say to each other to a file for Wireshark:",
-                      "shotmentor-camera --store /tmp/camera --capture camera.btsnoop"},
-                     {"", "Let phones nearby find it for two minutes as \"Kitchen\", over Bluetooth of both kinds:",
+                      "Serve it over Bluetooth to phones of any make, which find it as \"Kitchen\" for two minutes:",
                       "shotmentor-camera --store /tmp/camera --listen rfcomm:auto --listen le:auto --name Kitchen "
                       "--discoverable 120"},
+                     {"", "Write what phones and it say to each other to a file for Wireshark:",
+                      "shotmentor-camera --store /tmp/camera --capture camera.btsnoop"},
                      {"", "Take commands at a socket:",
                       "shotmentor-camera --store /tmp/camera --control unix:/tmp/camera/control.sock"},
                      {"control", "From another terminal, lose the link in the middle of the next reply:",

@@ -1,7 +1,7 @@
 // Preloaded, it gives a program Bluetooth sockets on a machine that has none: they are Unix sockets with names below
-// LOOPBACK_BLUETOOTH, which is an abstract name's beginning. Who connects binds to PREFIX/phone/00:11:22:33:44:55 first,
-// and has that address then; where it connects to is PREFIX/KIND/PORT. What the kernel would ask of a link, its security,
-// is written to the file LOOPBACK_BLUETOOTH_SECURITY, and nothing else of Bluetooth is there.
+// LOOPBACK_BLUETOOTH, which is an abstract name's beginning. Who connects binds to PREFIX/phone/00:11:22:33:44:55
+// first, and has that address then; where it connects to is PREFIX/KIND/PORT. What the kernel would ask of a link, its
+// security, is written to the file LOOPBACK_BLUETOOTH_SECURITY, and nothing else of Bluetooth is there.
 
 #include <sys/socket.h>
 #include <sys/syscall.h>

@@ -184,7 +184,8 @@ class DesksPage(DeskTest):
     def test_has_the_options_that_say_how_phones_connect(self):
         with open(os.path.join(PROJECT, "Docs", "desk.md"), encoding="utf-8") as file:
             table = set(re.findall(r"^\| `(--[a-z-]+)", file.read(), re.M))
-        self.assertLessEqual({"--listen", "--idle-timeout", "--mtu", "--capture"}, table)
+        finding = {"--name", "--discoverable", "--pairing", "--allow"}
+        self.assertLessEqual({"--listen", "--idle-timeout", "--mtu", "--capture"} | finding, table)
 
 
 class HelpOfACommand(DeskTest):

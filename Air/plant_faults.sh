@@ -6,7 +6,7 @@
 #   PATTERN  only the faults with these words in their name; * and ? as in file names
 set -euo pipefail
 cd "$(dirname "$0")/.."
-pattern=*${1:-}*
+pattern="*${1:-}*"
 
 ./air.sh --fetch
 copy=$PWD/build/air/faults
@@ -52,9 +52,9 @@ END
 plant "the basic mode of L2CAP, which loses packets" Desk/Links/Bluetooth.cpp \
     'options.mode = enhanced_retransmission;' 'options.mode = 0;' 'l2cap: *'
 plant "a camera hangs up before it has read the last bytes" Desk/Camera/Link.cpp \
-    'if (length < 0 && !is_worth_a_retry(errno) && end_ == 0) {' 'if (false) {' '*a phones count*'
+    'if (length < 0 && !is_worth_a_retry(errno) && end_ == 0) {' 'if (false) {' '*LastWords*'
 plant "a phone hangs up before it has read the last bytes" Desk/Phone/Link.cpp \
-    'if (count < 0 && errno == ECONNRESET) {' 'if (count < 0 && errno == 1) {' '*LastWords*'
+    'if (count < 0 && (errno == ECONNRESET || is_bluetooth_)) {' 'if (false) {' '*LastWords*'
 plant "no idle time-out" Desk/Camera/Camera.cpp \
     'if (phone_ && phone_->link->is_stalled(*idle_timeout_)) {' 'if (false) {' '*one that stays silent*'
 plant "packets that the kernel has no room for" Desk/Links/Bluetooth.h \
@@ -62,7 +62,8 @@ plant "packets that the kernel has no room for" Desk/Links/Bluetooth.h \
 plant "no room for what arrives over Low Energy" Desk/Links/Bluetooth.h \
     'room_to_receive = 4 << 20' 'room_to_receive = 4 << 10' 'le: *uploads*'
 plant "the end of a link overtakes why a phone is turned away" Desk/Camera/Link.cpp \
-    'if (socket_.is_open() && can_half_close(socket_.native_handle())) {' 'if (socket_.is_open()) {' '*told that the camera is busy*'
+    'if (socket_.is_open() && can_half_close(socket_.native_handle())) {' 'if (socket_.is_open()) {' \
+    '*told that the camera is busy*'
 plant "an address of Low Energy is taken for one of the others" Desk/Links/Bluetooth.h \
     'le_public_address = 1;' 'le_public_address = 0;' 'le: *TwoPhones*'
 plant "packets are longer than the other side takes" Desk/Links/Bluetooth.cpp \

@@ -207,9 +207,11 @@ std::vector<bus::Slot> BluetoothDaemon::watch(const std::string& adapter, Search
     slots.push_back(
         bus_.when_signalled(signal_rule(properties_interface, "PropertiesChanged"),
                             [&found, adapter](bus::Message signal) { take_change(signal, adapter, found); }));
-    slots.push_back(bus_.when_signalled(
-        "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.bluez'",
-        [&found](bus::Message) { found.failure = failure_of(exit_link, "the Bluetooth daemon has gone; try again"); }));
+    slots.push_back(
+        bus_.when_signalled("type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.bluez'",
+                            [&found](const bus::Message&) {
+                                found.failure = failure_of(exit_link, "the Bluetooth daemon has gone; try again");
+                            }));
     return slots;
 }
 

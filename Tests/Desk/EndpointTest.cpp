@@ -152,7 +152,7 @@ TEST(Endpoint, SaysWhatIsWrongWithAUrlAndShowsARightOne) {
         {"rfcomm:", "the channel is no number from 1 to 30", rfcomm},
         {"rfcomm:0", "the channel is no number from 1 to 30", rfcomm},
         {"rfcomm:31", "the channel is no number from 1 to 30", rfcomm},
-        {"rfcomm:00:11:22:33:44:55", "the address is no Bluetooth address", rfcomm},
+        {"rfcomm:00:11:22:33:44:55", "the channel is no number from 1 to 30", rfcomm},
         {"rfcomm:00:11:22:33:44:5G:1", "the address is no Bluetooth address", rfcomm},
         {"rfcomm:00-11-22-33-44-55:1", "the address is no Bluetooth address", rfcomm},
         {"l2cap:4098", "the PSM is no odd number", l2cap},

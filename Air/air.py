@@ -83,6 +83,9 @@ class Management:
         """Ends its links, which otherwise stay for two seconds after the last channel."""
         while connections := self.ask(controller, GET_CONNECTIONS)[1][2:]:
             self.ask(controller, DISCONNECT, connections[:7])
+        end = time.monotonic() + ATTEMPT
+        while self.ask(CAMERAS, GET_CONNECTIONS)[1][2:] and time.monotonic() < end:
+            time.sleep(0.02)
 
     def close(self):
         self.socket.close()
@@ -152,9 +155,9 @@ class RfcommSockets:
                 link.connect((address, int(channel)))
                 return
             except OSError as error:
-                if error.errno not in (errno.EBUSY, errno.ECONNRESET) or time.monotonic() > end:
+                if error.errno not in (errno.EBUSY, errno.ECONNRESET, errno.ECONNABORTED) or time.monotonic() > end:
                     raise
-            time.sleep(0.01)
+            time.sleep(0.1)
             with self.socket() as fresh:
                 fresh.settimeout(link.gettimeout())
                 os.dup2(fresh.fileno(), link.fileno())

@@ -132,6 +132,7 @@ def start_anew():
     """No link of before is left."""
     turn_off((CAMERAS, PHONES, LOW_ENERGY_PHONES))
     turn_on()
+    wait_for_answers()
 
 
 # ---- Kinds of links --------------------------------------------------------------------------------------------------
@@ -235,6 +236,21 @@ LINKS = {"rfcomm": RfcommSockets(), "l2cap": L2capSockets(), "le": LowEnergySock
 desk.KINDS_OF_LINKS.update(LINKS)
 
 
+def wait_for_answers():
+    """Until the camera's controller says that nobody listens: it takes a moment to be there when it is turned on."""
+    end = time.monotonic() + ATTEMPT
+    while True:
+        with LINKS["l2cap"].socket() as link:
+            try:
+                LINKS["l2cap"].connect(link, f"{CAMERA_ADDRESS}:4151")
+            except ConnectionRefusedError:
+                return
+            except OSError:
+                if time.monotonic() > end:
+                    raise
+        time.sleep(0.2)
+
+
 class FakeCamera(desk.FakeCamera):
     """A camera of the tests' own, on the air. `kind` stands in the place of the folder."""
 
@@ -323,6 +339,7 @@ class AirTest(desk.DeskTest):
         # The emulated controllers have one link at a time: one of Low Energy fails beside one of the other two.
         with management() as kernel:
             kernel.disconnect(PHONES)
+        time.sleep(0.3)  # no event tells that they have settled
         if cls.needs_daemon:
             shutil.rmtree("/var/lib/bluetooth", ignore_errors=True)
             os.makedirs("/var/lib/bluetooth")

@@ -66,7 +66,7 @@ run() {
     timeout -k 10 "$longest" qemu-system-x86_64 -M pc -accel tcg -cpu max -m 512 -smp 1 -nic none -no-reboot \
         -nographic -serial mon:stdio -serial file:"$name.tar" -kernel "$output/vmlinuz" -initrd "$output/initrd.gz" \
         -append "console=ttyS0 panic=-1 quiet no_timer_check AIR_ONLY=${only// /+}" </dev/null 2>&1 |
-        tr -d '\r' | tee "$name.log" | grep --line-buffered '^air: ' |
+        stdbuf -oL tr -d '\r' | tee "$name.log" | grep --line-buffered '^air: ' |
         awk '/^air: FAILED: / { failed = 1 } !failed { print; fflush() }' || true
     local ended
     ended=$(sed -n 's/^air: ended with \([0-9]*\)$/\1/p' "$name.log")

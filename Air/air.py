@@ -83,6 +83,9 @@ class Management:
         """Ends its links, which otherwise stay for two seconds after the last channel."""
         while connections := self.ask(controller, GET_CONNECTIONS)[1][2:]:
             self.ask(controller, DISCONNECT, connections[:7])
+        end = time.monotonic() + ATTEMPT
+        while self.ask(CAMERAS, GET_CONNECTIONS)[1][2:] and time.monotonic() < end:
+            time.sleep(0.02)
 
     def close(self):
         self.socket.close()
@@ -129,6 +132,7 @@ def start_anew():
     """No link of before is left."""
     turn_off((CAMERAS, PHONES, LOW_ENERGY_PHONES))
     turn_on()
+    wait_for_answers()
 
 
 # ---- Kinds of links --------------------------------------------------------------------------------------------------
@@ -152,9 +156,9 @@ class RfcommSockets:
                 link.connect((address, int(channel)))
                 return
             except OSError as error:
-                if error.errno not in (errno.EBUSY, errno.ECONNRESET) or time.monotonic() > end:
+                if error.errno not in (errno.EBUSY, errno.ECONNRESET, errno.ECONNABORTED) or time.monotonic() > end:
                     raise
-            time.sleep(0.01)
+            time.sleep(0.1)
             with self.socket() as fresh:
                 fresh.settimeout(link.gettimeout())
                 os.dup2(fresh.fileno(), link.fileno())
@@ -230,6 +234,21 @@ class LowEnergySockets(L2capSockets):
 
 LINKS = {"rfcomm": RfcommSockets(), "l2cap": L2capSockets(), "le": LowEnergySockets()}
 desk.KINDS_OF_LINKS.update(LINKS)
+
+
+def wait_for_answers():
+    """Until the camera's controller says that nobody listens: it takes a moment to be there when it is turned on."""
+    end = time.monotonic() + ATTEMPT
+    while True:
+        with LINKS["l2cap"].socket() as link:
+            try:
+                LINKS["l2cap"].connect(link, f"{CAMERA_ADDRESS}:4151")
+            except ConnectionRefusedError:
+                return
+            except OSError:
+                if time.monotonic() > end:
+                    raise
+        time.sleep(0.2)
 
 
 class FakeCamera(desk.FakeCamera):
@@ -320,6 +339,7 @@ class AirTest(desk.DeskTest):
         # The emulated controllers have one link at a time: one of Low Energy fails beside one of the other two.
         with management() as kernel:
             kernel.disconnect(PHONES)
+        time.sleep(0.3)  # no event tells that they have settled
         if cls.needs_daemon:
             shutil.rmtree("/var/lib/bluetooth", ignore_errors=True)
             os.makedirs("/var/lib/bluetooth")

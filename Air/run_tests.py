@@ -81,7 +81,7 @@ def conversations():
     kinds = list(dict.fromkeys(kind for one in classes for kind in one.kinds))
     return sorted(
         (over(one, kind) for one in classes for kind in one.kinds),
-        key=lambda one: (one.disturbs, one.needs_daemon, kinds.index(one.kind)),
+        key=lambda one: (one.needs_daemon, one.disturbs, kinds.index(one.kind)),
     )
 
 

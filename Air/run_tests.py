@@ -19,7 +19,7 @@ ROOT = os.path.dirname(HERE)
 sys.path[:1] = [f"{ROOT}/Tests/Desk"]
 sys.path += [HERE, ROOT]
 
-from air import AirTest, start_anew  # noqa: E402
+from air import AirTest, turn_on  # noqa: E402
 
 LONGEST = 60  # seconds that a conversation may take
 
@@ -50,9 +50,9 @@ class Result(unittest.TestResult):
         super().stopTest(test)
 
     def note(self, test, error):
-        self.faults.setdefault(getattr(test, "test_case", test).id(), []).append(
-            f"{test}\n{self._exc_info_to_string(error, getattr(test, 'test_case', test))}"
-        )
+        fault = f"{test}\n{self._exc_info_to_string(error, getattr(test, 'test_case', test))}"
+        say(fault)  # a guest that comes to no end has told it
+        self.faults.setdefault(getattr(test, "test_case", test).id(), []).append(fault)
 
     def addError(self, test, error):
         self.note(test, error)
@@ -98,7 +98,7 @@ def is_wanted(test, pattern):
 
 def main():
     pattern = os.environ.get("AIR_ONLY", "").replace("+", " ")
-    start_anew()
+    turn_on()
     say(f"air: controllers are on after {open('/proc/uptime').read().split()[0]} s")
     result = Result()
     loader = unittest.defaultTestLoader

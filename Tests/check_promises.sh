@@ -17,7 +17,8 @@ grep -oE '`[A-Z][A-Za-z]+\.([A-Z][A-Za-z0-9]+|test_[a-z0-9_]+)`' "$page" | tr -d
     sed -nE 's/^TEST(_F|_P)?\(([A-Za-z]+), ([A-Za-z0-9]+)\).*/\2.\3/p' \
         "$project"/Tests/*.cpp "$project"/Tests/Desk/*.cpp
     awk '/^class / { split($2, words, /[(:]/); name = words[1] }
-        /^    def test_/ { split($2, words, "("); print name "." words[1] }' "$project"/Tests/Desk/test_*.py "$project"/Air/test_*.py
+        /^    def test_/ { split($2, words, "("); print name "." words[1] }' "$project"/Tests/Desk/test_*.py \
+        "$project"/Air/test_*.py
 } | sort -u >"$work/there"
 ! comm -23 "$work/named" "$work/there" | grep . || fail "$page names the tests above, which do not exist"
 

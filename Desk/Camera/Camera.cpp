@@ -189,7 +189,7 @@ std::string Camera::phone() const {
                        services_.in_use ? "uses the feature" : "does not use the feature yet", talk_.done());
 }
 
-// ---- Replies that are not taken --------------------------------------------------------------------------------------
+// ---- Replies that are not taken -------------------------------------------------------------------------------------
 
 namespace {
 

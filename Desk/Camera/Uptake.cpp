@@ -13,8 +13,8 @@ void Uptake::begin(size_t length, Clock::time_point now) {
     end_ = written_ + length;
 }
 
-// Bytes that a kernel that was full takes have replaced some that the phone has taken. With a link that could take more,
-// it is not the phone that is waited for.
+// Bytes that a kernel that was full takes have replaced some that the phone has taken. With a link that could take
+// more, it is not the phone that is waited for.
 bool Uptake::look(size_t held, bool is_full, Clock::time_point now) {
     const bool has_moved = held < held_ || written_ > seen_written_;
     if (has_moved || (held == 0 && !is_full)) {

@@ -97,16 +97,16 @@ inline L2capAddress l2cap_address(const Endpoint& endpoint) {
     return address;
 }
 
-// A channel of Low Energy that has no room for what arrives may hand a packet over out of its turn (seen with Linux 6.1),
-// and nobody can tell. So there is room for the longest request, in the smallest pieces: a buffer counts up to 1300
-// bytes for each piece of 190. Without the right to that (CAP_NET_ADMIN) it is as much as net.core.rmem_max allows.
+// A channel of Low Energy that has no room for what arrives may hand a packet over out of its turn (seen with Linux
+// 6.1), and nobody can tell. So there is room for the longest request, in the smallest pieces: a buffer counts up to
+// 1300 bytes for each piece of 190. Without the right to that (CAP_NET_ADMIN) it is what net.core.rmem_max allows.
 constexpr int room_to_receive = 4 << 20;
 
 // For a socket of a phone's link, when it is connected or before. Does nothing where nothing gets out of order.
 void make_room_to_receive(Endpoint::Kind kind, int socket);
 
-// Whether this machine has an adapter that is on; with an address, one that has it. A kernel that cannot be asked counts
-// as one that has.
+// Whether this machine has an adapter that is on; with an address, one that has it. A kernel that cannot be asked
+// counts as one that has.
 bool has_adapter(const Endpoint& endpoint);
 
 // Of a socket that is bound, before it listens or connects: packets as long as can be, and none that gets lost. False,

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Tries the camera and its phones over a real Bluetooth stack: builds them, and runs Air/test_*.py in a virtual machine
+# Tries the camera and its phones over a real Bluetooth stack: builds them, and runs Air/test_*.py in virtual machines
 # with emulated controllers, over RFCOMM, L2CAP and Low Energy. Prints one line for each conversation; what failed comes
 # last, with all that is known of it.
 #
@@ -10,8 +10,8 @@
 #   --beside        another run at the same time, for the load: both have to pass
 #   RUNS            so many runs, one after the other; ends with the first that fails
 #   --fetch         only installs and fetches what is needed, 75 MB the first time
-# The exit code is the virtual machine's: 0 when all went well, 1 when not. It is 77 when QEMU or the guest's packages
-# cannot be had, and nothing was tried. build/air keeps the guest and the whole output of each run.
+# The exit code is 0 when all went well, 1 when not. It is 77 when QEMU or the guest's packages cannot be had, and
+# nothing was tried. build/air keeps the guest and the whole output of the last run.
 set -euo pipefail
 cd "$(dirname "$0")"
 source tools/packages.sh
@@ -59,34 +59,66 @@ if ! { tools/configure.sh release && cmake --build --preset release --target sho
 fi
 Air/make_guest.sh build/release "$output"
 
-# Runs the guest once, into files of this name. What it ended with is in its last line.
-run() {
-    local name=$output/$1
+# One for each kind of link, and one for conversations with the daemon: the emulated controllers have one kind of link at
+# a time, and a guest that breaks takes no other's conversations along.
+guests=(rfcomm l2cap le daemon)
+nothing_wanted=2
+
+# Runs one of them, into files of this name. What it ended with stands in its last line.
+run_guest() {
+    local name=$output/$1.$2
     : >"$name.tar"
     timeout -k 10 "$longest" qemu-system-x86_64 -M pc -accel tcg -cpu max -m 512 -smp 1 -nic none -no-reboot \
         -nographic -serial mon:stdio -serial file:"$name.tar" -kernel "$output/vmlinuz" -initrd "$output/initrd.gz" \
-        -append "console=ttyS0 panic=-1 quiet no_timer_check AIR_ONLY=${only// /+}" </dev/null 2>&1 |
-        stdbuf -oL tr -d '\r' | tee "$name.log" | grep --line-buffered '^air: ' |
-        awk '/^air: FAILED: / { failed = 1 } !failed { print; fflush() }' || true
-    local ended
+        -append "console=ttyS0 panic=-1 quiet no_timer_check AIR_GUEST=$2 AIR_ONLY=${only// /+}" </dev/null 2>&1 |
+        stdbuf -oL tr -d '\r' | tee "$name.log" | grep --line-buffered '^air: .*: .*, [0-9.]* s$\|^air: measured: ' || true
+}
+
+# What became of one, as an exit code. What failed in it is printed with all that is known of it.
+judge_guest() {
+    local name=$output/$1.$2 ended
     ended=$(sed -n 's/^air: ended with \([0-9]*\)$/\1/p' "$name.log")
     if [ -z "$ended" ]; then
-        echo "air: the guest did not come to its end within $longest s; its last lines are:"
+        echo "air: the guest of $2 did not come to its end within $longest s; its last lines are:"
         tail -n 30 "$name.log"
         return 1
     fi
+    sed -n '/^air: FAILED: /,$p' "$name.log"
     Air/read_monitor.py build/release/Desk/shotmentor-phone "$name.tar" || ended=1
-    [ "$ended" -eq 0 ] || sed -n '/^air: FAILED: /,$p' "$name.log"
     return "$ended"
+}
+
+# All guests once, two at a time.
+run() {
+    local guest status=$nothing_wanted code
+    for guest in "${guests[@]}"; do
+        while [ "$(jobs -rp | wc -l)" -ge 2 ]; do
+            wait -n
+        done
+        run_guest "$1" "$guest" &
+    done
+    wait
+    for guest in "${guests[@]}"; do
+        code=0
+        judge_guest "$1" "$guest" || code=$?
+        [ "$code" -eq "$nothing_wanted" ] || status=$((status == 1 || code != 0))
+    done
+    if [ "$status" -eq "$nothing_wanted" ]; then
+        echo "air: no conversation has a name like '$only'"
+    else
+        sed -n 's/^air: \([0-9]*\) conversations, \([0-9]*\) failed, .*/\1 \2/p' "$output/$1".*.log |
+            awk '{ all += $1; failed += $2 } END { print "air: " all " conversations, " failed " failed" }'
+    fi
+    return "$((status != 0))"
 }
 
 for ((number = 1; number <= runs; number++)); do
     begin=$SECONDS status=0
     if "$beside"; then
-        run beside >"$output/beside.lines" &
+        (run beside) >"$output/beside.lines" &
         other=$!
     fi
-    run run || status=$?
+    (run run) || status=1
     if "$beside" && ! wait "$other"; then
         echo "air: the run beside it:"
         cat "$output/beside.lines"

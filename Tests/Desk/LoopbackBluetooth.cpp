@@ -22,8 +22,6 @@
 
 namespace {
 
-using desk::Endpoint;
-
 struct Socket {
     bool is_rfcomm;
     uint16_t port = 0;

@@ -59,8 +59,8 @@ if ! { tools/configure.sh release && cmake --build --preset release --target sho
 fi
 Air/make_guest.sh build/release "$output"
 
-# One for each kind of link, and one for conversations with the daemon: the emulated controllers have one kind of link at
-# a time, and a guest that breaks takes no other's conversations along.
+# One for each kind of link, and one for conversations with the daemon: the emulated controllers have one kind of link
+# at a time, and a guest that breaks takes no other's conversations along.
 guests=(rfcomm l2cap le daemon)
 nothing_wanted=2
 
@@ -71,7 +71,8 @@ run_guest() {
     timeout -k 10 "$longest" qemu-system-x86_64 -M pc -accel tcg -cpu max -m 512 -smp 1 -nic none -no-reboot \
         -nographic -serial mon:stdio -serial file:"$name.tar" -kernel "$output/vmlinuz" -initrd "$output/initrd.gz" \
         -append "console=ttyS0 panic=-1 quiet no_timer_check AIR_GUEST=$2 AIR_ONLY=${only// /+}" </dev/null 2>&1 |
-        stdbuf -oL tr -d '\r' | tee "$name.log" | grep --line-buffered '^air: .*: .*, [0-9.]* s$\|^air: measured: ' || true
+        stdbuf -oL tr -d '\r' | tee "$name.log" |
+        grep --line-buffered '^air: .*: .*, [0-9.]* s$\|^air: measured: ' || true
 }
 
 # What became of one, as an exit code. What failed in it is printed with all that is known of it.
